@@ -1,0 +1,21 @@
+# Warnings and sanitizers for the targets of this project. They are private to each target, so that
+# a host that links the library never inherits a warning flag.
+
+# zebtdx_compile_options(TARGET): what every target of ours is compiled with.
+function(zebtdx_compile_options target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wconversion)
+  if(ZEBTDX_WARNINGS_AS_ERRORS)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  target_compile_definitions(${target} PRIVATE
+    QT_NO_KEYWORDS QT_NO_CAST_TO_ASCII QT_NO_CAST_FROM_BYTEARRAY)
+  if(ZEBTDX_SANITIZE)
+    string(REPLACE ";" "," sanitizers "${ZEBTDX_SANITIZE}")
+    target_compile_options(${target} PRIVATE -fsanitize=${sanitizers} -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=${sanitizers})
+    if("undefined" IN_LIST ZEBTDX_SANITIZE)
+      # A finding must end the test that made it, or nobody sees it.
+      target_compile_options(${target} PRIVATE -fno-sanitize-recover=all)
+    endif()
+  endif()
+endfunction()

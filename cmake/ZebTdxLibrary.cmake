@@ -1,0 +1,108 @@
+# The library. The sources are compiled once, into an object library; the shared library and the
+# static twin for the tests are both linked from it, so tests reach hidden symbols and still run
+# the very code that is shipped.
+include(GenerateExportHeader)
+
+set(ZEBTDX_PUBLIC_HEADERS
+  support/ZebTdxLog.h
+  support/ZebTdxMutex.h
+  support/ZebDataDeleteLocker.h
+  hash/ZebDataHash.h
+  hash/ZebHashHandle.h
+  hash/ZebHashManager.h
+  hash/ZebSmartPointer.h
+  data/ZebBlockFuture.h
+  data/ZebConstAccessor.h
+  data/ZebDataBlock.h
+  data/ZebDataReference.h
+  data/ZebHashingJob.h
+  data/ZebModifyAccessor.h
+  data/ZebThreadPoolManager.h
+  manager/ZebBuildFilename.h
+  manager/ZebDataBlockLru.h
+  manager/ZebDataBlockManager.h
+  manager/ZebSystemMemory.h)
+
+set(ZEBTDX_SOURCES
+  support/ZebDataDeleteLocker.cpp
+  support/ZebTdxLog.cpp
+  support/ZebTdxMessage.cpp
+  support/ZebTdxMutex.cpp
+  hash/Skein.cpp
+  hash/ZebDataHash.cpp
+  hash/ZebDataHash_Text.cpp
+  hash/ZebHashHandle.cpp
+  hash/ZebHashManager.cpp
+  data/ZebBlockFuture.cpp
+  data/ZebConstAccessor.cpp
+  data/ZebDataBlock.cpp
+  data/ZebDataReference.cpp
+  data/ZebHashingJob.cpp
+  data/ZebModifyAccessor.cpp
+  data/ZebThreadPoolManager.cpp
+  manager/ZebBuildFilename.cpp
+  manager/ZebDataBlockLru.cpp
+  manager/ZebDataBlockManager.cpp
+  manager/ZebDataBlockManager_Admission.cpp
+  manager/ZebDataBlockManager_Layout.cpp
+  manager/ZebDataBlockManager_Pressure.cpp
+  manager/ZebDataBlockManager_Residency.cpp
+  manager/ZebMemoryStatus.cpp
+  manager/ZebSystemMemory.cpp)
+
+set(ZEBTDX_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
+
+add_library(ZebTdxObjects OBJECT ${ZEBTDX_SOURCES} ${ZEBTDX_PUBLIC_HEADERS})
+add_library(ZebTdx SHARED)
+add_library(ZebTdx::ZebTdx ALIAS ZebTdx)
+
+# Names the export macro after the shared library although the objects are compiled elsewhere.
+generate_export_header(ZebTdx
+  EXPORT_MACRO_NAME ZEBTDX_EXPORT
+  EXPORT_FILE_NAME ${ZEBTDX_GENERATED_DIR}/support/ZebTdxExport.h)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/ZebTdxVersion.h.in
+  ${ZEBTDX_GENERATED_DIR}/support/ZebTdxVersion.h @ONLY)
+
+set(ZEBTDX_SUBSYSTEMS support hash data manager)
+set(zebtdx_build_includes ${PROJECT_SOURCE_DIR} ${ZEBTDX_GENERATED_DIR}
+  ${ZEBTDX_GENERATED_DIR}/support)
+foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
+  list(APPEND zebtdx_build_includes ${PROJECT_SOURCE_DIR}/${subsystem})
+endforeach()
+
+set_target_properties(ZebTdxObjects PROPERTIES
+  AUTOMOC ON
+  POSITION_INDEPENDENT_CODE ON
+  CXX_VISIBILITY_PRESET hidden
+  VISIBILITY_INLINES_HIDDEN ON
+  EXPORT_NAME ZebTdxObjects)
+target_compile_definitions(ZebTdxObjects PRIVATE ZebTdx_EXPORTS)
+target_include_directories(ZebTdxObjects PUBLIC ${zebtdx_build_includes})
+target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent)
+zebtdx_compile_options(ZebTdxObjects)
+
+target_sources(ZebTdx PRIVATE $<TARGET_OBJECTS:ZebTdxObjects>)
+set_target_properties(ZebTdx PROPERTIES
+  VERSION ${PROJECT_VERSION}
+  SOVERSION ${PROJECT_VERSION_MAJOR}
+  LINKER_LANGUAGE CXX)
+foreach(directory IN LISTS zebtdx_build_includes)
+  target_include_directories(ZebTdx PUBLIC $<BUILD_INTERFACE:${directory}>)
+endforeach()
+target_include_directories(ZebTdx PUBLIC
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZebTdx>)
+foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
+  target_include_directories(ZebTdx PUBLIC
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZebTdx/${subsystem}>)
+endforeach()
+target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent)
+target_compile_features(ZebTdx PUBLIC cxx_std_17)
+zebtdx_compile_options(ZebTdx)
+
+if(ZEBTDX_BUILD_TESTS)
+  add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>)
+  target_include_directories(ZebTdxTwin PUBLIC ${zebtdx_build_includes})
+  target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent)
+  set_target_properties(ZebTdxTwin PROPERTIES LINKER_LANGUAGE CXX)
+  zebtdx_compile_options(ZebTdxTwin)
+endif()

@@ -1,0 +1,77 @@
+#include "data/ZebConstAccessor.h"
+
+#include "data/ZebDataBlock.h"
+#include "manager/ZebDataBlockManager.h"
+#include "support/ZebDataDeleteLocker.h"
+#include "support/ZebTdxMessage.h"
+
+#include <QMutexLocker>
+
+ZebConstAccessor::ZebConstAccessor(const ZebSmartPointer<ZebDataHash>& hash, void* block)
+    : m_Block(static_cast<ZebDataBlock*>(block)), m_DataHash(hash)
+{
+    if (m_Block == nullptr) {
+        if (hash.isNull())
+            ZebTdxMessage::fatal(QStringLiteral("Both Block and Pointer Are Null"));
+        return;
+    }
+    const ZebDataDeleteLocker deleteLocker;
+    const QMutexLocker blockLocker(&m_Block->m_Mutex);
+    if (m_Block->m_AccessCount.loadRelaxed() == 0)
+        ZebDataBlockManager::instance().lockBlock(m_DataHash.data());
+    m_Block->m_AccessCount.fetchAndAddOrdered(1);
+}
+
+// NOLINTNEXTLINE(bugprone-copy-constructor-init): there is no base.
+ZebConstAccessor::ZebConstAccessor(const ZebConstAccessor& other) : m_Block(nullptr)
+{
+    if (other.m_Block == nullptr)
+        ZebTdxMessage::fatal(QStringLiteral("Null Block Value in That"));
+    const ZebDataDeleteLocker deleteLocker;
+    const QMutexLocker blockLocker(&other.m_Block->m_Mutex);
+    // The count is above 0 already, so the block is out of the evictable set.
+    other.m_Block->m_AccessCount.fetchAndAddOrdered(1);
+    m_Block = other.m_Block;
+    m_DataHash = other.m_DataHash;
+}
+
+ZebConstAccessor::~ZebConstAccessor()
+{
+    if (m_Block == nullptr)
+        return;
+    const ZebDataDeleteLocker deleteLocker;
+    const QMutexLocker blockLocker(&m_Block->m_Mutex);
+    if (m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1)
+        ZebDataBlockManager::instance().unlockBlock(m_DataHash.data());
+    // m_DataHash goes as a member, behind both locks: its release may be the last one and end the
+    // block.
+}
+
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): both members stand self-assignment.
+ZebConstAccessor& ZebConstAccessor::operator=(const ZebConstAccessor& other)
+{
+    // Kept on purpose: no count moves.
+    m_Block = other.m_Block;
+    m_DataHash = other.m_DataHash;
+    return *this;
+}
+
+const unsigned char* ZebConstAccessor::data() const
+{
+    return m_Block->constData();
+}
+
+qint64 ZebConstAccessor::size() const
+{
+    return m_Block->size();
+}
+
+int ZebConstAccessor::count() const
+{
+    return m_Block->m_AccessCount.loadRelaxed();
+}
+
+bool ZebConstAccessor::isNull() const
+{
+    return m_Block == nullptr;
+}

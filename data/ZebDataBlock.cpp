@@ -1,0 +1,158 @@
+#include "data/ZebDataBlock.h"
+
+#include "manager/ZebDataBlockManager.h"
+#include "support/ZebTdxMessage.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+// The length of the array for a payload of `size` bytes: its low 32 bits, as arrays hold no more.
+// Kept on purpose: the size itself is not cut. What comes out negative has no bytes.
+int arrayLength(qint64 size)
+{
+    return std::max(0, static_cast<int>(static_cast<quint32>(static_cast<quint64>(size))));
+}
+
+// A private copy, whatever storage `bytes` shares with others.
+QByteArray detached(const QByteArray& bytes)
+{
+    QByteArray copy(bytes);
+    copy.detach();
+    return copy;
+}
+
+} // namespace
+
+ZebDataBlock::ZebDataBlock(const ZebDataBlock& other)
+    : m_Mutex(QMutex::Recursive),
+      m_AccessCount(0),
+      m_Data(detached(other.m_Data)),
+      m_Size(other.m_Size),
+      m_Compressed(other.m_Compressed),
+      m_Cached(false)
+{}
+
+ZebDataBlock::ZebDataBlock(const QByteArray& bytes)
+    : m_Mutex(QMutex::Recursive),
+      m_AccessCount(0),
+      m_Data(detached(bytes)),
+      m_Size(bytes.size()),
+      m_Compressed(false),
+      m_Cached(false)
+{}
+
+ZebDataBlock::ZebDataBlock(const unsigned char* data, qint64 size)
+    : m_Mutex(QMutex::Recursive),
+      m_AccessCount(0),
+      m_Data(reinterpret_cast<const char*>(data), arrayLength(size)),
+      m_Size(size),
+      m_Compressed(false),
+      m_Cached(false)
+{}
+
+ZebDataBlock::ZebDataBlock(qint64 size, unsigned char fill)
+    : m_Mutex(QMutex::Recursive),
+      m_AccessCount(0),
+      m_Data(arrayLength(size), static_cast<char>(fill)),
+      m_Size(size),
+      m_Compressed(false),
+      m_Cached(false)
+{}
+
+ZebDataBlock::~ZebDataBlock() = default;
+
+ZebDataBlock& ZebDataBlock::operator=(const ZebDataBlock& other)
+{
+    if (this == &other)
+        return *this;
+    m_Data = detached(other.m_Data);
+    m_Compressed = other.m_Compressed;
+    m_Size = other.m_Size;
+    return *this;
+}
+
+bool ZebDataBlock::operator==(const ZebDataBlock& other) const
+{
+    return m_Data.size() == other.m_Data.size() &&
+           std::memcmp(m_Data.constData(), other.m_Data.constData(),
+                       static_cast<size_t>(m_Data.size())) == 0;
+}
+
+bool ZebDataBlock::operator!=(const ZebDataBlock& other) const
+{
+    return !(*this == other);
+}
+
+const unsigned char* ZebDataBlock::constData() const
+{
+    return reinterpret_cast<const unsigned char*>(m_Data.constData());
+}
+
+unsigned char* ZebDataBlock::data()
+{
+    if (m_Compressed && !uncompress())
+        return nullptr;
+    return reinterpret_cast<unsigned char*>(m_Data.data());
+}
+
+qint64 ZebDataBlock::size() const
+{
+    return m_Size;
+}
+
+ZebSmartPointer<ZebDataHash> ZebDataBlock::hash() const
+{
+    return ZebSmartPointer<ZebDataHash>(new ZebDataHash(m_Data, ZebDataHash::Hash512));
+}
+
+bool ZebDataBlock::cached() const
+{
+    return m_Cached.load(std::memory_order_relaxed);
+}
+
+bool ZebDataBlock::isCompressed() const
+{
+    return m_Compressed;
+}
+
+bool ZebDataBlock::compress(int level)
+{
+    if (m_Compressed)
+        return true;
+    // Kept on purpose: no copy is held back, so a failure loses the bytes. That way the peak is
+    // the plain and the compressed bytes together and nothing more.
+    m_Data = qCompress(m_Data, level);
+    if (m_Data.isEmpty()) {
+        ZebTdxMessage::debug(QStringLiteral("Failed to compress data block."));
+        return false;
+    }
+    m_Compressed = true;
+    return true;
+}
+
+bool ZebDataBlock::uncompress()
+{
+    if (!m_Compressed)
+        return true;
+    QByteArray plain = qUncompress(m_Data);
+    if (plain.isEmpty()) {
+        ZebTdxMessage::debug(QStringLiteral("Failed to decompress data block."));
+        return false;
+    }
+    m_Data.swap(plain);
+    m_Compressed = false;
+    return true;
+}
+
+qint64 ZebDataBlock::maxBlockSize()
+{
+    constexpr qint64 arrayLimit = 0x7FFFFFFF;
+    return std::min(ZebDataBlockManager::instance().maxDataCacheSize(), arrayLimit);
+}
+
+int ZebDataBlock::blockCount()
+{
+    return -1;
+}

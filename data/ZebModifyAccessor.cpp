@@ -1,0 +1,75 @@
+#include "data/ZebModifyAccessor.h"
+
+#include "data/ZebDataBlock.h"
+#include "data/ZebDataReference.h"
+#include "manager/ZebDataBlockManager.h"
+
+#include <QMutexLocker>
+
+ZebModifyAccessor::ZebModifyAccessor(void* block) : m_Block(static_cast<ZebDataBlock*>(block))
+{
+    if (m_Block == nullptr)
+        return;
+    const QMutexLocker locker(&m_Block->m_Mutex);
+    m_Block->m_AccessCount.fetchAndAddOrdered(1);
+}
+
+ZebModifyAccessor::ZebModifyAccessor(const ZebModifyAccessor& other)
+    : ZebModifyAccessor(static_cast<void*>(other.m_Block))
+{}
+
+ZebModifyAccessor::~ZebModifyAccessor()
+{
+    if (m_Block == nullptr)
+        return;
+    bool last = false;
+    {
+        const QMutexLocker locker(&m_Block->m_Mutex);
+        last = m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1;
+    }
+    if (last)
+        delete m_Block;
+}
+
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): a raw pointer stands self-assignment.
+ZebModifyAccessor& ZebModifyAccessor::operator=(const ZebModifyAccessor& other)
+{
+    // Kept on purpose: no count moves.
+    m_Block = other.m_Block;
+    return *this;
+}
+
+unsigned char* ZebModifyAccessor::data() const
+{
+    return m_Block == nullptr ? nullptr : m_Block->data();
+}
+
+qint64 ZebModifyAccessor::size() const
+{
+    return m_Block == nullptr ? 0 : m_Block->size();
+}
+
+int ZebModifyAccessor::count() const
+{
+    return m_Block == nullptr ? 0 : m_Block->m_AccessCount.loadRelaxed();
+}
+
+bool ZebModifyAccessor::isNull() const
+{
+    return m_Block == nullptr;
+}
+
+ZebDataReference ZebModifyAccessor::release(Caching caching, bool immediate)
+{
+    if (m_Block == nullptr)
+        return {};
+    {
+        const QMutexLocker locker(&m_Block->m_Mutex);
+        m_Block->m_AccessCount.fetchAndAddOrdered(-1);
+    }
+    // Kept on purpose: the new count is not looked at.
+    ZebDataReference reference =
+        ZebDataBlockManager::instance().addBlock(m_Block, caching, immediate);
+    m_Block = nullptr;
+    return reference;
+}

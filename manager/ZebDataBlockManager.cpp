@@ -1,0 +1,263 @@
+// The store's lifetime, its settings and its flag for the host.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "data/ZebDataBlock.h"
+#include "data/ZebDataReference.h"
+#include "hash/ZebHashManager.h"
+#include "manager/ZebSystemMemory.h"
+#include "support/ZebTdxLog.h"
+#include "support/ZebTdxMessage.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QThreadPool>
+#include <QWriteLocker>
+
+#include <algorithm>
+#include <limits>
+
+namespace {
+
+constexpr int s_DeleteLockLevel = 0;
+constexpr int s_DefaultBuckets = 10;
+constexpr qint64 s_BytesPerMegabyte = 1048576;
+constexpr qint64 s_MinWritePendingBytes = 1048576;
+constexpr qint64 s_NoBlocksFreed = -1;
+constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
+
+void printSize(const char* format, qint64 bytes)
+{
+    ZebTdxMessage::debug(QString::asprintf(format, static_cast<long long>(bytes),
+                                           static_cast<long long>(bytes / s_BytesPerMegabyte)));
+}
+
+// Truncates toward zero, with the values that no 64-bit integer holds brought to the nearest end.
+qint64 truncated(float value)
+{
+    constexpr float end = 9223372036854775808.0F;
+    if (value >= end)
+        return std::numeric_limits<qint64>::max();
+    if (!(value >= -end))
+        return std::numeric_limits<qint64>::min();
+    return static_cast<qint64>(value);
+}
+
+void warnOfMissingVirtualMemory()
+{
+    static const char* const lines[] = {
+        "Warning: #######################################################################",
+        "Warning:  #####################################################################",
+        "Warning: #######################################################################",
+        "Warning: ",
+        "Warning: No Virtual Memory System detected.",
+        "Warning: It is highly recomended that you use Zeba with a virtual memory system.",
+        "Warning: ",
+        "Warning: #######################################################################",
+        "Warning:  ##################################################################### ",
+        "Warning: #######################################################################",
+    };
+    for (const char* const line : lines)
+        ZebTdxMessage::debug(QLatin1String(line));
+}
+
+} // namespace
+
+ZebDataBlockManager::ZebDataBlockManager()
+    : m_MaxDataCacheSize(defaultCacheSize()),
+      m_MaxWritePendingDataCacheSize(0),
+      m_MaxWritePendingSizeFactor(defaultMaxWritePendingSizeFactor()),
+      m_TargetFreeMemorySize(defaultTargetFreeMemorySize()),
+      m_BlocksFreedCount(s_NoBlocksFreed),
+      m_LiveBytes(0),
+      m_NumBuckets(s_DefaultBuckets),
+      m_GarbageCollecting(false),
+      m_GarbageCollectorsRunning(0),
+      m_Initialized(false),
+      m_RequestPromotionEnabled(false),
+      m_DeleteMutex(s_DeleteLockLevel, QMutex::Recursive),
+      m_CacheSizeMutex(QMutex::Recursive),
+      m_AllFreeBlocksFlushed(false),
+      m_GarbageCollectionChanges(0)
+{
+    calcMaxWritePendingDataCacheSize();
+    setTargetFreeMemorySize(defaultTargetFreeMemorySize());
+    // Built inside the store's own construction, the registry is destroyed after it at process
+    // exit.
+    ZebHashManager::instance();
+}
+
+ZebDataBlockManager::~ZebDataBlockManager()
+{
+    ZebTdxLog::instance().setEnabled(false);
+    cleanUp(false);
+}
+
+ZebDataBlockManager& ZebDataBlockManager::instance()
+{
+    static ZebDataBlockManager manager;
+    return manager;
+}
+
+bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCacheSize,
+                                int numBuckets, int compressionThreads)
+{
+    // Nothing that compresses is started while blocks live in memory alone.
+    Q_UNUSED(compressionThreads)
+    if (isInitialized())
+        ZebTdxMessage::fatal(QStringLiteral("Setup called twice on DataBlock Manager"));
+    if (!ZebSystemHasVirtualMemory())
+        warnOfMissingVirtualMemory();
+    m_NumBuckets.store(numBuckets, s_Relaxed);
+    if (maxDataCacheSize != -1)
+        setMaxDataCacheSize(maxDataCacheSize);
+    for (const QString& root : cacheRoots)
+        requireCacheRoot(root);
+    m_CacheRoots = cacheRoots;
+    m_Initialized.store(true, std::memory_order_release);
+    return true;
+}
+
+void ZebDataBlockManager::requireCacheRoot(const QString& root)
+{
+    if (QDir(root).exists())
+        return;
+    const QString path = QFileInfo(root).absoluteFilePath();
+    if (!QDir().mkpath(path) || !QFileInfo::exists(root))
+        ZebTdxMessage::fatal(QStringLiteral("Cannot Create cache root at %1").arg(path));
+}
+
+void ZebDataBlockManager::cleanUp(bool processEvents)
+{
+    if (!isInitialized())
+        return;
+    // A shared copy is walked: deleting a block reaches no table.
+    const QHash<ZebDataHash*, ZebDataBlock*> blocks = m_HashToBlockMap;
+    qDeleteAll(blocks);
+    m_MaxDataCacheSize.store(0, s_Relaxed);
+    m_LiveBytes.store(0, s_Relaxed);
+    m_NumBuckets.store(0, s_Relaxed);
+    m_BlocksFreedCount.store(s_NoBlocksFreed, s_Relaxed);
+    m_CacheRoots.clear();
+    {
+        const QWriteLocker locker(&m_Lru.lock());
+        m_Lru.clear();
+    }
+    m_SubCache.clear();
+    m_HashToBlockMap.clear();
+    m_Initialized.store(false, std::memory_order_release);
+    setAllFreeBlocksFlushed(false);
+    if (processEvents && QCoreApplication::instance() != nullptr)
+        QCoreApplication::processEvents();
+    if (QThreadPool::globalInstance() != nullptr)
+        QThreadPool::globalInstance()->waitForDone(-1);
+}
+
+bool ZebDataBlockManager::isInitialized() const
+{
+    return m_Initialized.load(std::memory_order_acquire);
+}
+
+void ZebDataBlockManager::requireInitialized() const
+{
+    if (!isInitialized())
+        ZebTdxMessage::fatalNotInitialized();
+}
+
+QStringList ZebDataBlockManager::cacheRoots() const
+{
+    return m_CacheRoots;
+}
+
+int ZebDataBlockManager::numBuckets() const
+{
+    return m_NumBuckets.load(s_Relaxed);
+}
+
+qint64 ZebDataBlockManager::maxDataCacheSize() const
+{
+    return m_MaxDataCacheSize.load(s_Relaxed);
+}
+
+void ZebDataBlockManager::setMaxDataCacheSize(qint64 size)
+{
+    m_MaxDataCacheSize.store(size, s_Relaxed);
+    calcMaxWritePendingDataCacheSize();
+}
+
+float ZebDataBlockManager::maxWritePendingSizeFactor() const
+{
+    return m_MaxWritePendingSizeFactor.load(s_Relaxed);
+}
+
+void ZebDataBlockManager::setMaxWritePendingSizeFactor(float factor)
+{
+    m_MaxWritePendingSizeFactor.store(factor, s_Relaxed);
+    calcMaxWritePendingDataCacheSize();
+}
+
+void ZebDataBlockManager::calcMaxWritePendingDataCacheSize()
+{
+    const qint64 limit = maxDataCacheSize();
+    // Kept on purpose: single precision, so a limit above 16 MiB counts with 24 bits only.
+    const float product = static_cast<float>(limit) * maxWritePendingSizeFactor();
+    const qint64 pending = std::max(s_MinWritePendingBytes, std::min(limit, truncated(product)));
+    m_MaxWritePendingDataCacheSize.store(pending, s_Relaxed);
+    printSize("[TDX] Max data cache size    = %lld bytes (%lld MB)", limit);
+    printSize("[TDX] Max write pending size = %lld bytes (%lld MB)", pending);
+}
+
+qint64 ZebDataBlockManager::targetFreeMemorySize() const
+{
+    return m_TargetFreeMemorySize.load(s_Relaxed);
+}
+
+void ZebDataBlockManager::setTargetFreeMemorySize(qint64 size)
+{
+    m_TargetFreeMemorySize.store(size, s_Relaxed);
+    printSize("[TDX] Target Free Memory = %lld bytes (%lld MB)", size);
+}
+
+qint64 ZebDataBlockManager::defaultCacheSize()
+{
+    return ZebGetTotalPhysicalMemoryBytes() / 4;
+}
+
+float ZebDataBlockManager::defaultMaxWritePendingSizeFactor()
+{
+    return 0.5F;
+}
+
+qint64 ZebDataBlockManager::defaultTargetFreeMemorySize() const
+{
+    return 0x20000000;
+}
+
+bool ZebDataBlockManager::garbageCollecting() const
+{
+    return m_GarbageCollecting.load(s_Relaxed);
+}
+
+bool ZebDataBlockManager::allFreeBlocksFlushed()
+{
+    return m_AllFreeBlocksFlushed.load(s_Relaxed);
+}
+
+void ZebDataBlockManager::setAllFreeBlocksFlushed(bool flushed)
+{
+    if (m_AllFreeBlocksFlushed.load(s_Relaxed) == flushed)
+        return;
+    m_AllFreeBlocksFlushed.store(flushed, s_Relaxed);
+    Q_EMIT allFreeBlocksFlushedChanged(flushed);
+}
+
+void ZebDataBlockManager::lockDeletes()
+{
+    m_DeleteMutex.lock();
+}
+
+void ZebDataBlockManager::unlockDeletes()
+{
+    m_DeleteMutex.unlock();
+}

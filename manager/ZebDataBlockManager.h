@@ -1,0 +1,333 @@
+#pragma once
+
+#include "data/ZebModifyAccessor.h"
+#include "hash/ZebSmartPointer.h"
+#include "manager/ZebDataBlockLru.h"
+#include "support/ZebTdxExport.h"
+#include "support/ZebTdxMutex.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QMap>
+#include <QMutex>
+#include <QObject>
+#include <QReadWriteLock>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+#include <QWaitCondition>
+
+#include <atomic>
+
+class ZebDataBlock;
+class ZebDataBlockReadThread;
+class ZebDataBlockWriteThread;
+class ZebDataHash;
+class ZebDataReference;
+class ZebGarbageCollectorThread;
+
+/// The store: it admits blocks, owns everything that is resident, and knows where the file of each
+/// block lies. A host sets it up once, hands bytes to it from any thread, and cleans it up at the
+/// end.
+///
+/// Before use:
+///  - An operation that needs the store set up ends the process when it is not: "Data Block Manager
+///    Not Initialized. Aborting". Only cleanUp() and freeing a block return silently then.
+///  - setup(), cleanUp() and the setters belong to one controlling thread, with no other operation
+///    in progress.
+///  - References may outlive cleanUp(); they own hashes, never blocks. Accessors may not.
+///  - A store without cache roots takes do-not-cache blocks only.
+///
+/// Thread safety: after setup() any thread may call every other public operation.
+///
+/// Locks, outermost first: the delete lock, a block's mutex, the hash registry's mutex and inside
+/// it a hash's, a list lock of a disk thread, the lock of the LRU. A thread takes only a lock
+/// further down than those it holds, and the recursive ones again. docs/LOCKING.md tells more.
+class ZEBTDX_EXPORT ZebDataBlockManager : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(bool allFreeBlocksFlushed READ allFreeBlocksFlushed)
+
+public:
+    /// How urgently a block is wanted; lower is more urgent.
+    enum PreloadPriority : int
+    {
+        PreloadHigh = 0,
+        /// The priority of every write that the manager queues.
+        PreloadNormal = 1,
+        PreloadLow = 2
+    };
+
+    /// Kinds of disk threads, as flags.
+    enum ThreadType : int
+    {
+        ReadThreads = 2,
+        WriteThreads = 4,
+        GarbageCollectorThreads = 8,
+        AllThreads = 14
+    };
+
+    /// Cleans up, with the log turned off.
+    ~ZebDataBlockManager() override;
+
+    /// The one store of the process, built at first use.
+    static ZebDataBlockManager& instance();
+
+    // Lifetime and configuration
+
+    /// Makes the store ready. Always true; what cannot be done is fatal: a second call in a row
+    /// ("Setup called twice on DataBlock Manager"), or a root that can't be made ("Cannot Create
+    /// cache root at %1").
+    ///
+    /// @param cacheRoots directories of the disk cache, made with their parents when missing; the
+    ///        order decides which block lies where
+    /// @param maxDataCacheSize limit of the resident bytes; -1 keeps the present one, which is 0
+    ///        after cleanUp()
+    /// @param numBuckets directories per root; must be positive
+    /// @param compressionThreads compression workers per root; 0 or less for none
+    bool setup(const QStringList& cacheRoots, qint64 maxDataCacheSize = -1, int numBuckets = 10,
+               int compressionThreads = 0);
+
+    /// Drops every block and all settings of setup(); what lies on disk stays. Nothing happens when
+    /// the store is not set up. Waits for Qt's global pool.
+    ///
+    /// @param processEvents whether the application's pending events are handled before the wait
+    void cleanUp(bool processEvents = false);
+
+    /// Whether setup() has completed and cleanUp() has not run since.
+    bool isInitialized() const;
+
+    QStringList cacheRoots() const;
+    int numBuckets() const;
+
+    /// Limit of the resident bytes.
+    qint64 maxDataCacheSize() const;
+
+    /// Sets the limit of the resident bytes. Evicts nothing; the next admission does.
+    void setMaxDataCacheSize(qint64 size);
+
+    /// The share of the memory limit that may wait for writing.
+    float maxWritePendingSizeFactor() const;
+    void setMaxWritePendingSizeFactor(float factor);
+
+    /// Physical memory that eviction tries to leave free, in bytes.
+    qint64 targetFreeMemorySize() const;
+    void setTargetFreeMemorySize(qint64 size);
+
+    /// A quarter of the physical memory, in bytes.
+    static qint64 defaultCacheSize();
+    static float defaultMaxWritePendingSizeFactor();
+    qint64 defaultTargetFreeMemorySize() const;
+
+    // Admission
+
+    /// Adds a block of these bytes and gives its reference. Holds the delete lock when the hash is
+    /// computed here, or none is.
+    ///
+    /// @param caching what becomes of the block
+    /// @param immediate whether the digest is computed before the call returns; otherwise the
+    ///        hashing pool does it, and the reference is pending. No effect with DontCache
+    ZebDataReference addBlock(const QByteArray& data,
+                              ZebModifyAccessor::Caching caching = ZebModifyAccessor::Cached,
+                              bool immediate = false);
+
+    /// A resolved reference on `hash`; null for null. Takes the delete lock.
+    ZebDataReference getReference(ZebDataHash* hash);
+
+    /// A new private block to write into, a copy of `data`. Makes room for it first; it counts
+    /// nowhere until it is released.
+    ZebModifyAccessor createNewBlock(const QByteArray& data);
+
+    /// The same, of `size` bytes of the value `fill`. A negative size is fatal: "Negative value
+    /// passed for size.".
+    ZebModifyAccessor createNewBlock(qint64 size, unsigned char fill = 0);
+
+    // Residency
+
+    /// The size of the block in bytes, 0 when it can't be had. Takes the delete lock; may load the
+    /// block, which lets that lock go meanwhile, so the caller must not hold it.
+    qint64 blockSize(ZebDataHash* hash);
+
+    /// Whether the block is in memory; true for a null hash. Asking counts as using the block.
+    bool isInMemory(ZebDataHash* hash);
+
+    /// How many resident blocks may be evicted: those with an open accessor and do-not-cache blocks
+    /// are not counted.
+    qint64 liveBlocks() const;
+
+    /// The bytes of all resident blocks.
+    qint64 liveBytes() const;
+
+    /// How many hashes are interned, with or without a resident block.
+    qint64 managedBlocks() const;
+
+    /// Marks a resident block as used.
+    void preloadData(const ZebDataReference& reference, PreloadPriority priority = PreloadNormal);
+
+    // Memory and disk
+
+    /// The path of a block's file under the sub-cache of that name, whatever the current one is.
+    QString getBlockDestination(const QString& subCache, const QString& hashText);
+
+    /// Whether the garbage collection is switched on.
+    bool garbageCollecting() const;
+
+public Q_SLOTS:
+    /// Whether eviction has left nothing unlocked in memory. Takes no lock.
+    bool allFreeBlocksFlushed();
+
+    /// Sets the flag, and tells about a change. Takes no lock.
+    void setAllFreeBlocksFlushed(bool flushed);
+
+Q_SIGNALS:
+    /// The flag has changed to the value given.
+    void allFreeBlocksFlushedChanged(bool flushed);
+
+    /// A block file could not be written; the write is tried again.
+    void writeError(QString message);
+
+    /// The size of the disk cache in bytes has changed.
+    void cacheSizeUpdate(qint64 Size);
+
+protected:
+    friend class ZebConstAccessor;
+    friend class ZebDataDeleteLocker;
+    friend class ZebDataHash;
+    friend class ZebDataReference;
+    friend class ZebHashingJob;
+    friend class ZebModifyAccessor;
+
+    ZebDataBlockManager();
+
+    /// addBlock() for a block that exists already. Takes its ownership in every case, and deletes
+    /// it when its content is resident. A null block gives a null reference.
+    ZebDataReference addBlock(ZebDataBlock* block, ZebModifyAccessor::Caching caching,
+                              bool immediate);
+
+    /// Makes `block`, whose hash is `hash`, resident, and takes its ownership. When the hash has a
+    /// block already, that one stays and `block` is deleted. Fatal: a null block ("Null Value
+    /// Passed For *Me"), a null hash ("Null Value Passed For *Ptr"), and a block that is larger
+    /// than the limit ("Requested Block is larger than the maximum allocation size %1 / %2").
+    /// Takes the delete lock.
+    void makeBlockLive(ZebDataHash* hash, ZebDataBlock* block);
+
+    /// The resident block of `hash`, or null. The caller holds the delete lock, once; the block
+    /// stays while that is held or an accessor locks it.
+    ZebDataBlock* getDataBlock(ZebDataHash* hash);
+
+    /// Takes a block out of the evictable ones: its first accessor has come. Fatal when it is not
+    /// among them: "Hash %1 is Not Contained in the LRU". Takes the delete lock, unless the hash
+    /// is do-not-cache: nothing happens then.
+    void lockBlock(ZebDataHash* hash);
+
+    /// Puts a block back among the evictable ones, as the newest: its last accessor has gone. Fatal
+    /// when it is there: "Lock Block %1 already contained in LRU". Takes the delete lock, unless
+    /// the hash is do-not-cache: nothing happens then.
+    void unlockBlock(ZebDataHash* hash);
+
+    /// Makes an evictable block the newest. Takes the delete lock, unless the hash is do-not-cache:
+    /// nothing happens then.
+    void blockUsed(ZebDataHash* hash);
+
+    /// Whether the hash is not among the evictable ones, which also holds for a do-not-cache hash
+    /// and for one that is not resident. Takes the delete lock.
+    bool blockIsLocked(ZebDataHash* hash);
+
+    /// Takes the block of `hash` out of memory and deletes it; nothing when it is not resident or
+    /// the store is not set up. Takes the delete lock.
+    ///
+    /// @param hash not null
+    /// @param write whether a block without a file is written before it goes
+    /// @param hashLocked whether the caller holds the hash by ZebDataHash::tryLock(); it is given
+    ///        back on the way
+    void freeBlock(ZebDataHash* hash, bool write, bool hashLocked);
+
+private:
+    Q_DISABLE_COPY(ZebDataBlockManager)
+
+    void lockDeletes();
+    void unlockDeletes();
+
+    /// Ends the process when the store is not set up.
+    void requireInitialized() const;
+
+    void calcMaxWritePendingDataCacheSize();
+
+    /// Makes room for `size` more bytes. Returns whether a block left memory.
+    bool managePhysicalMemoryUse(quint64 size, bool write);
+
+    /// The index of the cache root of a hash text. Fatal, in this order: no roots ("Number of cache
+    /// paths is zero"), less than 4 characters ("Hash String is too Short %1"), a store that is not
+    /// set up, and a text that leads nowhere ("Cannot find suitable cache reading thread %1 for
+    /// %2").
+    int cacheIndex(const QString& hashText);
+
+    /// The same for a hash, from its first word and without its text; -1 for a null hash. Fatal
+    /// first of all when the store is not set up.
+    int cacheIndex(const ZebDataHash* hash);
+
+    /// The second half of setup(): makes the root when it is missing, or ends the process.
+    static void requireCacheRoot(const QString& root);
+
+    /// What both forms of addBlock() do with a block and its hash. The caller holds the delete
+    /// lock.
+    ZebDataReference admit(const ZebSmartPointer<ZebDataHash>& hash, ZebDataBlock* block);
+
+    // Fields marked (a) are written under the delete lock or by the controlling thread, and read
+    // by others with no lock: relaxed atomics, whose values need no order between them.
+
+    // Every resident block, by its interned hash; the blocks are owned. Guarded by the delete lock.
+    QHash<ZebDataHash*, ZebDataBlock*> m_HashToBlockMap;
+
+    // The resident blocks that may be evicted. Changed under the delete lock and its own.
+    ZebDataBlockLru m_Lru;
+
+    // Index i here and in the vectors of threads means the same root. Set by the controlling
+    // thread.
+    QStringList m_CacheRoots;
+
+    std::atomic<qint64> m_MaxDataCacheSize;             // (a)
+    std::atomic<qint64> m_MaxWritePendingDataCacheSize; // (a) bytes queued to the writers
+    std::atomic<float> m_MaxWritePendingSizeFactor;     // (a)
+    std::atomic<qint64> m_TargetFreeMemorySize;         // (a)
+    std::atomic<qint64> m_BlocksFreedCount;             // (a) one step for each block freed
+    std::atomic<qint64> m_LiveBytes;                    // (a) sizes of m_HashToBlockMap
+    std::atomic<int> m_NumBuckets;                      // (a)
+
+    // Guards the two fields behind m_GarbageCollectionDone. Outside the lock order: nothing else is
+    // taken inside it.
+    QMutex m_GarbageCollectionMutex;
+    QWaitCondition m_GarbageCollectionDone;
+    std::atomic<bool> m_GarbageCollecting;
+    int m_GarbageCollectorsRunning;
+
+    QString m_SubCache;
+    std::atomic<bool> m_Initialized;             // (a)
+    std::atomic<bool> m_RequestPromotionEnabled; // (a)
+
+    QVector<ZebDataBlockReadThread*> m_ReadThreads;
+    QVector<ZebDataBlockWriteThread*> m_WriteThreads;
+    QVector<ZebGarbageCollectorThread*> m_GarbageCollectors;
+
+    // The cache size that each collector reported last. Guarded by m_CacheSizeMutex.
+    QMap<ZebGarbageCollectorThread*, qint64> m_CacheSizeRecords;
+
+    // The delete lock, level 1, recursive: guards the tables of blocks and all changes of the LRU,
+    // and holds off every deletion of a block.
+    ZebTdxMutex m_DeleteMutex;
+
+    QMutex m_CacheSizeMutex;
+
+    // Kept on purpose: no operation takes it.
+    QReadWriteLock m_StateLock;
+
+    std::atomic<bool> m_AllFreeBlocksFlushed; // (a)
+
+    // Blocks with a write in flight, and among them those that eviction has taken out of the
+    // tables, whose end waits for the write. Guarded by the delete lock.
+    QSet<ZebDataBlock*> m_BlocksBeingWritten;
+    QSet<ZebDataBlock*> m_BlocksToFreeAfterWriting;
+
+    int m_GarbageCollectionChanges;
+};

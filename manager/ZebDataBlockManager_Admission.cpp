@@ -1,0 +1,102 @@
+// How bytes become blocks of the store.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "data/ZebDataBlock.h"
+#include "data/ZebDataReference.h"
+#include "data/ZebHashingJob.h"
+#include "hash/ZebHashManager.h"
+#include "support/ZebTdxMessage.h"
+
+#include <QUuid>
+
+#include <memory>
+
+namespace {
+
+// An identity that no other block has or will have, whatever its bytes.
+ZebSmartPointer<ZebDataHash> freshIdentity()
+{
+    const QByteArray unique = QUuid::createUuid().toByteArray();
+    auto hash =
+        std::make_unique<ZebDataHash>(reinterpret_cast<const unsigned char*>(unique.constData()),
+                                      unique.size(), ZebDataHash::Hash512);
+    hash->setDontCache(true);
+    return ZebHashManager::instance().addHash(hash.release());
+}
+
+void requireSize(qint64 size)
+{
+    if (size < 0)
+        ZebTdxMessage::fatal(QStringLiteral("Negative value passed for size."));
+}
+
+} // namespace
+
+ZebDataReference ZebDataBlockManager::admit(const ZebSmartPointer<ZebDataHash>& hash,
+                                            ZebDataBlock* block)
+{
+    makeBlockLive(hash.data(), block);
+    return getReference(hash.data());
+}
+
+ZebDataReference ZebDataBlockManager::addBlock(const QByteArray& data,
+                                               ZebModifyAccessor::Caching caching, bool immediate)
+{
+    requireInitialized();
+    if (caching == ZebModifyAccessor::DontCache) {
+        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        auto block = std::make_unique<ZebDataBlock>(data);
+        const ZebSmartPointer<ZebDataHash> hash = freshIdentity();
+        return admit(hash, block.release());
+    }
+    if (immediate) {
+        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(data);
+        return admit(hash, new ZebDataBlock(data));
+    }
+    return ZebDataReference(ZebSmartPointer<ZebBlockFuture>(new ZebHashingJob(data)));
+}
+
+ZebDataReference ZebDataBlockManager::addBlock(ZebDataBlock* block,
+                                               ZebModifyAccessor::Caching caching, bool immediate)
+{
+    requireInitialized();
+    if (block == nullptr)
+        return {};
+    std::unique_ptr<ZebDataBlock> owned(block);
+    if (caching == ZebModifyAccessor::DontCache) {
+        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        const ZebSmartPointer<ZebDataHash> hash = freshIdentity();
+        return admit(hash, owned.release());
+    }
+    if (immediate) {
+        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(block->m_Data);
+        return admit(hash, owned.release());
+    }
+    return ZebDataReference(ZebSmartPointer<ZebBlockFuture>(new ZebHashingJob(owned.release())));
+}
+
+ZebDataReference ZebDataBlockManager::getReference(ZebDataHash* hash)
+{
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    requireInitialized();
+    return ZebDataReference(ZebSmartPointer<ZebDataHash>(hash));
+}
+
+ZebModifyAccessor ZebDataBlockManager::createNewBlock(const QByteArray& data)
+{
+    requireInitialized();
+    requireSize(data.size());
+    managePhysicalMemoryUse(static_cast<quint64>(data.size()), true);
+    return ZebModifyAccessor(new ZebDataBlock(data));
+}
+
+ZebModifyAccessor ZebDataBlockManager::createNewBlock(qint64 size, unsigned char fill)
+{
+    requireInitialized();
+    requireSize(size);
+    managePhysicalMemoryUse(static_cast<quint64>(size), true);
+    return ZebModifyAccessor(new ZebDataBlock(size, fill));
+}

@@ -1,0 +1,98 @@
+#include "support/ZebTdxLog.h"
+
+#include "support/ZebTdxMessage.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QMessageLogger>
+#include <QMutexLocker>
+#include <QTextStream>
+#include <QTime>
+
+std::atomic<bool> ZebTdxLog::s_Dead{false};
+
+namespace {
+
+QString tagOf(ZebTdxLog::Level level)
+{
+    switch (level) {
+    case ZebTdxLog::Info:
+        return QStringLiteral("[ I ] ");
+    case ZebTdxLog::Warning:
+        return QStringLiteral("[ W ] ");
+    case ZebTdxLog::Fatal:
+        return QStringLiteral("[ F ] ");
+    }
+    return {};
+}
+
+} // namespace
+
+ZebTdxLog::ZebTdxLog() : m_Enabled(true) {}
+
+ZebTdxLog::~ZebTdxLog()
+{
+    m_Enabled.store(false, std::memory_order_relaxed);
+    s_Dead.store(true, std::memory_order_relaxed);
+}
+
+ZebTdxLog& ZebTdxLog::instance()
+{
+    static ZebTdxLog log;
+    return log;
+}
+
+bool ZebTdxLog::enabled()
+{
+    return m_Enabled.load(std::memory_order_relaxed);
+}
+
+void ZebTdxLog::setEnabled(bool enabled)
+{
+    m_Enabled.store(enabled, std::memory_order_relaxed);
+}
+
+bool ZebTdxLog::setSubCache(const QString& path)
+{
+    if (s_Dead.load(std::memory_order_relaxed) || !enabled())
+        return true;
+    if (m_File.isOpen()) {
+        m_File.flush();
+        m_File.close();
+    }
+    if (path.isEmpty())
+        return true;
+    if (!QDir(path).exists() && !QDir().mkpath(path)) {
+        ZebTdxMessage::debug(QStringLiteral(
+            "[ !! ] Subcache Directory does not exist and cannot be created for logging"));
+        return false;
+    }
+    m_File.setFileName(path + QStringLiteral("/TdxLog.txt"));
+    if (!m_File.open(QIODevice::Append | QIODevice::Text)) {
+        ZebTdxMessage::debug(QStringLiteral("[ !! ] Cannot Open TDx Log ") + m_File.fileName());
+        return false;
+    }
+    return true;
+}
+
+bool ZebTdxLog::log(Level level, const char* file, int line, const QString& message)
+{
+    if (s_Dead.load(std::memory_order_relaxed) || !enabled())
+        return true;
+    const QMutexLocker locker(&m_Mutex);
+    if (!m_File.isOpen())
+        return true;
+    const QString tag = tagOf(level);
+    const QString time = QTime::currentTime().toString(Qt::TextDate);
+    {
+        QTextStream stream(&m_File);
+        stream << tag << time << ' ' << message << " - " << file << ':' << line << '\n';
+        stream.flush();
+    }
+    // A crash must lose no more than the line in progress, so the device is emptied as well.
+    m_File.flush();
+    QMessageLogger().debug() << tag << time << ' ' << message << " - " << file << ':' << line;
+    if (level == Fatal)
+        ZebTdxMessage::fatal(QStringLiteral("TDX FATAL Error, aborting"));
+    return true;
+}

@@ -1,0 +1,67 @@
+#include "support/MessageCapture.h"
+
+#include <QMutexLocker>
+
+#include <cstdio>
+
+MessageCapture* MessageCapture::s_Current = nullptr;
+QMutex MessageCapture::s_CurrentMutex;
+
+MessageCapture::MessageCapture()
+{
+    const QMutexLocker locker(&s_CurrentMutex);
+    m_Outer = s_Current;
+    s_Current = this;
+    m_Previous = qInstallMessageHandler(&MessageCapture::handle);
+}
+
+MessageCapture::~MessageCapture()
+{
+    const QMutexLocker locker(&s_CurrentMutex);
+    qInstallMessageHandler(m_Previous);
+    s_Current = m_Outer;
+}
+
+void MessageCapture::handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    if (type == QtFatalMsg) {
+        // The process ends: whoever watches it must still see the words.
+        std::fprintf(stderr, "{fatal:%s}\n", text.toLocal8Bit().constData());
+        std::fflush(stderr);
+        return;
+    }
+    const QMutexLocker currentLocker(&s_CurrentMutex);
+    if (s_Current == nullptr)
+        return;
+    const bool hasContext = context.file != nullptr || context.line != 0 ||
+                            context.function != nullptr || context.category != nullptr;
+    const QMutexLocker locker(&s_Current->m_Mutex);
+    s_Current->m_Messages.append({type, text, hasContext});
+}
+
+QList<MessageCapture::Message> MessageCapture::messages() const
+{
+    const QMutexLocker locker(&m_Mutex);
+    return m_Messages;
+}
+
+QStringList MessageCapture::debugLines() const
+{
+    QStringList lines;
+    for (const Message& message : messages()) {
+        if (message.m_Type == QtDebugMsg)
+            lines.append(message.m_Text);
+    }
+    return lines;
+}
+
+int MessageCapture::count(const QString& text) const
+{
+    return static_cast<int>(debugLines().count(text));
+}
+
+void MessageCapture::clear()
+{
+    const QMutexLocker locker(&m_Mutex);
+    m_Messages.clear();
+}
