@@ -1,0 +1,48 @@
+# Debian packages for the scripts beside this folder, which source it. Not to be run by itself.
+
+# Ends the script on a system that these scripts cannot prepare.
+require_debian() {
+    local tool
+    for tool in apt-get dpkg-query; do
+        if ! command -v "$tool" >/dev/null 2>&1; then
+            echo "This script prepares Debian 12 and systems like it, and '$tool' is not here." >&2
+            echo "Elsewhere, install a C++17 compiler, CMake, Ninja, pkg-config, Qt 5.15 and" >&2
+            echo "CLI11, and build with CMake." >&2
+            exit 1
+        fi
+    done
+}
+
+# missing_packages PACKAGE...: prints those that are not installed.
+missing_packages() {
+    local package status
+    for package in "$@"; do
+        status=$(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null) ||
+            status=absent
+        if [ "$status" != installed ]; then
+            echo "$package"
+        fi
+    done
+}
+
+# install_packages PACKAGE...: installs what is missing, and touches nothing when all is there.
+install_packages() {
+    local missing=() as_root=()
+    mapfile -t missing < <(missing_packages "$@")
+    if [ "${#missing[@]}" -eq 0 ]; then
+        echo "All needed packages are there."
+        return
+    fi
+    if [ "$(id -u)" -ne 0 ]; then
+        if ! command -v sudo >/dev/null 2>&1; then
+            echo "These packages are missing: ${missing[*]}" >&2
+            echo "Install them as root, or install sudo, and start again." >&2
+            exit 1
+        fi
+        as_root=(sudo)
+    fi
+    echo "Installing: ${missing[*]}"
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}

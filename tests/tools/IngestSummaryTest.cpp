@@ -1,0 +1,88 @@
+#include "tools/IngestSummary.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QStringList>
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+IngestSummary example()
+{
+    IngestSummary summary;
+    summary.m_Files = 1234;
+    summary.m_SkippedLinks = 5;
+    summary.m_Bytes = 3000000;
+    summary.m_Blocks = 1300;
+    summary.m_DistinctBlocks = 1000;
+    summary.m_DistinctBytes = 2250000;
+    summary.m_ReadBackBytes = 3000000;
+    summary.m_Differences = 1;
+    summary.m_Errors = 2;
+    summary.m_SecondsIn = 1.5;
+    summary.m_SecondsOut = 0.25;
+    summary.m_BlockSize = 262144;
+    summary.m_Memory = 1048576;
+    summary.m_Threads = 8;
+    return summary;
+}
+
+} // namespace
+
+TEST(IngestSummary, TextIsAlignedAndSaysItsUnits)
+{
+    EXPECT_EQ(example().text(), "Files                   1,234\n"
+                                "Links not followed          5\n"
+                                "Bytes               3,000,000  (2.9 MiB)\n"
+                                "Blocks                  1,300  of up to 256 KiB\n"
+                                "Distinct blocks         1,000\n"
+                                "Bytes saved           750,000  (732.4 KiB), 25.0 %\n"
+                                "MB/s in                   2.0  read, hashed and stored in 1.50 s\n"
+                                "MB/s out                 12.0  read back and compared in 0.25 s\n"
+                                "Differences                 1\n"
+                                "Errors                      2\n"
+                                "(1 MB = 1,000,000 bytes; 8 threads)\n");
+}
+
+TEST(IngestSummary, TextTellsOfFilesInPartOnlyWhenTheLimitWasReached)
+{
+    IngestSummary summary = example();
+    EXPECT_THAT(summary.text(), Not(HasSubstr("in part")));
+    summary.m_LimitReached = true;
+    summary.m_IncompleteFiles = 3;
+    EXPECT_THAT(summary.text(),
+                HasSubstr("Files stored in part          3  the memory limit was reached\n"));
+}
+
+TEST(IngestSummary, NothingInNoTimeGivesNoRates)
+{
+    const IngestSummary summary;
+    EXPECT_THAT(summary.text(), HasSubstr("MB/s in             0.0"));
+    EXPECT_THAT(summary.text(), HasSubstr("0 bytes), 0.0 %"));
+    const QJsonObject object = QJsonDocument::fromJson(summary.json()).object();
+    EXPECT_EQ(object[QStringLiteral("mb_per_s_in")].toDouble(-1), 0);
+    EXPECT_EQ(object[QStringLiteral("mb_per_s_out")].toDouble(-1), 0);
+}
+
+TEST(IngestSummary, JsonHasTheseKeysAndValues)
+{
+    IngestSummary summary = example();
+    summary.m_LimitReached = true;
+    summary.m_IncompleteFiles = 3;
+    const QByteArray json = summary.json();
+    EXPECT_EQ(json.count('\n'), 1);
+    EXPECT_TRUE(json.endsWith('\n'));
+    EXPECT_EQ(json.toStdString(),
+              R"({"block_size":262144,"blocks":1300,"bytes":3000000,"differences":1,)"
+              R"("distinct_blocks":1000,"distinct_bytes":2250000,"errors":2,"files":1234,)"
+              R"("files_incomplete":3,"links_skipped":5,"mb_per_s_in":2,"mb_per_s_out":12,)"
+              R"("memory_limit":1048576,"memory_limit_reached":true,)"
+              R"("read_back_bytes":3000000,"saved_bytes":750000,"seconds_in":1.5,)"
+              R"("seconds_out":0.25,"threads":8})"
+              "\n");
+}

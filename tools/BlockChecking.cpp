@@ -1,0 +1,108 @@
+#include "tools/BlockChecking.h"
+
+#include "data/ZebConstAccessor.h"
+#include "tools/ErrorReport.h"
+#include "tools/FileReader.h"
+#include "tools/ProgressBar.h"
+#include "tools/StoredFiles.h"
+#include "tools/Workers.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <new>
+
+BlockChecking::BlockChecking(int threads, ErrorReport& errors, ProgressBar& progress)
+    : m_Threads(threads),
+      m_Errors(errors),
+      m_Progress(progress),
+      m_NextSegment(0),
+      m_DoneBytes(0),
+      m_Differences(0)
+{}
+
+void BlockChecking::run(StoredFiles& stored)
+{
+    qint64 total = 0;
+    for (const StoredSegment& segment : stored.m_Segments)
+        total += segment.m_Bytes;
+    m_Progress.begin("Comparing", total);
+    Workers::run(
+        m_Threads, [this, &stored] { work(stored); },
+        [this] { m_Progress.show(m_DoneBytes.load()); });
+    m_Progress.end();
+}
+
+void BlockChecking::work(StoredFiles& stored)
+{
+    FileReader reader;
+    for (;;) {
+        const std::size_t index = m_NextSegment.fetch_add(1);
+        if (index >= stored.m_Segments.size())
+            return;
+        checkSegment(stored, stored.m_Segments[index], reader);
+    }
+}
+
+void BlockChecking::checkSegment(StoredFiles& stored, const StoredSegment& segment,
+                                 FileReader& reader)
+{
+    StoredFile& file = stored.m_Files[segment.m_File];
+    // Of a segment that the memory limit cut off at its very beginning there is nothing to compare.
+    const bool nothingStored = segment.m_Blocks.empty() && !segment.m_Complete;
+    if (file.m_Failed.load() || file.m_Different.load() || nothingStored)
+        return;
+    bool equal = false;
+    std::string reason;
+    try {
+        reason = reader.open(file.m_Path);
+        if (reason.empty())
+            reason = compare(stored.m_BlockSize, segment, reader, equal);
+    } catch (const std::bad_alloc&) {
+        reason = "out of memory";
+    } catch (const std::exception& error) {
+        reason = error.what();
+    }
+    if (reason.empty() && equal)
+        return;
+    if (file.m_Different.exchange(true))
+        return;
+    if (!reason.empty()) {
+        m_Errors.add(file.m_Path, reason);
+        return;
+    }
+    m_Differences.fetch_add(1);
+    // The state at the first pass tells a file that moved on from a store that went wrong.
+    m_Errors.add(file.m_Path, reader.stamp() != segment.m_Stamp
+                                  ? "changed after it was stored"
+                                  : "what the store gives back differs from the file");
+}
+
+std::string BlockChecking::compare(qint64 blockSize, const StoredSegment& segment,
+                                   FileReader& reader, bool& equal)
+{
+    equal = false;
+    qint64 done = 0;
+    QByteArray expected;
+    for (const ZebDataReference& reference : segment.m_Blocks) {
+        const ZebConstAccessor accessor = reference.constAccessor();
+        if (accessor.isNull())
+            return "a block of it cannot be had from the store";
+        const qint64 size = std::min(blockSize, segment.m_Bytes - done);
+        const std::string reason = reader.readBlock(segment.m_Offset + done, size, expected);
+        if (!reason.empty())
+            return reason;
+        if (accessor.size() != size || expected.size() != size ||
+            std::memcmp(accessor.data(), expected.constData(), static_cast<std::size_t>(size)) != 0)
+            return {};
+        done += size;
+        m_DoneBytes.fetch_add(size);
+    }
+    if (segment.m_Last && segment.m_Complete) {
+        const std::string reason = reader.readBlock(segment.m_Offset + done, 1, expected);
+        if (!reason.empty() || !expected.isEmpty())
+            return reason;
+    }
+    equal = true;
+    return {};
+}

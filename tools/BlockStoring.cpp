@@ -1,0 +1,184 @@
+#include "tools/BlockStoring.h"
+
+#include "manager/ZebDataBlockManager.h"
+#include "tools/ErrorReport.h"
+#include "tools/FileReader.h"
+#include "tools/ProgressBar.h"
+#include "tools/SizeText.h"
+#include "tools/Workers.h"
+
+#include <algorithm>
+#include <exception>
+#include <limits>
+#include <new>
+#include <utility>
+
+namespace {
+
+// How much of a file a thread takes at a time, at least one block.
+constexpr qint64 s_SegmentBytes = 4 * 1024 * 1024;
+
+// A block's stay between the gate and the store.
+class GatePass
+{
+public:
+    GatePass(MemoryGate& gate, qint64 bytes)
+        : m_Gate(gate), m_Bytes(bytes), m_Entered(gate.enter(bytes))
+    {}
+    ~GatePass()
+    {
+        if (m_Entered)
+            m_Gate.leave(m_Bytes);
+    }
+    GatePass(const GatePass&) = delete;
+    GatePass& operator=(const GatePass&) = delete;
+
+    bool entered() const { return m_Entered; }
+
+private:
+    MemoryGate& m_Gate;
+    const qint64 m_Bytes;
+    const bool m_Entered;
+};
+
+} // namespace
+
+BlockStoring::BlockStoring(const Options& options, ErrorReport& errors, ProgressBar& progress)
+    : m_Options(options),
+      m_SegmentBytes(std::max<qint64>(s_SegmentBytes / options.m_BlockSize, 1) *
+                     options.m_BlockSize),
+      m_Errors(errors),
+      m_Progress(progress),
+      m_Gate(options.m_Memory),
+      m_DoneBytes(0),
+      m_NextFile(0),
+      m_NextOffset(0)
+{}
+
+StoredFiles BlockStoring::run(const FileWalk& walk)
+{
+    m_Stored.m_BlockSize = m_Options.m_BlockSize;
+    for (const FileWalk::File& file : walk.files())
+        m_Stored.m_Files.emplace_back(file.m_Path, file.m_Size);
+    m_Progress.begin("Storing  ", walk.bytes());
+    Workers::run(
+        m_Options.m_Threads, [this] { work(); }, [this] { m_Progress.show(m_DoneBytes.load()); });
+    m_Progress.end();
+    dropFailedFiles();
+    m_Stored.m_LimitReached = m_Gate.isClosed();
+    if (m_Stored.m_LimitReached)
+        reportLimit();
+    return std::move(m_Stored);
+}
+
+StoredSegment* BlockStoring::nextSegment()
+{
+    if (m_Gate.isClosed())
+        return nullptr;
+    const std::lock_guard<std::mutex> locker(m_CursorMutex);
+    if (m_NextFile == m_Stored.m_Files.size())
+        return nullptr;
+    const StoredFile& file = m_Stored.m_Files[m_NextFile];
+    StoredSegment& segment = m_Stored.m_Segments.emplace_back();
+    segment.m_File = m_NextFile;
+    segment.m_Offset = m_NextOffset;
+    segment.m_PlannedBytes = std::min(m_SegmentBytes, file.m_Size - m_NextOffset);
+    m_NextOffset += segment.m_PlannedBytes;
+    // No further pieces are made of a file that has failed.
+    segment.m_Last = m_NextOffset >= file.m_Size || file.m_Failed.load();
+    if (segment.m_Last) {
+        ++m_NextFile;
+        m_NextOffset = 0;
+    }
+    return &segment;
+}
+
+void BlockStoring::work()
+{
+    FileReader reader;
+    for (StoredSegment* segment = nextSegment(); segment != nullptr; segment = nextSegment())
+        storeSegment(*segment, reader);
+}
+
+void BlockStoring::storeSegment(StoredSegment& segment, FileReader& reader)
+{
+    StoredFile& file = m_Stored.m_Files[segment.m_File];
+    if (file.m_Failed.load())
+        return;
+    std::string reason;
+    try {
+        reason = reader.open(file.m_Path);
+        if (reason.empty())
+            reason = storeBlocks(segment, file, reader);
+    } catch (const std::bad_alloc&) {
+        reason = "out of memory";
+    } catch (const std::exception& error) {
+        reason = error.what();
+    }
+    if (!reason.empty())
+        fail(file, reason);
+}
+
+std::string BlockStoring::storeBlocks(StoredSegment& segment, const StoredFile& file,
+                                      FileReader& reader)
+{
+    segment.m_Stamp = reader.stamp();
+    const qint64 blockSize = m_Options.m_BlockSize;
+    QByteArray block;
+    while (segment.m_Last || segment.m_Bytes < segment.m_PlannedBytes) {
+        if (file.m_Failed.load())
+            return {};
+        // A new array each time: the store's hashing thread may share the one before.
+        block = QByteArray();
+        const std::string reason =
+            reader.readBlock(segment.m_Offset + segment.m_Bytes, blockSize, block);
+        if (!reason.empty())
+            return reason;
+        if (block.size() < blockSize && !segment.m_Last)
+            return "became shorter while it was read";
+        if (!block.isEmpty() && !storeBlock(block, segment))
+            return {};
+        if (block.size() < blockSize)
+            break;
+    }
+    segment.m_Complete = true;
+    return {};
+}
+
+bool BlockStoring::storeBlock(const QByteArray& block, StoredSegment& segment)
+{
+    const GatePass pass(m_Gate, block.size());
+    if (!pass.entered())
+        return false;
+    const ZebDataReference reference =
+        ZebDataBlockManager::instance().addBlock(block, ZebModifyAccessor::Cached, false);
+    // Each thread has one block on its way at most, which bounds the bytes that wait for a hash.
+    reference.resolveWork();
+    segment.m_Blocks.push_back(reference);
+    segment.m_Bytes += block.size();
+    m_DoneBytes.fetch_add(block.size());
+    return true;
+}
+
+void BlockStoring::fail(StoredFile& file, const std::string& reason)
+{
+    if (!file.m_Failed.exchange(true))
+        m_Errors.add(file.m_Path, reason);
+}
+
+void BlockStoring::dropFailedFiles()
+{
+    for (StoredSegment& segment : m_Stored.m_Segments) {
+        if (!m_Stored.m_Files[segment.m_File].m_Failed.load())
+            continue;
+        segment.m_Blocks.clear();
+        segment.m_Bytes = 0;
+        segment.m_Complete = false;
+    }
+}
+
+void BlockStoring::reportLimit()
+{
+    m_Errors.add("the memory limit of " + SizeText::print(m_Options.m_Memory) +
+                 " (--memory) is reached; what is left is not stored");
+}

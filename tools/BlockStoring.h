@@ -1,0 +1,66 @@
+#pragma once
+
+#include "tools/FileWalk.h"
+#include "tools/MemoryGate.h"
+#include "tools/StoredFiles.h"
+
+#include <QtGlobal>
+
+#include <atomic>
+#include <mutex>
+
+class ErrorReport;
+class FileReader;
+class ProgressBar;
+
+/// The first pass: cuts files into blocks and adds them to the store on several threads.
+///
+/// A file that can't be read to its end is an error, and nothing of it is kept; the rest goes on.
+/// When the next block would take the store past its memory limit, the pass ends; what is stored
+/// by then stays, also a part of a file.
+class BlockStoring
+{
+public:
+    struct Options
+    {
+        qint64 m_BlockSize;
+        /// The store's memory limit.
+        qint64 m_Memory;
+        int m_Threads;
+    };
+
+    BlockStoring(const Options& options, ErrorReport& errors, ProgressBar& progress);
+
+    /// Stores the files of `walk`. The store must be set up. To be called once.
+    StoredFiles run(const FileWalk& walk);
+
+private:
+    /// The next piece of work, made when it is asked for; null when there is none.
+    StoredSegment* nextSegment();
+
+    void work();
+    void storeSegment(StoredSegment& segment, FileReader& reader);
+
+    /// Stores the segment's blocks from the file that is open. Gives the reason when that fails.
+    std::string storeBlocks(StoredSegment& segment, const StoredFile& file, FileReader& reader);
+
+    /// Adds one block; false when the memory limit forbids it.
+    bool storeBlock(const QByteArray& block, StoredSegment& segment);
+
+    void fail(StoredFile& file, const std::string& reason);
+    void dropFailedFiles();
+    void reportLimit();
+
+    const Options m_Options;
+    const qint64 m_SegmentBytes;
+    ErrorReport& m_Errors;
+    ProgressBar& m_Progress;
+    MemoryGate m_Gate;
+    std::atomic<qint64> m_DoneBytes;
+    StoredFiles m_Stored;
+
+    // Guards the place where the next segment begins, and the growth of m_Stored.m_Segments.
+    std::mutex m_CursorMutex;
+    std::size_t m_NextFile;
+    qint64 m_NextOffset;
+};

@@ -1,0 +1,22 @@
+#include "tools/ErrorReport.h"
+
+#include "tools/PathText.h"
+#include "tools/ProgressBar.h"
+
+ErrorReport::ErrorReport(ProgressBar& lines) : m_Lines(lines), m_Count(0) {}
+
+void ErrorReport::add(const std::string& path, const std::string& reason)
+{
+    add(PathText::printable(path) + ": " + reason);
+}
+
+void ErrorReport::add(const std::string& reason)
+{
+    m_Count.fetch_add(1);
+    m_Lines.printLine("zebtdx: " + reason);
+}
+
+qint64 ErrorReport::count() const
+{
+    return m_Count.load();
+}

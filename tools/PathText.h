@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+/// Paths in messages. The tool keeps every path as the bytes that the system gave, and opens files
+/// by those bytes, so no name is out of reach; only what is shown is made fit for a terminal.
+namespace PathText {
+
+/// The path on one line and in valid UTF-8: control characters, and bytes that are no UTF-8, stand
+/// as \xNN; an empty path as ''.
+std::string printable(const std::string& path);
+
+} // namespace PathText

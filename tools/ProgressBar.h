@@ -1,0 +1,59 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <iosfwd>
+#include <mutex>
+#include <string>
+
+/// A progress bar in the last line of a terminal. It owns that stream while it exists: lines that
+/// others have to say go out through printLine(), so that the bar never cuts one in two.
+///
+/// An invisible bar draws nothing, and passes lines on.
+///
+/// Thread safety: any thread may call every operation.
+class ProgressBar
+{
+public:
+    /// @param columns the width of the terminal
+    ProgressBar(std::ostream& out, bool visible, int columns);
+
+    /// Takes the bar away.
+    ~ProgressBar();
+    ProgressBar(const ProgressBar&) = delete;
+    ProgressBar& operator=(const ProgressBar&) = delete;
+
+    /// A bar on standard error, visible when that is a terminal and `wanted` says so.
+    static ProgressBar onStandardError(bool wanted);
+
+    /// Starts again at nothing of `totalBytes`.
+    void begin(const std::string& title, qint64 totalBytes);
+
+    /// Draws how far the work is, if that looks any different from before. More than the total
+    /// counts as the total.
+    void show(qint64 doneBytes);
+
+    /// Writes one line, which lacks its line end, above the bar.
+    void printLine(const std::string& line);
+
+    /// Takes the bar away until the next begin().
+    void end();
+
+private:
+    std::string picture() const;
+    void draw();
+    void wipe();
+
+    std::ostream& m_Out;
+    const bool m_Visible;
+    const int m_Columns;
+
+    // Guards all below, and the stream.
+    std::mutex m_Mutex;
+    std::string m_Title;
+    qint64 m_TotalBytes;
+    qint64 m_DoneBytes;
+    bool m_Running;
+    // What stands in the terminal's line now.
+    std::string m_Drawn;
+};
