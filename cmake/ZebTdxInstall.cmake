@@ -28,5 +28,8 @@ install(FILES
   ${PROJECT_BINARY_DIR}/ZebTdxConfigVersion.cmake
   DESTINATION ${ZEBTDX_CMAKE_DIR})
 
+# The prefix is told from the place of the file itself, so that an installed tree may be moved.
+file(RELATIVE_PATH ZEBTDX_PC_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/zebtdx.pc.in ${PROJECT_BINARY_DIR}/zebtdx.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zebtdx.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

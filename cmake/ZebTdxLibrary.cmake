@@ -18,6 +18,11 @@ set(ZEBTDX_PUBLIC_HEADERS
   data/ZebHashingJob.h
   data/ZebModifyAccessor.h
   data/ZebThreadPoolManager.h
+  io/ZebPriorityList.h
+  io/ZebDataBlockReadThread.h
+  io/ZebDataBlockWriteRequest.h
+  io/ZebDataBlockWriteThread.h
+  io/ZebDataBlockWriteThread_Pattern1.h
   manager/ZebBuildFilename.h
   manager/ZebDataBlockLru.h
   manager/ZebDataBlockManager.h
@@ -40,10 +45,16 @@ set(ZEBTDX_SOURCES
   data/ZebHashingJob.cpp
   data/ZebModifyAccessor.cpp
   data/ZebThreadPoolManager.cpp
+  io/ZebBlockFilePath.cpp
+  io/ZebDataBlockReadThread.cpp
+  io/ZebDataBlockWriteRequest.cpp
+  io/ZebDataBlockWriteThread.cpp
+  io/ZebDataBlockWriteThread_Pattern1.cpp
   manager/ZebBuildFilename.cpp
   manager/ZebDataBlockLru.cpp
   manager/ZebDataBlockManager.cpp
   manager/ZebDataBlockManager_Admission.cpp
+  manager/ZebDataBlockManager_Flush.cpp
   manager/ZebDataBlockManager_Layout.cpp
   manager/ZebDataBlockManager_Pressure.cpp
   manager/ZebDataBlockManager_Residency.cpp
@@ -63,7 +74,7 @@ generate_export_header(ZebTdx
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ZebTdxVersion.h.in
   ${ZEBTDX_GENERATED_DIR}/support/ZebTdxVersion.h @ONLY)
 
-set(ZEBTDX_SUBSYSTEMS support hash data manager)
+set(ZEBTDX_SUBSYSTEMS support hash data io manager)
 set(zebtdx_build_includes ${PROJECT_SOURCE_DIR} ${ZEBTDX_GENERATED_DIR}
   ${ZEBTDX_GENERATED_DIR}/support)
 foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)

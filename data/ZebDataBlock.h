@@ -9,6 +9,7 @@
 #include <QMutex>
 
 #include <atomic>
+#include <type_traits>
 
 /// The bytes of one block in memory.
 ///
@@ -27,7 +28,7 @@ public:
     ZebDataBlock(const ZebDataBlock& other);
 
     /// Copies the bytes.
-    explicit ZebDataBlock(const QByteArray& bytes);
+    ZebDataBlock(const QByteArray& bytes);
 
     /// Copies `size` bytes at `data`. With a null `data` the block holds no bytes, and its size is
     /// `size` all the same. An array holds at most a 32-bit length: of a larger size only the low
@@ -38,6 +39,13 @@ public:
     /// A block of `size` bytes of the value `fill`. A larger size than 32 bits hold is cut as told
     /// above.
     ZebDataBlock(qint64 size, unsigned char fill);
+
+    /// The same for any two integers, so that a size of plain 0 is not taken for a null pointer.
+    template <typename Size, typename Fill,
+              typename = std::enable_if_t<std::is_integral_v<Size> && std::is_integral_v<Fill>>>
+    ZebDataBlock(Size size, Fill fill)
+        : ZebDataBlock(static_cast<qint64>(size), static_cast<unsigned char>(fill))
+    {}
 
     virtual ~ZebDataBlock();
 
@@ -87,6 +95,8 @@ private:
     friend class ZebModifyAccessor;
     friend class ZebHashingJob;
     friend class ZebDataBlockManager;
+    friend class ZebDataBlockReadThread;
+    friend class ZebDataBlockWriteRequest;
 
     // Makes changes of m_AccessCount between 0 and 1 one step with the manager's note of them.
     // Recursive. Taken inside the delete lock; the manager's own locks come inside it.

@@ -53,9 +53,12 @@ ZebHashingJob& ZebHashingJob::operator=(const ZebHashingJob& other)
         return *this;
     ZebBlockFuture::operator=(other);
     m_Future = other.m_Future;
-    const ZebDataReference theirs = other.result();
-    const QMutexLocker locker(&m_ResultMutex);
-    m_Result = theirs;
+    // The old result goes with the guard free: it may be the last reference on its hash.
+    ZebDataReference theirs = other.result();
+    {
+        const QMutexLocker locker(&m_ResultMutex);
+        m_Result.swap(theirs);
+    }
     return *this;
 }
 
@@ -70,7 +73,9 @@ ZebDataReference ZebHashingJob::data()
     ZebDataReference known = result();
     if (!known.isNull())
         return known;
-    // The future copies its result under its own mutex.
+    // Waiting for the end of the task, and not only for its result, makes sure that the task holds
+    // nothing any more. The stored result never changes, so it is copied with no lock.
+    m_Future.waitForFinished();
     known = m_Future.result();
     const QMutexLocker locker(&m_ResultMutex);
     if (m_Result.isNull())

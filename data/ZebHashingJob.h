@@ -22,10 +22,10 @@ class ZEBTDX_EXPORT ZebHashingJob : public ZebBlockFuture
 {
 public:
     /// Adds a block of these bytes. The array's storage is shared until the block makes its copy.
-    explicit ZebHashingJob(const QByteArray& bytes);
+    ZebHashingJob(const QByteArray& bytes);
 
     /// Adds this block, which passes to the job. A null block ends the job without a hash.
-    explicit ZebHashingJob(ZebDataBlock* block);
+    ZebHashingJob(ZebDataBlock* block);
 
     /// Shares the running work.
     ZebHashingJob(const ZebHashingJob& other);

@@ -208,6 +208,13 @@ void ZebDataHash::incRef(void* holder)
     m_RefCount.fetchAndAddOrdered(1);
 }
 
+ZebSmartPointer<ZebDataHash> ZebDataHash::holdUnlessEnding()
+{
+    // Under the mutex a count of 0 is final: where it is so for a moment only, the mutex is held.
+    const ZebTdxMutexLocker locker(&m_Mutex);
+    return refCount() == 0 ? ZebSmartPointer<ZebDataHash>() : ZebSmartPointer<ZebDataHash>(this);
+}
+
 void ZebDataHash::decRef(void* holder)
 {
     Q_UNUSED(holder)

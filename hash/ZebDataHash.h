@@ -148,6 +148,10 @@ private:
     /// beginning only, and often.
     int leadingText(QChar* out, int length) const;
 
+    /// A holder of this hash, or null when its last release has been decided: such a hash must not
+    /// be held anew. For whoever knows the hash by a table only. Takes m_Mutex.
+    ZebSmartPointer<ZebDataHash> holdUnlessEnding();
+
     /// Ends the process when there is no digest of the right length to write.
     void requireDigest() const;
 

@@ -8,6 +8,16 @@
 
 #include <memory>
 
+namespace {
+
+// A host that runs for days counts past the end of an int; the counter then goes on from below.
+void countUp(int& counter)
+{
+    counter = static_cast<int>(static_cast<unsigned>(counter) + 1U);
+}
+
+} // namespace
+
 ZebHashManager::ZebHashManager() : m_Mutex(QMutex::Recursive)
 {
     ZebTdxMessage::debug(QString::asprintf("Created Hash Manager in thread %p",
@@ -43,19 +53,19 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::intern(ZebDataHash* fresh)
 {
     std::unique_ptr<ZebDataHash> owned(fresh);
     QMutexLocker locker(&m_Mutex);
-    ++m_Requests;
+    countUp(m_Requests);
     const auto entry = m_Hashes.constFind(ZebHashHandle(fresh));
     if (entry == m_Hashes.constEnd()) {
         // The entry comes first, as a table that cannot grow must leave nothing half made.
         m_Hashes.insert(ZebHashHandle(fresh));
         const ZebSmartPointer<ZebDataHash> result(owned.release());
-        ++m_CacheMisses;
+        countUp(m_CacheMisses);
         // The registry is free before a caller sees the hash: dropping it takes the delete lock,
         // which stands outside this one.
         locker.unlock();
         return result;
     }
-    ++m_CacheHits;
+    countUp(m_CacheHits);
     ZebDataHash* const registered = entry->data();
     owned.reset();
     // A bare count, taken without the hash's mutex: a last release under way decides with the
@@ -82,10 +92,10 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::addHash_Unlocked(ZebDataHash* hash)
     const auto entry = m_Hashes.constFind(ZebHashHandle(hash));
     if (entry == m_Hashes.constEnd()) {
         m_Hashes.insert(ZebHashHandle(hash));
-        ++m_CacheMisses;
+        countUp(m_CacheMisses);
         return ZebSmartPointer<ZebDataHash>(hash);
     }
-    ++m_CacheHits;
+    countUp(m_CacheHits);
     ZebDataHash* const registered = entry->data();
     if (registered != hash)
         delete hash;
@@ -112,20 +122,20 @@ bool ZebHashManager::derefRemoveHash(ZebDataHash* hash)
     // Only this very object is erased: an unregistered twin ends without touching the entry of the
     // content.
     if (entry != m_Hashes.end() && entry->data() == hash) {
-        ++m_Removes;
+        countUp(m_Removes);
         m_Hashes.erase(entry);
     }
     return true;
 }
 
-bool ZebHashManager::isHashLive(const QString& text)
+bool ZebHashManager::isHashLive(const QString& text) const
 {
     ZebDataHash wanted(text);
     const QMutexLocker locker(&m_Mutex);
     return m_Hashes.contains(ZebHashHandle(&wanted));
 }
 
-int ZebHashManager::hashCount()
+int ZebHashManager::hashCount() const
 {
     const QMutexLocker locker(&m_Mutex);
     return m_Hashes.size();

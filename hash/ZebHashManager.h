@@ -44,10 +44,10 @@ public:
     ZebSmartPointer<ZebDataHash> addHash(ZebDataHash* hash);
 
     /// Whether a hash of that text form is registered. Creates no entry and counts nothing.
-    bool isHashLive(const QString& text);
+    bool isHashLive(const QString& text) const;
 
     /// How many hashes are registered.
-    int hashCount();
+    int hashCount() const;
 
     /// Writes the counters as debug lines.
     void dumpStats();

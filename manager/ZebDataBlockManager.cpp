@@ -44,6 +44,13 @@ qint64 truncated(float value)
     return static_cast<qint64>(value);
 }
 
+// At process exit the pool may have gone before the store.
+void waitForGlobalPool()
+{
+    if (QThreadPool::globalInstance() != nullptr)
+        QThreadPool::globalInstance()->waitForDone(-1);
+}
+
 void warnOfMissingVirtualMemory()
 {
     static const char* const lines[] = {
@@ -103,7 +110,7 @@ ZebDataBlockManager& ZebDataBlockManager::instance()
 bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCacheSize,
                                 int numBuckets, int compressionThreads)
 {
-    // Nothing that compresses is started while blocks live in memory alone.
+    // Writers compress on their own thread; there are no workers to hand it to.
     Q_UNUSED(compressionThreads)
     if (isInitialized())
         ZebTdxMessage::fatal(QStringLiteral("Setup called twice on DataBlock Manager"));
@@ -115,6 +122,8 @@ bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCac
     for (const QString& root : cacheRoots)
         requireCacheRoot(root);
     m_CacheRoots = cacheRoots;
+    for (const QString& root : cacheRoots)
+        startIoThreads(root);
     m_Initialized.store(true, std::memory_order_release);
     return true;
 }
@@ -132,6 +141,21 @@ void ZebDataBlockManager::cleanUp(bool processEvents)
 {
     if (!isInitialized())
         return;
+    stopAllIoThreads();
+    // A decompression may still be under way, and must find the store set up when it hands its
+    // block over.
+    waitForGlobalPool();
+    dropAllBlocks();
+    setAllFreeBlocksFlushed(false);
+    if (processEvents && QCoreApplication::instance() != nullptr)
+        QCoreApplication::processEvents();
+    waitForGlobalPool();
+}
+
+void ZebDataBlockManager::dropAllBlocks()
+{
+    // Held so that a reference dropped on another thread finds its block or none.
+    const ZebTdxMutexLocker deleteLocker(&m_DeleteMutex);
     // A shared copy is walked: deleting a block reaches no table.
     const QHash<ZebDataHash*, ZebDataBlock*> blocks = m_HashToBlockMap;
     qDeleteAll(blocks);
@@ -147,11 +171,6 @@ void ZebDataBlockManager::cleanUp(bool processEvents)
     m_SubCache.clear();
     m_HashToBlockMap.clear();
     m_Initialized.store(false, std::memory_order_release);
-    setAllFreeBlocksFlushed(false);
-    if (processEvents && QCoreApplication::instance() != nullptr)
-        QCoreApplication::processEvents();
-    if (QThreadPool::globalInstance() != nullptr)
-        QThreadPool::globalInstance()->waitForDone(-1);
 }
 
 bool ZebDataBlockManager::isInitialized() const

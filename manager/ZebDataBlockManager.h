@@ -68,6 +68,11 @@ public:
         AllThreads = 14
     };
 
+    friend constexpr ThreadType operator|(ThreadType a, ThreadType b)
+    {
+        return static_cast<ThreadType>(static_cast<int>(a) | static_cast<int>(b));
+    }
+
     /// Cleans up, with the log turned off.
     ~ZebDataBlockManager() override;
 
@@ -162,10 +167,76 @@ public:
     /// How many hashes are interned, with or without a resident block.
     qint64 managedBlocks() const;
 
-    /// Marks a resident block as used.
+    /// Asks for a block ahead of need: the reader of its root fetches it in the background, and it
+    /// becomes resident by itself. A resident block counts as used. Nothing happens for a null
+    /// reference. A block that is missing from the disk is not reported, and stays marked as on its
+    /// way. Fatal when no root serves the hash: "Invalid Cache Bucket". Waits for the reference's
+    /// job; takes the delete lock.
     void preloadData(const ZebDataReference& reference, PreloadPriority priority = PreloadNormal);
 
-    // Memory and disk
+    /// Whether asking again for a block that is on its way makes it more urgent.
+    /// Kept on purpose: the value survives cleanUp() while the readers do not, so after a new
+    /// setup() it has to be switched off and on again to reach them.
+    void setRequestPromotionEnabled(bool enabled);
+    bool requestPromotionEnabled() const;
+
+    // Memory
+
+    /// Evicts until 512 MiB would fit under 90 percent of the memory limit and under the target of
+    /// free memory. Returns whether a block left memory.
+    ///
+    /// @param force whether the next admission measures the free memory afresh
+    bool flushMemory(bool force);
+
+    /// A host's last resort: drops every block that may be evicted, and queues nothing for writing.
+    /// Returns whether a block left memory. The writers must have drained (flush()): a block with a
+    /// write in flight would be deleted under its writer.
+    bool helpMeOut();
+
+    /// Takes every block out of memory, do-not-cache blocks too, whose bytes are gone with that.
+    /// No accessor may be open. Waits for the disk threads before and after; the caller must not
+    /// hold the delete lock.
+    void freeAllBlocks();
+
+    /// The host's brake: sleeps, a second at a time, while the writers' queues hold as many bytes
+    /// as may wait for writing. Admission never waits, so a host that adds faster than its disk
+    /// takes calls this. Takes no lock of the manager.
+    void processIO();
+
+    // Waiting for the disk threads; the caller must not hold the delete lock
+
+    /// Waits until the queues of the disk threads are empty, for blocks admitted before the call.
+    /// Does not return while a disk keeps failing.
+    ///
+    /// @param writeUnwritten whether resident blocks without a file are queued and waited for, too
+    /// @param threads which kinds of threads are waited for; collectors never are
+    void flush(bool writeUnwritten = false, ThreadType threads = AllThreads);
+
+    /// Waits until every writer has passed a fence behind the writes of this hash.
+    void flushWrite(const ZebSmartPointer<ZebDataHash>& hash);
+
+    /// Whether the reference's block is resident with a write in flight. Waits for its job.
+    bool isBlockBeingWritten(const ZebDataReference& reference);
+
+    /// Whether the writers' queues hold as many bytes as may wait for writing. Takes no lock of the
+    /// manager.
+    bool isWriteThreadsFull();
+
+    /// How many writers there are: one for each root.
+    int getWriteThreadCount() const;
+
+    // What a writer tells about a block; each takes the delete lock
+
+    /// Whether the end of this block waits for its write.
+    bool needsFreeingAfterWriting(ZebDataBlock* block);
+
+    /// The block is about to be deleted by the request that wrote it.
+    void flagFreeingBlockFinishedAfterWriting(ZebDataBlock* block);
+
+    /// The block has no write in flight any more.
+    void flagWritingBlockFinished(ZebDataBlock* block);
+
+    // Disk
 
     /// The path of a block's file under the sub-cache of that name, whatever the current one is.
     QString getBlockDestination(const QString& subCache, const QString& hashText);
@@ -192,6 +263,7 @@ Q_SIGNALS:
 
 protected:
     friend class ZebConstAccessor;
+    friend class ZebDataBlockReadThread;
     friend class ZebDataDeleteLocker;
     friend class ZebDataHash;
     friend class ZebDataReference;
@@ -254,8 +326,45 @@ private:
 
     void calcMaxWritePendingDataCacheSize();
 
-    /// Makes room for `size` more bytes. Returns whether a block left memory.
+    /// Makes room for `size` more bytes, as far as the limit of resident bytes and the target of
+    /// free physical memory ask for it, from the oldest evictable block on. Returns whether a block
+    /// left memory. Takes the delete lock unless a look at the figures shows that there is room.
+    ///
+    /// @param write whether a block without a file is written before it goes, free memory may be
+    ///        measured, and the host's flag is kept up to date
     bool managePhysicalMemoryUse(quint64 size, bool write);
+
+    /// The eviction of managePhysicalMemoryUse(), with the delete lock held. Returns how many
+    /// blocks left memory.
+    int evict(quint64 size, quint64 free, bool write);
+
+    /// Hands a block that eviction has taken out of the tables to its writer, or leaves it to the
+    /// write in flight. False when it can simply be deleted. The caller holds the delete lock by
+    /// `locker`, which may be given back on the way.
+    bool leaveToWriter(ZebDataHash* hash, ZebDataBlock* block, ZebTdxMutexLocker& locker);
+
+    /// Has the reader of the root `index` load the block, with the delete lock let go by one level
+    /// meanwhile. The block is the caller's; null when it can't be had.
+    ZebDataBlock* loadWithDeletesOpen(const ZebSmartPointer<ZebDataHash>& hash, int index);
+
+    /// The disk threads of the root `index`, which belongs to `hash`. Fatal when they have ended
+    /// already, with the words of cacheIndex(): the store is being cleaned up.
+    ZebDataBlockReadThread* readerOf(int index, const ZebDataHash* hash) const;
+    ZebDataBlockWriteThread* writerOf(int index, const ZebDataHash* hash) const;
+
+    /// Queues the write of a resident block that has no file and no write in flight. The caller
+    /// holds the delete lock.
+    void queueWrite(ZebDataHash* hash, ZebDataBlock* block);
+
+    /// The bytes that wait in the queues of all writers.
+    qint64 bytesInWriteQueues() const;
+
+    /// Makes the disk threads of a root and starts them.
+    void startIoThreads(const QString& root);
+
+    /// Ends the disk threads in order: collectors, readers, writers. The caller must not hold the
+    /// delete lock.
+    void stopAllIoThreads();
 
     /// The index of the cache root of a hash text. Fatal, in this order: no roots ("Number of cache
     /// paths is zero"), less than 4 characters ("Hash String is too Short %1"), a store that is not
@@ -266,6 +375,10 @@ private:
     /// The same for a hash, from its first word and without its text; -1 for a null hash. Fatal
     /// first of all when the store is not set up.
     int cacheIndex(const ZebDataHash* hash);
+
+    /// The middle of cleanUp(): deletes every block with no write, empties the tables, and leaves
+    /// the state of being set up. Takes the delete lock.
+    void dropAllBlocks();
 
     /// The second half of setup(): makes the root when it is missing, or ends the process.
     static void requireCacheRoot(const QString& root);

@@ -5,8 +5,10 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "hash/ZebHashManager.h"
+#include "io/ZebDataBlockReadThread.h"
 #include "support/ZebTdxMessage.h"
 
+#include <QFuture>
 #include <QWriteLocker>
 
 #include <memory>
@@ -43,17 +45,19 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
                 .arg(maxDataCacheSize()));
     }
     managePhysicalMemoryUse(static_cast<quint64>(block->size()), true);
-    m_LiveBytes.fetch_add(block->size(), s_Relaxed);
     if (hash == nullptr) {
         // A second guard, behind the first one above.
         ZebTdxMessage::fatal(QStringLiteral("Null Ptr"));
     }
-    m_HashToBlockMap.insert(hash, owned.release());
+    // The entry comes before the sum, as a table that cannot grow must leave nothing half done.
+    m_HashToBlockMap.insert(hash, block);
+    owned.release();
+    m_LiveBytes.fetch_add(block->size(), s_Relaxed);
     if (hash->isDontCache())
         return;
     m_Lru.add(hash);
-    // A store without roots has no place for a block that may be evicted, and ends here.
-    cacheIndex(hash);
+    // The disk copy is made now, long before eviction asks for it.
+    queueWrite(hash, block);
 }
 
 ZebDataBlock* ZebDataBlockManager::getDataBlock(ZebDataHash* hash)
@@ -61,7 +65,38 @@ ZebDataBlock* ZebDataBlockManager::getDataBlock(ZebDataHash* hash)
     requireInitialized();
     if (hash == nullptr)
         return nullptr;
+    if (!m_HashToBlockMap.contains(hash)) {
+        const int index = cacheIndex(hash);
+        if (index != -1) {
+            const ZebSmartPointer<ZebDataHash> held(hash);
+            ZebDataBlock* const loaded = loadWithDeletesOpen(held, index);
+            if (loaded == nullptr)
+                return nullptr;
+            // Of two threads that have loaded one block at once, the second drops its copy here.
+            makeBlockLive(hash, loaded);
+        }
+    }
     return m_HashToBlockMap.value(hash, nullptr);
+}
+
+ZebDataBlock* ZebDataBlockManager::loadWithDeletesOpen(const ZebSmartPointer<ZebDataHash>& hash,
+                                                       int index)
+{
+    // One level is let go, so that writers, eviction and other readers can go on meanwhile. That
+    // truly opens the lock, since every caller holds it once; it is held again on every way out.
+    struct Opening
+    {
+        explicit Opening(ZebTdxMutex& mutex) : m_Mutex(mutex) { m_Mutex.unlock(); }
+        ~Opening() { m_Mutex.lock(); }
+        Opening(const Opening&) = delete;
+        Opening& operator=(const Opening&) = delete;
+        ZebTdxMutex& m_Mutex;
+    };
+    ZebDataBlockReadThread* const reader = readerOf(index, hash.data());
+    const Opening opening(m_DeleteMutex);
+    QFuture<ZebDataBlock*> future = reader->loadBlock(hash, false);
+    future.waitForFinished();
+    return future.resultCount() == 0 ? nullptr : future.result();
 }
 
 void ZebDataBlockManager::lockBlock(ZebDataHash* hash)
@@ -132,8 +167,6 @@ qint64 ZebDataBlockManager::blockSize(ZebDataHash* hash)
 
 void ZebDataBlockManager::preloadData(const ZebDataReference& reference, PreloadPriority priority)
 {
-    // The order in which absent blocks are fetched; a resident one needs none.
-    Q_UNUSED(priority)
     if (reference.isNull())
         return;
     // Before any lock, as the job itself needs the delete lock.
@@ -141,8 +174,31 @@ void ZebDataBlockManager::preloadData(const ZebDataReference& reference, Preload
     const ZebTdxMutexLocker locker(&m_DeleteMutex);
     requireInitialized();
     ZebDataHash* const hash = reference.m_DataHash.data();
-    if (m_HashToBlockMap.contains(hash))
+    if (m_HashToBlockMap.contains(hash)) {
         blockUsed(hash);
+        return;
+    }
+    const int index = cacheIndex(hash);
+    if (index == -1)
+        ZebTdxMessage::fatal(QStringLiteral("Invalid Cache Bucket"));
+    readerOf(index, hash)->request(hash, priority);
+}
+
+void ZebDataBlockManager::setRequestPromotionEnabled(bool enabled)
+{
+    if (enabled == requestPromotionEnabled())
+        return;
+    ZebTdxMessage::debug(QString::asprintf("ZebTDx Setting Request Promotion Enabled to %s %d",
+                                           enabled ? "TRUE" : "FALSE", enabled ? 1 : 0));
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    for (ZebDataBlockReadThread* const reader : qAsConst(m_ReadThreads))
+        reader->setRequestPromotionEnabled(enabled);
+    m_RequestPromotionEnabled.store(enabled, s_Relaxed);
+}
+
+bool ZebDataBlockManager::requestPromotionEnabled() const
+{
+    return m_RequestPromotionEnabled.load(s_Relaxed);
 }
 
 qint64 ZebDataBlockManager::liveBlocks() const

@@ -16,8 +16,9 @@
 /// Pool and task are noted on the future, so a thread that waits for a call that has not begun runs
 /// it itself: a wait inside a full or one-thread pool ends.
 ///
-/// When the future reports that it has finished, the task holds the result no more: the result ends
-/// with the last future, on the thread that drops it, and not some time later on the pool.
+/// When the future reports that it has finished, the task holds neither the call nor the result any
+/// more: what they keep alive ends with the last future, on the thread that drops it, and not some
+/// time later on the pool.
 template <typename T, typename Call>
 class ZebStoredCallTask final : public QRunnable
 {
@@ -40,6 +41,7 @@ public:
         QFutureInterfaceBase state(*m_Promise);
         if (!state.isCanceled())
             runCall();
+        m_Call.reset();
         m_Promise.reset();
         state.reportFinished();
     }
@@ -48,7 +50,7 @@ private:
     void runCall()
     {
         try {
-            const T result = m_Call();
+            const T result = (*m_Call)();
             m_Promise->reportResult(result);
         } catch (const QException& exception) {
             m_Promise->reportException(exception);
@@ -57,7 +59,7 @@ private:
         }
     }
 
-    Call m_Call;
+    std::optional<Call> m_Call;
     std::optional<QFutureInterface<T>> m_Promise;
 };
 

@@ -42,7 +42,7 @@ ZebTdxLog& ZebTdxLog::instance()
     return log;
 }
 
-bool ZebTdxLog::enabled()
+bool ZebTdxLog::enabled() const
 {
     return m_Enabled.load(std::memory_order_relaxed);
 }

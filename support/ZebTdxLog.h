@@ -38,7 +38,7 @@ public:
     static ZebTdxLog& instance();
 
     /// Whether lines are taken. Starts true. Takes no lock.
-    bool enabled();
+    bool enabled() const;
 
     /// Turns the log on or off without closing or opening the file. Takes no lock.
     void setEnabled(bool enabled);

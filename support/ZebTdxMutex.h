@@ -13,7 +13,7 @@ public:
     /// Builds the mutex with the given recursion mode. `level` names the place of the mutex in the
     /// lock order for the reader of the code; it is accepted and dropped (the delete lock passes 0,
     /// the mutex of a hash 9).
-    explicit ZebTdxMutex(int level = 0, QMutex::RecursionMode mode = QMutex::NonRecursive);
+    ZebTdxMutex(int level, QMutex::RecursionMode mode);
     ~ZebTdxMutex();
 
     /// Waits for the mutex without limit and takes it.
@@ -44,7 +44,7 @@ class ZEBTDX_EXPORT ZebTdxMutexLocker
 public:
     /// Takes `mutex`, waiting without limit. A null mutex is accepted: the locker then does
     /// nothing. The mutex is not owned and must outlive the locker.
-    explicit ZebTdxMutexLocker(ZebTdxMutex* mutex);
+    ZebTdxMutexLocker(ZebTdxMutex* mutex);
     ZebTdxMutexLocker(const ZebTdxMutexLocker& other) = default;
 
     /// Gives the mutex back when this locker still holds it.

@@ -48,9 +48,7 @@ void BlockChecking::checkSegment(StoredFiles& stored, const StoredSegment& segme
                                  FileReader& reader)
 {
     StoredFile& file = stored.m_Files[segment.m_File];
-    // Of a segment that the memory limit cut off at its very beginning there is nothing to compare.
-    const bool nothingStored = segment.m_Blocks.empty() && !segment.m_Complete;
-    if (file.m_Failed.load() || file.m_Different.load() || nothingStored)
+    if (file.m_Failed.load() || file.m_Different.load())
         return;
     bool equal = false;
     std::string reason;
@@ -89,7 +87,7 @@ std::string BlockChecking::compare(qint64 blockSize, const StoredSegment& segmen
         if (accessor.isNull())
             return "a block of it cannot be had from the store";
         const qint64 size = std::min(blockSize, segment.m_Bytes - done);
-        const std::string reason = reader.readBlock(segment.m_Offset + done, size, expected);
+        std::string reason = reader.readBlock(segment.m_Offset + done, size, expected);
         if (!reason.empty())
             return reason;
         if (accessor.size() != size || expected.size() != size ||
@@ -99,7 +97,7 @@ std::string BlockChecking::compare(qint64 blockSize, const StoredSegment& segmen
         m_DoneBytes.fetch_add(size);
     }
     if (segment.m_Last && segment.m_Complete) {
-        const std::string reason = reader.readBlock(segment.m_Offset + done, 1, expected);
+        std::string reason = reader.readBlock(segment.m_Offset + done, 1, expected);
         if (!reason.empty() || !expected.isEmpty())
             return reason;
     }

@@ -4,8 +4,9 @@
 #include "tools/ErrorReport.h"
 #include "tools/FileReader.h"
 #include "tools/ProgressBar.h"
-#include "tools/SizeText.h"
 #include "tools/Workers.h"
+
+#include <QThread>
 
 #include <algorithm>
 #include <exception>
@@ -18,28 +19,14 @@ namespace {
 // How much of a file a thread takes at a time, at least one block.
 constexpr qint64 s_SegmentBytes = 4 * 1024 * 1024;
 
-// A block's stay between the gate and the store.
-class GatePass
+constexpr unsigned long s_BrakeMs = 2;
+
+// Sleeps while the writers have as much waiting as they may.
+void waitForWriters()
 {
-public:
-    GatePass(MemoryGate& gate, qint64 bytes)
-        : m_Gate(gate), m_Bytes(bytes), m_Entered(gate.enter(bytes))
-    {}
-    ~GatePass()
-    {
-        if (m_Entered)
-            m_Gate.leave(m_Bytes);
-    }
-    GatePass(const GatePass&) = delete;
-    GatePass& operator=(const GatePass&) = delete;
-
-    bool entered() const { return m_Entered; }
-
-private:
-    MemoryGate& m_Gate;
-    const qint64 m_Bytes;
-    const bool m_Entered;
-};
+    while (ZebDataBlockManager::instance().isWriteThreadsFull())
+        QThread::msleep(s_BrakeMs);
+}
 
 } // namespace
 
@@ -49,7 +36,6 @@ BlockStoring::BlockStoring(const Options& options, ErrorReport& errors, Progress
                      options.m_BlockSize),
       m_Errors(errors),
       m_Progress(progress),
-      m_Gate(options.m_Memory),
       m_DoneBytes(0),
       m_NextFile(0),
       m_NextOffset(0)
@@ -65,16 +51,11 @@ StoredFiles BlockStoring::run(const FileWalk& walk)
         m_Options.m_Threads, [this] { work(); }, [this] { m_Progress.show(m_DoneBytes.load()); });
     m_Progress.end();
     dropFailedFiles();
-    m_Stored.m_LimitReached = m_Gate.isClosed();
-    if (m_Stored.m_LimitReached)
-        reportLimit();
     return std::move(m_Stored);
 }
 
 StoredSegment* BlockStoring::nextSegment()
 {
-    if (m_Gate.isClosed())
-        return nullptr;
     const std::lock_guard<std::mutex> locker(m_CursorMutex);
     if (m_NextFile == m_Stored.m_Files.size())
         return nullptr;
@@ -130,14 +111,13 @@ std::string BlockStoring::storeBlocks(StoredSegment& segment, const StoredFile& 
             return {};
         // A new array each time: the store's hashing thread may share the one before.
         block = QByteArray();
-        const std::string reason =
-            reader.readBlock(segment.m_Offset + segment.m_Bytes, blockSize, block);
+        std::string reason = reader.readBlock(segment.m_Offset + segment.m_Bytes, blockSize, block);
         if (!reason.empty())
             return reason;
         if (block.size() < blockSize && !segment.m_Last)
             return "became shorter while it was read";
-        if (!block.isEmpty() && !storeBlock(block, segment))
-            return {};
+        if (!block.isEmpty())
+            storeBlock(block, segment);
         if (block.size() < blockSize)
             break;
     }
@@ -145,11 +125,9 @@ std::string BlockStoring::storeBlocks(StoredSegment& segment, const StoredFile& 
     return {};
 }
 
-bool BlockStoring::storeBlock(const QByteArray& block, StoredSegment& segment)
+void BlockStoring::storeBlock(const QByteArray& block, StoredSegment& segment)
 {
-    const GatePass pass(m_Gate, block.size());
-    if (!pass.entered())
-        return false;
+    waitForWriters();
     const ZebDataReference reference =
         ZebDataBlockManager::instance().addBlock(block, ZebModifyAccessor::Cached, false);
     // Each thread has one block on its way at most, which bounds the bytes that wait for a hash.
@@ -157,7 +135,6 @@ bool BlockStoring::storeBlock(const QByteArray& block, StoredSegment& segment)
     segment.m_Blocks.push_back(reference);
     segment.m_Bytes += block.size();
     m_DoneBytes.fetch_add(block.size());
-    return true;
 }
 
 void BlockStoring::fail(StoredFile& file, const std::string& reason)
@@ -175,10 +152,4 @@ void BlockStoring::dropFailedFiles()
         segment.m_Bytes = 0;
         segment.m_Complete = false;
     }
-}
-
-void BlockStoring::reportLimit()
-{
-    m_Errors.add("the memory limit of " + SizeText::print(m_Options.m_Memory) +
-                 " (--memory) is reached; what is left is not stored");
 }

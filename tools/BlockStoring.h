@@ -1,7 +1,6 @@
 #pragma once
 
 #include "tools/FileWalk.h"
-#include "tools/MemoryGate.h"
 #include "tools/StoredFiles.h"
 
 #include <QtGlobal>
@@ -16,16 +15,14 @@ class ProgressBar;
 /// The first pass: cuts files into blocks and adds them to the store on several threads.
 ///
 /// A file that can't be read to its end is an error, and nothing of it is kept; the rest goes on.
-/// When the next block would take the store past its memory limit, the pass ends; what is stored
-/// by then stays, also a part of a file.
+/// Threads that read faster than the disk cache writes wait for it, so that what waits for writing
+/// stays bounded.
 class BlockStoring
 {
 public:
     struct Options
     {
         qint64 m_BlockSize;
-        /// The store's memory limit.
-        qint64 m_Memory;
         int m_Threads;
     };
 
@@ -44,18 +41,15 @@ private:
     /// Stores the segment's blocks from the file that is open. Gives the reason when that fails.
     std::string storeBlocks(StoredSegment& segment, const StoredFile& file, FileReader& reader);
 
-    /// Adds one block; false when the memory limit forbids it.
-    bool storeBlock(const QByteArray& block, StoredSegment& segment);
+    void storeBlock(const QByteArray& block, StoredSegment& segment);
 
     void fail(StoredFile& file, const std::string& reason);
     void dropFailedFiles();
-    void reportLimit();
 
     const Options m_Options;
     const qint64 m_SegmentBytes;
     ErrorReport& m_Errors;
     ProgressBar& m_Progress;
-    MemoryGate m_Gate;
     std::atomic<qint64> m_DoneBytes;
     StoredFiles m_Stored;
 

@@ -143,7 +143,7 @@ int IngestCommand::run(const ToolSettings& settings)
     summary.m_SkippedLinks = walk.skippedLinks();
     QElapsedTimer timer;
     timer.start();
-    BlockStoring storing({m_BlockSize, m_Memory, m_Threads}, errors, progress);
+    BlockStoring storing({m_BlockSize, m_Threads}, errors, progress);
     StoredFiles stored = storing.run(walk);
     summary.m_SecondsIn = secondsOf(timer);
     summary.count(stored);

@@ -64,16 +64,13 @@ std::string aligned(const std::vector<Line>& lines)
 void IngestSummary::count(const StoredFiles& stored)
 {
     m_BlockSize = stored.m_BlockSize;
-    m_LimitReached = stored.m_LimitReached;
     std::unordered_set<const ZebDataHash*> distinct;
     // Whether nothing of a file is missing is known when its last segment has been seen, since its
     // segments stand in order.
     std::vector<bool> whole(stored.m_Files.size(), true);
-    std::vector<bool> touched(stored.m_Files.size(), false);
     std::vector<bool> ended(stored.m_Files.size(), false);
     for (const StoredSegment& segment : stored.m_Segments) {
         whole[segment.m_File] = whole[segment.m_File] && segment.m_Complete;
-        touched[segment.m_File] = touched[segment.m_File] || segment.m_Bytes > 0;
         ended[segment.m_File] = ended[segment.m_File] || segment.m_Last;
         m_Bytes += segment.m_Bytes;
         m_Blocks += static_cast<qint64>(segment.m_Blocks.size());
@@ -89,8 +86,6 @@ void IngestSummary::count(const StoredFiles& stored)
     for (std::size_t i = 0; i < stored.m_Files.size(); ++i) {
         if (whole[i] && ended[i])
             ++m_Files;
-        else if (touched[i])
-            ++m_IncompleteFiles;
     }
 }
 
@@ -103,10 +98,6 @@ std::string IngestSummary::text() const
         m_Bytes == 0 ? 0 : 100.0 * static_cast<double>(savedBytes()) / static_cast<double>(m_Bytes);
     std::vector<Line> lines;
     lines.push_back({"Files", SizeText::grouped(m_Files), ""});
-    if (m_LimitReached) {
-        lines.push_back({"Files stored in part", SizeText::grouped(m_IncompleteFiles),
-                         "the memory limit was reached"});
-    }
     lines.push_back({"Links not followed", SizeText::grouped(m_SkippedLinks), ""});
     lines.push_back({"Bytes", SizeText::grouped(m_Bytes), inParentheses(m_Bytes)});
     lines.push_back(
@@ -128,7 +119,6 @@ QByteArray IngestSummary::json() const
 {
     QJsonObject object;
     object[QStringLiteral("files")] = m_Files;
-    object[QStringLiteral("files_incomplete")] = m_IncompleteFiles;
     object[QStringLiteral("links_skipped")] = m_SkippedLinks;
     object[QStringLiteral("bytes")] = m_Bytes;
     object[QStringLiteral("blocks")] = m_Blocks;
@@ -138,7 +128,6 @@ QByteArray IngestSummary::json() const
     object[QStringLiteral("read_back_bytes")] = m_ReadBackBytes;
     object[QStringLiteral("differences")] = m_Differences;
     object[QStringLiteral("errors")] = m_Errors;
-    object[QStringLiteral("memory_limit_reached")] = m_LimitReached;
     object[QStringLiteral("seconds_in")] = rounded(m_SecondsIn);
     object[QStringLiteral("seconds_out")] = rounded(m_SecondsOut);
     object[QStringLiteral("mb_per_s_in")] = rounded(megabytesPerSecond(m_Bytes, m_SecondsIn));

@@ -12,8 +12,6 @@ struct IngestSummary
 {
     /// Files of which everything is stored.
     qint64 m_Files = 0;
-    /// Files of which only a part is stored, as the memory limit was reached.
-    qint64 m_IncompleteFiles = 0;
     qint64 m_SkippedLinks = 0;
     /// What the files hold, as far as it is stored: with everything that occurs more than once.
     qint64 m_Bytes = 0;
@@ -25,7 +23,6 @@ struct IngestSummary
     qint64 m_Differences = 0;
     /// The differences among them.
     qint64 m_Errors = 0;
-    bool m_LimitReached = false;
 
     double m_SecondsIn = 0;
     double m_SecondsOut = 0;

@@ -53,6 +53,4 @@ struct StoredFiles
     /// Neither list ever moves an element.
     std::deque<StoredFile> m_Files;
     std::deque<StoredSegment> m_Segments;
-    /// Whether the store's memory limit ended the run.
-    bool m_LimitReached = false;
 };

@@ -29,8 +29,7 @@ const char* const s_Footer =
     "\n"
     "Exit status:\n"
     "  0  everything was done, and nothing differed\n"
-    "  1  a file failed, a difference was found, or the memory limit was reached; the rest was "
-    "done\n"
+    "  1  a file failed, or a difference was found; the rest was done\n"
     "  2  the command line makes no sense; nothing was done\n";
 
 struct Entry

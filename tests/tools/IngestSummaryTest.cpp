@@ -49,16 +49,6 @@ TEST(IngestSummary, TextIsAlignedAndSaysItsUnits)
                                 "(1 MB = 1,000,000 bytes; 8 threads)\n");
 }
 
-TEST(IngestSummary, TextTellsOfFilesInPartOnlyWhenTheLimitWasReached)
-{
-    IngestSummary summary = example();
-    EXPECT_THAT(summary.text(), Not(HasSubstr("in part")));
-    summary.m_LimitReached = true;
-    summary.m_IncompleteFiles = 3;
-    EXPECT_THAT(summary.text(),
-                HasSubstr("Files stored in part          3  the memory limit was reached\n"));
-}
-
 TEST(IngestSummary, NothingInNoTimeGivesNoRates)
 {
     const IngestSummary summary;
@@ -71,17 +61,15 @@ TEST(IngestSummary, NothingInNoTimeGivesNoRates)
 
 TEST(IngestSummary, JsonHasTheseKeysAndValues)
 {
-    IngestSummary summary = example();
-    summary.m_LimitReached = true;
-    summary.m_IncompleteFiles = 3;
+    const IngestSummary summary = example();
     const QByteArray json = summary.json();
     EXPECT_EQ(json.count('\n'), 1);
     EXPECT_TRUE(json.endsWith('\n'));
     EXPECT_EQ(json.toStdString(),
               R"({"block_size":262144,"blocks":1300,"bytes":3000000,"differences":1,)"
               R"("distinct_blocks":1000,"distinct_bytes":2250000,"errors":2,"files":1234,)"
-              R"("files_incomplete":3,"links_skipped":5,"mb_per_s_in":2,"mb_per_s_out":12,)"
-              R"("memory_limit":1048576,"memory_limit_reached":true,)"
+              R"("links_skipped":5,"mb_per_s_in":2,"mb_per_s_out":12,)"
+              R"("memory_limit":1048576,)"
               R"("read_back_bytes":3000000,"saved_bytes":750000,"seconds_in":1.5,)"
               R"("seconds_out":0.25,"threads":8})"
               "\n");

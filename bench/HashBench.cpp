@@ -1,0 +1,199 @@
+// The text form of a digest, the registry, and the pointer that holds a hash. The text form is the
+// name of a block's file and the key of every look-up by name, so it stands here beside the same
+// work done by Qt's general tools, in the same run.
+
+#include "hash/ZebDataHash.h"
+#include "hash/ZebHashManager.h"
+#include "hash/ZebSmartPointer.h"
+
+#include <QString>
+#include <QStringList>
+#include <QTextStream>
+#include <QtEndian>
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace {
+
+using Pointer = ZebSmartPointer<ZebDataHash>;
+
+constexpr int s_DigestBytes = ZebDataHash::Hash512;
+
+// Digests of different contents, so that no branch of the conversions is learned by heart.
+constexpr size_t s_Variety = 256;
+
+ZebDataHash hashOfNumber(size_t number)
+{
+    return ZebDataHash(QByteArray::number(static_cast<qulonglong>(number)), ZebDataHash::Hash512);
+}
+
+std::vector<ZebDataHash> someHashes()
+{
+    std::vector<ZebDataHash> hashes;
+    hashes.reserve(s_Variety);
+    for (size_t i = 0; i < s_Variety; ++i)
+        hashes.push_back(hashOfNumber(i));
+    return hashes;
+}
+
+std::vector<QString> someTexts()
+{
+    std::vector<QString> texts;
+    texts.reserve(s_Variety);
+    for (size_t i = 0; i < s_Variety; ++i)
+        texts.push_back(hashOfNumber(i).toString());
+    return texts;
+}
+
+QString streamedText(const unsigned char* digest)
+{
+    QString text;
+    QTextStream stream(&text, QIODevice::ReadWrite);
+    for (int offset = 0; offset < s_DigestBytes; offset += 4)
+        stream << qFromLittleEndian<quint32>(digest + offset) << "-";
+    stream.flush();
+    text.chop(1);
+    return text;
+}
+
+QByteArray splitDigest(const QString& text)
+{
+    const QStringList parts = text.split(QStringLiteral("-"), Qt::SkipEmptyParts);
+    QByteArray digest(4 * parts.size(), '\0');
+    for (int i = 0; i < parts.size(); ++i)
+        qToLittleEndian<quint32>(parts[i].toUInt(), digest.data() + 4 * i);
+    return digest;
+}
+
+void toString(benchmark::State& state)
+{
+    const std::vector<ZebDataHash> hashes = someHashes();
+    size_t next = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(hashes[next++ % s_Variety].toString());
+}
+
+void toStringByTextStream(benchmark::State& state)
+{
+    const std::vector<ZebDataHash> hashes = someHashes();
+    if (streamedText(hashes[0].data()) != hashes[0].toString())
+        state.SkipWithError("The two ways differ");
+    size_t next = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(streamedText(hashes[next++ % s_Variety].data()));
+}
+
+void fromString(benchmark::State& state)
+{
+    const std::vector<QString> texts = someTexts();
+    ZebDataHash hash;
+    size_t next = 0;
+    for (auto _ : state) {
+        hash.fromString(texts[next++ % s_Variety]);
+        benchmark::DoNotOptimize(hash.data());
+    }
+}
+
+void fromStringBySplit(benchmark::State& state)
+{
+    const std::vector<QString> texts = someTexts();
+    const ZebDataHash hash(texts[0]);
+    if (splitDigest(texts[0]) !=
+        QByteArray(reinterpret_cast<const char*>(hash.data()), s_DigestBytes))
+        state.SkipWithError("The two ways differ");
+    size_t next = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(splitDigest(texts[next++ % s_Variety]));
+}
+
+// Contents that are interned already; range(0) bytes each, as the digest is part of the look-up.
+void getHashHit(benchmark::State& state)
+{
+    ZebHashManager& registry = ZebHashManager::instance();
+    const QByteArray bytes(static_cast<int>(state.range(0)), 'h');
+    const Pointer held = registry.getHash(bytes);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(registry.getHash(bytes).data());
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+// Contents that nobody holds: each is interned, and ends at once.
+void getHashMiss(benchmark::State& state)
+{
+    ZebHashManager& registry = ZebHashManager::instance();
+    const QByteArray bytes(static_cast<int>(state.range(0)), 'm');
+    for (auto _ : state)
+        benchmark::DoNotOptimize(registry.getHash(bytes).data());
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+void getHashHitByText(benchmark::State& state)
+{
+    ZebHashManager& registry = ZebHashManager::instance();
+    const std::vector<QString> texts = someTexts();
+    std::vector<Pointer> held;
+    for (const QString& text : texts)
+        held.push_back(registry.getHash(text));
+    size_t next = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(registry.getHash(texts[next++ % s_Variety]).data());
+}
+
+void getHashMissByText(benchmark::State& state)
+{
+    ZebHashManager& registry = ZebHashManager::instance();
+    const std::vector<QString> texts = someTexts();
+    size_t next = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(registry.getHash(texts[next++ % s_Variety]).data());
+}
+
+void isHashLive(benchmark::State& state)
+{
+    ZebHashManager& registry = ZebHashManager::instance();
+    const std::vector<QString> texts = someTexts();
+    // Half of what a collector asks for is there.
+    std::vector<Pointer> held;
+    for (size_t i = 0; i < s_Variety; i += 2)
+        held.push_back(registry.getHash(texts[i]));
+    size_t next = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(registry.isHashLive(texts[next++ % s_Variety]));
+}
+
+// One holder more and one less, of a hash of the thread's own and of one that threads share.
+void copyPointer(benchmark::State& state)
+{
+    const Pointer held = ZebHashManager::instance().getHash(
+        "held by thread " + QByteArray::number(state.thread_index()));
+    for (auto _ : state) {
+        const Pointer copy(held);
+        benchmark::DoNotOptimize(copy.data());
+    }
+}
+
+void copySharedPointer(benchmark::State& state)
+{
+    const Pointer held = ZebHashManager::instance().getHash(QByteArray("held by all"));
+    for (auto _ : state) {
+        const Pointer copy(held);
+        benchmark::DoNotOptimize(copy.data());
+    }
+}
+
+BENCHMARK(toString)->Name("HashText/toString");
+BENCHMARK(toStringByTextStream)->Name("HashText/toString_by_QTextStream");
+BENCHMARK(fromString)->Name("HashText/fromString");
+BENCHMARK(fromStringBySplit)->Name("HashText/fromString_by_QString_split");
+BENCHMARK(getHashHit)->Name("HashRegistry/getHash_hit")->Arg(64)->Arg(64 * 1024);
+BENCHMARK(getHashMiss)->Name("HashRegistry/getHash_miss")->Arg(64)->Arg(64 * 1024);
+BENCHMARK(getHashHitByText)->Name("HashRegistry/getHash_hit_by_text");
+BENCHMARK(getHashMissByText)->Name("HashRegistry/getHash_miss_by_text");
+BENCHMARK(isHashLive)->Name("HashRegistry/isHashLive");
+BENCHMARK(copyPointer)->Name("HashPointer/copy")->Threads(1)->Threads(2);
+BENCHMARK(copySharedPointer)->Name("HashPointer/copy_of_shared")->Threads(1)->Threads(2);
+
+} // namespace

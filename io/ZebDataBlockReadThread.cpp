@@ -1,0 +1,248 @@
+#include "io/ZebDataBlockReadThread.h"
+
+#include "data/ZebDataBlock.h"
+#include "io/ZebBlockFilePath.h"
+#include "support/ZebStoredCall.h"
+#include "support/ZebTdxMessage.h"
+
+#include <QFile>
+#include <QMutexLocker>
+#include <QReadLocker>
+#include <QThreadPool>
+#include <QWriteLocker>
+
+#include <memory>
+#include <new>
+
+namespace {
+
+constexpr unsigned long s_IdleMs = 1000;
+constexpr unsigned long s_QueuePollUs = 10;
+constexpr qint64 s_PromotionsPerSort = 100;
+constexpr int s_Attempts = 2;
+constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
+
+} // namespace
+
+ZebDataBlockReadThread::ZebDataBlockReadThread(const QString& root, int bucketCount,
+                                               int maxLowPriorityRequests, QObject* parent)
+    : QThread(parent),
+      m_CacheRoot(root),
+      m_Lock(QReadWriteLock::Recursive),
+      m_Exit(false),
+      m_BucketCount(bucketCount),
+      m_MaxLowPriorityRequests(maxLowPriorityRequests),
+      m_RequestsHandled(0),
+      m_BytesRead(0),
+      m_RequestPromotionEnabled(false),
+      m_PromotionCount(0)
+{}
+
+ZebDataBlockReadThread::~ZebDataBlockReadThread() = default;
+
+void ZebDataBlockReadThread::request(ZebDataHash* hash,
+                                     ZebDataBlockManager::PreloadPriority priority)
+{
+    if (hash->isPreloading()) {
+        if (requestPromotionEnabled())
+            promote(hash);
+        return;
+    }
+    // Outlives the lock below, so that it is never the last reference that goes inside it.
+    const ZebSmartPointer<ZebDataHash> held(hash);
+    {
+        const QWriteLocker locker(&m_Lock);
+        if (priority == ZebDataBlockManager::PreloadLow &&
+            m_Requests.size() >= m_MaxLowPriorityRequests)
+            return;
+        m_Requests.insert(priority, held);
+        hash->setPreloading(true);
+    }
+    m_WaitCondition.wakeAll();
+}
+
+void ZebDataBlockReadThread::promote(ZebDataHash* hash)
+{
+    // Every attempt counts, also one that finds nothing to do.
+    const qint64 attempts = m_PromotionCount.fetch_add(1, s_Relaxed) + 1;
+    {
+        const QWriteLocker locker(&m_Lock);
+        int index = 0;
+        while (index < m_Requests.size() && m_Requests.valueAt(index).data() != hash)
+            ++index;
+        if (index == 0 || index == m_Requests.size())
+            return;
+        // Kept on purpose: the entry stays where it is, and its number may fall below 0. Only the
+        // rare sort brings the list in order.
+        m_Requests.lowerPriorityAt(index);
+        if (attempts % s_PromotionsPerSort == 0)
+            m_Requests.sort();
+    }
+    m_WaitCondition.wakeAll();
+}
+
+void ZebDataBlockReadThread::run()
+{
+    for (;;) {
+        {
+            const QMutexLocker waitLocker(&m_WaitMutex);
+            m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
+        }
+        QWriteLocker locker(&m_Lock);
+        if (m_Exit) {
+            locker.unlock();
+            killRequests();
+            return;
+        }
+        while (!m_Requests.isEmpty()) {
+            ZebSmartPointer<ZebDataHash> hash = m_Requests.takeFirst();
+            m_RequestsHandled.fetch_add(1, s_Relaxed);
+            locker.unlock();
+            if (!hash.isNull())
+                loadBlock(hash, true);
+            // Released with the list's lock free: it may be the last reference, and ending a hash
+            // starts at the outermost lock.
+            hash = ZebSmartPointer<ZebDataHash>();
+            locker.relock();
+        }
+    }
+}
+
+bool ZebDataBlockReadThread::readFile(QFile& file, qint64* size, QByteArray* data)
+try {
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    qint32 length = 0;
+    const bool hasHeader =
+        file.read(reinterpret_cast<char*>(size), sizeof *size) == sizeof *size &&
+        file.read(reinterpret_cast<char*>(&length), sizeof length) == sizeof length;
+    // Nothing is allocated on the word of a file that cannot keep it.
+    bool complete = hasHeader && length >= 0 && length <= file.bytesAvailable();
+    if (complete) {
+        QByteArray payload(length, '\0');
+        complete = file.read(payload.data(), length) == length;
+        if (complete)
+            *data = payload;
+    }
+    file.close();
+    return complete;
+} catch (const std::bad_alloc&) {
+    // A failed attempt like any other: the reader's thread goes on.
+    file.close();
+    return false;
+}
+
+QFuture<ZebDataBlock*> ZebDataBlockReadThread::loadBlock(const ZebSmartPointer<ZebDataHash>& hash,
+                                                         bool makeLive)
+{
+    QFile file(ZebBlockFilePath(hash.data(), m_CacheRoot, subCache(), m_BucketCount));
+    qint64 size = 0;
+    QByteArray data;
+    int attempt = 0;
+    while (!readFile(file, &size, &data)) {
+        // The block may be queued or half written: once the writers have passed a fence behind it,
+        // its file is complete.
+        ZebDataBlockManager::instance().flushWrite(hash);
+        if (++attempt == s_Attempts) {
+            ZebTdxMessage::debug(
+                QStringLiteral("Cannot read data from file '%1'").arg(file.fileName()));
+            return QFuture<ZebDataBlock*>();
+        }
+    }
+    QThreadPool* const pool = QThreadPool::globalInstance();
+    // At process exit the pool may have gone before the store.
+    if (pool == nullptr)
+        return QFuture<ZebDataBlock*>();
+    m_BytesRead.fetch_add(size, s_Relaxed);
+    return ZebStoredCall::start<ZebDataBlock*>(pool, [data, hash, makeLive, size] {
+        return decompressAndMakeBlock(data, hash, makeLive, size);
+    });
+}
+
+ZebDataBlock* ZebDataBlockReadThread::decompressAndMakeBlock(
+    QByteArray data, const ZebSmartPointer<ZebDataHash>& hash, bool makeLive, qint64 size)
+{
+    // Kept on purpose: the size that the file tells is not compared with what comes out, and a
+    // damaged payload goes on as an empty block.
+    Q_UNUSED(size)
+    const QByteArray plain = qUncompress(data);
+    if (plain.isEmpty())
+        ZebTdxMessage::debug(QStringLiteral("Failed to decompress block data."));
+    auto block = std::make_unique<ZebDataBlock>(
+        reinterpret_cast<const unsigned char*>(plain.constData()), plain.size());
+    block->m_Compressed = false;
+    block->m_Cached.store(true, s_Relaxed);
+    ZebDataBlock* const made = block.release();
+    if (makeLive)
+        ZebDataBlockManager::instance().makeBlockLive(hash.data(), made);
+    hash->setPreloading(false);
+    return made;
+}
+
+void ZebDataBlockReadThread::killRequests()
+{
+    ZebPriorityList<ZebSmartPointer<ZebDataHash>> killed;
+    {
+        const QWriteLocker locker(&m_Lock);
+        // The references go with the list's lock free, as the last one ends its hash.
+        std::swap(killed, m_Requests);
+    }
+}
+
+void ZebDataBlockReadThread::flush()
+{
+    m_WaitCondition.wakeAll();
+    int waiting = 0;
+    do {
+        waiting = requests();
+        QThread::usleep(s_QueuePollUs);
+    } while (waiting != 0);
+}
+
+void ZebDataBlockReadThread::closeDown()
+{
+    flush();
+    {
+        const QWriteLocker locker(&m_Lock);
+        m_Exit = true;
+    }
+    m_WaitCondition.wakeAll();
+}
+
+int ZebDataBlockReadThread::requests() const
+{
+    const QReadLocker locker(&m_Lock);
+    return m_Requests.size();
+}
+
+int ZebDataBlockReadThread::requestsHandled() const
+{
+    return m_RequestsHandled.load(s_Relaxed);
+}
+
+qint64 ZebDataBlockReadThread::bytesRead() const
+{
+    return m_BytesRead.load(s_Relaxed);
+}
+
+void ZebDataBlockReadThread::setRequestPromotionEnabled(bool enabled)
+{
+    m_RequestPromotionEnabled.store(enabled, s_Relaxed);
+}
+
+bool ZebDataBlockReadThread::requestPromotionEnabled() const
+{
+    return m_RequestPromotionEnabled.load(s_Relaxed);
+}
+
+void ZebDataBlockReadThread::setSubCache(const QString& subCache)
+{
+    const QWriteLocker locker(&m_Lock);
+    m_SubCache = subCache;
+}
+
+QString ZebDataBlockReadThread::subCache() const
+{
+    const QReadLocker locker(&m_Lock);
+    return m_SubCache;
+}

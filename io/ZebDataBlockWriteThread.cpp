@@ -1,0 +1,115 @@
+#include "io/ZebDataBlockWriteThread.h"
+
+#include "data/ZebDataBlock.h"
+#include "io/ZebDataBlockWriteRequest.h"
+
+#include <QMutexLocker>
+#include <QReadLocker>
+#include <QWriteLocker>
+
+#include <memory>
+
+namespace {
+
+constexpr unsigned long s_IdleMs = 1000;
+constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
+
+} // namespace
+
+ZebDataBlockWriteThread::ZebDataBlockWriteThread(const QString& root, int bucketCount,
+                                                 QObject* parent)
+    : QThread(parent),
+      m_CacheRoot(root),
+      m_BucketCount(bucketCount),
+      m_Exit(false),
+      m_Lock(QReadWriteLock::Recursive),
+      m_BytesInQueue(0),
+      m_RequestsTaken(0),
+      m_RequestsInProgress(0),
+      m_BytesWritten(0),
+      m_RequestsHandled(0),
+      m_NextFenceId(0)
+{
+    setObjectName(QStringLiteral("TDX Write"));
+}
+
+ZebDataBlockWriteThread::~ZebDataBlockWriteThread() = default;
+
+void ZebDataBlockWriteThread::writeBlock(ZebDataBlockManager::PreloadPriority priority,
+                                         // NOLINTNEXTLINE(performance-unnecessary-value-param)
+                                         ZebSmartPointer<ZebDataHash> hash, ZebDataBlock* block,
+                                         bool deleteBlock)
+{
+    if (block->cached()) {
+        if (deleteBlock)
+            delete block;
+        return;
+    }
+    auto request = std::make_unique<ZebDataBlockWriteRequest>(hash, block, deleteBlock);
+    {
+        const QWriteLocker locker(&m_Lock);
+        m_Requests.insert(priority, request.get());
+        m_BytesInQueue += request.release()->blockSize();
+    }
+    m_WaitCondition.wakeAll();
+}
+
+int ZebDataBlockWriteThread::requests() const
+{
+    const QReadLocker locker(&m_Lock);
+    return m_Requests.size();
+}
+
+qint64 ZebDataBlockWriteThread::bytesInQueue() const
+{
+    const QReadLocker locker(&m_Lock);
+    return m_BytesInQueue;
+}
+
+int ZebDataBlockWriteThread::requestsHandled() const
+{
+    return m_RequestsHandled.load(s_Relaxed);
+}
+
+int ZebDataBlockWriteThread::requestsInProgress() const
+{
+    return m_RequestsInProgress.loadAcquire();
+}
+
+qint64 ZebDataBlockWriteThread::bytesWritten() const
+{
+    return m_BytesWritten.load(s_Relaxed);
+}
+
+void ZebDataBlockWriteThread::setSubCache(const QString& subCache)
+{
+    const QWriteLocker locker(&m_Lock);
+    m_SubCache = subCache;
+}
+
+QString ZebDataBlockWriteThread::subCache() const
+{
+    const QReadLocker locker(&m_Lock);
+    return m_SubCache;
+}
+
+void ZebDataBlockWriteThread::askToEnd()
+{
+    {
+        const QWriteLocker locker(&m_Lock);
+        m_Exit = true;
+    }
+    m_WaitCondition.wakeAll();
+}
+
+bool ZebDataBlockWriteThread::exitAsked() const
+{
+    const QReadLocker locker(&m_Lock);
+    return m_Exit;
+}
+
+void ZebDataBlockWriteThread::idle()
+{
+    const QMutexLocker locker(&m_WaitMutex);
+    m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
+}

@@ -1,0 +1,158 @@
+#include "io/ZebDataBlockWriteThread_Pattern1.h"
+
+#include "io/ZebDataBlockWriteRequest.h"
+#include "support/ZebDataDeleteLocker.h"
+
+#include <QReadLocker>
+#include <QWriteLocker>
+
+namespace {
+
+constexpr int s_FencePriority = 0;
+constexpr unsigned long s_FencePollUs = 10000;
+constexpr unsigned long s_QueuePollUs = 10;
+constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
+
+} // namespace
+
+ZebDataBlockWriteThread_Pattern1::ZebDataBlockWriteThread_Pattern1(const QString& root,
+                                                                   int bucketCount, QObject* parent)
+    : ZebDataBlockWriteThread(root, bucketCount, parent)
+{}
+
+ZebDataBlockWriteThread_Pattern1::~ZebDataBlockWriteThread_Pattern1() = default;
+
+void ZebDataBlockWriteThread_Pattern1::run()
+{
+    while (!exitAsked()) {
+        idle();
+        drain();
+    }
+}
+
+void ZebDataBlockWriteThread_Pattern1::drain()
+{
+    QWriteLocker locker(&m_Lock);
+    while (!m_Requests.isEmpty()) {
+        const int priority = m_Requests.priorityAt(0);
+        ZebDataBlockWriteRequest* const request = m_Requests.takeFirst();
+        ++m_RequestsTaken;
+        locker.unlock();
+        if (request->isFence())
+            treatFence(request);
+        else
+            treatWrite(priority, request);
+        locker.relock();
+    }
+}
+
+void ZebDataBlockWriteThread_Pattern1::treatWrite(int priority, ZebDataBlockWriteRequest* request)
+{
+    QString subCache;
+    {
+        const QWriteLocker locker(&m_Lock);
+        m_BytesInQueue -= request->blockSize();
+        subCache = m_SubCache;
+    }
+    m_RequestsInProgress.fetchAndAddOrdered(1);
+    request->setFileName(m_CacheRoot, subCache, m_BucketCount);
+    if (request->fileExits()) {
+        finish(request);
+    } else {
+        QString error;
+        const int written = request->write(&error);
+        if (written >= 1) {
+            finish(request);
+            m_BytesWritten.fetch_add(written, s_Relaxed);
+        } else {
+            {
+                const QWriteLocker locker(&m_Lock);
+                m_Requests.insert(priority, request);
+                m_BytesInQueue += request->blockSize();
+            }
+            Q_EMIT writeError(error);
+        }
+    }
+    m_RequestsInProgress.fetchAndAddOrdered(-1);
+    releaseTaken();
+}
+
+void ZebDataBlockWriteThread_Pattern1::treatFence(ZebDataBlockWriteRequest* request)
+{
+    {
+        const QWriteLocker locker(&m_Lock);
+        m_FencesReached.insert(request->fence());
+    }
+    delete request;
+    releaseTaken();
+}
+
+void ZebDataBlockWriteThread_Pattern1::finish(ZebDataBlockWriteRequest* request)
+{
+    {
+        // One hold for both steps: no other block may take the address in between and be mistaken
+        // for this one.
+        const ZebDataDeleteLocker deleteLocker;
+        ZebDataBlockManager::instance().flagWritingBlockFinished(request->block());
+        delete request;
+    }
+    m_RequestsHandled.fetch_add(1, s_Relaxed);
+}
+
+void ZebDataBlockWriteThread_Pattern1::releaseTaken()
+{
+    const QWriteLocker locker(&m_Lock);
+    --m_RequestsTaken;
+}
+
+void ZebDataBlockWriteThread_Pattern1::flush(const ZebSmartPointer<ZebDataHash>& hash)
+{
+    if (hash.isNull())
+        return;
+    const int fence = insertFence(hash.data());
+    while (!collectFence(fence))
+        QThread::usleep(s_FencePollUs);
+}
+
+int ZebDataBlockWriteThread_Pattern1::insertFence(const ZebDataHash* hash)
+{
+    const QWriteLocker locker(&m_Lock);
+    const int fence = m_FreeFenceIds.isEmpty() ? m_NextFenceId++ : m_FreeFenceIds.takeLast();
+    for (int i = 0; i < m_Requests.size(); ++i) {
+        ZebDataBlockWriteRequest* const request = m_Requests.valueAt(i);
+        if (request->hash().data() != hash || m_Requests.priorityAt(i) <= s_FencePriority)
+            continue;
+        m_Requests.removeAt(i);
+        m_Requests.insert(s_FencePriority, request);
+        break;
+    }
+    m_Requests.insert(s_FencePriority, new ZebDataBlockWriteRequest(fence));
+    return fence;
+}
+
+bool ZebDataBlockWriteThread_Pattern1::collectFence(int fence)
+{
+    const QWriteLocker locker(&m_Lock);
+    if (!m_FencesReached.remove(fence))
+        return false;
+    m_FreeFenceIds.append(fence);
+    return true;
+}
+
+void ZebDataBlockWriteThread_Pattern1::flush()
+{
+    for (;;) {
+        {
+            const QReadLocker locker(&m_Lock);
+            if (m_Requests.isEmpty() && m_RequestsInProgress.loadAcquire() == 0 &&
+                m_RequestsTaken == 0)
+                return;
+        }
+        QThread::usleep(s_QueuePollUs);
+    }
+}
+
+void ZebDataBlockWriteThread_Pattern1::closeDown()
+{
+    askToEnd();
+}

@@ -1,0 +1,600 @@
+#include "data/ZebHashingJob.h"
+
+#include "data/ZebDataBlock.h"
+#include "data/ZebThreadPoolManager.h"
+#include "hash/ZebHashManager.h"
+#include "manager/ZebDataBlockManager.h"
+#include "support/Fatal.h"
+#include "support/PrivateAccess.h"
+#include "support/TemporaryStore.h"
+#include "support/WaitUntil.h"
+#include "support/ZebDataDeleteLocker.h"
+
+#include <QElapsedTimer>
+#include <QRunnable>
+#include <QSemaphore>
+#include <QThreadPool>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+ZEBTDX_ACCESS(AliveCounter, ZebBlockFuture, QAtomicInt*, m_NumHashJobs)
+
+namespace {
+
+using HashPointer = ZebSmartPointer<ZebDataHash>;
+using FuturePointer = ZebSmartPointer<ZebBlockFuture>;
+
+ZebDataBlockManager& manager()
+{
+    return ZebDataBlockManager::instance();
+}
+
+ZebHashManager& registry()
+{
+    return ZebHashManager::instance();
+}
+
+QThreadPool& hashingPool()
+{
+    return *ZebThreadPoolManager::instance().threadPool(ZebThreadPoolManager::HashingThreadPool);
+}
+
+// The work of a job, by hand.
+struct OpenJob : ZebHashingJob
+{
+    using ZebHashingJob::processBlock;
+    using ZebHashingJob::processBlockByteArray;
+};
+
+// Leaves the hashing pool one thread, and occupies that one until release() or the end of the
+// scope. A test that waits for the pool in vain goes on after a while, and fails.
+class BusyPool
+{
+public:
+    BusyPool() : m_ThreadCount(hashingPool().maxThreadCount())
+    {
+        hashingPool().waitForDone();
+        hashingPool().setMaxThreadCount(1);
+        hashingPool().start([this] {
+            m_Occupied.release();
+            if (!m_Gate.tryAcquire(1, 20000))
+                m_TimedOut.store(true);
+        });
+        m_Occupied.acquire();
+    }
+    ~BusyPool()
+    {
+        release();
+        hashingPool().setMaxThreadCount(m_ThreadCount);
+        EXPECT_FALSE(m_TimedOut.load()) << "somebody has waited for the pool";
+    }
+    BusyPool(const BusyPool&) = delete;
+    BusyPool& operator=(const BusyPool&) = delete;
+
+    /// Lets the pool go on and waits until it has nothing left to do.
+    void release()
+    {
+        if (!m_Released)
+            m_Gate.release();
+        m_Released = true;
+        hashingPool().waitForDone();
+    }
+
+private:
+    const int m_ThreadCount;
+    QSemaphore m_Occupied;
+    QSemaphore m_Gate;
+    std::atomic<bool> m_TimedOut{false};
+    bool m_Released = false;
+};
+
+// A block that tells when it ends.
+class WatchedBlock : public ZebDataBlock
+{
+public:
+    WatchedBlock(const QByteArray& bytes, std::atomic<int>* ended)
+        : ZebDataBlock(bytes), m_Ended(ended)
+    {}
+    ~WatchedBlock() override { m_Ended->fetch_add(1); }
+
+private:
+    std::atomic<int>* m_Ended;
+};
+
+ZebDataReference pending(const QByteArray& bytes)
+{
+    return ZebDataReference(FuturePointer(new ZebHashingJob(bytes)));
+}
+
+ZebDataReference immediate(const QByteArray& bytes)
+{
+    return manager().addBlock(bytes, ZebModifyAccessor::Cached, true);
+}
+
+QString textOf(const QByteArray& bytes)
+{
+    return ZebDataHash(bytes, ZebDataHash::Hash512).toString();
+}
+
+QByteArray bytesOf(const ZebDataReference& reference)
+{
+    const ZebConstAccessor accessor = reference.constAccessor();
+    if (accessor.isNull())
+        return "no block";
+    return {reinterpret_cast<const char*>(accessor.data()), static_cast<int>(accessor.size())};
+}
+
+void expectIdleCounters()
+{
+    EXPECT_EQ(ZebHashingJob::liveHashJobCount(), 0);
+    EXPECT_EQ(ZebHashingJob::unfinishedHashJobCount(), 0);
+}
+
+} // namespace
+
+// What a job yields
+
+TEST(ZebHashingJob, JobOfBytesYieldsAReferenceOfTheirBlock)
+{
+    const TemporaryStore store;
+    const QByteArray bytes(100000, 'h');
+    const ZebDataReference reference = pending(bytes);
+    EXPECT_TRUE(reference.isInMemory());
+    EXPECT_EQ(reference.hash(), textOf(bytes));
+    EXPECT_EQ(bytesOf(reference), bytes);
+    EXPECT_EQ(manager().liveBytes(), 100000);
+    EXPECT_FALSE(reference.hashPtr()->isDontCache());
+}
+
+TEST(ZebHashingJob, JobOfABlockMakesThatVeryBlockResident)
+{
+    const TemporaryStore store;
+    auto* const block = new ZebDataBlock(QByteArray("a block of its own"));
+    const unsigned char* const address = block->constData();
+    const ZebDataReference reference{FuturePointer(new ZebHashingJob(block))};
+    EXPECT_EQ(reference.constAccessor().data(), address);
+    EXPECT_EQ(reference.hash(), textOf("a block of its own"));
+}
+
+TEST(ZebHashingJob, ResidentBlockOfEqualContentWins)
+{
+    const TemporaryStore store;
+    std::atomic<int> ended{0};
+    const ZebDataReference first = immediate("equal content");
+    const unsigned char* const address = first.constAccessor().data();
+    const ZebDataReference second{
+        FuturePointer(new ZebHashingJob(new WatchedBlock("equal content", &ended)))};
+    second.resolveWork();
+    EXPECT_TRUE(first == second);
+    EXPECT_EQ(second.constAccessor().data(), address);
+    EXPECT_EQ(ended.load(), 1);
+    EXPECT_EQ(manager().liveBytes(), 13);
+}
+
+TEST(ZebHashingJob, PendingAndImmediateBlocksOfEqualBytesAreOne)
+{
+    const TemporaryStore store;
+    const ZebDataReference later = manager().addBlock("one", ZebModifyAccessor::Cached, false);
+    const ZebDataReference now = manager().addBlock("one", ZebModifyAccessor::Cached, true);
+    EXPECT_FALSE(later == now);
+    EXPECT_EQ(later.hash(), now.hash());
+    EXPECT_TRUE(later == now);
+    EXPECT_EQ(manager().liveBlocks(), 1);
+}
+
+TEST(ZebHashingJob, BytesAreSharedUntilTheBlockMakesItsCopy)
+{
+    const TemporaryStore store;
+    QByteArray bytes(5000, 's');
+    ZebDataReference reference;
+    {
+        const BusyPool busy;
+        reference = pending(bytes);
+        EXPECT_FALSE(bytes.isDetached());
+        reference.resolveWork();
+        // Once the job has ended, nothing of it keeps the caller's storage.
+        EXPECT_TRUE(bytes.isDetached());
+    }
+    bytes.fill('x');
+    EXPECT_EQ(bytesOf(reference), QByteArray(5000, 's'));
+}
+
+TEST(ZebHashingJob, WorkByHandDoesWhatTheJobDoes)
+{
+    const TemporaryStore store;
+    const ZebDataReference ofBytes = OpenJob::processBlockByteArray("by hand");
+    EXPECT_FALSE(ofBytes.hasHashJob());
+    EXPECT_TRUE(ofBytes.isInMemory());
+    const ZebDataReference ofBlock = OpenJob::processBlock(new ZebDataBlock("by hand"));
+    EXPECT_TRUE(ofBlock == ofBytes);
+    EXPECT_TRUE(OpenJob::processBlock(nullptr).isNull());
+    EXPECT_EQ(OpenJob::processBlockByteArray(QByteArray()).hash(), textOf(QByteArray()));
+}
+
+TEST(ZebHashingJob, NullBlockYieldsNull)
+{
+    ASSERT_FALSE(manager().isInitialized());
+    const FuturePointer job(new ZebHashingJob(static_cast<ZebDataBlock*>(nullptr)));
+    EXPECT_TRUE(job->data().isNull());
+    EXPECT_TRUE(job->data().isNull());
+}
+
+TEST(ZebHashingJob, ReferenceOnANullBlocksJobIsFatal)
+{
+    EXPECT_FATAL(
+        {
+            const FuturePointer job(new ZebHashingJob(static_cast<ZebDataBlock*>(nullptr)));
+            ZebDataReference(job).resolveWork();
+        },
+        "Null Value for m_DataHash");
+}
+
+TEST(ZebHashingJob, JobWithoutAStoreIsFatal)
+{
+    EXPECT_FATAL(pending("no store").resolveWork(), "Data Block Manager Not Initialized. Aborting");
+}
+
+TEST(ZebHashingJob, JobOfABlockAboveTheLimitIsFatal)
+{
+    EXPECT_FATAL(
+        {
+            manager().setup({}, 100);
+            pending(QByteArray(101, 'x')).resolveWork();
+        },
+        "Requested Block is larger than the maximum allocation size 101 / 100");
+}
+
+// When it runs
+
+TEST(ZebHashingJob, RunsWithNobodyWaiting)
+{
+    const TemporaryStore store;
+    const ZebDataReference reference = pending("nobody asks");
+    EXPECT_TRUE(waitUntil([] { return manager().liveBytes() == 11; }));
+    EXPECT_TRUE(reference.hasHashJob());
+    EXPECT_TRUE(registry().isHashLive(textOf("nobody asks")));
+}
+
+TEST(ZebHashingJob, BlockIsUnknownUntilItsTaskHasRun)
+{
+    const TemporaryStore store;
+    const int registered = registry().hashCount();
+    BusyPool busy;
+    const ZebDataReference reference = manager().addBlock("still unknown");
+    EXPECT_TRUE(reference.hasHashJob());
+    EXPECT_FALSE(reference.isNull());
+    EXPECT_EQ(registry().hashCount(), registered);
+    EXPECT_FALSE(registry().isHashLive(textOf("still unknown")));
+    EXPECT_EQ(manager().liveBytes(), 0);
+    busy.release();
+    EXPECT_TRUE(reference.hasHashJob());
+    EXPECT_TRUE(registry().isHashLive(textOf("still unknown")));
+    EXPECT_EQ(manager().liveBytes(), 13);
+}
+
+TEST(ZebHashingJob, ThreadThatWaitsRunsAJobThatHasNotBegun)
+{
+    const TemporaryStore store;
+    const BusyPool busy;
+    const ZebDataReference first = manager().addBlock("run by who waits");
+    const ZebDataReference second = manager().addBlock("left in the pool");
+    EXPECT_TRUE(first.isInMemory());
+    EXPECT_FALSE(first.hasHashJob());
+    EXPECT_EQ(bytesOf(first), "run by who waits");
+    // Only what was waited for has run.
+    EXPECT_FALSE(registry().isHashLive(textOf("left in the pool")));
+}
+
+TEST(ZebHashingJob, TaskOfTheOneThreadMayWaitForAJob)
+{
+    const TemporaryStore store;
+    ZebDataReference reference;
+    bool resident = false;
+    {
+        BusyPool busy;
+        reference = manager().addBlock("waited for inside the pool");
+        hashingPool().start(
+            [&] { resident = manager().addBlock("added inside the pool").isInMemory(); }, 1);
+        busy.release();
+    }
+    EXPECT_TRUE(resident);
+    EXPECT_TRUE(reference.isInMemory());
+}
+
+TEST(ZebHashingJob, RunsAtPriorityZeroInItsTurn)
+{
+    const TemporaryStore store;
+    const QByteArray bytes("in its turn");
+    const HashPointer hash = registry().getHash(bytes);
+    struct
+    {
+        bool m_MoreUrgent = true;
+        bool m_Before = true;
+        bool m_After = false;
+        bool m_LessUrgent = false;
+    } resident;
+    {
+        BusyPool busy;
+        const auto look = [&](bool* seen, int priority) {
+            hashingPool().start([&hash, seen] { *seen = manager().isInMemory(hash.data()); },
+                                priority);
+        };
+        look(&resident.m_Before, 0);
+        const ZebDataReference reference = pending(bytes);
+        look(&resident.m_After, 0);
+        look(&resident.m_LessUrgent, -1);
+        look(&resident.m_MoreUrgent, 1);
+        busy.release();
+    }
+    EXPECT_FALSE(resident.m_MoreUrgent);
+    EXPECT_FALSE(resident.m_Before);
+    EXPECT_TRUE(resident.m_After);
+    EXPECT_TRUE(resident.m_LessUrgent);
+}
+
+TEST(ZebHashingJob, CleanUpDoesNotWaitForTheHashingPool)
+{
+    TemporaryStore store;
+    BusyPool busy;
+    std::atomic<bool> ran{false};
+    hashingPool().start([&] { ran.store(true); });
+    store.cleanUp();
+    EXPECT_FALSE(manager().isInitialized());
+    EXPECT_FALSE(ran.load());
+    busy.release();
+    EXPECT_TRUE(ran.load());
+}
+
+// Asking for the result
+
+TEST(ZebHashingJob, ResolvingEndsTheJob)
+{
+    const TemporaryStore store;
+    const int alive = ZebBlockFuture::numHashJobs();
+    const ZebDataReference reference = manager().addBlock("resolved once");
+    EXPECT_TRUE(reference.hasHashJob());
+    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + 1);
+    reference.resolveWork();
+    EXPECT_FALSE(reference.hasHashJob());
+    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
+}
+
+TEST(ZebHashingJob, EveryAnswerIsTheSame)
+{
+    const TemporaryStore store;
+    const FuturePointer job(new ZebHashingJob(QByteArray("asked twice")));
+    const ZebDataReference first = job->data();
+    EXPECT_FALSE(first.hasHashJob());
+    EXPECT_FALSE(first.isNull());
+    EXPECT_TRUE(job->data() == first);
+}
+
+TEST(ZebHashingJob, SeveralThreadsMayAskAtOnce)
+{
+    const TemporaryStore store;
+    const int references = ZebDataReference::referenceCount();
+    for (int round = 0; round < 50; ++round) {
+        const QByteArray bytes = "round " + QByteArray::number(round);
+        const QString text = textOf(bytes);
+        std::unique_ptr<BusyPool> busy;
+        // In every other round nothing has begun, and one of the askers does the work.
+        if (round % 2 == 0)
+            busy = std::make_unique<BusyPool>();
+        const FuturePointer job(new ZebHashingJob(bytes));
+        std::atomic<int> ready{0};
+        std::atomic<int> right{0};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([&] {
+                ready.fetch_add(1);
+                while (ready.load() < 4)
+                    std::this_thread::yield();
+                const ZebDataReference mine = job->data();
+                if (!mine.hasHashJob() && mine.hash() == text && mine == job->data())
+                    right.fetch_add(1);
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        ASSERT_EQ(right.load(), 4) << round;
+        busy.reset();
+        ASSERT_FALSE(HasFailure()) << round;
+    }
+    EXPECT_EQ(ZebDataReference::referenceCount(), references);
+}
+
+TEST(ZebHashingJob, CopiesOfAReferenceResolveAtOnce)
+{
+    const TemporaryStore store;
+    const int alive = ZebBlockFuture::numHashJobs();
+    const ZebDataReference twin = immediate(QByteArray(50000, 'c'));
+    ZebDataReference original = manager().addBlock(QByteArray(50000, 'c'));
+    std::vector<std::thread> threads;
+    std::atomic<int> equal{0};
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&equal, &twin, mine = original] {
+            mine.resolveWork();
+            if (mine == twin)
+                equal.fetch_add(1);
+        });
+    }
+    original.resolveWork();
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(equal.load(), 4);
+    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
+}
+
+// The end of a job
+
+TEST(ZebHashingJob, DroppingAPendingReferenceAdmitsTheBlock)
+{
+    const TemporaryStore store;
+    const int alive = ZebBlockFuture::numHashJobs();
+    const HashPointer hash = registry().getHash(QByteArray("dropped"));
+    {
+        // The job cannot have begun by itself when the reference goes.
+        const BusyPool busy;
+        ZebDataReference reference = manager().addBlock("dropped");
+        ASSERT_FALSE(manager().isInMemory(hash.data()));
+        reference = ZebDataReference();
+        EXPECT_TRUE(manager().isInMemory(hash.data()));
+        EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
+    }
+    EXPECT_EQ(bytesOf(ZebDataReference(hash)), "dropped");
+}
+
+TEST(ZebHashingJob, DroppingAPendingReferenceWaitsForARunningJob)
+{
+    const TemporaryStore store;
+    const int alive = ZebBlockFuture::numHashJobs();
+    const HashPointer hash = registry().getHash(QByteArray("dropped while it runs"));
+    const int holders = hash->refCount();
+    std::atomic<bool> begun{false};
+    std::atomic<bool> admitted{false};
+    std::thread thread;
+    {
+        // The job needs this lock to admit the block.
+        const ZebDataDeleteLocker deleteLocker;
+        auto reference = std::make_unique<ZebDataReference>(pending("dropped while it runs"));
+        EXPECT_TRUE(waitUntil([&] { return hash->refCount() > holders; }));
+        thread = std::thread([&admitted, &begun, &hash, mine = std::move(reference)]() mutable {
+            begun.store(true);
+            mine.reset();
+            admitted.store(manager().isInMemory(hash.data()));
+        });
+        EXPECT_TRUE(waitUntil([&] { return begun.load(); }));
+        for (int i = 0; i < 1000; ++i)
+            std::this_thread::yield();
+        EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + 1);
+    }
+    thread.join();
+    EXPECT_TRUE(admitted.load());
+    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
+}
+
+TEST(ZebHashingJob, DroppedBlockGoesWhenNobodyHoldsItsHash)
+{
+    const TemporaryStore store;
+    const int registered = registry().hashCount();
+    const int alive = ZebBlockFuture::numHashJobs();
+    const int references = ZebDataReference::referenceCount();
+    for (int i = 0; i < 300; ++i) {
+        const QByteArray bytes = "dropped at once " + QByteArray::number(i);
+        const QString text = textOf(bytes);
+        FuturePointer job(new ZebHashingJob(bytes));
+        // Most of the time the job is under way by now, and its task ends about when we do.
+        QElapsedTimer timer;
+        timer.start();
+        while (i % 4 != 0 && !registry().isHashLive(text) && timer.elapsed() < 20000)
+            std::this_thread::yield();
+        job = FuturePointer();
+        // The task keeps neither bytes nor result once the wait for it is over.
+        ASSERT_TRUE(bytes.isDetached()) << i;
+        ASSERT_EQ(ZebDataReference::referenceCount(), references) << i;
+    }
+    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
+    EXPECT_TRUE(waitUntil([&] { return registry().hashCount() == registered; }));
+    EXPECT_TRUE(waitUntil([] { return manager().liveBytes() == 0; }));
+    EXPECT_TRUE(waitUntil([] { return manager().liveBlocks() == 0; }));
+}
+
+TEST(ZebHashingJob, JobKeepsTheBlockRegisteredUntilItGoes)
+{
+    const TemporaryStore store;
+    const int registered = registry().hashCount();
+    {
+        const ZebDataReference unresolved = pending("kept by the job");
+        EXPECT_TRUE(waitUntil([] { return manager().liveBytes() == 15; }));
+        EXPECT_EQ(registry().hashCount(), registered + 1);
+    }
+    EXPECT_TRUE(waitUntil([&] { return registry().hashCount() == registered; }));
+    EXPECT_TRUE(waitUntil([] { return manager().liveBytes() == 0; }));
+}
+
+TEST(ZebHashingJob, DroppingAQueuedJobOfABlockTakesTheBlockAlong)
+{
+    const TemporaryStore store;
+    std::atomic<int> ended{0};
+    {
+        const BusyPool busy;
+        const FuturePointer job(new ZebHashingJob(new WatchedBlock("queued block", &ended)));
+        EXPECT_EQ(ended.load(), 0);
+    }
+    EXPECT_TRUE(waitUntil([&] { return ended.load() == 1; }));
+}
+
+// Copies and counters
+
+TEST(ZebHashingJob, CopySharesTheRunningWork)
+{
+    const TemporaryStore store;
+    const int alive = ZebBlockFuture::numHashJobs();
+    {
+        const BusyPool busy;
+        ZebHashingJob job(QByteArray("shared work"));
+        ZebHashingJob copy(job);
+        EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + 1);
+        EXPECT_EQ(copy.refCount(), 0);
+        const ZebDataReference ofCopy = copy.data();
+        EXPECT_EQ(ofCopy.hash(), textOf("shared work"));
+        EXPECT_TRUE(job.data() == ofCopy);
+        // What has been asked for is copied as well.
+        ZebHashingJob second(job);
+        EXPECT_TRUE(second.data() == ofCopy);
+    }
+    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive - 2);
+    privateMember(AliveCounter())->fetchAndAddOrdered(2);
+}
+
+TEST(ZebHashingJob, AssignmentTakesWorkAndResult)
+{
+    const TemporaryStore store;
+    const int alive = ZebBlockFuture::numHashJobs();
+    {
+        ZebHashingJob source(QByteArray("source"));
+        ZebHashingJob target(QByteArray("target"));
+        EXPECT_EQ(target.data().hash(), textOf("target"));
+        target = source;
+        EXPECT_EQ(target.data().hash(), textOf("source"));
+        const ZebHashingJob& alias = target;
+        target = alias;
+        EXPECT_EQ(target.data().hash(), textOf("source"));
+        ZebHashingJob late(QByteArray("late"));
+        late = target;
+        EXPECT_TRUE(late.data() == target.data());
+        EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + 3);
+    }
+    hashingPool().waitForDone();
+    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
+}
+
+TEST(ZebHashingJob, IdleCountersNeverMove)
+{
+    const TemporaryStore store;
+    expectIdleCounters();
+    {
+        BusyPool busy;
+        const ZebDataReference queued = pending("queued");
+        expectIdleCounters();
+        busy.release();
+        expectIdleCounters();
+    }
+    expectIdleCounters();
+}
+
+TEST(ZebHashingJob, IsAFutureThatHostsMayMake)
+{
+    static_assert(std::is_base_of_v<ZebBlockFuture, ZebHashingJob>);
+    const TemporaryStore store;
+    // By the base: data() is virtual.
+    const std::unique_ptr<ZebBlockFuture> job =
+        std::make_unique<ZebHashingJob>(QByteArray("by the base"));
+    EXPECT_EQ(job->data().hash(), textOf("by the base"));
+}

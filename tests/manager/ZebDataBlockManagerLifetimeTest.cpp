@@ -1,0 +1,468 @@
+#include "manager/ZebDataBlockManager.h"
+
+#include "data/ZebDataBlock.h"
+#include "data/ZebDataReference.h"
+#include "data/ZebThreadPoolManager.h"
+#include "hash/ZebHashManager.h"
+#include "manager/ZebMemoryStatus.h"
+#include "support/Fatal.h"
+#include "support/MessageCapture.h"
+#include "support/PrivateAccess.h"
+#include "support/TemporaryStore.h"
+#include "support/ZebStoredCall.h"
+#include "support/ZebTdxLog.h"
+
+#include <QDir>
+#include <QFile>
+#include <QSemaphore>
+#include <QTemporaryDir>
+#include <QThreadPool>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+#include <vector>
+
+ZEBTDX_ACCESS(WritePendingTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
+              m_MaxWritePendingDataCacheSize)
+ZEBTDX_ACCESS(BlocksFreedTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
+              m_BlocksFreedCount)
+ZEBTDX_ACCESS(PromotionTag, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
+              m_RequestPromotionEnabled)
+ZEBTDX_ACCESS(SubCacheTag, ZebDataBlockManager, QString ZebDataBlockManager::*, m_SubCache)
+ZEBTDX_ACCESS(AddBlockTag, ZebDataBlockManager,
+              ZebDataReference (ZebDataBlockManager::*)(ZebDataBlock*, ZebModifyAccessor::Caching,
+                                                        bool),
+              addBlock)
+
+namespace {
+
+constexpr int s_DeadlineMs = 20000;
+constexpr int s_LongerThanAReturnMs = 300;
+constexpr qint64 s_Gigabyte = 1024 * 1024 * 1024;
+
+ZebDataBlockManager& manager()
+{
+    return ZebDataBlockManager::instance();
+}
+
+// Another manager than the one of the process, for what happens at the two ends of its life.
+class OwnManager : public ZebDataBlockManager
+{
+public:
+    using ZebDataBlockManager::makeBlockLive;
+};
+
+// A block that counts its end.
+class CountedBlock : public ZebDataBlock
+{
+public:
+    CountedBlock(const QByteArray& bytes, int* ended) : ZebDataBlock(bytes), m_Ended(ended) {}
+    ~CountedBlock() override { ++*m_Ended; }
+
+private:
+    int* m_Ended;
+};
+
+// The memory of a made-up machine, for the length of a scope.
+class Machine
+{
+public:
+    Machine(qint64 totalKb, qint64 swapKb)
+    {
+        ZebMemoryStatus::setSourceRoot(m_Directory.path());
+        QDir(m_Directory.path()).mkpath(QStringLiteral("proc"));
+        QFile file(m_Directory.path() + QStringLiteral("/proc/meminfo"));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("MemTotal: " + QByteArray::number(totalKb) +
+                   " kB\nSwapTotal: " + QByteArray::number(swapKb) + " kB\n");
+    }
+    ~Machine() { ZebMemoryStatus::setSourceRoot(QString()); }
+
+private:
+    QTemporaryDir m_Directory;
+};
+
+QString line(const char* text)
+{
+    return QString::fromLatin1(text);
+}
+
+QString sizeLine(qint64 bytes, qint64 megabytes)
+{
+    return QStringLiteral("[TDX] Max data cache size    = %1 bytes (%2 MB)")
+        .arg(bytes)
+        .arg(megabytes);
+}
+
+QString pendingLine(qint64 bytes, qint64 megabytes)
+{
+    return QStringLiteral("[TDX] Max write pending size = %1 bytes (%2 MB)")
+        .arg(bytes)
+        .arg(megabytes);
+}
+
+QString targetLine(qint64 bytes, qint64 megabytes)
+{
+    return QStringLiteral("[TDX] Target Free Memory = %1 bytes (%2 MB)").arg(bytes).arg(megabytes);
+}
+
+qint64 writePendingLimit()
+{
+    return manager().*privateMember(WritePendingTag());
+}
+
+ZebDataReference addCounted(const QByteArray& bytes, ZebModifyAccessor::Caching caching, int* ended)
+{
+    return (manager().*privateMember(AddBlockTag()))(new CountedBlock(bytes, ended), caching, true);
+}
+
+// Brings the settings that outlive a clean-up back to what they were.
+class KeptSettings
+{
+public:
+    KeptSettings()
+        : m_Size(manager().maxDataCacheSize()),
+          m_Factor(manager().maxWritePendingSizeFactor()),
+          m_Target(manager().targetFreeMemorySize())
+    {}
+    ~KeptSettings()
+    {
+        manager().setMaxDataCacheSize(m_Size);
+        manager().setMaxWritePendingSizeFactor(m_Factor);
+        manager().setTargetFreeMemorySize(m_Target);
+    }
+
+private:
+    MessageCapture m_Messages;
+    qint64 m_Size;
+    float m_Factor;
+    qint64 m_Target;
+};
+
+} // namespace
+
+TEST(ZebDataBlockManagerLifetime, ThereIsOneStoreForTheProcess)
+{
+    const MessageCapture messages;
+    std::vector<ZebDataBlockManager*> seen(4, nullptr);
+    std::vector<std::thread> threads;
+    for (ZebDataBlockManager*& slot : seen)
+        threads.emplace_back([&slot] { slot = &ZebDataBlockManager::instance(); });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (ZebDataBlockManager* const one : seen)
+        EXPECT_EQ(one, &manager());
+}
+
+TEST(ZebDataBlockManagerLifetime, AFreshStoreHasItsDefaultsAndTellsThem)
+{
+    const Machine machine(8 * 1024 * 1024 + 3, 1);
+    const MessageCapture quiet;
+    manager();
+    const MessageCapture messages;
+    const OwnManager fresh;
+    const qint64 size = 2 * s_Gigabyte + 768;
+    EXPECT_EQ(messages.debugLines(),
+              QStringList({sizeLine(size, 2048), pendingLine(s_Gigabyte + 384, 1024),
+                           targetLine(536870912, 512)}));
+    for (const MessageCapture::Message& message : messages.messages())
+        EXPECT_FALSE(message.m_HasContext);
+
+    EXPECT_EQ(fresh.maxDataCacheSize(), size);
+    EXPECT_EQ(ZebDataBlockManager::defaultCacheSize(), size);
+    EXPECT_EQ(fresh.maxWritePendingSizeFactor(), 0.5F);
+    EXPECT_EQ(fresh.targetFreeMemorySize(), 536870912);
+    EXPECT_EQ(fresh.numBuckets(), 10);
+    EXPECT_TRUE(fresh.cacheRoots().isEmpty());
+    EXPECT_FALSE(fresh.isInitialized());
+    EXPECT_FALSE(fresh.garbageCollecting());
+    EXPECT_EQ(fresh.liveBytes(), 0);
+    EXPECT_EQ(fresh.liveBlocks(), 0);
+    EXPECT_EQ((fresh.*privateMember(BlocksFreedTag())).load(), -1);
+    EXPECT_FALSE((fresh.*privateMember(PromotionTag())).load());
+    EXPECT_TRUE((fresh.*privateMember(SubCacheTag())).isNull());
+}
+
+TEST(ZebDataBlockManagerLifetime, DefaultsCanBeAskedFor)
+{
+    const MessageCapture messages;
+    EXPECT_EQ(ZebDataBlockManager::defaultMaxWritePendingSizeFactor(), 0.5F);
+    EXPECT_EQ(manager().defaultTargetFreeMemorySize(), 0x20000000);
+    const Machine machine(7, 1);
+    EXPECT_EQ(ZebDataBlockManager::defaultCacheSize(), 7 * 1024 / 4);
+}
+
+TEST(ZebDataBlockManagerLifetime, OnAnUnreadableMachineTheDefaultIsAQuarterOfTheGuess)
+{
+    const MessageCapture quiet;
+    manager();
+    const QTemporaryDir nothing;
+    ZebMemoryStatus::setSourceRoot(nothing.path());
+    const MessageCapture messages;
+    const OwnManager fresh;
+    ZebMemoryStatus::setSourceRoot(QString());
+    EXPECT_EQ(fresh.maxDataCacheSize(), 2 * s_Gigabyte);
+    EXPECT_EQ(messages.debugLines(),
+              QStringList({line("ZebSystemMemory.cpp:165:[ !! ] Error retrieving memory "
+                                "information."),
+                           sizeLine(2 * s_Gigabyte, 2048), pendingLine(s_Gigabyte, 1024),
+                           targetLine(536870912, 512)}));
+}
+
+TEST(ZebDataBlockManagerLifetime, TheRegistryIsBuiltInsideTheStoresOwnConstruction)
+{
+    // In a process of its own neither exists yet.
+    EXPECT_EXIT(
+        {
+            const MessageCapture messages;
+            manager();
+            const QStringList lines = messages.debugLines();
+            ZebHashManager::instance();
+            const bool inside = lines.size() == 4 && lines.at(2).startsWith(line("[TDX] Target")) &&
+                                !lines.at(3).startsWith(line("[TDX]")) &&
+                                messages.debugLines().size() == lines.size();
+            std::exit(inside ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+TEST(ZebDataBlockManagerLifetime, AProcessMayEndWithTheStoreSetUp)
+{
+    EXPECT_EXIT(
+        {
+            const MessageCapture messages;
+            // Built before the store, so it goes after, and what is built after goes before.
+            static const QTemporaryDir root;
+            manager().setup({root.path()}, 1000);
+            static ZebDataReference kept = manager().addBlock("kept", ZebModifyAccessor::Cached);
+            kept.resolveWork();
+            manager().addBlock("other", ZebModifyAccessor::DontCache);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+TEST(ZebDataBlockManagerLifetime, TheEndOfAStoreTurnsTheLogOffAndDropsItsBlocks)
+{
+    const MessageCapture messages;
+    ZebTdxLog::instance().setEnabled(true);
+    int ended = 0;
+    {
+        OwnManager own;
+        own.setup({}, 1000);
+        const ZebSmartPointer<ZebDataHash> hash(new ZebDataHash("x", ZebDataHash::Hash512));
+        hash->setDontCache(true);
+        own.makeBlockLive(hash.data(), new CountedBlock("x", &ended));
+        EXPECT_EQ(own.liveBytes(), 1);
+        EXPECT_TRUE(ZebTdxLog::instance().enabled());
+    }
+    EXPECT_EQ(ended, 1);
+    EXPECT_FALSE(ZebTdxLog::instance().enabled());
+    ZebTdxLog::instance().setEnabled(true);
+}
+
+TEST(ZebDataBlockManagerLifetime, CleanUpBringsTheStoreBack)
+{
+    TemporaryStore store;
+    const ZebDataReference reference = manager().addBlock("some bytes");
+    reference.resolveWork();
+    manager().addBlock("gone at once", ZebModifyAccessor::DontCache);
+    EXPECT_EQ((manager().*privateMember(BlocksFreedTag())).load(), 0);
+    manager().*privateMember(SubCacheTag()) = line("Sub");
+    store.cleanUp();
+    EXPECT_EQ(manager().liveBytes(), 0);
+    EXPECT_EQ(manager().liveBlocks(), 0);
+    EXPECT_EQ(manager().maxDataCacheSize(), 0);
+    EXPECT_EQ(manager().numBuckets(), 0);
+    EXPECT_TRUE(manager().cacheRoots().isEmpty());
+    EXPECT_FALSE(manager().garbageCollecting());
+    EXPECT_FALSE(manager().isInitialized());
+    EXPECT_TRUE((manager().*privateMember(SubCacheTag())).isEmpty());
+    EXPECT_EQ((manager().*privateMember(BlocksFreedTag())).load(), -1);
+}
+
+TEST(ZebDataBlockManagerLifetime, AfterCleanUpWithoutReferencesNoHashIsManaged)
+{
+    TemporaryStore store;
+    manager().addBlock("some bytes").resolveWork();
+    store.cleanUp();
+    EXPECT_EQ(manager().managedBlocks(), 0);
+}
+
+TEST(ZebDataBlockManagerLifetime, AfterCleanUpTheDefaultLimitDoesNotComeBack)
+{
+    const KeptSettings kept;
+    const MessageCapture messages;
+    manager().setup({}, 1000);
+    manager().cleanUp();
+    manager().setup({}, -1);
+    EXPECT_EQ(manager().maxDataCacheSize(), 0);
+    manager().cleanUp();
+}
+
+TEST(ZebDataBlockManagerLifetime, CleanUpLeavesTheOtherSettingsAlone)
+{
+    const KeptSettings kept;
+    const MessageCapture messages;
+    manager().setup({}, 8 * 1024 * 1024);
+    manager().setMaxWritePendingSizeFactor(0.75F);
+    manager().setTargetFreeMemorySize(12345);
+    std::atomic<bool>& promotion = manager().*privateMember(PromotionTag());
+    promotion = true;
+    manager().cleanUp();
+    EXPECT_EQ(manager().maxWritePendingSizeFactor(), 0.75F);
+    EXPECT_EQ(manager().targetFreeMemorySize(), 12345);
+    EXPECT_EQ(writePendingLimit(), 6 * 1024 * 1024);
+    EXPECT_TRUE(promotion.load());
+    promotion = false;
+}
+
+TEST(ZebDataBlockManagerLifetime, CleanUpOfAStoreThatIsNotSetUpChangesNothing)
+{
+    const KeptSettings kept;
+    manager().setMaxDataCacheSize(777);
+    const MessageCapture messages;
+    int told = 0;
+    QObject context;
+    QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
+                     [&told] { ++told; });
+    manager().setAllFreeBlocksFlushed(true);
+    manager().cleanUp(true);
+    EXPECT_EQ(manager().maxDataCacheSize(), 777);
+    EXPECT_TRUE(manager().allFreeBlocksFlushed());
+    manager().setAllFreeBlocksFlushed(false);
+    EXPECT_EQ(told, 2);
+    EXPECT_TRUE(messages.messages().isEmpty());
+}
+
+TEST(ZebDataBlockManagerLifetime, CleanUpDeletesEveryBlockOnce)
+{
+    int ended = 0;
+    TemporaryStore store;
+    const ZebDataReference one = addCounted("one", ZebModifyAccessor::Cached, &ended);
+    const ZebDataReference two = addCounted("two", ZebModifyAccessor::DontCache, &ended);
+    EXPECT_EQ(ended, 0);
+    store.cleanUp();
+    EXPECT_EQ(ended, 2);
+    store.cleanUp();
+    EXPECT_EQ(ended, 2);
+}
+
+TEST(ZebDataBlockManagerLifetime, TheStoreMayBeSetUpAgainAfterCleanUp)
+{
+    TemporaryStore store;
+    store.cleanUp();
+    store.setupAgain();
+    EXPECT_TRUE(manager().isInitialized());
+    EXPECT_EQ(manager().cacheRoots(), store.roots());
+    const ZebDataReference reference = manager().addBlock("again");
+    EXPECT_TRUE(reference.isInMemory());
+    EXPECT_EQ(manager().liveBytes(), 5);
+}
+
+TEST(ZebDataBlockManagerLifetime, CleanUpClearsTheFlagAndTellsWhenAllIsDone)
+{
+    TemporaryStore store;
+    manager().addBlock("bytes").resolveWork();
+    manager().setAllFreeBlocksFlushed(true);
+    int told = 0;
+    QObject context;
+    QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
+                     [&told](bool flushed) {
+                         ++told;
+                         EXPECT_FALSE(flushed);
+                         EXPECT_FALSE(manager().allFreeBlocksFlushed());
+                         EXPECT_FALSE(manager().isInitialized());
+                         EXPECT_EQ(manager().liveBlocks(), 0);
+                         EXPECT_EQ(manager().maxDataCacheSize(), 0);
+                     });
+    store.cleanUp();
+    EXPECT_EQ(told, 1);
+    EXPECT_FALSE(manager().allFreeBlocksFlushed());
+
+    // A flag that is clear already is no change.
+    store.setupAgain();
+    store.cleanUp();
+    EXPECT_EQ(told, 1);
+}
+
+TEST(ZebDataBlockManagerLifetime, CleanUpHandlesPendingEventsWhenAskedTo)
+{
+    const MessageCapture messages;
+    bool handled = false;
+    QObject context;
+    manager().setup({}, 1000);
+    QMetaObject::invokeMethod(
+        &context,
+        [&handled] {
+            handled = true;
+            EXPECT_FALSE(manager().isInitialized());
+        },
+        Qt::QueuedConnection);
+    manager().cleanUp(false);
+    EXPECT_FALSE(handled);
+    manager().setup({}, 1000);
+    manager().cleanUp(true);
+    EXPECT_TRUE(handled);
+}
+
+TEST(ZebDataBlockManagerLifetime, CleanUpWaitsForTheGlobalPoolAtItsEnd)
+{
+    const MessageCapture messages;
+    QSemaphore returned;
+    QFuture<bool> task;
+    QObject context;
+    manager().setup({}, 1000);
+    manager().setAllFreeBlocksFlushed(true);
+    // The task comes in late, when blocks and settings have gone.
+    QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
+                     [&](bool) {
+                         task = ZebStoredCall::start<bool>(QThreadPool::globalInstance(), [&] {
+                             return returned.tryAcquire(1, s_LongerThanAReturnMs);
+                         });
+                     });
+    manager().cleanUp();
+    returned.release();
+    EXPECT_FALSE(task.result()) << "the clean-up returned before the task had ended";
+}
+
+TEST(ZebDataBlockManagerLifetime, ATaskOfTheGlobalPoolStillFindsTheStoreSetUp)
+{
+    const TemporaryStore store;
+    QSemaphore begun;
+    QSemaphore cleaned;
+    QObject context;
+    manager().setAllFreeBlocksFlushed(true);
+    QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
+                     [&](bool) { cleaned.release(); });
+    const QFuture<bool> task = ZebStoredCall::start<bool>(QThreadPool::globalInstance(), [&] {
+        begun.release();
+        const bool cleanedMeanwhile = cleaned.tryAcquire(1, s_LongerThanAReturnMs);
+        return !cleanedMeanwhile && manager().isInitialized();
+    });
+    begun.acquire();
+    manager().cleanUp();
+    EXPECT_TRUE(task.result()) << "the blocks went before the task had ended";
+}
+
+TEST(ZebDataBlockManagerLifetime, CleanUpDoesNotWaitForTheHashingPool)
+{
+    const MessageCapture messages;
+    QThreadPool* const pool =
+        ZebThreadPoolManager::instance().threadPool(ZebThreadPoolManager::HashingThreadPool);
+    QSemaphore begun;
+    QSemaphore returned;
+    const QFuture<bool> task = ZebStoredCall::start<bool>(pool, [&] {
+        begun.release();
+        return returned.tryAcquire(1, s_DeadlineMs);
+    });
+    begun.acquire();
+    manager().setup({}, 1000);
+    manager().cleanUp();
+    returned.release();
+    EXPECT_TRUE(task.result()) << "the clean-up waited for the task";
+}

@@ -1,0 +1,422 @@
+// Asking for blocks ahead of need, and the switch that makes asking twice count.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "support/FakeMemory.h"
+#include "support/Fatal.h"
+#include "support/StoreInside.h"
+#include "support/TemporaryStore.h"
+#include "support/TestBytes.h"
+#include "support/WaitUntil.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QWriteLocker>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+ZEBTDX_ACCESS(ReaderListTag, ZebDataBlockReadThread,
+              ZebPriorityList<ZebSmartPointer<ZebDataHash>> ZebDataBlockReadThread::*, m_Requests)
+ZEBTDX_ACCESS(ReaderLockTag, ZebDataBlockReadThread, QReadWriteLock ZebDataBlockReadThread::*,
+              m_Lock)
+
+using StoreInside::manager;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+constexpr int s_Block = 1000;
+constexpr int s_TenSecondsMs = 10000;
+
+QString switchedOn()
+{
+    return QStringLiteral("ZebTDx Setting Request Promotion Enabled to TRUE 1");
+}
+
+QString switchedOff()
+{
+    return QStringLiteral("ZebTDx Setting Request Promotion Enabled to FALSE 0");
+}
+
+ZebDataReference add(int size, quint32 seed)
+{
+    return manager().addBlock(testBytes(size, seed), ZebModifyAccessor::Cached, true);
+}
+
+// Written blocks that are on disk only, of the seeds 1, 2 and so on.
+std::vector<ZebDataReference> addToDisk(int count, int size = s_Block)
+{
+    std::vector<ZebDataReference> references;
+    for (int i = 1; i <= count; ++i)
+        references.push_back(add(size, static_cast<quint32>(i)));
+    manager().flush(true, ZebDataBlockManager::AllThreads);
+    manager().freeAllBlocks();
+    return references;
+}
+
+using Waiting = std::pair<int, ZebDataHash*>;
+
+// What waits in a reader's list: the priorities and hashes in order.
+std::vector<Waiting> waiting(ZebDataBlockReadThread* reader)
+{
+    const QWriteLocker locker(&(reader->*privateMember(ReaderLockTag())));
+    const auto& list = reader->*privateMember(ReaderListTag());
+    std::vector<Waiting> entries;
+    for (int i = 0; i < list.size(); ++i)
+        entries.emplace_back(list.priorityAt(i), list.valueAt(i).data());
+    return entries;
+}
+
+// Holds the only reader still until release(): it has the preload of this block in hand, whose file
+// is a pipe that nobody fills.
+class HeldReader
+{
+public:
+    explicit HeldReader(const ZebDataReference& reference)
+        : m_Path(QFile::encodeName(StoreInside::fileOf(reference))), m_Aside(m_Path + ".aside")
+    {
+        const int handled = StoreInside::preloadsHandled();
+        EXPECT_EQ(::rename(m_Path.constData(), m_Aside.constData()), 0);
+        EXPECT_EQ(::mkfifo(m_Path.constData(), S_IRUSR | S_IWUSR), 0);
+        reference.preload(ZebDataBlockManager::PreloadHigh);
+        EXPECT_TRUE(waitUntil([handled] { return StoreInside::preloadsHandled() == handled + 1; }));
+    }
+    ~HeldReader() { release(); }
+    HeldReader(const HeldReader&) = delete;
+    HeldReader& operator=(const HeldReader&) = delete;
+
+    // The reader finds an empty pipe, and then the file in its place.
+    void release()
+    {
+        if (std::exchange(m_Released, true))
+            return;
+        int pipe = -1;
+        EXPECT_TRUE(waitUntil([this, &pipe] {
+            pipe = ::open(m_Path.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            return pipe >= 0;
+        }));
+        EXPECT_EQ(::rename(m_Aside.constData(), m_Path.constData()), 0);
+        ::close(pipe);
+    }
+
+private:
+    QByteArray m_Path;
+    QByteArray m_Aside;
+    bool m_Released = false;
+};
+
+class ZebDataBlockManagerPreload : public testing::Test
+{
+protected:
+    ZebDataBlockManagerPreload() : ZebDataBlockManagerPreload(TemporaryStore::Options()) {}
+    explicit ZebDataBlockManagerPreload(const TemporaryStore::Options& options) : m_Store(options)
+    {
+        manager().flushMemory(true);
+    }
+    ~ZebDataBlockManagerPreload() override { manager().setRequestPromotionEnabled(false); }
+
+    FakeMemory m_Memory;
+    TemporaryStore m_Store;
+};
+
+class ZebDataBlockManagerPreloadTwoRoots : public ZebDataBlockManagerPreload
+{
+protected:
+    ZebDataBlockManagerPreloadTwoRoots() : ZebDataBlockManagerPreload(options()) {}
+
+    static TemporaryStore::Options options()
+    {
+        TemporaryStore::Options options;
+        options.m_Roots = 2;
+        return options;
+    }
+};
+
+} // namespace
+
+TEST_F(ZebDataBlockManagerPreloadTwoRoots, BringsAnImagesTilesBackWithNoFurtherCall)
+{
+    constexpr int tile = 256 * 256;
+    const std::vector<ZebDataReference> tiles = addToDisk(64, tile);
+    const int handled = StoreInside::writesHandled();
+    for (const ZebDataReference& reference : tiles)
+        reference.preload(ZebDataBlockManager::PreloadNormal);
+    EXPECT_TRUE(waitUntil([] { return manager().liveBlocks() == 64; }, s_TenSecondsMs));
+    quint32 seed = 0;
+    for (const ZebDataReference& reference : tiles) {
+        EXPECT_TRUE(reference.isInMemory());
+        EXPECT_TRUE(holdsTestBytes(reference, tile, ++seed));
+        EXPECT_TRUE(StoreInside::blockOf(reference)->cached());
+    }
+    manager().flush(true, ZebDataBlockManager::AllThreads);
+    EXPECT_EQ(StoreInside::writesHandled(), handled) << "what comes from disk is not written";
+}
+
+TEST_F(ZebDataBlockManagerPreload, OfANullReferenceDoesNothingEvenWithoutAStore)
+{
+    manager().preloadData(ZebDataReference());
+    m_Store.cleanUp();
+    m_Store.messages().clear();
+    manager().preloadData(ZebDataReference());
+    ZebDataReference().preload();
+    EXPECT_THAT(m_Store.messages().debugLines(), IsEmpty());
+}
+
+TEST_F(ZebDataBlockManagerPreload, NeedsAStore)
+{
+    const ZebDataReference reference = add(s_Block, 1);
+    m_Store.cleanUp();
+    EXPECT_FATAL(manager().preloadData(reference, ZebDataBlockManager::PreloadHigh),
+                 "Data Block Manager Not Initialized. Aborting");
+}
+
+TEST_F(ZebDataBlockManagerPreload, NeedsACacheRoot)
+{
+    const ZebDataReference reference = add(s_Block, 1);
+    m_Store.cleanUp();
+    EXPECT_FATAL(
+        {
+            manager().setup(QStringList(), s_Block);
+            manager().preloadData(reference);
+        },
+        "Number of cache paths is zero");
+}
+
+TEST_F(ZebDataBlockManagerPreload, WaitsForTheJobOfAPendingReference)
+{
+    const ZebDataReference reference = manager().addBlock(testBytes(s_Block, 1));
+    EXPECT_TRUE(reference.hasHashJob());
+    manager().preloadData(reference);
+    EXPECT_FALSE(reference.hasHashJob());
+    EXPECT_EQ(StoreInside::preloadsHandled(), 0) << "it is resident";
+}
+
+TEST_F(ZebDataBlockManagerPreload, OfAResidentBlockMakesItTheNewestAndLoadsNothing)
+{
+    const ZebDataReference a = add(s_Block, 1);
+    const ZebDataReference b = add(s_Block, 2);
+    a.preload();
+    EXPECT_THAT(StoreInside::evictable(), ElementsAre(b.hashPtr().data(), a.hashPtr().data()));
+    EXPECT_FALSE(a.hashPtr()->isPreloading());
+    manager().flush(false, ZebDataBlockManager::ReadThreads);
+    EXPECT_EQ(StoreInside::preloadsHandled(), 0);
+}
+
+TEST_F(ZebDataBlockManagerPreload, OfALockedBlockLeavesItLocked)
+{
+    const ZebDataReference a = add(s_Block, 1);
+    const ZebDataReference b = add(s_Block, 2);
+    const ZebConstAccessor accessor = a.constAccessor();
+    a.preload();
+    EXPECT_THAT(StoreInside::evictable(), ElementsAre(b.hashPtr().data()));
+    EXPECT_EQ(accessor.count(), 1);
+    EXPECT_FALSE(a.hashPtr()->isPreloading());
+}
+
+TEST_F(ZebDataBlockManagerPreload, OfAResidentDoNotCacheBlockLoadsNothing)
+{
+    const ZebDataReference kept =
+        manager().addBlock(testBytes(s_Block, 1), ZebModifyAccessor::DontCache);
+    kept.preload();
+    EXPECT_FALSE(kept.hashPtr()->isPreloading());
+    EXPECT_THAT(StoreInside::evictable(), IsEmpty());
+}
+
+TEST_F(ZebDataBlockManagerPreload, MakesRoomForWhatComes)
+{
+    constexpr int size = 600000;
+    manager().setMaxDataCacheSize(1048576);
+    const ZebDataReference a = add(size, 1);
+    const ZebDataReference b = add(size, 2);
+    manager().flush(true, ZebDataBlockManager::AllThreads);
+    EXPECT_FALSE(a.isInMemory());
+    a.preload();
+    EXPECT_TRUE(waitUntil([&a] { return a.isInMemory(); }));
+    EXPECT_FALSE(b.isInMemory());
+    EXPECT_EQ(manager().liveBytes(), size);
+    EXPECT_TRUE(holdsTestBytes(a, size, 1));
+}
+
+TEST_F(ZebDataBlockManagerPreload, IsServedInTheOrderOfPriorities)
+{
+    const std::vector<ZebDataReference> blocks = addToDisk(5);
+    HeldReader held(blocks.at(0));
+    blocks.at(1).preload(ZebDataBlockManager::PreloadLow);
+    blocks.at(2).preload(ZebDataBlockManager::PreloadHigh);
+    blocks.at(3).preload(ZebDataBlockManager::PreloadNormal);
+    blocks.at(4).preload();
+    EXPECT_THAT(waiting(StoreInside::readers().front()),
+                ElementsAre(Waiting(0, blocks.at(2).hashPtr().data()),
+                            Waiting(1, blocks.at(3).hashPtr().data()),
+                            Waiting(1, blocks.at(4).hashPtr().data()),
+                            Waiting(2, blocks.at(1).hashPtr().data())));
+    for (const ZebDataReference& reference : blocks)
+        EXPECT_TRUE(reference.hashPtr()->isPreloading());
+    held.release();
+    EXPECT_TRUE(waitUntil([] { return manager().liveBlocks() == 5; }));
+    for (const ZebDataReference& reference : blocks)
+        EXPECT_TRUE(waitUntil([&] { return !reference.hashPtr()->isPreloading(); }));
+}
+
+TEST_F(ZebDataBlockManagerPreload, OfLowPriorityIsSilentlyDroppedWhenTheListIsLong)
+{
+    const std::vector<ZebDataReference> blocks = addToDisk(52);
+    HeldReader held(blocks.at(0));
+    for (std::size_t i = 1; i <= 50; ++i)
+        blocks.at(i).preload(ZebDataBlockManager::PreloadNormal);
+    m_Store.messages().clear();
+    const ZebDataReference& last = blocks.at(51);
+    last.preload(ZebDataBlockManager::PreloadLow);
+    EXPECT_THAT(waiting(StoreInside::readers().front()), SizeIs(50));
+    EXPECT_FALSE(last.hashPtr()->isPreloading()) << "it may be asked for again";
+    EXPECT_THAT(m_Store.messages().debugLines(), IsEmpty());
+    last.preload(ZebDataBlockManager::PreloadNormal);
+    EXPECT_THAT(waiting(StoreInside::readers().front()), SizeIs(51));
+    held.release();
+    EXPECT_TRUE(waitUntil([] { return manager().liveBlocks() == 52; }));
+}
+
+TEST_F(ZebDataBlockManagerPreload, OfABlockThatIsMissingReportsNothingAndTakesNoFurtherRequests)
+{
+    const ZebDataReference reference = addToDisk(1).front();
+    const QString file = StoreInside::fileOf(reference);
+    const QString aside = file + QStringLiteral(".aside");
+    ASSERT_TRUE(QFile::rename(file, aside));
+    reference.preload();
+    EXPECT_TRUE(waitUntil([this] {
+        return m_Store.messages().debugLines().indexOf(
+                   QRegularExpression(QStringLiteral("^Cannot read data from file '.*'$"))) != -1;
+    }));
+    EXPECT_TRUE(reference.hashPtr()->isPreloading());
+    reference.preload();
+    manager().flush(false, ZebDataBlockManager::ReadThreads);
+    EXPECT_EQ(StoreInside::preloadsHandled(), 1);
+    EXPECT_FALSE(reference.isInMemory());
+
+    ASSERT_TRUE(QFile::rename(aside, file));
+    EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1)) << "a read of one's own still works";
+    EXPECT_FALSE(reference.hashPtr()->isPreloading());
+    manager().freeAllBlocks();
+    reference.preload();
+    EXPECT_TRUE(waitUntil([&reference] { return reference.isInMemory(); }));
+}
+
+TEST_F(ZebDataBlockManagerPreloadTwoRoots, FromManyThreadsBesideReadsKeepsEveryByteRight)
+{
+    constexpr int size = 16384;
+    constexpr int blocks = 100;
+    manager().setMaxDataCacheSize(size * blocks / 5);
+    const std::vector<ZebDataReference> references = addToDisk(blocks, size);
+    std::atomic<int> wrong{0};
+    std::atomic<int> reading{2};
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 3; ++t) {
+        // References are values: each thread works on its own copies.
+        threads.emplace_back([copies = references, &reading, t] {
+            for (unsigned i = t; reading > 0; i += 7) {
+                copies.at(i % blocks)
+                    .preload(static_cast<ZebDataBlockManager::PreloadPriority>(i % 3));
+                if (i % 64 == 0)
+                    std::this_thread::yield();
+            }
+        });
+    }
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([copies = references, &reading, &wrong, t] {
+            for (int i = 0; i < 1000; ++i) {
+                const int at = (i * 13 + t * 50) % blocks;
+                if (!holdsTestBytes(copies.at(static_cast<std::size_t>(at)), size,
+                                    static_cast<quint32>(at + 1)))
+                    ++wrong;
+            }
+            --reading;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_GT(StoreInside::preloadsHandled(), 0);
+    EXPECT_LE(manager().liveBytes(), manager().maxDataCacheSize());
+}
+
+// The switch
+
+TEST_F(ZebDataBlockManagerPreloadTwoRoots, ThePromotionSwitchReachesEveryReaderAndSaysSo)
+{
+    EXPECT_FALSE(manager().requestPromotionEnabled());
+    manager().setRequestPromotionEnabled(true);
+    EXPECT_TRUE(manager().requestPromotionEnabled());
+    for (const ZebDataBlockReadThread* const reader : StoreInside::readers())
+        EXPECT_TRUE(reader->requestPromotionEnabled());
+    EXPECT_EQ(m_Store.messages().count(switchedOn()), 1);
+    manager().setRequestPromotionEnabled(false);
+    for (const ZebDataBlockReadThread* const reader : StoreInside::readers())
+        EXPECT_FALSE(reader->requestPromotionEnabled());
+    EXPECT_EQ(m_Store.messages().count(switchedOff()), 1);
+}
+
+TEST_F(ZebDataBlockManagerPreload, SettingThePromotionToWhatItIsPrintsNothing)
+{
+    m_Store.messages().clear();
+    manager().setRequestPromotionEnabled(false);
+    EXPECT_THAT(m_Store.messages().debugLines(), IsEmpty());
+    manager().setRequestPromotionEnabled(true);
+    manager().setRequestPromotionEnabled(true);
+    EXPECT_THAT(m_Store.messages().debugLines(), ElementsAre(switchedOn()));
+}
+
+TEST_F(ZebDataBlockManagerPreload, NewReadersStartWithoutThePromotionThatTheStoreBelievesIn)
+{
+    manager().setRequestPromotionEnabled(true);
+    m_Store.cleanUp();
+    EXPECT_TRUE(manager().requestPromotionEnabled());
+    m_Store.setupAgain();
+    EXPECT_TRUE(manager().requestPromotionEnabled());
+    EXPECT_FALSE(StoreInside::readers().front()->requestPromotionEnabled());
+    m_Store.messages().clear();
+    manager().setRequestPromotionEnabled(true);
+    EXPECT_THAT(m_Store.messages().debugLines(), IsEmpty());
+    EXPECT_FALSE(StoreInside::readers().front()->requestPromotionEnabled());
+    manager().setRequestPromotionEnabled(false);
+    manager().setRequestPromotionEnabled(true);
+    EXPECT_TRUE(StoreInside::readers().front()->requestPromotionEnabled());
+}
+
+TEST_F(ZebDataBlockManagerPreload, ThePromotionMayBeSwitchedWithoutAStore)
+{
+    m_Store.cleanUp();
+    m_Store.messages().clear();
+    manager().setRequestPromotionEnabled(true);
+    EXPECT_TRUE(manager().requestPromotionEnabled());
+    EXPECT_THAT(m_Store.messages().debugLines(), ElementsAre(switchedOn()));
+}
+
+TEST_F(ZebDataBlockManagerPreload, AskingAgainIsMoreUrgentWithPromotionOnly)
+{
+    const std::vector<ZebDataReference> blocks = addToDisk(3);
+    HeldReader held(blocks.at(0));
+    blocks.at(1).preload(ZebDataBlockManager::PreloadNormal);
+    blocks.at(2).preload(ZebDataBlockManager::PreloadLow);
+    ZebDataBlockReadThread* const reader = StoreInside::readers().front();
+    ZebDataHash* const first = blocks.at(1).hashPtr().data();
+    ZebDataHash* const second = blocks.at(2).hashPtr().data();
+    blocks.at(2).preload(ZebDataBlockManager::PreloadHigh);
+    EXPECT_THAT(waiting(reader), ElementsAre(Waiting(1, first), Waiting(2, second)));
+    manager().setRequestPromotionEnabled(true);
+    blocks.at(2).preload(ZebDataBlockManager::PreloadLow);
+    EXPECT_THAT(waiting(reader), ElementsAre(Waiting(1, first), Waiting(1, second)));
+    held.release();
+    EXPECT_TRUE(waitUntil([] { return manager().liveBlocks() == 3; }));
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QFile>
+#include <QString>
+#include <QStringList>
+
+#include <gtest/gtest.h>
+
+/// Makes every write below these roots fail until recover(): a plain file lies where the bucket
+/// directory belongs. For stores with one bucket that have written nothing yet.
+///
+/// The writer tries again without a pause meanwhile, so keep the failure short.
+class FailingDisk
+{
+public:
+    explicit FailingDisk(const QStringList& roots)
+    {
+        for (const QString& root : roots) {
+            const QString path = root + QStringLiteral("/0");
+            EXPECT_FALSE(QFile::exists(path)) << "something was written before";
+            QFile file(path);
+            EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+            m_InTheWay.append(path);
+        }
+    }
+    ~FailingDisk() { recover(); }
+    FailingDisk(const FailingDisk&) = delete;
+    FailingDisk& operator=(const FailingDisk&) = delete;
+
+    void recover()
+    {
+        for (const QString& path : m_InTheWay)
+            EXPECT_TRUE(QFile::remove(path));
+        m_InTheWay.clear();
+    }
+
+private:
+    QStringList m_InTheWay;
+};
