@@ -4,6 +4,7 @@
 #include "hash/ZebHashManager.h"
 #include "io/ZebDataBlockWriteRequest.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
+#include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
 #include "support/MessageCapture.h"
 #include "support/PrivateAccess.h"
@@ -45,7 +46,8 @@ public:
 
     WriterStation() : m_Writer(m_Directory.path(), s_Buckets, nullptr)
     {
-        // What the store says when it is built belongs to no test.
+        // The store belongs to the thread that asks for it first; that must not be the writer. What
+        // it says when it is built belongs to no test.
         ZebDataBlockManager::instance();
         m_Messages.clear();
     }
