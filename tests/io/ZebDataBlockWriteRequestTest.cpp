@@ -82,9 +82,8 @@ public:
     Place(std::unique_ptr<ZebDataBlock> block, const QByteArray& identity)
         : m_Block(std::move(block)), m_Hash(ZebHashManager::instance().getHash(identity))
     {
-        // What the store says when it is built belongs to no test.
         ZebDataBlockManager::instance();
-        m_Messages.clear();
+        m_Messages.clear(); // of what the store says when it is built
     }
 
     // The request, named.
