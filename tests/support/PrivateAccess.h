@@ -7,8 +7,8 @@
 //                   int (ZebDataBlockManager::*)(const QString&), cacheIndex)
 //     int index = (manager.*privateMember(callCacheIndex()))(text);
 //
-// For a static member, give a plain pointer type. Use it at namespace scope, in an unnamed
-// namespace.
+// For a static member, give a plain pointer type. Use it at global scope: an instantiation may not
+// stand inside an unnamed namespace.
 
 template <typename Tag, typename Tag::Type Member>
 struct PrivateAccess
