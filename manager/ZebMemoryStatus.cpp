@@ -65,6 +65,7 @@ void ZebMemoryStatus::setSourceRoot(const QString& root)
 namespace {
 
 constexpr qint64 s_NoLimit = std::numeric_limits<qint64>::max();
+constexpr qint64 s_NoLimitFrom = 0x4000000000000000;
 constexpr qint64 s_BytesPerKilobyte = 1024;
 
 // The user half of a 48-bit address space.
@@ -135,7 +136,9 @@ void narrow(GroupMemory& memory, const GroupFiles& files, const QString& directo
 {
     // An unlimited group has a word here, and no number.
     const auto limit = numberInFile(directory + files.m_Limit);
-    if (!limit || *limit < 0)
+    // One generation writes no limit as the largest number of whole pages. Usage and statistics are
+    // not read then: a full store measures on each admission.
+    if (!limit || *limit < 0 || *limit >= s_NoLimitFrom)
         return;
     memory.m_Limit = std::min(memory.m_Limit, *limit);
     const qint64 usage = numberInFile(directory + files.m_Usage).value_or(0);

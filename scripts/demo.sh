@@ -14,7 +14,7 @@ build=$root/build/demo
 source "$root/scripts/lib/packages.sh"
 
 sample_mib=400
-memory_mib=512
+memory_mib=64
 
 # Runs a command quietly; its output shows when it fails.
 quietly() {
@@ -28,7 +28,7 @@ quietly() {
 
 build_tool() {
     mkdir -p "$build"
-    echo "Configuring $build (Release, the tool only)."
+    echo "Configuring build/demo (Release, the tool only)."
     quietly cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
         -DZEBTDX_BUILD_TOOLS=ON -DZEBTDX_BUILD_TESTS=OFF -DZEBTDX_BUILD_BENCHMARKS=OFF \
         -DZEBTDX_BUILD_EXAMPLES=OFF
