@@ -160,6 +160,7 @@ QFuture<ZebDataBlock*> ZebDataBlockReadThread::loadBlock(const ZebSmartPointer<Z
 }
 
 ZebDataBlock* ZebDataBlockReadThread::decompressAndMakeBlock(
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is settled.
     QByteArray data, const ZebSmartPointer<ZebDataHash>& hash, bool makeLive, qint64 size)
 {
     // Kept on purpose: the size that the file tells is not compared with what comes out, and a

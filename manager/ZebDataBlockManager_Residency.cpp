@@ -51,7 +51,7 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
     }
     // The entry comes before the sum, as a table that cannot grow must leave nothing half done.
     m_HashToBlockMap.insert(hash, block);
-    owned.release();
+    static_cast<void>(owned.release());
     m_LiveBytes.fetch_add(block->size(), s_Relaxed);
     if (hash->isDontCache())
         return;

@@ -31,7 +31,7 @@ public:
         m_Promise->setRunnable(this);
         m_Promise->reportStarted();
         // The task may have run and gone once the pool has it.
-        const QFuture<T> future = m_Promise->future();
+        QFuture<T> future = m_Promise->future();
         pool->start(this, 0);
         return future;
     }
