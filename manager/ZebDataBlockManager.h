@@ -90,7 +90,8 @@ public:
     /// @param maxDataCacheSize limit of the resident bytes; -1 keeps the present one, which is 0
     ///        after cleanUp()
     /// @param numBuckets directories per root; must be positive
-    /// @param compressionThreads compression workers per root; 0 or less for none
+    /// @param compressionThreads compression workers per root; 0 or less for none. No effect yet:
+    ///        each writer compresses on its own thread
     bool setup(const QStringList& cacheRoots, qint64 maxDataCacheSize = -1, int numBuckets = 10,
                int compressionThreads = 0);
 
