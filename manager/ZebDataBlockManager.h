@@ -242,6 +242,23 @@ public:
     /// The path of a block's file under the sub-cache of that name, whatever the current one is.
     QString getBlockDestination(const QString& subCache, const QString& hashText);
 
+    /// Switches the whole store to another sub-cache, one path element below each root, and the log
+    /// with it, which follows under the first root. No file moves, so a block whose file lies under
+    /// the old name cannot be loaded until that name is set back.
+    ///
+    /// The name that is set already changes nothing, and is told on standard output: "Subcache Set
+    /// to %1 twice". Nothing at all happens while the garbage collection is on. A new name needs
+    /// the store set up. Waits for the disk threads, so the caller must not hold the delete lock;
+    /// takes that lock afterwards.
+    void setSubCache(const QString& name);
+
+    /// The current sub-cache, empty after setup(). Takes the delete lock.
+    QString subCache() const;
+
+    /// Whether a sub-cache of that name is on disk. Takes no lock.
+    /// Kept on purpose: only the first root is looked at.
+    bool subCacheExists(const QString& name) const;
+
     /// Whether the garbage collection is switched on.
     bool garbageCollecting() const;
 
@@ -416,6 +433,7 @@ private:
     std::atomic<bool> m_GarbageCollecting;
     int m_GarbageCollectorsRunning;
 
+    // The name that every disk thread has a copy of. Guarded by the delete lock.
     QString m_SubCache;
     std::atomic<bool> m_Initialized;             // (a)
     std::atomic<bool> m_RequestPromotionEnabled; // (a)
@@ -429,7 +447,7 @@ private:
 
     // The delete lock, level 1, recursive: guards the tables of blocks and all changes of the LRU,
     // and holds off every deletion of a block.
-    ZebTdxMutex m_DeleteMutex;
+    mutable ZebTdxMutex m_DeleteMutex;
 
     QMutex m_CacheSizeMutex;
 
