@@ -57,6 +57,7 @@ set(ZEBTDX_SOURCES
   manager/ZebDataBlockManager.cpp
   manager/ZebDataBlockManager_Admission.cpp
   manager/ZebDataBlockManager_Flush.cpp
+  manager/ZebDataBlockManager_Groups.cpp
   manager/ZebDataBlockManager_Layout.cpp
   manager/ZebDataBlockManager_Pressure.cpp
   manager/ZebDataBlockManager_Residency.cpp
