@@ -17,6 +17,7 @@ set(ZEBTDX_PUBLIC_HEADERS
   data/ZebDataReference.h
   data/ZebHashingJob.h
   data/ZebModifyAccessor.h
+  data/ZebResultCache.h
   data/ZebThreadPoolManager.h
   io/ZebPriorityList.h
   io/ZebDataBlockReadThread.h
@@ -44,6 +45,7 @@ set(ZEBTDX_SOURCES
   data/ZebDataReference.cpp
   data/ZebHashingJob.cpp
   data/ZebModifyAccessor.cpp
+  data/ZebResultCache.cpp
   data/ZebThreadPoolManager.cpp
   io/ZebBlockFilePath.cpp
   io/ZebDataBlockReadThread.cpp
@@ -55,6 +57,7 @@ set(ZEBTDX_SOURCES
   manager/ZebDataBlockManager.cpp
   manager/ZebDataBlockManager_Admission.cpp
   manager/ZebDataBlockManager_Flush.cpp
+  manager/ZebDataBlockManager_Groups.cpp
   manager/ZebDataBlockManager_Layout.cpp
   manager/ZebDataBlockManager_Pressure.cpp
   manager/ZebDataBlockManager_Residency.cpp

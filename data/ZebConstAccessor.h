@@ -46,6 +46,7 @@ public:
     bool isNull() const;
 
 protected:
+    friend class ZebDataBlockManager;
     friend class ZebDataReference;
 
     /// Holds `block`, a ZebDataBlock, whose hash is `hash`. A null block with a hash gives a null

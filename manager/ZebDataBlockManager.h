@@ -20,6 +20,7 @@
 
 #include <atomic>
 
+class ZebConstAccessor;
 class ZebDataBlock;
 class ZebDataBlockReadThread;
 class ZebDataBlockWriteThread;
@@ -180,6 +181,37 @@ public:
     /// setup() it has to be switched off and on again to reach them.
     void setRequestPromotionEnabled(bool enabled);
     bool requestPromotionEnabled() const;
+
+    // Groups: a list of references that is itself a block. It names its members and does not own
+    // them, so a member that nobody else refers to may lose its file. A group may stand in another
+    // group's list; extraction gives the inner group and stops there.
+
+    /// Stores the list, in its order and with its duplicates, as one block, and gives its
+    /// reference, which is pending. Equal lists are one block. The members' blocks are not touched
+    /// and may be on disk only. Waits for the jobs of the members, so the caller must not hold the
+    /// delete lock.
+    ///
+    /// @param references none of them null: that is the caller's error. One without a whole digest
+    ///        is fatal: "Size of data is incorrect is %1, should be %2"
+    ZebDataReference makeGroupBlock(const QVector<ZebDataReference>& references);
+
+    /// The members of a group, resolved, in the order of the list. A member that nobody refers to
+    /// any more gets a new reference, and its bytes come from its file if that is still there.
+    /// A block that is no group, or that can't be had, gives none and no message; a damaged group
+    /// is read to its last whole digest. Fatal for a null reference, as its constAccessor() is.
+    /// Waits for the group's job and may load the group, so the caller must not hold the delete
+    /// lock.
+    QVector<ZebDataReference> extractGroupBlock(const ZebDataReference& group);
+
+    /// The same, appended to `references`, which is not cleared first and may hold the group.
+    void extractGroupBlock(const ZebDataReference& group, QVector<ZebDataReference>& references);
+
+    /// Inserts the text forms of the members' hashes into `hashes`, which is not cleared first.
+    /// Interns no hash and keeps no member alive: the cheap way to ask what a group names.
+    void extractGroupBlock(const ZebDataReference& group, QSet<QString>& hashes);
+
+    /// Kept on purpose: does nothing, since no cache of groups exists.
+    void clearGroupCache();
 
     // Memory
 
@@ -393,6 +425,10 @@ private:
     /// The same for a hash, from its first word and without its text; -1 for a null hash. Fatal
     /// first of all when the store is not set up.
     int cacheIndex(const ZebDataHash* hash);
+
+    /// How many bytes lie behind accessor.data(); 0 for a null accessor. A block may say another
+    /// size than it holds.
+    static qint64 storedBytes(const ZebConstAccessor& accessor);
 
     /// The middle of cleanUp(): deletes every block with no write, empties the tables, and leaves
     /// the state of being set up. Takes the delete lock.

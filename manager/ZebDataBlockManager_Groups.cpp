@@ -1,0 +1,133 @@
+// Lists of references that are kept as blocks.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "data/ZebConstAccessor.h"
+#include "data/ZebDataBlock.h"
+#include "data/ZebDataReference.h"
+#include "hash/ZebHashManager.h"
+
+#include <QtEndian>
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+namespace {
+
+constexpr quint64 s_GroupMagic = 1337;
+constexpr int s_HashSizeOffset = 8;
+constexpr int s_CountOffset = 12;
+constexpr int s_HeaderBytes = 16;
+
+// The digests of a group, one behind the other.
+struct GroupDigests
+{
+    qint64 m_Count = 0;
+    ZebDataHash::Size m_HashSize = ZebDataHash::Hash512;
+    const unsigned char* m_First = nullptr;
+
+    // The digest as a hash that nobody has interned. Requires an index below m_Count.
+    ZebDataHash at(qint64 index) const
+    {
+        // The hash only reads.
+        return ZebDataHash(m_HashSize, const_cast<unsigned char*>(m_First) + index * m_HashSize);
+    }
+};
+
+// Kept on purpose: the magic is the only guard, and a block that carries it is taken for a group.
+// What the header tells is held against the bytes that are there, so a damaged group is read to its
+// last whole digest and never beyond. None for a block that is no group.
+GroupDigests digestsOf(const unsigned char* bytes, qint64 size)
+{
+    GroupDigests digests;
+    if (bytes == nullptr || size < s_HeaderBytes ||
+        qFromLittleEndian<quint64>(bytes) != s_GroupMagic)
+        return digests;
+    const auto hashSize = qFromLittleEndian<qint32>(bytes + s_HashSizeOffset);
+    const auto count = qFromLittleEndian<qint32>(bytes + s_CountOffset);
+    if (hashSize < 1 || count < 1)
+        return digests;
+    digests.m_Count = std::min<qint64>(count, (size - s_HeaderBytes) / hashSize);
+    digests.m_HashSize = static_cast<ZebDataHash::Size>(hashSize);
+    digests.m_First = bytes + s_HeaderBytes;
+    return digests;
+}
+
+} // namespace
+
+qint64 ZebDataBlockManager::storedBytes(const ZebConstAccessor& accessor)
+{
+    return accessor.isNull() ? 0 : accessor.m_Block->m_Data.size();
+}
+
+ZebDataReference ZebDataBlockManager::makeGroupBlock(const QVector<ZebDataReference>& references)
+{
+    qint64 hashSize = 0;
+    qint64 total = s_HeaderBytes;
+    QVector<ZebSmartPointer<ZebDataHash>> members;
+    members.reserve(references.size());
+    for (const ZebDataReference& reference : references) {
+        members.append(reference.hashPtr());
+        const ZebDataHash& hash = *members.last();
+        hash.requireDigest();
+        // Kept on purpose: the last member's size stands for all. The store makes every hash at
+        // one size, so nothing compares them.
+        hashSize = hash.size();
+        total += hashSize;
+    }
+    unsigned char header[s_HeaderBytes] = {};
+    qToLittleEndian<quint64>(s_GroupMagic, header);
+    qToLittleEndian<qint32>(static_cast<qint32>(hashSize), header + s_HashSizeOffset);
+    qToLittleEndian<qint32>(members.size(), header + s_CountOffset);
+    QByteArray bytes;
+    bytes.reserve(static_cast<int>(std::min<qint64>(total, std::numeric_limits<int>::max())));
+    bytes.append(reinterpret_cast<const char*>(header), s_HeaderBytes);
+    for (const ZebSmartPointer<ZebDataHash>& hash : qAsConst(members))
+        bytes.append(reinterpret_cast<const char*>(hash->data()), hash->size());
+    return addBlock(bytes, ZebModifyAccessor::Cached, false);
+}
+
+QVector<ZebDataReference> ZebDataBlockManager::extractGroupBlock(const ZebDataReference& group)
+{
+    QVector<ZebDataReference> references;
+    extractGroupBlock(group, references);
+    return references;
+}
+
+void ZebDataBlockManager::extractGroupBlock(const ZebDataReference& group,
+                                            QVector<ZebDataReference>& references)
+{
+    // Holds the bytes in memory to the end. The group itself is not looked at again, so it may
+    // stand in the vector that grows here.
+    const ZebConstAccessor accessor = group.constAccessor();
+    const GroupDigests digests =
+        digestsOf(accessor.isNull() ? nullptr : accessor.data(), storedBytes(accessor));
+    references.reserve(references.size() + static_cast<int>(digests.m_Count));
+    // A digest that is listed twice is looked up in the registry once.
+    QMap<ZebDataHash, ZebDataReference> known;
+    for (qint64 i = 0; i < digests.m_Count; ++i) {
+        const ZebDataHash listed = digests.at(i);
+        auto entry = known.constFind(listed);
+        if (entry == known.constEnd()) {
+            auto fresh = std::make_unique<ZebDataHash>(listed);
+            const ZebDataReference member(ZebHashManager::instance().addHash(fresh.release()));
+            entry = known.insert(listed, member);
+        }
+        references.append(*entry);
+    }
+}
+
+void ZebDataBlockManager::extractGroupBlock(const ZebDataReference& group, QSet<QString>& hashes)
+{
+    const ZebConstAccessor accessor = group.constAccessor();
+    const GroupDigests digests =
+        digestsOf(accessor.isNull() ? nullptr : accessor.data(), storedBytes(accessor));
+    for (qint64 i = 0; i < digests.m_Count; ++i)
+        hashes.insert(digests.at(i).toString());
+}
+
+void ZebDataBlockManager::clearGroupCache()
+{
+    // Kept on purpose: there is no cache of groups anywhere; hosts that call this go on working.
+}
