@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds the command-line tool and shows it at work: puts files into a store, reads all of them
-# back, and compares.
+# Builds the command-line tool and shows it at work: puts files into a cache on disk with a memory
+# limit far below their size, brings them back in a second process from that cache alone, and
+# compares the two trees.
 #
 #   scripts/demo.sh            files that every machine has
 #   scripts/demo.sh PATH...    these files and folders
@@ -69,20 +70,63 @@ choose_sample() {
         "$((sample_mib - left_kib / 1024)) MiB together."
 }
 
-# The user's paths are meant from where the user stands, so nothing here changes the folder.
+# The checksums of all files below the folders, by their paths from the top folder, which is given
+# first. Of symbolic links, only those given are followed, as the tool has it.
+checksums() {
+    local top=$1
+    shift
+    (
+        cd "$top"
+        find -H "$@" -type f -print0 | sed -z 's|^\./||' | LC_ALL=C sort -z |
+            xargs -0 -r sha256sum --zero
+    )
+}
+
+# Where the tool restores a path to: it is made to lead to no other place.
+restored_name() {
+    realpath --no-symlinks --relative-to=/ "$1"
+}
+
 main() {
     require_debian
     install_packages cmake g++ libcli11-dev ninja-build pkg-config qtbase5-dev
     build_tool
-    local tool=$build/tools/zebtdx
+    local tool=$build/tools/zebtdx path
+    local -a given=() names=()
     if [ "$#" -gt 0 ]; then
-        echo "Ingesting what was given."
-        echo
-        exec "$tool" ingest -- "$@"
+        given=("$@")
+    else
+        choose_sample
+        given=("${sample_paths[@]}")
     fi
-    choose_sample
-    echo
-    exec "$tool" ingest --memory "${memory_mib}M" -- "${sample_paths[@]}"
+    for path in "${given[@]}"; do
+        if ! [ -e "$path" ]; then
+            echo "There is no $path." >&2
+            exit 1
+        fi
+        # From the root folder, so that every path has a name of its own.
+        names+=("$(restored_name "$path")")
+    done
+    # Beside the build, where there is room; gone at the end.
+    cd "$root"
+    work=$(mktemp -d build/demo/run-XXXXXX)
+    trap 'rm -rf "$work"' EXIT
+
+    printf '\nIngesting, with %s MiB of memory for the blocks.\n\n' "$memory_mib"
+    "$tool" ingest --memory "${memory_mib}M" --root "$work/cache1" --root "$work/cache2" \
+        --manifest "$work/manifest" -- "${names[@]/#//}"
+    printf '\nThe cache on disk:\n\n'
+    "$tool" stat --root "$work/cache1" --root "$work/cache2"
+    printf '\nRestoring in a second process.\n\n'
+    "$tool" restore "$work/manifest" --out "$work/out" --memory "${memory_mib}M"
+    printf '\nComparing the trees.\n'
+    checksums / "${names[@]}" >"$work/before"
+    checksums "$work/out" . >"$work/after"
+    if ! cmp "$work/before" "$work/after"; then
+        echo "The restored tree differs." >&2
+        exit 1
+    fi
+    echo "$(tr -cd '\0' <"$work/before" | wc -c) files, and every one has come back as it was."
 }
 
 main "$@"

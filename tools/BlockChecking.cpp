@@ -5,6 +5,7 @@
 #include "tools/FileReader.h"
 #include "tools/ProgressBar.h"
 #include "tools/StoredFiles.h"
+#include "tools/ToolStore.h"
 #include "tools/Workers.h"
 
 #include <algorithm>
@@ -12,8 +13,10 @@
 #include <exception>
 #include <new>
 
-BlockChecking::BlockChecking(int threads, ErrorReport& errors, ProgressBar& progress)
+BlockChecking::BlockChecking(int threads, ToolStore& store, ErrorReport& errors,
+                             ProgressBar& progress)
     : m_Threads(threads),
+      m_Store(store),
       m_Errors(errors),
       m_Progress(progress),
       m_NextSegment(0),
@@ -29,7 +32,10 @@ void BlockChecking::run(StoredFiles& stored)
     m_Progress.begin("Comparing", total);
     Workers::run(
         m_Threads, [this, &stored] { work(stored); },
-        [this] { m_Progress.show(m_DoneBytes.load()); });
+        [this] {
+            m_Progress.show(m_DoneBytes.load());
+            m_Store.watchWrites(m_Errors);
+        });
     m_Progress.end();
 }
 

@@ -8,6 +8,7 @@
 class ErrorReport;
 class FileReader;
 class ProgressBar;
+class ToolStore;
 class ZebDataReference;
 struct StoredFile;
 struct StoredFiles;
@@ -21,9 +22,9 @@ struct StoredSegment;
 class BlockChecking
 {
 public:
-    BlockChecking(int threads, ErrorReport& errors, ProgressBar& progress);
+    BlockChecking(int threads, ToolStore& store, ErrorReport& errors, ProgressBar& progress);
 
-    /// Compares all that is in `stored`. The store must be set up.
+    /// Compares all that is in `stored`.
     void run(StoredFiles& stored);
 
     /// How many files differ from what was stored.
@@ -43,6 +44,7 @@ private:
                         bool& equal);
 
     const int m_Threads;
+    ToolStore& m_Store;
     ErrorReport& m_Errors;
     ProgressBar& m_Progress;
     std::atomic<std::size_t> m_NextSegment;

@@ -1,9 +1,14 @@
 #include "tools/BlockStoring.h"
 
+#include "data/ZebDataBlock.h"
+#include "hash/ZebDataHash.h"
 #include "manager/ZebDataBlockManager.h"
 #include "tools/ErrorReport.h"
 #include "tools/FileReader.h"
+#include "tools/Manifest.h"
 #include "tools/ProgressBar.h"
+#include "tools/SizeText.h"
+#include "tools/ToolStore.h"
 #include "tools/Workers.h"
 
 #include <QThread>
@@ -21,6 +26,14 @@ constexpr qint64 s_SegmentBytes = 4 * 1024 * 1024;
 
 constexpr unsigned long s_BrakeMs = 2;
 
+// A thread that is some blocks ahead of the hashing pool never waits for it; more gains nothing.
+constexpr qint64 s_MostPending = 8;
+
+// The share of the memory limit that the blocks without a hash of all threads may take.
+constexpr qint64 s_PendingShare = 4;
+
+constexpr qint64 s_GroupHeader = 16;
+
 // Sleeps while the writers have as much waiting as they may.
 void waitForWriters()
 {
@@ -30,10 +43,15 @@ void waitForWriters()
 
 } // namespace
 
-BlockStoring::BlockStoring(const Options& options, ErrorReport& errors, ProgressBar& progress)
+BlockStoring::BlockStoring(const Options& options, ToolStore& store, ErrorReport& errors,
+                           ProgressBar& progress)
     : m_Options(options),
       m_SegmentBytes(std::max<qint64>(s_SegmentBytes / options.m_BlockSize, 1) *
                      options.m_BlockSize),
+      m_MostPending(static_cast<std::size_t>(std::clamp<qint64>(
+          options.m_Memory / s_PendingShare / options.m_Threads / options.m_BlockSize, 1,
+          s_MostPending))),
+      m_Store(store),
       m_Errors(errors),
       m_Progress(progress),
       m_DoneBytes(0),
@@ -45,11 +63,16 @@ StoredFiles BlockStoring::run(const FileWalk& walk)
 {
     m_Stored.m_BlockSize = m_Options.m_BlockSize;
     for (const FileWalk::File& file : walk.files())
-        m_Stored.m_Files.emplace_back(file.m_Path, file.m_Size);
+        m_Stored.m_Files.emplace_back(file.m_Path, Manifest::nameFor(file.m_Path), file.m_Size);
     m_Progress.begin("Storing  ", walk.bytes());
     Workers::run(
-        m_Options.m_Threads, [this] { work(); }, [this] { m_Progress.show(m_DoneBytes.load()); });
+        m_Options.m_Threads, [this] { work(); },
+        [this] {
+            m_Progress.show(m_DoneBytes.load());
+            m_Store.watchWrites(m_Errors);
+        });
     m_Progress.end();
+    makeGroups();
     dropFailedFiles();
     return std::move(m_Stored);
 }
@@ -105,6 +128,8 @@ std::string BlockStoring::storeBlocks(StoredSegment& segment, const StoredFile& 
 {
     segment.m_Stamp = reader.stamp();
     const qint64 blockSize = m_Options.m_BlockSize;
+    // Dropping what is left of them waits for their hashes.
+    std::deque<ZebDataReference> pending;
     QByteArray block;
     while (segment.m_Last || segment.m_Bytes < segment.m_PlannedBytes) {
         if (file.m_Failed.load())
@@ -117,22 +142,29 @@ std::string BlockStoring::storeBlocks(StoredSegment& segment, const StoredFile& 
         if (block.size() < blockSize && !segment.m_Last)
             return "became shorter while it was read";
         if (!block.isEmpty())
-            storeBlock(block, segment);
+            storeBlock(block, segment, pending);
         if (block.size() < blockSize)
             break;
+    }
+    for (const ZebDataReference& reference : pending) {
+        reference.resolveWork();
+        segment.m_Blocks.push_back(reference);
     }
     segment.m_Complete = true;
     return {};
 }
 
-void BlockStoring::storeBlock(const QByteArray& block, StoredSegment& segment)
+void BlockStoring::storeBlock(const QByteArray& block, StoredSegment& segment,
+                              std::deque<ZebDataReference>& pending)
 {
     waitForWriters();
-    const ZebDataReference reference =
-        ZebDataBlockManager::instance().addBlock(block, ZebModifyAccessor::Cached, false);
-    // Each thread has one block on its way at most, which bounds the bytes that wait for a hash.
-    reference.resolveWork();
-    segment.m_Blocks.push_back(reference);
+    if (pending.size() == m_MostPending) {
+        pending.front().resolveWork();
+        segment.m_Blocks.push_back(pending.front());
+        pending.pop_front();
+    }
+    pending.push_back(
+        ZebDataBlockManager::instance().addBlock(block, ZebModifyAccessor::Cached, false));
     segment.m_Bytes += block.size();
     m_DoneBytes.fetch_add(block.size());
 }
@@ -151,5 +183,35 @@ void BlockStoring::dropFailedFiles()
         segment.m_Blocks.clear();
         segment.m_Bytes = 0;
         segment.m_Complete = false;
+    }
+}
+
+void BlockStoring::makeGroups()
+{
+    // A file's segments stand in order.
+    for (auto begin = m_Stored.m_Segments.cbegin(); begin != m_Stored.m_Segments.cend();) {
+        StoredFile& file = m_Stored.m_Files[begin->m_File];
+        QVector<ZebDataReference> blocks;
+        qint64 bytes = 0;
+        auto end = begin;
+        for (; end != m_Stored.m_Segments.cend() && end->m_File == begin->m_File; ++end) {
+            for (const ZebDataReference& reference : end->m_Blocks)
+                blocks.append(reference);
+            bytes += end->m_Bytes;
+        }
+        begin = end;
+        if (file.m_Failed.load())
+            continue;
+        const qint64 groupSize = s_GroupHeader + qint64(ZebDataHash::Hash512) * blocks.size();
+        if (groupSize > ZebDataBlock::maxBlockSize()) {
+            fail(file, "has so many blocks that their list, of " + SizeText::print(groupSize) +
+                           ", is too large for the store; larger blocks help");
+            continue;
+        }
+        // Here, and not on the threads, only this one can see the writers fail.
+        m_Store.watchWrites(m_Errors);
+        file.m_StoredBytes = bytes;
+        file.m_Group = ZebDataBlockManager::instance().makeGroupBlock(blocks);
+        file.m_Group.resolveWork();
     }
 }

@@ -6,17 +6,23 @@
 #include <QtGlobal>
 
 #include <atomic>
+#include <deque>
 #include <mutex>
+#include <string>
 
 class ErrorReport;
 class FileReader;
 class ProgressBar;
+class ToolStore;
+class ZebDataReference;
 
 /// The first pass: cuts files into blocks and adds them to the store on several threads.
 ///
 /// A file that can't be read to its end is an error, and nothing of it is kept; the rest goes on.
-/// Threads that read faster than the disk cache writes wait for it, so that what waits for writing
-/// stays bounded.
+/// Threads that read faster than the disk cache writes wait for it, and each has a few blocks at
+/// most on their way to a hash, so that what waits for writing or hashing stays bounded.
+///
+/// In the end each file has a group block, which lists its blocks.
 class BlockStoring
 {
 public:
@@ -24,11 +30,13 @@ public:
     {
         qint64 m_BlockSize;
         int m_Threads;
+        qint64 m_Memory;
     };
 
-    BlockStoring(const Options& options, ErrorReport& errors, ProgressBar& progress);
+    BlockStoring(const Options& options, ToolStore& store, ErrorReport& errors,
+                 ProgressBar& progress);
 
-    /// Stores the files of `walk`. The store must be set up. To be called once.
+    /// Stores the files of `walk`. To be called once.
     StoredFiles run(const FileWalk& walk);
 
 private:
@@ -41,13 +49,20 @@ private:
     /// Stores the segment's blocks from the file that is open. Gives the reason when that fails.
     std::string storeBlocks(StoredSegment& segment, const StoredFile& file, FileReader& reader);
 
-    void storeBlock(const QByteArray& block, StoredSegment& segment);
+    void storeBlock(const QByteArray& block, StoredSegment& segment,
+                    std::deque<ZebDataReference>& pending);
 
     void fail(StoredFile& file, const std::string& reason);
     void dropFailedFiles();
 
+    /// Makes the group blocks of the files that are whole.
+    void makeGroups();
+
     const Options m_Options;
     const qint64 m_SegmentBytes;
+    // How many blocks a thread may have without a hash.
+    const std::size_t m_MostPending;
+    ToolStore& m_Store;
     ErrorReport& m_Errors;
     ProgressBar& m_Progress;
     std::atomic<qint64> m_DoneBytes;

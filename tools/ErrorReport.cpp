@@ -13,6 +13,11 @@ void ErrorReport::add(const std::string& path, const std::string& reason)
 void ErrorReport::add(const std::string& reason)
 {
     m_Count.fetch_add(1);
+    note(reason);
+}
+
+void ErrorReport::note(const std::string& reason)
+{
     m_Lines.printLine("zebtdx: " + reason);
 }
 

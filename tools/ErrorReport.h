@@ -22,7 +22,10 @@ public:
     /// "zebtdx: <reason>", for what belongs to no single path.
     void add(const std::string& reason);
 
-    /// How many there were.
+    /// The same line for what may still turn out well, which is not counted.
+    void note(const std::string& reason);
+
+    /// How many errors there were.
     qint64 count() const;
 
 private:

@@ -33,6 +33,10 @@ public:
 
     explicit FileWalk(ErrorReport& errors);
 
+    /// Leaves out this folder and what is below it, from now on: a cache that lies among the files
+    /// that go into it. Nothing happens when it does not exist.
+    void leaveOut(const std::string& folder);
+
     /// Adds the files that a given path leads to.
     void add(const std::string& path);
 
@@ -56,6 +60,7 @@ private:
     void addFolder(const std::string& path, const std::string& realPath, Names& seen);
 
     ErrorReport& m_Errors;
+    Names m_LeftOut;
     std::vector<File> m_Files;
     qint64 m_Bytes;
     qint64 m_SkippedLinks;

@@ -4,101 +4,67 @@
 #include "manager/ZebDataBlockManager.h"
 #include "tools/BlockChecking.h"
 #include "tools/BlockStoring.h"
+#include "tools/CommandOptions.h"
 #include "tools/ErrorReport.h"
 #include "tools/ExitCode.h"
 #include "tools/FileWalk.h"
 #include "tools/IngestSummary.h"
+#include "tools/Manifest.h"
+#include "tools/ManifestBuilder.h"
+#include "tools/PathText.h"
 #include "tools/ProgressBar.h"
 #include "tools/SizeText.h"
+#include "tools/SummaryText.h"
 #include "tools/ToolStore.h"
 
 #include <CLI/CLI.hpp>
 
 #include <QElapsedTimer>
-#include <QThread>
 
-#include <algorithm>
-#include <iostream>
-#include <memory>
-#include <optional>
+#include <filesystem>
+
+#include <unistd.h>
 
 namespace {
 
 constexpr qint64 s_DefaultBlockSize = 256 * 1024;
-constexpr int s_MostThreads = 1024;
-constexpr double s_NanosecondsPerSecond = 1e9;
-
-double secondsOf(const QElapsedTimer& timer)
-{
-    return static_cast<double>(timer.nsecsElapsed()) / s_NanosecondsPerSecond;
-}
-
-void addSizeOption(CLI::App& command, const std::string& name, qint64& size,
-                   const std::string& description)
-{
-    // The size that is there already is the default.
-    const auto read = [name, &size](const std::string& text) {
-        const std::optional<qint64> parsed = SizeText::parse(text);
-        if (!parsed) {
-            throw CLI::ValidationError(
-                name, "'" + text +
-                          "' is not a size; write a whole number, with K, M, G or T if "
-                          "you like");
-        }
-        size = *parsed;
-    };
-    command
-        .add_option_function<std::string>(name, read,
-                                          description + " (default " + SizeText::print(size) + ")")
-        ->type_name("SIZE");
-}
-
-void addThreadsOption(CLI::App& command, int& threads)
-{
-    const auto read = [&threads](const std::string& text) {
-        const std::optional<qint64> parsed = SizeText::parse(text);
-        if (!parsed || *parsed < 1 || *parsed > s_MostThreads) {
-            throw CLI::ValidationError("--threads", "'" + text + "' is not a number from 1 to " +
-                                                        std::to_string(s_MostThreads));
-        }
-        threads = static_cast<int>(*parsed);
-    };
-    command
-        .add_option_function<std::string>("--threads", read,
-                                          "How many threads read, store and compare (default " +
-                                              std::to_string(threads) + ", the cores)")
-        ->type_name("N");
-}
+constexpr int s_MostBuckets = 1000000;
 
 } // namespace
 
 IngestCommand::IngestCommand()
-    : m_Memory(ZebDataBlockManager::defaultCacheSize()),
+    : m_Manifest("zebtdx-manifest.jsonl"),
+      m_Memory(ZebDataBlockManager::defaultCacheSize()),
       m_BlockSize(s_DefaultBlockSize),
-      m_Threads(std::clamp(QThread::idealThreadCount(), 1, s_MostThreads)),
+      m_Threads(CommandOptions::defaultThreads()),
+      m_Replace(false),
+      m_NoCheck(false),
       m_Json(false)
 {}
 
 CLI::App* IngestCommand::addTo(CLI::App& application)
 {
     CLI::App* const command = application.add_subcommand(
-        "ingest", "Put files into a store, read everything back, and compare");
-    // Raw, as CLI11 finds more than a name in some values of a list.
+        "ingest", "Put files into a cache on disk, read everything back, and compare");
+    CommandOptions::addPaths(*command, "PATH", m_Paths,
+                             "Files and folders; symbolic links inside folders are not followed");
+    CommandOptions::addRoots(*command, m_Place.m_Roots,
+                             "Cache root, made when missing; may be given several times, for "
+                             "several disks (default " +
+                                 StorePlace::defaultRoot() + ", below the working folder)");
+    CommandOptions::addNumber(*command, "--buckets", m_Place.m_Buckets, 1, s_MostBuckets,
+                              "Folders below each root");
+    CommandOptions::addSubCache(*command, m_Place.m_SubCache,
+                                "Name of the part of the cache (default: the unnamed one)");
     command
-        ->add_option(
-            "PATH",
-            [this](const CLI::results_t& values) {
-                m_Paths = values;
-                return true;
-            },
-            "Files and folders; symbolic links inside folders are not followed")
-        ->type_name("")
-        ->expected(1, CLI::detail::expected_max_vector_size)
-        ->allow_extra_args()
-        ->required();
-    addSizeOption(*command, "--memory", m_Memory, "Most memory that the blocks may take");
-    addSizeOption(*command, "--block", m_BlockSize, "Size of a block");
-    addThreadsOption(*command, m_Threads);
+        ->add_option("--manifest", m_Manifest,
+                     "File for what restore needs (default " + m_Manifest + ")")
+        ->type_name("FILE");
+    command->add_flag("--replace", m_Replace, "Replace a manifest that is there already");
+    CommandOptions::addMemory(*command, m_Memory);
+    CommandOptions::addSize(*command, "--block", m_BlockSize, "Size of a block");
+    CommandOptions::addThreads(*command, m_Threads, "How many threads read, store and compare");
+    command->add_flag("--no-check", m_NoCheck, "Do not read back and compare");
     command->add_flag("--json", m_Json, "Print the summary as one JSON object");
     return command;
 }
@@ -124,42 +90,69 @@ void IngestCommand::requireSizes() const
 int IngestCommand::run(const ToolSettings& settings)
 {
     requireSizes();
+    if (m_Place.m_Roots.empty())
+        m_Place.m_Roots = {StorePlace::defaultRoot()};
     // The store's messages and a bar would run into each other.
     ProgressBar progress = ProgressBar::onStandardError(!settings.m_Verbose);
     ErrorReport errors(progress);
+    // Now, and not when hours of work are to be written down.
+    if (!m_Replace && ::access(m_Manifest.c_str(), F_OK) == 0) {
+        errors.add(m_Manifest, "is there already; --manifest takes another name, and --replace "
+                               "replaces it");
+        return ExitCode::Failed;
+    }
     std::string reason;
-    const std::unique_ptr<ToolStore> store = ToolStore::open(m_Memory, reason);
+    const std::unique_ptr<ToolStore> store =
+        ToolStore::open(m_Place, ToolStore::Roots::Make, m_Memory, reason);
     if (store == nullptr) {
         errors.add(reason);
         return ExitCode::Failed;
     }
     FileWalk walk(errors);
+    for (const std::string& root : m_Place.m_Roots)
+        walk.leaveOut(root);
     for (const std::string& path : m_Paths)
         walk.add(path);
+    return ingest(walk, *store, errors, progress);
+}
 
+int IngestCommand::ingest(const FileWalk& walk, ToolStore& store, ErrorReport& errors,
+                          ProgressBar& progress)
+{
     IngestSummary summary;
     summary.m_Memory = m_Memory;
     summary.m_Threads = m_Threads;
     summary.m_SkippedLinks = walk.skippedLinks();
+    summary.m_Checked = !m_NoCheck;
     QElapsedTimer timer;
     timer.start();
-    BlockStoring storing({m_BlockSize, m_Threads}, errors, progress);
+    BlockStoring storing({m_BlockSize, m_Threads, m_Memory}, store, errors, progress);
     StoredFiles stored = storing.run(walk);
-    summary.m_SecondsIn = secondsOf(timer);
+    store.flush(errors);
+    summary.m_SecondsIn = SummaryText::secondsOf(timer);
     summary.count(stored);
+    // Before the comparison, which a reader may want to do without.
+    if (writeManifest(stored, errors))
+        summary.m_Manifest = m_Manifest;
 
-    BlockChecking checking(m_Threads, errors, progress);
-    timer.restart();
-    checking.run(stored);
-    summary.m_SecondsOut = secondsOf(timer);
-    summary.m_ReadBackBytes = checking.bytes();
-    summary.m_Differences = checking.differences();
-    summary.m_Errors = errors.count();
-
-    std::cout << (m_Json ? summary.json().toStdString() : summary.text()) << std::flush;
-    if (!std::cout) {
-        errors.add("standard output: cannot be written");
-        return ExitCode::Failed;
+    if (!m_NoCheck) {
+        BlockChecking checking(m_Threads, store, errors, progress);
+        timer.restart();
+        checking.run(stored);
+        summary.m_SecondsOut = SummaryText::secondsOf(timer);
+        summary.m_ReadBackBytes = checking.bytes();
+        summary.m_Differences = checking.differences();
     }
-    return errors.count() == 0 ? ExitCode::Success : ExitCode::Failed;
+    summary.m_Errors = errors.count();
+    return summary.shown().print(m_Json, errors);
+}
+
+bool IngestCommand::writeManifest(const StoredFiles& stored, ErrorReport& errors) const
+{
+    ManifestBuilder builder(m_Place, errors);
+    const Manifest manifest = builder.build(stored);
+    const std::string reason = manifest.save(m_Manifest, m_Replace);
+    if (!reason.empty())
+        errors.add(m_Manifest, reason);
+    return reason.empty();
 }

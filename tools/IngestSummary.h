@@ -1,10 +1,10 @@
 #pragma once
 
-#include <QByteArray>
 #include <QtGlobal>
 
 #include <string>
 
+class SummaryText;
 struct StoredFiles;
 
 /// What an ingest has come to, for people and for programs.
@@ -19,6 +19,8 @@ struct IngestSummary
     /// What the store holds of it: everything once.
     qint64 m_DistinctBlocks = 0;
     qint64 m_DistinctBytes = 0;
+    /// Whether all was read back and compared.
+    bool m_Checked = true;
     qint64 m_ReadBackBytes = 0;
     qint64 m_Differences = 0;
     /// The differences among them.
@@ -30,6 +32,8 @@ struct IngestSummary
     qint64 m_BlockSize = 0;
     qint64 m_Memory = 0;
     int m_Threads = 0;
+    /// Path of the manifest.
+    std::string m_Manifest;
 
     /// Counts what is in `stored`. Blocks are distinct when their hashes are different objects.
     void count(const StoredFiles& stored);
@@ -37,9 +41,5 @@ struct IngestSummary
     /// Not stored, as equal bytes were there already.
     qint64 savedBytes() const { return m_Bytes - m_DistinctBytes; }
 
-    /// Aligned lines.
-    std::string text() const;
-
-    /// One JSON object on one line.
-    QByteArray json() const;
+    SummaryText shown() const;
 };

@@ -35,15 +35,24 @@ struct StoredSegment
 
 struct StoredFile
 {
-    explicit StoredFile(const std::string& path, qint64 size) : m_Path(path), m_Size(size) {}
+    explicit StoredFile(const std::string& path, const std::string& name, qint64 size)
+        : m_Path(path), m_Name(name), m_Size(size)
+    {}
 
     std::string m_Path;
+    /// Under which the file is kept in a manifest.
+    std::string m_Name;
     /// As it was when the file was found.
     qint64 m_Size;
     /// Whether the file could not be stored; nothing of it is kept then.
     std::atomic<bool> m_Failed = false;
     /// Whether the file was found to differ from what was stored, or could not be compared.
     std::atomic<bool> m_Different = false;
+
+    /// The block that lists the blocks of the file, and what they hold together. Null until all of
+    /// the file is stored.
+    ZebDataReference m_Group;
+    qint64 m_StoredBytes = 0;
 };
 
 /// Everything that a run of the tool has put into the store.

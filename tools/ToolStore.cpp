@@ -1,38 +1,107 @@
 #include "tools/ToolStore.h"
 
 #include "manager/ZebDataBlockManager.h"
+#include "tools/ErrorReport.h"
+#include "tools/ExitCode.h"
+#include "tools/FileKind.h"
+#include "tools/PathText.h"
+#include "tools/Workers.h"
 
 #include <QByteArray>
+#include <QCoreApplication>
 #include <QFile>
-#include <QString>
 #include <QStringList>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include <unistd.h>
 
 namespace {
 
-// The folder that the user wants temporary files in. QDir::tempPath() gives the root folder when
-// that one is missing, where nothing of ours belongs.
-QString temporaryFolder()
+// A disk that has not failed for that long works again.
+constexpr qint64 s_PauseMs = 3000;
+
+// Why a store can't keep its files in that folder; empty when it can.
+std::string whyNoRoot(const std::string& root, ToolStore::Roots roots)
 {
-    const QByteArray wanted = qgetenv("TMPDIR");
-    return wanted.isEmpty() ? QStringLiteral("/tmp") : QFile::decodeName(wanted);
+    std::error_code error;
+    if (roots == ToolStore::Roots::Make)
+        std::filesystem::create_directories(root, error);
+    if (error)
+        return error.message();
+    if (!std::filesystem::is_directory(root, error))
+        return error ? error.message() : FileKind::errorText(ENOTDIR);
+    // Readers make missing folders, too.
+    if (::access(root.c_str(), R_OK | W_OK | X_OK) != 0)
+        return FileKind::errorText(errno);
+    return {};
 }
 
 } // namespace
 
-ToolStore::ToolStore() : m_Root(temporaryFolder() + QStringLiteral("/zebtdx-XXXXXX")) {}
-
-std::unique_ptr<ToolStore> ToolStore::open(qint64 memory, std::string& reason)
+ToolStore::ToolStore() : m_Failures(0), m_Told(0)
 {
-    std::unique_ptr<ToolStore> store(new ToolStore);
-    if (!store->m_Root.isValid()) {
-        reason = "cannot make a temporary folder: " + store->m_Root.errorString().toStdString();
-        return nullptr;
+    QObject::connect(&ZebDataBlockManager::instance(), &ZebDataBlockManager::writeError,
+                     &m_Receiver, [this](const QString& message) {
+                         if (!m_SinceLast.isValid() || m_SinceLast.hasExpired(s_PauseMs)) {
+                             m_Failures = 0;
+                             m_Told = 0;
+                             m_SinceFirst.start();
+                         }
+                         m_SinceLast.start();
+                         ++m_Failures;
+                         m_LastError = message;
+                     });
+}
+
+std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, Roots roots, qint64 memory,
+                                           std::string& reason)
+{
+    QStringList paths;
+    for (const std::string& root : place.m_Roots) {
+        const std::string why = whyNoRoot(root, roots);
+        if (!why.empty()) {
+            reason = "cache root " + PathText::printable(root) + ": " + why;
+            return nullptr;
+        }
+        paths.append(QFile::decodeName(QByteArray::fromStdString(root)));
     }
-    ZebDataBlockManager::instance().setup({store->m_Root.path()}, memory);
+    std::unique_ptr<ToolStore> store(new ToolStore);
+    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
+    manager.setup(paths, memory, place.m_Buckets);
+    if (!place.m_SubCache.empty())
+        manager.setSubCache(QFile::decodeName(QByteArray::fromStdString(place.m_SubCache)));
     return store;
 }
 
 ToolStore::~ToolStore()
 {
     ZebDataBlockManager::instance().cleanUp();
+}
+
+void ToolStore::flush(ErrorReport& errors)
+{
+    Workers::run(
+        1, [] { ZebDataBlockManager::instance().flush(); },
+        [this, &errors] { watchWrites(errors); });
+}
+
+void ToolStore::watchWrites(ErrorReport& errors, qint64 patienceMs)
+{
+    // The signal is queued for the thread of the store.
+    QCoreApplication::processEvents();
+    if (m_Failures == 0)
+        return;
+    if (m_Told == 0) {
+        m_Told = 1;
+        errors.note(PathText::printable(m_LastError.toStdString()) + "; trying again");
+    }
+    if (m_SinceLast.hasExpired(s_PauseMs) || !m_SinceFirst.hasExpired(patienceMs))
+        return;
+    errors.add("the disk cache does not take what it is given; giving up");
+    // Nothing less ends the writers: they do not stop before all is written.
+    std::_Exit(ExitCode::Failed);
 }

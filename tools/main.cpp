@@ -6,6 +6,8 @@
 #include "tools/IngestCommand.h"
 #include "tools/MessageFilter.h"
 #include "tools/PathText.h"
+#include "tools/RestoreCommand.h"
+#include "tools/StatCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -63,8 +65,9 @@ std::vector<std::string> plainArguments(int argc, char** argv)
 
 int runTool(int argc, char** argv)
 {
-    CLI::App application("Puts files into a ZebTdx store, where equal blocks are kept once.",
-                         "zebtdx");
+    CLI::App application(
+        "Puts files into a ZebTdx store, where equal blocks are kept once, and brings them back.",
+        "zebtdx");
     ToolSettings settings;
     application.set_version_flag("--version", "zebtdx " ZEBTDX_VERSION_STRING);
     application.add_flag("--verbose", settings.m_Verbose, "Show the store's own messages");
@@ -72,6 +75,8 @@ int runTool(int argc, char** argv)
 
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(std::make_unique<IngestCommand>());
+    commands.push_back(std::make_unique<RestoreCommand>());
+    commands.push_back(std::make_unique<StatCommand>());
 
     std::vector<Entry> entries;
     for (std::unique_ptr<Command>& command : commands) {

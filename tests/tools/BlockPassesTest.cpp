@@ -31,6 +31,12 @@ bool comesToLiveBytes(qint64 bytes)
     return waitUntil([bytes] { return ZebDataBlockManager::instance().liveBytes() == bytes; });
 }
 
+// The size of the block that lists the blocks of a file.
+qint64 groupBytes(qint64 blocks)
+{
+    return 16 + 64 * blocks;
+}
+
 } // namespace
 
 class BlockPassesTest : public StoreFixture
@@ -46,14 +52,15 @@ protected:
     void store(int threads = 4, qint64 blockSize = s_BlockSize, qint64 memory = s_Memory)
     {
         ZebDataBlockManager::instance().setMaxDataCacheSize(memory);
-        BlockStoring storing({blockSize, threads}, m_Errors.report(), m_Errors.progress());
+        BlockStoring storing({blockSize, threads, memory}, toolStore(), m_Errors.report(),
+                             m_Errors.progress());
         m_Stored.emplace(storing.run(*m_Walk));
     }
 
     // Reads back, compares and counts.
     IngestSummary check(int threads = 4)
     {
-        BlockChecking checking(threads, m_Errors.report(), m_Errors.progress());
+        BlockChecking checking(threads, toolStore(), m_Errors.report(), m_Errors.progress());
         checking.run(*m_Stored);
         IngestSummary summary;
         summary.count(*m_Stored);
@@ -105,7 +112,9 @@ TEST_F(BlockPassesTest, FilesAreCutIntoBlocksAndComeBackEqual)
     EXPECT_EQ(summary.m_DistinctBlocks, 2 + 1 + 1);
     EXPECT_EQ(summary.m_DistinctBytes, 2048 + 1 + 3);
     EXPECT_EQ(summary.savedBytes(), 2048);
-    EXPECT_EQ(ZebDataBlockManager::instance().liveBytes(), summary.m_DistinctBytes);
+    EXPECT_EQ(ZebDataBlockManager::instance().liveBytes(), summary.m_DistinctBytes + groupBytes(2) +
+                                                               groupBytes(3) + groupBytes(1) +
+                                                               groupBytes(0));
     EXPECT_THAT(m_Errors.lines(), IsEmpty());
 }
 
@@ -204,7 +213,7 @@ TEST_F(BlockPassesTest, AFileThatFailsHalfWayLeavesNothingBehind)
     find();
     m_Tree.resize("large", s_PieceSize + 5);
     store(1);
-    EXPECT_TRUE(comesToLiveBytes(3));
+    EXPECT_TRUE(comesToLiveBytes(3 + groupBytes(1)));
     const IngestSummary summary = check();
     EXPECT_EQ(summary.m_Files, 1);
     EXPECT_EQ(summary.m_Bytes, 3);
@@ -319,6 +328,45 @@ TEST_F(BlockPassesTest, ABlockThatTheStoreHasLostIsAnError)
     EXPECT_EQ(summary.m_Errors, 1);
     EXPECT_EQ(summary.m_ReadBackBytes, 0);
     EXPECT_THAT(errorLines(), ElementsAre("zebtdx: f: a block of it cannot be had from the store"));
+}
+
+TEST_F(BlockPassesTest, TheGroupOfAFileListsItsBlocksInOrder)
+{
+    const qint64 size = s_PieceSize + 1;
+    m_Tree.file("a", std::string(static_cast<std::size_t>(size), 'x'));
+    m_Tree.file("b-empty", "");
+    find();
+    store(4, 65536);
+    const StoredFile& file = m_Stored->m_Files[0];
+    EXPECT_EQ(file.m_StoredBytes, size);
+    QVector<ZebDataReference> expected;
+    for (const StoredSegment& segment : m_Stored->m_Segments) {
+        if (segment.m_File == 0) {
+            for (const ZebDataReference& reference : segment.m_Blocks)
+                expected.append(reference);
+        }
+    }
+    ASSERT_EQ(expected.size(), s_PieceSize / 65536 + 1);
+    EXPECT_EQ(ZebDataBlockManager::instance().extractGroupBlock(file.m_Group), expected);
+    const ZebDataReference& empty = m_Stored->m_Files[1].m_Group;
+    ASSERT_FALSE(empty.isNull());
+    EXPECT_TRUE(ZebDataBlockManager::instance().extractGroupBlock(empty).isEmpty());
+}
+
+TEST_F(BlockPassesTest, AFileWhoseListOfBlocksIsTooLargeFailsAlone)
+{
+    m_Tree.file("a", std::string(1000, 'x'));
+    m_Tree.file("b", std::string(10, 'x'));
+    find();
+    // Its list takes 64 bytes for each block of one byte.
+    store(2, 1, 50000);
+    const IngestSummary summary = check();
+    EXPECT_EQ(summary.m_Bytes, 10);
+    EXPECT_TRUE(m_Stored->m_Files[0].m_Group.isNull());
+    EXPECT_FALSE(m_Stored->m_Files[1].m_Group.isNull());
+    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: a: has so many blocks that their list, of "
+                                          "62.5 KiB, is too large for the store; larger blocks "
+                                          "help"));
 }
 
 TEST_F(BlockPassesTest, DataFarAboveTheMemoryLimitIsStoredAndReadBack)

@@ -1,17 +1,12 @@
 // The program as a user meets it.
 
+#include "ProgramRunner.h"
 #include "TemporaryTree.h"
 #include "support/WaitUntil.h"
-
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
-#include <QStringList>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 
 using ::testing::AllOf;
@@ -20,79 +15,6 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
-
-constexpr int s_DeadlineMs = 120000;
-
-struct Outcome
-{
-    int m_Status = -1;
-    std::string m_Output;
-    std::string m_Errors;
-
-    QJsonObject json() const
-    {
-        const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(m_Output));
-        EXPECT_TRUE(document.isObject()) << m_Output;
-        return document.object();
-    }
-    qint64 number(const char* key) const
-    {
-        const QJsonValue value = json()[QLatin1String(key)];
-        EXPECT_TRUE(value.isDouble()) << key;
-        return static_cast<qint64>(value.toDouble());
-    }
-    int errorLines() const
-    {
-        return static_cast<int>(std::count(m_Errors.begin(), m_Errors.end(), '\n'));
-    }
-};
-
-Outcome finish(QProcess& process)
-{
-    Outcome outcome;
-    EXPECT_TRUE(process.waitForFinished(s_DeadlineMs)) << qPrintable(process.errorString());
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
-    outcome.m_Status = process.exitCode();
-    outcome.m_Output = process.readAllStandardOutput().toStdString();
-    outcome.m_Errors = process.readAllStandardError().toStdString();
-    return outcome;
-}
-
-QStringList asArguments(const std::vector<std::string>& arguments)
-{
-    QStringList list;
-    for (const std::string& argument : arguments)
-        list.append(QString::fromStdString(argument));
-    return list;
-}
-
-void setLanguage(QProcess& process)
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
-    process.setProcessEnvironment(environment);
-}
-
-Outcome runTool(const std::vector<std::string>& arguments, const std::string& folder = "/")
-{
-    QProcess process;
-    setLanguage(process);
-    process.setWorkingDirectory(QString::fromStdString(folder));
-    process.start(QStringLiteral(ZEBTDX_PROGRAM), asArguments(arguments));
-    return finish(process);
-}
-
-// Through a shell, for arguments that are no text.
-Outcome runShell(const std::string& commandLine, const std::string& folder)
-{
-    QProcess process;
-    setLanguage(process);
-    process.setWorkingDirectory(QString::fromStdString(folder));
-    process.start(QStringLiteral("/bin/sh"),
-                  {QStringLiteral("-c"), QString::fromStdString(commandLine),
-                   QStringLiteral(ZEBTDX_PROGRAM)});
-    return finish(process);
-}
 
 // 5 files, 7 blocks of 1 KiB at most, 3 of them distinct, and a link.
 void makeTreeWithDuplicates(const TemporaryTree& tree)
@@ -119,7 +41,7 @@ TEST(IngestProgram, CountsATreeWithDuplicatesExactly)
 {
     const TemporaryTree tree;
     makeTreeWithDuplicates(tree);
-    const Outcome outcome = runTool({"ingest", tree.top(), "--block", "1K", "--json"});
+    const Outcome outcome = runIngest({tree.top(), "--block", "1K", "--json"});
     EXPECT_EQ(outcome.m_Status, 0);
     EXPECT_EQ(outcome.m_Errors, "");
     EXPECT_EQ(outcome.number("files"), 5);
@@ -139,7 +61,7 @@ TEST(IngestProgram, PrintsASummaryForPeople)
 {
     const TemporaryTree tree;
     makeTreeWithDuplicates(tree);
-    const Outcome outcome = runTool({"ingest", tree.top(), "--block", "1K"});
+    const Outcome outcome = runIngest({tree.top(), "--block", "1K"});
     EXPECT_EQ(outcome.m_Status, 0);
     EXPECT_EQ(outcome.m_Errors, "") << "neither a bar nor the store's messages off a terminal";
     EXPECT_THAT(outcome.m_Output, AllOf(HasSubstr("Files                   5\n"),
@@ -158,11 +80,11 @@ TEST(IngestProgram, OneThreadAndEightCountTheSame)
     tree.file("large", mixedBytes(9000000, 1) + mixedBytes(4000, 59));
     const auto run = [&tree](const char* threads) {
         const Outcome outcome =
-            runTool({"ingest", "--json", "--block", "4000", "--threads", threads, tree.top()});
+            runIngest({"--json", "--block", "4000", "--threads", threads, tree.top()});
         EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
         QJsonObject object = outcome.json();
         for (const char* const key :
-             {"threads", "seconds_in", "seconds_out", "mb_per_s_in", "mb_per_s_out"})
+             {"threads", "seconds_in", "seconds_out", "mb_per_s_in", "mb_per_s_out", "manifest"})
             object.remove(QLatin1String(key));
         EXPECT_EQ(object[QStringLiteral("files")].toInt(), 201);
         EXPECT_EQ(object[QStringLiteral("bytes")].toDouble(), 100 * 199 * 100 + 9004000);
@@ -176,7 +98,7 @@ TEST(IngestProgram, AnEmptyTreeIsFine)
 {
     const TemporaryTree tree;
     tree.folder("a");
-    const Outcome outcome = runTool({"ingest", "--json", tree.top()});
+    const Outcome outcome = runIngest({"--json", tree.top()});
     EXPECT_EQ(outcome.m_Status, 0);
     EXPECT_EQ(outcome.m_Errors, "");
     for (const char* const key : {"files", "bytes", "blocks", "distinct_blocks", "saved_bytes",
@@ -188,7 +110,7 @@ TEST(IngestProgram, AFileOfExactlyOneBlockIsOneBlock)
 {
     const TemporaryTree tree;
     tree.file("f", mixedBytes(256 * 1024, 1));
-    const Outcome outcome = runTool({"ingest", "--json", tree.path("f")});
+    const Outcome outcome = runIngest({"--json", tree.path("f")});
     EXPECT_EQ(outcome.m_Status, 0);
     EXPECT_EQ(outcome.number("block_size"), 256 * 1024);
     EXPECT_EQ(outcome.number("blocks"), 1);
@@ -199,7 +121,7 @@ TEST(IngestProgram, BlocksOfOneByteWork)
 {
     const TemporaryTree tree;
     tree.file("f", "mississippi");
-    const Outcome outcome = runTool({"ingest", "--json", "--block", "1", tree.path("f")});
+    const Outcome outcome = runIngest({"--json", "--block", "1", tree.path("f")});
     EXPECT_EQ(outcome.m_Status, 0);
     EXPECT_EQ(outcome.number("blocks"), 11);
     EXPECT_EQ(outcome.number("distinct_blocks"), 4);
@@ -210,8 +132,8 @@ TEST(IngestProgram, TheLargestBlockTakesNoMoreMemoryThanTheFileNeeds)
 {
     const TemporaryTree tree;
     tree.file("f", "abc");
-    const Outcome outcome = runTool({"ingest", "--json", "--block", "2147483647", "--memory", "2G",
-                                     "--threads", "8", tree.path("f")});
+    const Outcome outcome = runIngest(
+        {"--json", "--block", "2147483647", "--memory", "2G", "--threads", "8", tree.path("f")});
     EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
     EXPECT_EQ(outcome.number("bytes"), 3);
 }
@@ -246,6 +168,21 @@ TEST(IngestProgram, BadUsageExitsWith2AndDoesNothing)
         {"ingest", file, "--threads", "two"},
         {"ingest", file, "--threads", "1025"},
         {"ingest", file, "--json=perhaps"},
+        {"ingest", file, "--buckets", "0"},
+        {"ingest", file, "--buckets", "many"},
+        {"ingest", file, "--root", ""},
+        {"ingest", file, "--root", "a", "--root", "./a/"},
+        {"ingest", file, "--sub-cache", ""},
+        {"ingest", file, "--sub-cache", "."},
+        {"ingest", file, "--sub-cache", ".."},
+        {"ingest", file, "--sub-cache", "a/b"},
+        {"ingest", file, "--sub-cache", "12"},
+        {"restore"},
+        {"restore", file},
+        {"restore", "--out", "somewhere"},
+        {"restore", file, "--out", "somewhere", "--threads", "0"},
+        {"stat", file},
+        {"stat", "--root", "a", "--root", "a"},
     };
     for (const std::vector<std::string>& line : lines) {
         const Outcome outcome = runTool(line);
@@ -260,13 +197,13 @@ TEST(IngestProgram, BadUsageExitsWith2AndDoesNothing)
 
 TEST(IngestProgram, BadUsageIsNamed)
 {
-    EXPECT_THAT(runTool({"ingest", "f", "--block", "12x"}).m_Errors,
+    EXPECT_THAT(runIngest({"f", "--block", "12x"}).m_Errors,
                 StartsWith("zebtdx: --block: '12x' is not a size"));
-    EXPECT_THAT(runTool({"ingest", "f", "--memory", "1K"}).m_Errors,
+    EXPECT_THAT(runIngest({"f", "--memory", "1K"}).m_Errors,
                 StartsWith("zebtdx: --memory: 1 KiB hold no block of 256 KiB"));
-    EXPECT_THAT(runTool({"ingest", "f", "--block", "2G", "--memory", "4G"}).m_Errors,
+    EXPECT_THAT(runIngest({"f", "--block", "2G", "--memory", "4G"}).m_Errors,
                 HasSubstr("--block: 2 GiB is more than the store takes"));
-    EXPECT_THAT(runTool({"ingest", "f", "--threads", "0"}).m_Errors,
+    EXPECT_THAT(runIngest({"f", "--threads", "0"}).m_Errors,
                 StartsWith("zebtdx: --threads: '0' is not a number from 1 to 1024"));
 }
 
@@ -276,12 +213,12 @@ TEST(IngestProgram, SizesAtTheEdgesAreTaken)
     tree.file("f", "abc");
     for (const std::vector<std::string>& options :
          {std::vector<std::string>{"--memory", "1k", "--block", "1KiB"},
-          {"--memory", "3", "--block", "3"},
+          {"--memory", "80", "--block", "3"},
           {"--memory", "8388607T"},
           {"--threads", "1024"}}) {
-        std::vector<std::string> line = {"ingest", tree.path("f")};
+        std::vector<std::string> line = {tree.path("f")};
         line.insert(line.end(), options.begin(), options.end());
-        EXPECT_EQ(runTool(line).m_Status, 0) << ::testing::PrintToString(options);
+        EXPECT_EQ(runIngest(line).m_Status, 0) << ::testing::PrintToString(options);
     }
 }
 
@@ -292,9 +229,9 @@ TEST(IngestProgram, FailedPathsAreNamedAndTheRestGoesOn)
     tree.pipe("pipe");
     tree.socket("socket");
     tree.link("dangling", "nothing");
-    const Outcome outcome = runTool({"ingest", "--json", "missing", "dangling", "pipe", "socket",
-                                     "good/below", "/dev/null", "/proc/self/mem", "", "good"},
-                                    tree.top());
+    const Outcome outcome = runIngest({"--json", "missing", "dangling", "pipe", "socket",
+                                       "good/below", "/dev/null", "/proc/self/mem", "", "good"},
+                                      tree.top());
     EXPECT_EQ(outcome.m_Status, 1);
     EXPECT_EQ(outcome.m_Errors, "zebtdx: missing: No such file or directory\n"
                                 "zebtdx: dangling: No such file or directory\n"
@@ -315,9 +252,9 @@ TEST(IngestProgram, SpecialFilesThatAreMetFailAndLinksDoNot)
     const TemporaryTree tree;
     tree.file("good", "abc");
     tree.link("dangling", "nothing");
-    EXPECT_EQ(runTool({"ingest", tree.top()}).m_Status, 0);
+    EXPECT_EQ(runIngest({tree.top()}).m_Status, 0);
     tree.pipe("pipe");
-    const Outcome outcome = runTool({"ingest", "--json", tree.top()});
+    const Outcome outcome = runIngest({"--json", tree.top()});
     EXPECT_EQ(outcome.m_Status, 1);
     EXPECT_EQ(outcome.m_Errors, "zebtdx: " + tree.path("pipe") + ": is a named pipe\n");
     EXPECT_EQ(outcome.number("files"), 1);
@@ -330,7 +267,7 @@ TEST(IngestProgram, AGivenLinkIsFollowed)
     tree.folder("d");
     tree.file("d/f", "abc");
     tree.link("link", "d");
-    const Outcome outcome = runTool({"ingest", "--json", tree.path("link")});
+    const Outcome outcome = runIngest({"--json", tree.path("link")});
     EXPECT_EQ(outcome.m_Status, 0);
     EXPECT_EQ(outcome.number("files"), 1);
     EXPECT_EQ(outcome.number("links_skipped"), 0);
@@ -341,8 +278,8 @@ TEST(IngestProgram, AFileGivenTwiceIsIngestedTwice)
     const TemporaryTree tree;
     tree.folder("d");
     tree.file("d/f", "abc");
-    EXPECT_EQ(runTool({"ingest", "--json", "d", "d/f"}, tree.top()).number("files"), 1);
-    const Outcome outcome = runTool({"ingest", "--json", "d/f", "d/f"}, tree.top());
+    EXPECT_EQ(runIngest({"--json", "d", "d/f"}, tree.top()).number("files"), 1);
+    const Outcome outcome = runIngest({"--json", "d/f", "d/f"}, tree.top());
     EXPECT_EQ(outcome.number("files"), 2);
     EXPECT_EQ(outcome.number("saved_bytes"), 3);
 }
@@ -351,7 +288,7 @@ TEST(IngestProgram, EveryNameIsANameWhateverItLooksLike)
 {
     const TemporaryTree tree;
     const std::vector<std::string> names = {"[a,b]", "[]", "{}", "%%", "++", "ingest", "a b", "#"};
-    std::vector<std::string> line = {"ingest", "--json"};
+    std::vector<std::string> line = {"--json"};
     for (const std::string& name : names) {
         tree.file(name, "x");
         line.push_back(name);
@@ -359,7 +296,7 @@ TEST(IngestProgram, EveryNameIsANameWhateverItLooksLike)
     for (const char* const name : {"--json", "-h", "--"})
         tree.file(name, "x");
     line.insert(line.end(), {"--", "--json", "-h", "--"});
-    const Outcome outcome = runTool(line, tree.top());
+    const Outcome outcome = runIngest(line, tree.top());
     EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
     EXPECT_EQ(outcome.number("files"), static_cast<qint64>(names.size()) + 3);
 }
@@ -370,16 +307,17 @@ TEST(IngestProgram, NamesThatAreNoUtf8AreIngestedAndShownEscaped)
     tree.folder("d");
     tree.file("d/f\xFF\xFE", "abc");
     tree.file("d/line\nbreak", "abc");
-    const Outcome met = runTool({"ingest", "--json", "d"}, tree.top());
+    const Outcome met = runIngest({"--json", "d"}, tree.top());
     EXPECT_EQ(met.m_Status, 0) << met.m_Errors;
     EXPECT_EQ(met.number("files"), 2);
     EXPECT_EQ(met.number("read_back_bytes"), 6);
     const Outcome given =
-        runShell(R"sh(exec "$0" ingest --json "$(printf 'd/f\377\376')")sh", tree.top());
+        runShell(R"sh(exec "$0" ingest --json --root r --manifest m1 "$(printf 'd/f\377\376')")sh",
+                 tree.top());
     EXPECT_EQ(given.m_Status, 0) << given.m_Errors;
     EXPECT_EQ(given.number("files"), 1);
-    const Outcome missing =
-        runShell(R"sh(exec "$0" ingest "$(printf 'no\377\033')")sh", tree.top());
+    const Outcome missing = runShell(
+        R"sh(exec "$0" ingest --root r --manifest m2 "$(printf 'no\377\033')")sh", tree.top());
     EXPECT_EQ(missing.m_Status, 1);
     EXPECT_EQ(missing.m_Errors, "zebtdx: no\\xff\\x1b: No such file or directory\n");
 }
@@ -389,8 +327,8 @@ TEST(IngestProgram, DataAboveTheMemoryLimitGoThroughTheDiskCache)
     const TemporaryTree tree;
     tree.file("f", mixedBytes(100 * 1024, 1));
     for (const char* const threads : {"1", "8"}) {
-        const Outcome outcome = runTool({"ingest", "--json", "--block", "1K", "--memory", "16K",
-                                         "--threads", threads, tree.top()});
+        const Outcome outcome = runIngest(
+            {"--json", "--block", "1K", "--memory", "16K", "--threads", threads, tree.top()});
         EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
         EXPECT_EQ(outcome.number("files"), 1);
         EXPECT_EQ(outcome.number("distinct_bytes"), 100 * 1024);
@@ -404,11 +342,12 @@ TEST(IngestProgram, StoreMessagesShowOnlyWithVerbose)
 {
     const TemporaryTree tree;
     tree.file("f", "abc");
-    expectNoStoreMessages(runTool({"ingest", tree.path("f")}));
+    expectNoStoreMessages(runIngest({tree.path("f")}));
     for (const std::vector<std::string>& line :
-         {std::vector<std::string>{"ingest", "--verbose", tree.path("f")},
-          {"--verbose", "ingest", tree.path("f")}}) {
-        const Outcome outcome = runTool(line);
+         {std::vector<std::string>{"ingest", "--verbose", "f"}, {"--verbose", "ingest", "f"}}) {
+        std::vector<std::string> whole = line;
+        whole.push_back("--replace");
+        const Outcome outcome = runTool(whole, tree.top());
         EXPECT_EQ(outcome.m_Status, 0);
         EXPECT_THAT(outcome.m_Errors, HasSubstr("zebtdx: [TDX] Max data cache size"));
     }
@@ -442,26 +381,81 @@ TEST(IngestProgram, WithoutAPlaceForTheStoreNothingIsDone)
 {
     const TemporaryTree tree;
     tree.file("f", "abc");
-    const Outcome outcome = runShell(R"(TMPDIR="$PWD/missing" exec "$0" ingest f)", tree.top());
+    const Outcome outcome = runTool({"ingest", "f", "--root", "f"}, tree.top());
     EXPECT_EQ(outcome.m_Status, 1);
     EXPECT_EQ(outcome.m_Output, "");
-    EXPECT_THAT(outcome.m_Errors, StartsWith("zebtdx: cannot make a temporary folder: "));
-    EXPECT_EQ(outcome.errorLines(), 1);
+    EXPECT_EQ(outcome.m_Errors, "zebtdx: cache root f: Not a directory\n");
+    EXPECT_EQ(runShell("ls", tree.top()).m_Output, "f\n");
 }
 
-TEST(IngestProgram, NothingIsLeftInTheTemporaryFolder)
+TEST(IngestProgram, CacheAndManifestLieInTheWorkingFolderUnlessSaid)
 {
     const TemporaryTree tree;
-    tree.folder("tmp");
     tree.file("f", "abc");
-    EXPECT_EQ(runShell(R"(TMPDIR="$PWD/tmp" "$0" ingest f && rmdir tmp)", tree.top()).m_Status, 0);
+    EXPECT_EQ(runTool({"ingest", "."}, tree.top()).m_Status, 0);
+    EXPECT_EQ(runShell("ls", tree.top()).m_Output, "f\nzebtdx-cache\nzebtdx-manifest.jsonl\n");
+}
+
+TEST(IngestProgram, ACacheAmongTheFilesStaysOut)
+{
+    const TemporaryTree tree;
+    tree.folder("d");
+    tree.file("d/f", "abc");
+    for (const char* const manifest : {"m1", "m2"}) {
+        const Outcome outcome = runTool(
+            {"ingest", "--json", "d", "--root", "d/cache", "--manifest", manifest}, tree.top());
+        EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
+        EXPECT_EQ(outcome.number("files"), 1);
+    }
+}
+
+TEST(IngestProgram, AManifestIsReplacedOnlyWhenAsked)
+{
+    const TemporaryTree tree;
+    tree.file("f", "abc");
+    tree.file("zebtdx-manifest.jsonl", "precious");
+    const Outcome refused = runTool({"ingest", "f"}, tree.top());
+    EXPECT_EQ(refused.m_Status, 1);
+    EXPECT_EQ(refused.m_Errors,
+              "zebtdx: zebtdx-manifest.jsonl: is there already; --manifest takes another name, and "
+              "--replace replaces it\n");
+    EXPECT_EQ(runShell("ls; cat zebtdx-manifest.jsonl", tree.top()).m_Output,
+              "f\nzebtdx-manifest.jsonl\nprecious");
+    EXPECT_EQ(runTool({"ingest", "f", "--replace"}, tree.top()).m_Status, 0);
+    EXPECT_THAT(runShell("head -c 40 zebtdx-manifest.jsonl", tree.top()).m_Output,
+                HasSubstr("block_size"));
+}
+
+TEST(IngestProgram, WithoutTheComparisonNothingIsReadBack)
+{
+    const TemporaryTree tree;
+    tree.file("f", "abc");
+    const Outcome outcome = runIngest({"--json", "--no-check", "f"}, tree.top());
+    EXPECT_EQ(outcome.m_Status, 0);
+    EXPECT_FALSE(outcome.json().contains(QStringLiteral("read_back_bytes")));
+    EXPECT_EQ(outcome.number("bytes"), 3);
+}
+
+TEST(IngestProgram, DifferentFilesOfOneNameAreTold)
+{
+    const TemporaryTree tree;
+    for (const char* const name : {"a", "b"})
+        tree.folder(name);
+    tree.file("a/f", "abc");
+    tree.file("f", "def");
+    // Restored, both would be "f".
+    const Outcome outcome = runIngest({"../f", "f"}, tree.path("a"));
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_EQ(outcome.m_Errors,
+              "zebtdx: f: is not in the manifest, where another file has the name f\n");
 }
 
 TEST(IngestProgram, ShowsABarOnATerminalAndTakesItAway)
 {
     const TemporaryTree tree;
-    tree.file("f", mixedBytes(100000, 1));
-    tree.pipe("pipe");
+    tree.folder("d");
+    tree.file("d/f", mixedBytes(100000, 1));
+    tree.pipe("d/pipe");
     const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
     if (terminal < 0 || ::grantpt(terminal) != 0 || ::unlockpt(terminal) != 0)
         GTEST_SKIP() << "no pseudo-terminals here";
@@ -472,7 +466,9 @@ TEST(IngestProgram, ShowsABarOnATerminalAndTakesItAway)
     QProcess process;
     setLanguage(process);
     process.setStandardErrorFile(QString::fromStdString(name));
-    process.start(QStringLiteral(ZEBTDX_PROGRAM), asArguments({"ingest", "--json", tree.top()}));
+    process.start(QStringLiteral(ZEBTDX_PROGRAM),
+                  asArguments({"ingest", "--json", tree.path("d"), "--root", tree.path("cache"),
+                               "--manifest", tree.path("manifest")}));
     const Outcome outcome = finish(process);
     EXPECT_EQ(outcome.m_Status, 1);
     ASSERT_EQ(::fcntl(terminal, F_SETFL, O_NONBLOCK), 0);
@@ -486,7 +482,7 @@ TEST(IngestProgram, ShowsABarOnATerminalAndTakesItAway)
     EXPECT_TRUE(waitUntil(readAll)) << shown;
     ::close(held);
     ::close(terminal);
-    EXPECT_THAT(shown, HasSubstr("zebtdx: " + tree.path("pipe") + ": is a named pipe\r\n"));
+    EXPECT_THAT(shown, HasSubstr("zebtdx: " + tree.path("d/pipe") + ": is a named pipe\r\n"));
     EXPECT_THAT(shown, AllOf(HasSubstr("\rStoring"), HasSubstr("%")));
     EXPECT_THAT(shown, HasSubstr("100 %    97.7 KiB of 97.7 KiB"));
     // The bar's end is a line of blanks.

@@ -3,6 +3,8 @@
 #include "tools/MessageFilter.h"
 #include "tools/ToolStore.h"
 
+#include "TemporaryTree.h"
+
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -17,13 +19,20 @@ protected:
     void SetUp() override
     {
         MessageFilter::install(false);
+        StorePlace place;
+        // Another one each time: a test that sets up again finds nothing of what was.
+        place.m_Roots = {m_Cache.path("root" + std::to_string(++m_SetUps))};
         std::string reason;
-        m_Store = ToolStore::open(s_Memory, reason);
+        m_Store = ToolStore::open(place, ToolStore::Roots::Make, s_Memory, reason);
         ASSERT_NE(m_Store, nullptr) << reason;
     }
 
     void TearDown() override { m_Store.reset(); }
 
+    ToolStore& toolStore() { return *m_Store; }
+
 private:
+    const TemporaryTree m_Cache;
+    int m_SetUps = 0;
     std::unique_ptr<ToolStore> m_Store;
 };

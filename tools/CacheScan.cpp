@@ -1,0 +1,153 @@
+#include "tools/CacheScan.h"
+
+#include "tools/ErrorReport.h"
+#include "tools/FileKind.h"
+#include "tools/FolderNames.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <optional>
+#include <system_error>
+
+#include <sys/stat.h>
+
+namespace {
+
+constexpr int s_NoBucket = -1;
+constexpr int s_Words = 16;
+
+// A number as the store writes it: no sign, no leading zeros.
+template <typename Number>
+std::optional<Number> plainNumber(const char* begin, const char* end)
+{
+    Number number = 0;
+    const auto [rest, error] = std::from_chars(begin, end, number);
+    const bool leadingZero = end - begin > 1 && *begin == '0';
+    if (error != std::errc() || rest != end || leadingZero || (begin != end && *begin == '-'))
+        return std::nullopt;
+    return number;
+}
+
+std::optional<int> bucketNumber(const std::string& name)
+{
+    return plainNumber<int>(name.data(), name.data() + name.size());
+}
+
+bool isFolder(const std::string& path)
+{
+    struct stat status = {};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Buckets by number, and everything else by name behind them.
+void sortNames(std::vector<std::string>& names)
+{
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        const std::optional<int> first = bucketNumber(a);
+        const std::optional<int> second = bucketNumber(b);
+        if (first && second)
+            return *first < *second;
+        return first.has_value() != second.has_value() ? first.has_value() : a < b;
+    });
+}
+
+} // namespace
+
+CacheScan::CacheScan(ErrorReport& errors)
+    : m_Errors(errors), m_All(true), m_Root(0), m_Visit(nullptr)
+{}
+
+void CacheScan::only(const std::string& subCache)
+{
+    m_All = false;
+    m_Only = subCache;
+}
+
+void CacheScan::run(const std::vector<std::string>& roots,
+                    const std::function<void(const File&)>& visit)
+{
+    m_Visit = &visit;
+    for (m_Root = 0; m_Root < roots.size(); ++m_Root) {
+        m_RootPath = roots[m_Root];
+        scanRoot();
+    }
+}
+
+bool CacheScan::isBlockName(const std::string& name)
+{
+    const char* begin = name.data();
+    const char* const end = begin + name.size();
+    for (int word = 1; word <= s_Words; ++word) {
+        const char* const stop = std::find(begin, end, '-');
+        if (!plainNumber<quint32>(begin, stop) || (stop == end) != (word == s_Words))
+            return false;
+        begin = stop + 1;
+    }
+    return true;
+}
+
+void CacheScan::scanRoot()
+{
+    if (!m_All) {
+        scanBuckets(m_Only.empty() ? m_RootPath : FolderNames::joined(m_RootPath, m_Only), m_Only);
+        return;
+    }
+    scanBuckets(m_RootPath, {});
+}
+
+void CacheScan::scanBuckets(const std::string& folder, const std::string& subCache)
+{
+    std::vector<std::string> names;
+    const std::string reason = FolderNames::read(folder, names);
+    if (!reason.empty())
+        m_Errors.add(folder, reason);
+    sortNames(names);
+    for (const std::string& name : names) {
+        const std::string path = FolderNames::joined(folder, name);
+        const std::optional<int> bucket = bucketNumber(name);
+        // Sub-caches stand beside the buckets of the unnamed one.
+        const bool isRoot = subCache.empty();
+        if (!isFolder(path))
+            visit(folder, subCache, s_NoBucket, name);
+        else if (bucket)
+            scanBucket(path, subCache, *bucket);
+        else if (!isRoot)
+            visit(folder, subCache, s_NoBucket, name);
+        else if (m_All)
+            scanBuckets(path, name);
+    }
+}
+
+void CacheScan::scanBucket(const std::string& folder, const std::string& subCache, int bucket)
+{
+    std::vector<std::string> names;
+    const std::string reason = FolderNames::read(folder, names);
+    if (!reason.empty())
+        m_Errors.add(folder, reason);
+    for (const std::string& name : names)
+        visit(folder, subCache, bucket, name);
+}
+
+void CacheScan::visit(const std::string& folder, const std::string& subCache, int bucket,
+                      const std::string& name)
+{
+    File file;
+    file.m_Root = m_Root;
+    file.m_SubCache = subCache;
+    file.m_Bucket = bucket;
+    file.m_Name = name;
+    file.m_Path = FolderNames::joined(folder, name);
+    struct stat status = {};
+    if (::lstat(file.m_Path.c_str(), &status) != 0) {
+        // A collector or a writer may have been at work.
+        if (errno != ENOENT)
+            m_Errors.add(file.m_Path, FileKind::errorText(errno));
+        return;
+    }
+    file.m_Size = status.st_size;
+    file.m_Mode = status.st_mode;
+    file.m_IsBlock = S_ISREG(status.st_mode) && bucket != s_NoBucket && isBlockName(name);
+    file.m_IsLog = S_ISREG(status.st_mode) && bucket == s_NoBucket && name == "TdxLog.txt";
+    (*m_Visit)(file);
+}

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "tools/StorePlace.h"
+
+#include <QtGlobal>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+class ErrorReport;
+
+/// Walks the files of a disk cache as they lie in its folders, in the order of roots, sub-caches,
+/// buckets and names. Reads folders only. Follows no symbolic link below a root.
+class CacheScan
+{
+public:
+    struct File
+    {
+        std::size_t m_Root = 0;
+        /// Empty for the unnamed one.
+        std::string m_SubCache;
+        int m_Bucket = 0;
+        std::string m_Name;
+        std::string m_Path;
+        /// What the file system says of it, without following a link.
+        qint64 m_Size = 0;
+        unsigned int m_Mode = 0;
+        /// Whether it is a regular file whose name is the text form of a hash.
+        bool m_IsBlock = false;
+        /// Whether it is the store's own log.
+        bool m_IsLog = false;
+    };
+
+    explicit CacheScan(ErrorReport& errors);
+
+    /// Only this sub-cache, from now on; the empty name for the unnamed one.
+    void only(const std::string& subCache);
+
+    /// Calls `visit` for everything that lies in the buckets, and for what else is not a folder of
+    /// the cache's own: that is in no bucket, which is -1.
+    void run(const std::vector<std::string>& roots, const std::function<void(const File&)>& visit);
+
+    /// Whether this is the text form of a hash as blocks have it.
+    static bool isBlockName(const std::string& name);
+
+private:
+    void scanRoot();
+    void scanBuckets(const std::string& folder, const std::string& subCache);
+    void scanBucket(const std::string& folder, const std::string& subCache, int bucket);
+    void visit(const std::string& folder, const std::string& subCache, int bucket,
+               const std::string& name);
+
+    ErrorReport& m_Errors;
+    bool m_All;
+    std::string m_Only;
+
+    // Of the run that is going on.
+    std::size_t m_Root;
+    std::string m_RootPath;
+    const std::function<void(const File&)>* m_Visit;
+};

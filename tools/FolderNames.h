@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// What stands in a folder, by bytes.
+namespace FolderNames {
+
+/// Reads the names in a folder, without "." and "..", sorted by their bytes. Gives the reason when
+/// that fails; `names` has what came before the failure.
+[[nodiscard]] std::string read(const std::string& folder, std::vector<std::string>& names);
+
+/// The path of a name in a folder.
+std::string joined(const std::string& folder, const std::string& name);
+
+} // namespace FolderNames
