@@ -24,6 +24,8 @@
 #include <thread>
 #include <vector>
 
+ZEBTDX_ACCESS(BlockSizeTag, ZebDataBlock, qint64 ZebDataBlock::*, m_Size)
+
 using StoreInside::manager;
 
 namespace {
@@ -394,11 +396,18 @@ TEST_F(ZebDataBlockManagerGroup, BlockThatCannotBeHadExtractsAsEmpty)
 
 TEST_F(ZebDataBlockManagerGroup, BlockThatHoldsLessThanItsSizeSaysIsReadInsideItsBytes)
 {
-    // Such a block is legal: no bytes, and a size.
+    // Such blocks are legal: no bytes, or an array's share of a very large size.
     const ZebDataReference hollow(ZebSmartPointer<ZebBlockFuture>(
         new ZebHashingJob(new ZebDataBlock(static_cast<const unsigned char*>(nullptr), 4096))));
-    EXPECT_EQ(hollow.constAccessor().size(), 4096);
     EXPECT_TRUE(Extracted(hollow).isEmpty());
+    const QByteArray whole = bytesOf(manager().makeGroupBlock(addMembers(3)));
+    const ZebDataReference cut = add(whole.left(s_Header + 2 * s_Digest));
+    StoreInside::blockOf(cut)->*privateMember(BlockSizeTag()) = whole.size();
+    EXPECT_EQ(cut.constAccessor().size(), whole.size());
+    EXPECT_EQ(Extracted(cut).m_Members.size(), 2);
+    EXPECT_EQ(Extracted(cut).m_Texts.size(), 2);
+    // The store counts the size that it has admitted.
+    StoreInside::blockOf(cut)->*privateMember(BlockSizeTag()) = s_Header + 2 * s_Digest;
 }
 
 TEST_F(ZebDataBlockManagerGroup, CountOfNoneOrLessExtractsAsEmpty)
