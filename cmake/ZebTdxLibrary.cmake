@@ -19,10 +19,12 @@ set(ZEBTDX_PUBLIC_HEADERS
   data/ZebModifyAccessor.h
   data/ZebThreadPoolManager.h
   io/ZebPriorityList.h
+  io/ZebDataBlockCompressionThread.h
   io/ZebDataBlockReadThread.h
   io/ZebDataBlockWriteRequest.h
   io/ZebDataBlockWriteThread.h
   io/ZebDataBlockWriteThread_Pattern1.h
+  io/ZebDataBlockWriteThread_Pattern2.h
   manager/ZebBuildFilename.h
   manager/ZebDataBlockLru.h
   manager/ZebDataBlockManager.h
@@ -46,10 +48,12 @@ set(ZEBTDX_SOURCES
   data/ZebModifyAccessor.cpp
   data/ZebThreadPoolManager.cpp
   io/ZebBlockFilePath.cpp
+  io/ZebDataBlockCompressionThread.cpp
   io/ZebDataBlockReadThread.cpp
   io/ZebDataBlockWriteRequest.cpp
   io/ZebDataBlockWriteThread.cpp
   io/ZebDataBlockWriteThread_Pattern1.cpp
+  io/ZebDataBlockWriteThread_Pattern2.cpp
   manager/ZebBuildFilename.cpp
   manager/ZebDataBlockLru.cpp
   manager/ZebDataBlockManager.cpp

@@ -91,8 +91,9 @@ public:
     /// @param maxDataCacheSize limit of the resident bytes; -1 keeps the present one, which is 0
     ///        after cleanUp()
     /// @param numBuckets directories per root; must be positive
-    /// @param compressionThreads compression workers per root; 0 or less for none. No effect yet:
-    ///        each writer compresses on its own thread
+    /// @param compressionThreads compression workers per root; with 0 or less each writer
+    /// compresses
+    ///        on its own thread
     bool setup(const QStringList& cacheRoots, qint64 maxDataCacheSize = -1, int numBuckets = 10,
                int compressionThreads = 0);
 
@@ -399,7 +400,10 @@ private:
     qint64 bytesInWriteQueues() const;
 
     /// Makes the disk threads of a root and starts them.
-    void startIoThreads(const QString& root);
+    void startIoThreads(const QString& root, int compressionThreads);
+
+    /// A writer of the form that setup() asks for, not started.
+    ZebDataBlockWriteThread* makeWriter(const QString& root, int compressionThreads);
 
     /// Ends the disk threads in order: collectors, readers, writers. The caller must not hold the
     /// delete lock.
