@@ -20,10 +20,12 @@ set(ZEBTDX_PUBLIC_HEADERS
   data/ZebResultCache.h
   data/ZebThreadPoolManager.h
   io/ZebPriorityList.h
+  io/ZebDataBlockCompressionThread.h
   io/ZebDataBlockReadThread.h
   io/ZebDataBlockWriteRequest.h
   io/ZebDataBlockWriteThread.h
   io/ZebDataBlockWriteThread_Pattern1.h
+  io/ZebDataBlockWriteThread_Pattern2.h
   io/ZebGarbageCollectorThread.h
   manager/ZebBuildFilename.h
   manager/ZebDataBlockLru.h
@@ -49,10 +51,12 @@ set(ZEBTDX_SOURCES
   data/ZebResultCache.cpp
   data/ZebThreadPoolManager.cpp
   io/ZebBlockFilePath.cpp
+  io/ZebDataBlockCompressionThread.cpp
   io/ZebDataBlockReadThread.cpp
   io/ZebDataBlockWriteRequest.cpp
   io/ZebDataBlockWriteThread.cpp
   io/ZebDataBlockWriteThread_Pattern1.cpp
+  io/ZebDataBlockWriteThread_Pattern2.cpp
   io/ZebGarbageCollectorThread.cpp
   manager/ZebBuildFilename.cpp
   manager/ZebDataBlockLru.cpp
@@ -64,6 +68,7 @@ set(ZEBTDX_SOURCES
   manager/ZebDataBlockManager_Layout.cpp
   manager/ZebDataBlockManager_Pressure.cpp
   manager/ZebDataBlockManager_Residency.cpp
+  manager/ZebDataBlockManager_Statistics.cpp
   manager/ZebDataBlockManager_SubCache.cpp
   manager/ZebMemoryStatus.cpp
   manager/ZebSystemMemory.cpp)

@@ -6,6 +6,9 @@
 #include "support/ZebDataDeleteLocker.h"
 #include "support/ZebTdxMessage.h"
 
+#include <QDir>
+#include <QFileInfo>
+
 namespace {
 
 constexpr int s_NoFence = -1;
@@ -64,6 +67,13 @@ void ZebDataBlockWriteRequest::setFileName(const QString& root, const QString& s
                                            int bucketCount)
 {
     m_File.setFileName(ZebBlockFilePath(m_Hash.data(), root, subCache, bucketCount));
+}
+
+void ZebDataBlockWriteRequest::makeDirectory()
+{
+    const QString directory = QFileInfo(m_File.fileName()).path();
+    if (!QDir(directory).exists())
+        QDir().mkpath(directory);
 }
 
 bool ZebDataBlockWriteRequest::fileExits()

@@ -58,6 +58,9 @@ public:
     /// Decides the place of the file and makes its directory when that is missing.
     void setFileName(const QString& root, const QString& subCache, int bucketCount);
 
+    /// Makes the directory of the file again when it has gone; the name stays as it was decided.
+    void makeDirectory();
+
     /// Whether a block file of more than its header lies at that place, whatever it holds; the
     /// block counts as cached then. A shorter file is a stump and will be overwritten.
     bool fileExits();

@@ -2,6 +2,7 @@
 
 #include "data/ZebDataBlock.h"
 #include "io/ZebDataBlockWriteRequest.h"
+#include "support/ZebDataDeleteLocker.h"
 
 #include <QMutexLocker>
 #include <QReadLocker>
@@ -112,4 +113,36 @@ void ZebDataBlockWriteThread::idle()
 {
     const QMutexLocker locker(&m_WaitMutex);
     m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
+}
+
+void ZebDataBlockWriteThread::endWrite(ZebDataBlockWriteRequest* request)
+{
+    // One hold for both steps: no other block may take the address in between and be mistaken for
+    // this one.
+    const ZebDataDeleteLocker deleteLocker;
+    ZebDataBlockManager::instance().flagWritingBlockFinished(request->block());
+    delete request;
+}
+
+void ZebDataBlockWriteThread::releaseTaken()
+{
+    const QWriteLocker locker(&m_Lock);
+    --m_RequestsTaken;
+}
+
+int ZebDataBlockWriteThread::takeFenceId()
+{
+    return m_FreeFenceIds.isEmpty() ? m_NextFenceId++ : m_FreeFenceIds.takeLast();
+}
+
+void ZebDataBlockWriteThread::moveToFences(const ZebDataHash* hash)
+{
+    for (int i = 0; i < m_Requests.size(); ++i) {
+        ZebDataBlockWriteRequest* const request = m_Requests.valueAt(i);
+        if (request->hash().data() != hash || m_Requests.priorityAt(i) <= s_FencePriority)
+            continue;
+        m_Requests.removeAt(i);
+        m_Requests.insert(s_FencePriority, request);
+        return;
+    }
 }

@@ -98,6 +98,22 @@ protected:
     /// Waits for a wake, at most 1000 ms.
     void idle();
 
+    /// Ends the request of a block that has its file. Takes the delete lock; m_Lock must be free.
+    static void endWrite(ZebDataBlockWriteRequest* request);
+
+    /// Marks one request less as on its way. Takes m_Lock.
+    void releaseTaken();
+
+    /// A number for a fence: the one given back last, or a new one. The caller holds what guards
+    /// the fences.
+    int takeFenceId();
+
+    /// Moves the first write of this hash that is less urgent than a fence to where fences go. The
+    /// caller holds m_Lock.
+    void moveToFences(const ZebDataHash* hash);
+
+    static constexpr int s_FencePriority = 0;
+
     const QString m_CacheRoot;
     QString m_SubCache;
     const int m_BucketCount;
@@ -123,6 +139,7 @@ protected:
     std::atomic<qint64> m_BytesWritten;
     std::atomic<int> m_RequestsHandled;
 
+    // Fences. Guarded by what the derived class says.
     int m_NextFenceId;
     QSet<int> m_FencesReached;
     QVector<int> m_FreeFenceIds;

@@ -1,14 +1,12 @@
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
 
 #include "io/ZebDataBlockWriteRequest.h"
-#include "support/ZebDataDeleteLocker.h"
 
 #include <QReadLocker>
 #include <QWriteLocker>
 
 namespace {
 
-constexpr int s_FencePriority = 0;
 constexpr unsigned long s_FencePollUs = 10000;
 constexpr unsigned long s_QueuePollUs = 10;
 constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
@@ -89,20 +87,8 @@ void ZebDataBlockWriteThread_Pattern1::treatFence(ZebDataBlockWriteRequest* requ
 
 void ZebDataBlockWriteThread_Pattern1::finish(ZebDataBlockWriteRequest* request)
 {
-    {
-        // One hold for both steps: no other block may take the address in between and be mistaken
-        // for this one.
-        const ZebDataDeleteLocker deleteLocker;
-        ZebDataBlockManager::instance().flagWritingBlockFinished(request->block());
-        delete request;
-    }
+    endWrite(request);
     m_RequestsHandled.fetch_add(1, s_Relaxed);
-}
-
-void ZebDataBlockWriteThread_Pattern1::releaseTaken()
-{
-    const QWriteLocker locker(&m_Lock);
-    --m_RequestsTaken;
 }
 
 void ZebDataBlockWriteThread_Pattern1::flush(const ZebSmartPointer<ZebDataHash>& hash)
@@ -117,15 +103,8 @@ void ZebDataBlockWriteThread_Pattern1::flush(const ZebSmartPointer<ZebDataHash>&
 int ZebDataBlockWriteThread_Pattern1::insertFence(const ZebDataHash* hash)
 {
     const QWriteLocker locker(&m_Lock);
-    const int fence = m_FreeFenceIds.isEmpty() ? m_NextFenceId++ : m_FreeFenceIds.takeLast();
-    for (int i = 0; i < m_Requests.size(); ++i) {
-        ZebDataBlockWriteRequest* const request = m_Requests.valueAt(i);
-        if (request->hash().data() != hash || m_Requests.priorityAt(i) <= s_FencePriority)
-            continue;
-        m_Requests.removeAt(i);
-        m_Requests.insert(s_FencePriority, request);
-        break;
-    }
+    const int fence = takeFenceId();
+    moveToFences(hash);
     m_Requests.insert(s_FencePriority, new ZebDataBlockWriteRequest(fence));
     return fence;
 }

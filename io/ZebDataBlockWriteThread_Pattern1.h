@@ -41,7 +41,4 @@ private:
 
     /// Collects a fence that was reached; its number is free again then. False when it was not.
     bool collectFence(int fence);
-
-    /// Marks one request less as on its way.
-    void releaseTaken();
 };

@@ -110,8 +110,6 @@ ZebDataBlockManager& ZebDataBlockManager::instance()
 bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCacheSize,
                                 int numBuckets, int compressionThreads)
 {
-    // Writers compress on their own thread; there are no workers to hand it to.
-    Q_UNUSED(compressionThreads)
     if (isInitialized())
         ZebTdxMessage::fatal(QStringLiteral("Setup called twice on DataBlock Manager"));
     if (!ZebSystemHasVirtualMemory())
@@ -123,7 +121,7 @@ bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCac
         requireCacheRoot(root);
     m_CacheRoots = cacheRoots;
     for (const QString& root : cacheRoots)
-        startIoThreads(root);
+        startIoThreads(root, compressionThreads);
     m_Initialized.store(true, std::memory_order_release);
     return true;
 }

@@ -7,6 +7,7 @@
 #include "hash/ZebDataHash.h"
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
+#include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "io/ZebGarbageCollectorThread.h"
 #include "support/ZebTdxMessage.h"
 
@@ -29,9 +30,18 @@ constexpr unsigned long s_FlushPauseMs = 1;
 
 } // namespace
 
-void ZebDataBlockManager::startIoThreads(const QString& root)
+ZebDataBlockWriteThread* ZebDataBlockManager::makeWriter(const QString& root,
+                                                         int compressionThreads)
 {
-    auto* const writer = new ZebDataBlockWriteThread_Pattern1(root, numBuckets(), this);
+    if (compressionThreads > 0) {
+        return new ZebDataBlockWriteThread_Pattern2(root, numBuckets(), compressionThreads, this);
+    }
+    return new ZebDataBlockWriteThread_Pattern1(root, numBuckets(), this);
+}
+
+void ZebDataBlockManager::startIoThreads(const QString& root, int compressionThreads)
+{
+    ZebDataBlockWriteThread* const writer = makeWriter(root, compressionThreads);
     auto* const reader =
         new ZebDataBlockReadThread(root, numBuckets(), s_MaxLowPriorityRequests, this);
     auto* const collector = new ZebGarbageCollectorThread(root, numBuckets(), this);

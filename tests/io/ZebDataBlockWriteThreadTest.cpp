@@ -9,6 +9,7 @@
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
+#include "support/EndingBlock.h"
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
 #include "support/PrivateAccess.h"
@@ -26,7 +27,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -66,19 +66,6 @@ QSet<ZebDataBlock*>& beingWritten()
 {
     return manager().*privateMember(BeingWrittenTag());
 }
-
-// A block that does something of the test's at its end.
-class EndingBlock : public ZebDataBlock
-{
-public:
-    EndingBlock(const QByteArray& bytes, std::function<void(ZebDataBlock*)> atEnd)
-        : ZebDataBlock(bytes), m_AtEnd(std::move(atEnd))
-    {}
-    ~EndingBlock() override { m_AtEnd(this); }
-
-private:
-    std::function<void(ZebDataBlock*)> m_AtEnd;
-};
 
 bool otherThreadGetsTheDeleteLock()
 {

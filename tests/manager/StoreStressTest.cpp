@@ -35,11 +35,13 @@ using testing::IsEmpty;
 namespace {
 
 constexpr int s_DurationMs = 8000;
+constexpr int s_ShortDurationMs = 4000;
 constexpr int s_LongDurationMs = 60000;
 constexpr int s_WarmUpShare = 4;
 
 constexpr int s_Roots = 4;
 constexpr int s_Threads = 4;
+constexpr int s_CompressionThreads = 2;
 constexpr int s_MemoryShare = 10;
 constexpr quint32 s_Contents = 1024;
 constexpr std::size_t s_SlotsPerThread = 256;
@@ -233,7 +235,9 @@ private:
 class StoreStress
 {
 public:
-    explicit StoreStress(int durationMs) : m_DurationMs(durationMs) {}
+    explicit StoreStress(int durationMs, int compressionThreads = 0)
+        : m_DurationMs(durationMs), m_CompressionThreads(compressionThreads)
+    {}
 
     // Runs twice, and compares what is left behind by the second run with what the first one left:
     // whatever is built at first use only is there by then.
@@ -249,11 +253,12 @@ public:
     }
 
 private:
-    static void runOnce(int durationMs, bool isLong)
+    void runOnce(int durationMs, bool isLong) const
     {
         const Counts before;
         TemporaryStore::Options options;
         options.m_Roots = s_Roots;
+        options.m_CompressionThreads = m_CompressionThreads;
         options.m_Memory = totalBytes() / s_MemoryShare;
         TemporaryStore store(options);
         manager().flushMemory(true);
@@ -312,6 +317,7 @@ private:
     }
 
     int m_DurationMs;
+    int m_CompressionThreads;
 };
 
 } // namespace
@@ -319,6 +325,11 @@ private:
 TEST(StoreStress, EveryByteComesBackAndNothingIsLeftOver)
 {
     StoreStress(s_DurationMs).run();
+}
+
+TEST(StoreStress, TheSameHoldsWithCompressionWorkers)
+{
+    StoreStress(s_ShortDurationMs, s_CompressionThreads).run();
 }
 
 // For a run by hand: --gtest_also_run_disabled_tests --gtest_filter=*OfAMinute

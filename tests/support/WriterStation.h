@@ -4,6 +4,7 @@
 #include "hash/ZebHashManager.h"
 #include "io/ZebDataBlockWriteRequest.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
+#include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
 #include "support/MessageCapture.h"
@@ -38,20 +39,24 @@ ZEBTDX_ACCESS(BlockCachedMarkTag, ZebDataBlock, std::atomic<bool> ZebDataBlock::
 /// not started at first, so that its list can be looked at.
 ///
 /// Its idle thread sees work without a wake only after a second; wait by waitFor(), which wakes it.
-class WriterStation
+template <typename Writer>
+class WriterStationOf
 {
 public:
     /// So many that no two of a test's blocks share a bucket.
     static constexpr int s_Buckets = 100000000;
 
-    WriterStation() : m_Writer(m_Directory.path(), s_Buckets, nullptr)
+    /// @param arguments what the writer wants beside root, buckets and parent
+    template <typename... Arguments>
+    explicit WriterStationOf(Arguments... arguments)
+        : m_Writer(m_Directory.path(), s_Buckets, arguments..., nullptr)
     {
         // The store belongs to the thread that asks for it first; that must not be the writer. What
         // it says when it is built belongs to no test.
         ZebDataBlockManager::instance();
         m_Messages.clear();
     }
-    ~WriterStation()
+    ~WriterStationOf()
     {
         stop();
         // A writer leaves what is still queued.
@@ -59,10 +64,10 @@ public:
         while (!list.isEmpty())
             delete list.takeFirst();
     }
-    WriterStation(const WriterStation&) = delete;
-    WriterStation& operator=(const WriterStation&) = delete;
+    WriterStationOf(const WriterStationOf&) = delete;
+    WriterStationOf& operator=(const WriterStationOf&) = delete;
 
-    ZebDataBlockWriteThread_Pattern1& writer() { return m_Writer; }
+    Writer& writer() { return m_Writer; }
     MessageCapture& messages() { return m_Messages; }
     QString root() const { return m_Directory.path(); }
 
@@ -186,14 +191,20 @@ private:
     MessageCapture m_Messages;
     QTemporaryDir m_Directory;
     std::map<std::string, Work> m_Work;
-    ZebDataBlockWriteThread_Pattern1 m_Writer;
+    Writer m_Writer;
 };
 
+using WriterStation = WriterStationOf<ZebDataBlockWriteThread_Pattern1>;
+
+/// A station whose writer has workers: how many, its constructor takes.
+using Pattern2Station = WriterStationOf<ZebDataBlockWriteThread_Pattern2>;
+
 /// Keeps a station's thread awake for the length of a scope.
+template <typename Station>
 class SleeplessWriter
 {
 public:
-    explicit SleeplessWriter(WriterStation& station)
+    explicit SleeplessWriter(Station& station)
         : m_Thread([this, &station] {
               while (!m_End) {
                   station.wake();

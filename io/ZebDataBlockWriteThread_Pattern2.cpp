@@ -1,0 +1,241 @@
+#include "io/ZebDataBlockWriteThread_Pattern2.h"
+
+#include "io/ZebDataBlockCompressionThread.h"
+#include "io/ZebDataBlockWriteRequest.h"
+
+#include <QMutexLocker>
+#include <QReadLocker>
+#include <QWriteLocker>
+
+#include <algorithm>
+#include <memory>
+
+namespace {
+
+constexpr int s_NoFence = -1;
+constexpr unsigned long s_EmptyListPauseMs = 10;
+constexpr int s_PermitWaitMs = 1;
+constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
+
+} // namespace
+
+ZebDataBlockWriteThread_Pattern2::ZebDataBlockWriteThread_Pattern2(const QString& root,
+                                                                   int bucketCount,
+                                                                   int compressionThreads,
+                                                                   QObject* parent)
+    : ZebDataBlockWriteThread(root, bucketCount, parent)
+{
+    m_CompressionThreads.reserve(std::max(0, compressionThreads));
+    for (int i = 0; i < compressionThreads; ++i) {
+        auto* const worker = new ZebDataBlockCompressionThread(
+            &m_CompressionCondition, &m_CompressionQueueMutex, &m_CompressionQueue, this);
+        connect(worker, &ZebDataBlockCompressionThread::compressed, this,
+                &ZebDataBlockWriteThread_Pattern2::pushWrite, Qt::DirectConnection);
+        m_CompressionThreads.append(worker);
+        worker->start(QThread::InheritPriority);
+    }
+}
+
+ZebDataBlockWriteThread_Pattern2::~ZebDataBlockWriteThread_Pattern2()
+{
+    qDeleteAll(m_CompressionThreads);
+    // Nobody will take these requests up and give their permits back.
+    ZebDataBlockCompressionThread::givePermits(m_CompressionQueue.size());
+}
+
+void ZebDataBlockWriteThread_Pattern2::run()
+{
+    while (!exitAsked()) {
+        idle();
+        drain();
+        const QMutexLocker locker(&m_FlushMutex);
+        m_FlushCondition.wakeAll();
+    }
+}
+
+void ZebDataBlockWriteThread_Pattern2::drain()
+{
+    // Takes turns: one block written, one given to the workers, so that both go on side by side.
+    int fence = s_NoFence;
+    do {
+        writeNext();
+        if (fence != s_NoFence)
+            passFence(fence);
+        fence = takeUpNext();
+    } while (fence != s_NoFence || !isDrained());
+}
+
+bool ZebDataBlockWriteThread_Pattern2::isDrained()
+{
+    if (m_RequestsInProgress.loadAcquire() != 0)
+        return false;
+    const QReadLocker locker(&m_Lock);
+    return m_Requests.isEmpty();
+}
+
+bool ZebDataBlockWriteThread_Pattern2::writeNext()
+{
+    ZebDataBlockWriteRequest* const request = popWrite();
+    if (request == nullptr)
+        return false;
+    // The name is kept from attempt to attempt, so nothing else would make its directory again.
+    request->makeDirectory();
+    QString error;
+    const int written = request->write(&error);
+    if (written < 1) {
+        pushWrite(request);
+        Q_EMIT writeError(error);
+        return true;
+    }
+    lowerBytesInQueue(request);
+    m_BytesWritten.fetch_add(written, s_Relaxed);
+    m_RequestsHandled.fetch_add(1, s_Relaxed);
+    m_RequestsInProgress.fetchAndAddOrdered(-1);
+    endWrite(request);
+    releaseTaken();
+    return true;
+}
+
+int ZebDataBlockWriteThread_Pattern2::takeUpNext()
+{
+    ZebDataBlockWriteRequest* const request = popRequest();
+    if (request == nullptr) {
+        wakeWorkersAgain();
+        QThread::msleep(s_EmptyListPauseMs);
+        return s_NoFence;
+    }
+    if (!request->isFence()) {
+        treatWrite(request);
+        return s_NoFence;
+    }
+    const int fence = request->fence();
+    delete request;
+    releaseTaken();
+    return fence;
+}
+
+void ZebDataBlockWriteThread_Pattern2::treatWrite(ZebDataBlockWriteRequest* request)
+{
+    request->setFileName(m_CacheRoot, subCache(), m_BucketCount);
+    if (request->fileExits()) {
+        // Kept on purpose: neither in progress nor handled.
+        lowerBytesInQueue(request);
+        endWrite(request);
+        releaseTaken();
+        return;
+    }
+    m_RequestsInProgress.fetchAndAddOrdered(1);
+    pushCompression(request);
+}
+
+void ZebDataBlockWriteThread_Pattern2::passFence(int fence)
+{
+    // A barrier: the payloads come back in any order, so everything in progress has to be through.
+    while (m_RequestsInProgress.loadAcquire() > 0) {
+        if (writeNext())
+            continue;
+        wakeWorkersAgain();
+        QThread::yieldCurrentThread();
+    }
+    {
+        const QMutexLocker locker(&m_FenceMutex);
+        m_FencesReached.insert(fence);
+    }
+    m_FenceCondition.wakeAll();
+}
+
+void ZebDataBlockWriteThread_Pattern2::lowerBytesInQueue(ZebDataBlockWriteRequest* request)
+{
+    const QWriteLocker locker(&m_Lock);
+    m_BytesInQueue -= request->blockSize();
+}
+
+ZebDataBlockWriteRequest* ZebDataBlockWriteThread_Pattern2::popRequest()
+{
+    const QWriteLocker locker(&m_Lock);
+    if (m_Requests.isEmpty())
+        return nullptr;
+    ++m_RequestsTaken;
+    return m_Requests.takeFirst();
+}
+
+ZebDataBlockWriteRequest* ZebDataBlockWriteThread_Pattern2::popWrite()
+{
+    const QMutexLocker locker(&m_WriteQueueMutex);
+    return m_WriteQueue.isEmpty() ? nullptr : m_WriteQueue.dequeue();
+}
+
+void ZebDataBlockWriteThread_Pattern2::pushWrite(ZebDataBlockWriteRequest* request)
+{
+    // No wake: the thread polls as long as a block is with the workers.
+    const QMutexLocker locker(&m_WriteQueueMutex);
+    m_WriteQueue.enqueue(request);
+}
+
+void ZebDataBlockWriteThread_Pattern2::pushCompression(ZebDataBlockWriteRequest* request)
+{
+    // All writers share the permits. What keeps this one waiting may be its own queue, when the
+    // wake for a request in it was lost.
+    while (!ZebDataBlockCompressionThread::AvailableThreads.tryAcquire(1, s_PermitWaitMs))
+        wakeWorkersAgain();
+    {
+        const QMutexLocker locker(&m_CompressionQueueMutex);
+        m_CompressionQueue.enqueue(request);
+    }
+    m_CompressionCondition.wakeOne();
+}
+
+void ZebDataBlockWriteThread_Pattern2::wakeWorkersAgain()
+{
+    {
+        const QMutexLocker locker(&m_CompressionQueueMutex);
+        if (m_CompressionQueue.isEmpty())
+            return;
+    }
+    m_CompressionCondition.wakeAll();
+}
+
+void ZebDataBlockWriteThread_Pattern2::flush(const ZebSmartPointer<ZebDataHash>& hash)
+{
+    if (hash.isNull())
+        return;
+    int fence = s_NoFence;
+    {
+        const QMutexLocker locker(&m_FenceMutex);
+        fence = takeFenceId();
+    }
+    QWriteLocker locker(&m_Lock);
+    moveToFences(hash.data());
+    auto request = std::make_unique<ZebDataBlockWriteRequest>(fence);
+    const QMutexLocker fenceLocker(&m_FenceMutex);
+    m_Requests.insert(s_FencePriority, request.get());
+    static_cast<void>(request.release());
+    locker.unlock();
+    while (!m_FencesReached.remove(fence))
+        m_FenceCondition.wait(&m_FenceMutex);
+    m_FreeFenceIds.append(fence);
+}
+
+void ZebDataBlockWriteThread_Pattern2::flush()
+{
+    for (;;) {
+        QReadLocker locker(&m_Lock);
+        QMutexLocker writeLocker(&m_WriteQueueMutex);
+        QMutexLocker compressionLocker(&m_CompressionQueueMutex);
+        if (m_RequestsInProgress.loadAcquire() < 1 && m_RequestsTaken == 0 &&
+            m_Requests.isEmpty() && m_WriteQueue.isEmpty() && m_CompressionQueue.isEmpty())
+            return;
+        // Taken before the others are let go: the end of the pass that finishes this work cannot
+        // slip by.
+        const QMutexLocker flushLocker(&m_FlushMutex);
+        compressionLocker.unlock();
+        writeLocker.unlock();
+        locker.unlock();
+        m_FlushCondition.wait(&m_FlushMutex);
+    }
+}
+
+void ZebDataBlockWriteThread_Pattern2::closeDown()
+{
+    askToEnd();
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "data/ZebDataBlock.h"
+
+#include <QByteArray>
+
+#include <functional>
+#include <utility>
+
+/// A block that does something of the test's at its end.
+class EndingBlock : public ZebDataBlock
+{
+public:
+    EndingBlock(const QByteArray& bytes, std::function<void(ZebDataBlock*)> atEnd)
+        : ZebDataBlock(bytes), m_AtEnd(std::move(atEnd))
+    {}
+    ~EndingBlock() override { m_AtEnd(this); }
+
+private:
+    std::function<void(ZebDataBlock*)> m_AtEnd;
+};
