@@ -12,6 +12,7 @@
 namespace {
 
 constexpr int s_MostThreads = 1024;
+constexpr int s_MostBuckets = 1000000;
 
 } // namespace
 
@@ -97,6 +98,22 @@ void CommandOptions::addSubCache(CLI::App& command, std::string& subCache,
         subCache = text;
     };
     command.add_option_function<std::string>("--sub-cache", read, description)->type_name("NAME");
+}
+
+void CommandOptions::addPlace(CLI::App& command, StorePlace& place)
+{
+    addRoots(command, place.m_Roots,
+             "Cache root, once for each disk (default " + StorePlace::defaultRoot() +
+                 ", below the working folder)");
+    addNumber(command, "--buckets", place.m_Buckets, 1, s_MostBuckets, "Folders below each root");
+    addSubCache(command, place.m_SubCache,
+                "Name of the part of the cache (default " + place.m_SubCache + ")");
+}
+
+void CommandOptions::settlePlace(StorePlace& place)
+{
+    if (place.m_Roots.empty())
+        place.m_Roots = {StorePlace::defaultRoot()};
 }
 
 void CommandOptions::addPaths(CLI::App& command, const std::string& name,

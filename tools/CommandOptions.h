@@ -39,6 +39,13 @@ void addRoots(CLI::App& command, std::vector<std::string>& roots, const std::str
 /// --sub-cache
 void addSubCache(CLI::App& command, std::string& subCache, const std::string& description);
 
+/// --root, --buckets and --sub-cache, for a store that is to be used. settlePlace() must follow
+/// once the line has been read.
+void addPlace(CLI::App& command, StorePlace& place);
+
+/// Takes the default root when none was given.
+void settlePlace(StorePlace& place);
+
 /// A positional list of paths, taken as they are.
 void addPaths(CLI::App& command, const std::string& name, std::vector<std::string>& paths,
               const std::string& description);

@@ -128,6 +128,8 @@ std::string FileRestoring::restore(const Manifest::File& file, const std::string
 std::string FileRestoring::writeBlocks(const Manifest::File& file, const ZebDataReference& group,
                                        int descriptor)
 {
+    if (!m_Store.has(group))
+        return "its list of blocks is not in the cache";
     {
         const ZebConstAccessor list = group.constAccessor();
         if (list.isNull())
@@ -137,6 +139,10 @@ std::string FileRestoring::writeBlocks(const Manifest::File& file, const ZebData
     }
     const QVector<ZebDataReference> blocks =
         ZebDataBlockManager::instance().extractGroupBlock(group);
+    for (const ZebDataReference& block : blocks) {
+        if (!m_Store.has(block))
+            return "a block of it is not in the cache";
+    }
     qint64 size = 0;
     for (int i = 0; i < blocks.size(); ++i) {
         // The first block is waited for at once; the reader fetches what follows meanwhile.

@@ -28,7 +28,7 @@
 namespace {
 
 constexpr qint64 s_DefaultBlockSize = 256 * 1024;
-constexpr int s_MostBuckets = 1000000;
+constexpr int s_MostCompressionThreads = 256;
 
 } // namespace
 
@@ -37,6 +37,7 @@ IngestCommand::IngestCommand()
       m_Memory(ZebDataBlockManager::defaultCacheSize()),
       m_BlockSize(s_DefaultBlockSize),
       m_Threads(CommandOptions::defaultThreads()),
+      m_CompressionThreads(CommandOptions::defaultThreads()),
       m_Replace(false),
       m_NoCheck(false),
       m_Json(false)
@@ -48,14 +49,7 @@ CLI::App* IngestCommand::addTo(CLI::App& application)
         "ingest", "Put files into a cache on disk, read everything back, and compare");
     CommandOptions::addPaths(*command, "PATH", m_Paths,
                              "Files and folders; symbolic links inside folders are not followed");
-    CommandOptions::addRoots(*command, m_Place.m_Roots,
-                             "Cache root, made when missing; may be given several times, for "
-                             "several disks (default " +
-                                 StorePlace::defaultRoot() + ", below the working folder)");
-    CommandOptions::addNumber(*command, "--buckets", m_Place.m_Buckets, 1, s_MostBuckets,
-                              "Folders below each root");
-    CommandOptions::addSubCache(*command, m_Place.m_SubCache,
-                                "Name of the part of the cache (default: the unnamed one)");
+    CommandOptions::addPlace(*command, m_Place);
     command
         ->add_option("--manifest", m_Manifest,
                      "File for what restore needs (default " + m_Manifest + ")")
@@ -64,6 +58,9 @@ CLI::App* IngestCommand::addTo(CLI::App& application)
     CommandOptions::addMemory(*command, m_Memory);
     CommandOptions::addSize(*command, "--block", m_BlockSize, "Size of a block");
     CommandOptions::addThreads(*command, m_Threads, "How many threads read, store and compare");
+    CommandOptions::addNumber(*command, "--compression-threads", m_CompressionThreads, 0,
+                              s_MostCompressionThreads,
+                              "How many threads compress for each root; with 0, its writer does");
     command->add_flag("--no-check", m_NoCheck, "Do not read back and compare");
     command->add_flag("--json", m_Json, "Print the summary as one JSON object");
     return command;
@@ -90,8 +87,7 @@ void IngestCommand::requireSizes() const
 int IngestCommand::run(const ToolSettings& settings)
 {
     requireSizes();
-    if (m_Place.m_Roots.empty())
-        m_Place.m_Roots = {StorePlace::defaultRoot()};
+    CommandOptions::settlePlace(m_Place);
     // The store's messages and a bar would run into each other.
     ProgressBar progress = ProgressBar::onStandardError(!settings.m_Verbose);
     ErrorReport errors(progress);
@@ -103,7 +99,7 @@ int IngestCommand::run(const ToolSettings& settings)
     }
     std::string reason;
     const std::unique_ptr<ToolStore> store =
-        ToolStore::open(m_Place, ToolStore::Roots::Make, m_Memory, reason);
+        ToolStore::open(m_Place, {ToolStore::Roots::Make, m_Memory, m_CompressionThreads}, reason);
     if (store == nullptr) {
         errors.add(reason);
         return ExitCode::Failed;

@@ -41,6 +41,7 @@ private:
     qint64 m_Memory;
     qint64 m_BlockSize;
     int m_Threads;
+    int m_CompressionThreads;
     bool m_Replace;
     bool m_NoCheck;
     bool m_Json;

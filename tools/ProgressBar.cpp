@@ -46,8 +46,9 @@ ProgressBar::ProgressBar(std::ostream& out, bool visible, int columns)
     : m_Out(out),
       m_Visible(visible),
       m_Columns(columns),
-      m_TotalBytes(0),
-      m_DoneBytes(0),
+      m_Total(0),
+      m_Done(0),
+      m_Unit(Unit::Bytes),
       m_Running(false)
 {}
 
@@ -62,20 +63,21 @@ ProgressBar ProgressBar::onStandardError(bool wanted)
     return ProgressBar(std::cerr, visible, terminalColumns(STDERR_FILENO));
 }
 
-void ProgressBar::begin(const std::string& title, qint64 totalBytes)
+void ProgressBar::begin(const std::string& title, qint64 total, Unit unit)
 {
     const std::lock_guard<std::mutex> locker(m_Mutex);
     m_Title = title;
-    m_TotalBytes = std::max<qint64>(totalBytes, 0);
-    m_DoneBytes = 0;
+    m_Total = std::max<qint64>(total, 0);
+    m_Done = 0;
+    m_Unit = unit;
     m_Running = true;
     draw();
 }
 
-void ProgressBar::show(qint64 doneBytes)
+void ProgressBar::show(qint64 done)
 {
     const std::lock_guard<std::mutex> locker(m_Mutex);
-    m_DoneBytes = std::clamp<qint64>(doneBytes, 0, m_TotalBytes);
+    m_Done = std::clamp<qint64>(done, 0, m_Total);
     draw();
 }
 
@@ -95,17 +97,20 @@ void ProgressBar::end()
     wipe();
 }
 
+std::string ProgressBar::numberText(qint64 number) const
+{
+    return m_Unit == Unit::Bytes ? SizeText::print(number) : SizeText::grouped(number);
+}
+
 std::string ProgressBar::picture() const
 {
-    const double share = m_TotalBytes == 0
-                             ? 1.0
-                             : static_cast<double>(m_DoneBytes) / static_cast<double>(m_TotalBytes);
+    const double share =
+        m_Total == 0 ? 1.0 : static_cast<double>(m_Done) / static_cast<double>(m_Total);
     // Only what is complete shows as complete.
-    const int percent =
-        m_DoneBytes == m_TotalBytes ? 100 : std::min(static_cast<int>(share * 100), 99);
-    const std::string total = SizeText::print(m_TotalBytes);
+    const int percent = m_Done == m_Total ? 100 : std::min(static_cast<int>(share * 100), 99);
+    const std::string total = numberText(m_Total);
     const std::string numbers = padded(std::to_string(percent), 3) + " %  " +
-                                padded(SizeText::print(m_DoneBytes), s_SizeWidth) + " of " + total;
+                                padded(numberText(m_Done), s_SizeWidth) + " of " + total;
     // The last column stays free, or some terminals go to the next line. Brackets and two blanks
     // stand around the bar.
     const int room = m_Columns - 1 - static_cast<int>(m_Title.size() + numbers.size()) - 4;

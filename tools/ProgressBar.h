@@ -26,12 +26,19 @@ public:
     /// A bar on standard error, visible when that is a terminal and `wanted` says so.
     static ProgressBar onStandardError(bool wanted);
 
-    /// Starts again at nothing of `totalBytes`.
-    void begin(const std::string& title, qint64 totalBytes);
+    /// What the numbers of a bar are.
+    enum class Unit
+    {
+        Bytes,
+        Things
+    };
+
+    /// Starts again at nothing of `total`.
+    void begin(const std::string& title, qint64 total, Unit unit = Unit::Bytes);
 
     /// Draws how far the work is, if that looks any different from before. More than the total
     /// counts as the total.
-    void show(qint64 doneBytes);
+    void show(qint64 done);
 
     /// Writes one line, which lacks its line end, above the bar.
     void printLine(const std::string& line);
@@ -41,6 +48,7 @@ public:
 
 private:
     std::string picture() const;
+    std::string numberText(qint64 number) const;
     void draw();
     void wipe();
 
@@ -51,8 +59,9 @@ private:
     // Guards all below, and the stream.
     std::mutex m_Mutex;
     std::string m_Title;
-    qint64 m_TotalBytes;
-    qint64 m_DoneBytes;
+    qint64 m_Total;
+    qint64 m_Done;
+    Unit m_Unit;
     bool m_Running;
     // What stands in the terminal's line now.
     std::string m_Drawn;

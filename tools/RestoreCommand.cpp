@@ -67,7 +67,7 @@ int RestoreCommand::run(const ToolSettings& settings)
                                                    ", which the manifest has");
     }
     const std::unique_ptr<ToolStore> store =
-        ToolStore::open(manifest.m_Place, ToolStore::Roots::Expect, m_Memory, reason);
+        ToolStore::open(manifest.m_Place, {ToolStore::Roots::Expect, m_Memory, 0}, reason);
     if (store == nullptr) {
         errors.add(reason);
         return ExitCode::Failed;

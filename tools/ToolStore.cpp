@@ -1,6 +1,8 @@
 #include "tools/ToolStore.h"
 
+#include "data/ZebDataReference.h"
 #include "manager/ZebDataBlockManager.h"
+#include "tools/BlockHeader.h"
 #include "tools/ErrorReport.h"
 #include "tools/ExitCode.h"
 #include "tools/FileKind.h"
@@ -10,6 +12,7 @@
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
 #include <QStringList>
 
 #include <cerrno>
@@ -57,12 +60,12 @@ ToolStore::ToolStore() : m_Failures(0), m_Told(0)
                      });
 }
 
-std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, Roots roots, qint64 memory,
+std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, const Options& options,
                                            std::string& reason)
 {
     QStringList paths;
     for (const std::string& root : place.m_Roots) {
-        const std::string why = whyNoRoot(root, roots);
+        const std::string why = whyNoRoot(root, options.m_Roots);
         if (!why.empty()) {
             reason = "cache root " + PathText::printable(root) + ": " + why;
             return nullptr;
@@ -71,10 +74,18 @@ std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, Roots roots,
     }
     std::unique_ptr<ToolStore> store(new ToolStore);
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    manager.setup(paths, memory, place.m_Buckets);
-    if (!place.m_SubCache.empty())
-        manager.setSubCache(QFile::decodeName(QByteArray::fromStdString(place.m_SubCache)));
+    manager.setup(paths, options.m_Memory, place.m_Buckets, options.m_CompressionThreads);
+    store->m_SubCache = QFile::decodeName(QByteArray::fromStdString(place.m_SubCache));
+    if (!store->m_SubCache.isEmpty())
+        manager.setSubCache(store->m_SubCache);
     return store;
+}
+
+bool ToolStore::has(const ZebDataReference& reference) const
+{
+    const QFileInfo file(
+        ZebDataBlockManager::instance().getBlockDestination(m_SubCache, reference.hash()));
+    return file.size() > BlockHeader::s_Bytes;
 }
 
 ToolStore::~ToolStore()

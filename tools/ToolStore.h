@@ -11,6 +11,7 @@
 #include <string>
 
 class ErrorReport;
+class ZebDataReference;
 
 /// The process's store, set up for the length of a command. One at a time.
 ///
@@ -29,15 +30,27 @@ public:
         Expect
     };
 
-    /// Sets the store up, with `memory` as the limit of the resident bytes. Gives null and the
-    /// reason when a root cannot be used.
-    static std::unique_ptr<ToolStore> open(const StorePlace& place, Roots roots, qint64 memory,
+    struct Options
+    {
+        Roots m_Roots = Roots::Expect;
+        /// Limit of the resident bytes.
+        qint64 m_Memory = 0;
+        /// Compression workers for each root; 0 has each writer compress by itself.
+        int m_CompressionThreads = 0;
+    };
+
+    /// Sets the store up. Gives null and the reason when a root cannot be used.
+    static std::unique_ptr<ToolStore> open(const StorePlace& place, const Options& options,
                                            std::string& reason);
 
     /// Cleans the store up. References may outlive it, accessors may not.
     ~ToolStore();
     ToolStore(const ToolStore&) = delete;
     ToolStore& operator=(const ToolStore&) = delete;
+
+    /// Whether the block has a file that counts as whole. Asking for a block that has none takes
+    /// the store up to seconds, since its write might be on the way. Any thread may ask.
+    bool has(const ZebDataReference& reference) const;
 
     /// Waits until all that was added is on the disk.
     void flush(ErrorReport& errors);
@@ -52,6 +65,7 @@ private:
 
     ToolStore();
 
+    QString m_SubCache;
     // Receives the store's signal.
     QObject m_Receiver;
     QString m_LastError;

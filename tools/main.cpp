@@ -1,9 +1,12 @@
 // The command-line tool: reads the command line and hands over to a command.
 
 #include "support/ZebTdxVersion.h"
+#include "tools/CatCommand.h"
 #include "tools/Command.h"
 #include "tools/ExitCode.h"
+#include "tools/GcCommand.h"
 #include "tools/IngestCommand.h"
+#include "tools/LsCommand.h"
 #include "tools/MessageFilter.h"
 #include "tools/PathText.h"
 #include "tools/RestoreCommand.h"
@@ -77,6 +80,9 @@ int runTool(int argc, char** argv)
     commands.push_back(std::make_unique<IngestCommand>());
     commands.push_back(std::make_unique<RestoreCommand>());
     commands.push_back(std::make_unique<StatCommand>());
+    commands.push_back(std::make_unique<LsCommand>());
+    commands.push_back(std::make_unique<CatCommand>());
+    commands.push_back(std::make_unique<GcCommand>());
 
     std::vector<Entry> entries;
     for (std::unique_ptr<Command>& command : commands) {

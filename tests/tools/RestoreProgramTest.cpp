@@ -190,8 +190,9 @@ TEST_F(RestoreProgram, StatTellsFilesBytesAndTheirSpread)
               300000 + 4096 + 3 + 3 + 16 * 5 + 64 * (293 + 4 + 1 + 1));
     EXPECT_EQ(outcome.number("foreign"), 0) << "the log is the store's own";
     const Outcome text = run({"stat", "--root", "r1", "--root", "r2"});
-    EXPECT_THAT(text.m_Output, AllOf(HasSubstr("Compression ratio"), HasSubstr("\nr1 "),
-                                     HasSubstr("\nr2 "), HasSubstr("\n  0 "), HasSubstr("\n  1 ")));
+    EXPECT_THAT(text.m_Output,
+                AllOf(HasSubstr("Compression ratio"), HasSubstr("\nr1 "), HasSubstr("\nr2 "),
+                      HasSubstr("\n  main/0 "), HasSubstr("\n  main/1 ")));
 }
 
 TEST_F(RestoreProgram, StatTellsSubCachesApartAndCountsForeignThings)

@@ -23,7 +23,7 @@ protected:
         // Another one each time: a test that sets up again finds nothing of what was.
         place.m_Roots = {m_Cache.path("root" + std::to_string(++m_SetUps))};
         std::string reason;
-        m_Store = ToolStore::open(place, ToolStore::Roots::Make, s_Memory, reason);
+        m_Store = ToolStore::open(place, {ToolStore::Roots::Make, s_Memory, 0}, reason);
         ASSERT_NE(m_Store, nullptr) << reason;
     }
 

@@ -30,7 +30,7 @@ protected:
 
     std::unique_ptr<ToolStore> open(ToolStore::Roots roots = ToolStore::Roots::Make)
     {
-        return ToolStore::open(m_Place, roots, s_Memory, m_Reason);
+        return ToolStore::open(m_Place, {roots, s_Memory, 0}, m_Reason);
     }
 
     // The store's signals are queued for this thread.
@@ -101,7 +101,7 @@ TEST_F(ToolStoreTest, AFaultThatPassesIsToldOnceAndNothingIsLost)
     const std::unique_ptr<ToolStore> store = open();
     ASSERT_NE(store, nullptr) << m_Reason;
     // The bucket can't be made where a file stands, until that goes.
-    m_Tree.file("root/0", "");
+    m_Tree.file("root/main/0", "");
     ErrorLines errors;
     const ZebDataReference reference = ZebDataBlockManager::instance().addBlock(
         QByteArray("content"), ZebModifyAccessor::Cached, true);
@@ -109,14 +109,14 @@ TEST_F(ToolStoreTest, AFaultThatPassesIsToldOnceAndNothingIsLost)
         store->watchWrites(errors.report());
         return !errors.lines().empty();
     }));
-    m_Tree.remove("root/0");
+    m_Tree.remove("root/main/0");
     store->flush(errors.report());
     EXPECT_THAT(errors.lines(),
                 ::testing::ElementsAre(AllOf(MatchesRegex("zebtdx: .*; trying again"),
                                              HasSubstr(reference.hash().toStdString()))));
     EXPECT_EQ(errors.report().count(), 0) << "nothing failed in the end";
-    EXPECT_TRUE(
-        QFile::exists(ZebDataBlockManager::instance().getBlockDestination({}, reference.hash())));
+    EXPECT_TRUE(QFile::exists(ZebDataBlockManager::instance().getBlockDestination(
+        QStringLiteral("main"), reference.hash())));
 }
 
 TEST_F(ToolStoreTest, AFaultThatStaysEndsTheProcess)
@@ -126,7 +126,7 @@ TEST_F(ToolStoreTest, AFaultThatStaysEndsTheProcess)
         m_Place.m_Roots = {m_Tree.path("root")};
         m_Place.m_Buckets = 1;
         const std::unique_ptr<ToolStore> store = open();
-        m_Tree.file("root/0", "");
+        m_Tree.file("root/main/0", "");
         ProgressBar bar = ProgressBar::onStandardError(false);
         ErrorReport errors(bar);
         const ZebDataReference reference = ZebDataBlockManager::instance().addBlock(
