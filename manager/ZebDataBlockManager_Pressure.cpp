@@ -135,8 +135,9 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
         if (!blockIsLocked(hash))
             blockUsed(hash);
     }
-    ZebDataBlock* const block = m_HashToBlockMap.take(hash);
+    ZebDataBlock* const block = m_HashToBlockMap.value(hash);
     m_LiveBytes.fetch_sub(block->size(), s_Relaxed);
+    m_HashToBlockMap.remove(hash);
     {
         const QWriteLocker lruLocker(&m_Lru.lock());
         m_Lru.remove(hash);

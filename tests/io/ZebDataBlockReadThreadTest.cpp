@@ -13,6 +13,7 @@
 #include "support/WaitUntil.h"
 #include "support/Wakes.h"
 
+#include <QReadWriteLock>
 #include <QSemaphore>
 #include <QVector>
 
@@ -37,6 +38,8 @@ ZEBTDX_ACCESS(ReaderWaitMutexTag, ZebDataBlockReadThread, QMutex ZebDataBlockRea
               m_WaitMutex)
 ZEBTDX_ACCESS(ReaderConditionTag, ZebDataBlockReadThread, QWaitCondition ZebDataBlockReadThread::*,
               m_WaitCondition)
+ZEBTDX_ACCESS(ReaderLockTag, ZebDataBlockReadThread, QReadWriteLock ZebDataBlockReadThread::*,
+              m_Lock)
 ZEBTDX_ACCESS(PromotionsTag, ZebDataBlockReadThread, std::atomic<qint64> ZebDataBlockReadThread::*,
               m_PromotionCount)
 ZEBTDX_ACCESS(MaxLowTag, ZebDataBlockReadThread, const int ZebDataBlockReadThread::*,
@@ -481,6 +484,21 @@ TEST(ZebDataBlockReadThread, FlushAndClosingDownWakeTheThread)
     ReaderStation station;
     EXPECT_TRUE(station.actionWakes([&] { station.reader().flush(); }, s_DeadlineMs));
     EXPECT_TRUE(station.actionWakes([&] { station.reader().closeDown(); }, s_DeadlineMs));
+}
+
+TEST(ZebDataBlockReadThread, ARequestWhoseWakeWasLostIsFoundAllTheSame)
+{
+    const TemporaryStore store;
+    ReaderStation station;
+    // On its way to its first wait, or in it.
+    station.start();
+    ASSERT_TRUE(waitUntil([&station] { return station.reader().isRunning(); }));
+    {
+        const QWriteLocker locker(&(station.reader().*privateMember(ReaderLockTag())));
+        station.requests().insert(s_Normal, &station.hash("a"));
+    }
+    // Nothing wakes the thread; its own wait is bounded.
+    EXPECT_TRUE(waitUntil([&station] { return station.reader().requestsHandled() == 1; }));
 }
 
 TEST(ZebDataBlockReadThread, ClosesDownAfterItsListHasRunEmpty)

@@ -177,7 +177,7 @@ class ZebBuildFilenameTree : public ::testing::Test
 protected:
     static constexpr int s_Contents = 1000;
     static constexpr int s_Buckets = 10;
-    static constexpr int s_ContentBytes = 16 * 1024;
+    static constexpr int s_ContentBytes = 256 * 1024;
 
     void SetUp() override
     {

@@ -268,6 +268,21 @@ TEST_F(ZebDataBlockManagerEviction, FreeingABlockThatIsNotResidentDoesNothing)
     StoreInside::deleteLock().unlock();
 }
 
+TEST_F(ZebDataBlockManagerEviction, AHashHeldForABlockThatIsNotResidentIsGivenBack)
+{
+    const ZebDataReference a = add(s_Block, 1);
+    manager().freeAllBlocks();
+    const ZebSmartPointer<ZebDataHash> hash = a.hashPtr();
+    ASSERT_TRUE(hash->tryLock());
+    StoreInside::freeBlock(hash.data(), true, true);
+    EXPECT_TRUE(std::async(std::launch::async, [&hash] {
+                    const bool locked = hash->tryLock();
+                    if (locked)
+                        hash->unlock();
+                    return locked;
+                }).get());
+}
+
 TEST_F(ZebDataBlockManagerEviction, FreeingWithoutAStoreIsSilent)
 {
     const ZebDataReference a = add(s_Block, 1);

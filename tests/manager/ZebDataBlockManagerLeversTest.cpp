@@ -219,6 +219,35 @@ TEST_F(ZebDataBlockManagerLevers, TheStoreSignalsUnderTheDeleteLockAndTheHostDoe
     EXPECT_THAT(couldLock, ElementsAre(false, false, true, true));
 }
 
+TEST_F(ZebDataBlockManagerLevers, BothWaysInWhichAnAdmissionLowersTheFlagSignalUnderTheDeleteLock)
+{
+    addBlocks(17);
+    std::vector<bool> couldLock;
+    const QObject receiver;
+    manager().setAllFreeBlocksFlushed(true);
+    QObject::connect(
+        &manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &receiver,
+        [&couldLock](bool flushed) {
+            if (flushed)
+                return;
+            std::thread([&couldLock] {
+                const bool locked = StoreInside::deleteLock().tryLock();
+                if (locked)
+                    StoreInside::deleteLock().unlock();
+                couldLock.push_back(locked);
+            }).join();
+        },
+        Qt::DirectConnection);
+    // Plenty is free: the fast check is passed.
+    EXPECT_FALSE(makeRoom(1));
+    EXPECT_THAT(couldLock, ElementsAre(false));
+    manager().setAllFreeBlocksFlushed(true);
+    // Just enough is free, which the fast check does not take, and nothing has to go.
+    leaveExactly(1);
+    EXPECT_FALSE(makeRoom(1));
+    EXPECT_THAT(couldLock, ElementsAre(false, false));
+}
+
 // flushMemory
 
 TEST_F(ZebDataBlockManagerLevers, FlushMemoryEvictsUntil512MegabytesFitUnderNinetyPercent)
