@@ -54,13 +54,16 @@ public:
     /// How many requests wait in the list.
     int requests() const;
 
-    /// The sizes of the blocks that wait, in bytes.
+    /// The sizes of the blocks that wait, in bytes. Until when a block waits is said by the derived
+    /// class.
     qint64 bytesInQueue() const;
 
-    /// How many block writes are finished, those among them that found a file. Takes no lock.
+    /// How many block writes are finished; whether those count that found a file is said by the
+    /// derived class. Takes no lock.
     int requestsHandled() const;
 
-    /// How many block writes have left the list and are not finished. Takes no lock.
+    /// How many block writes have left the list and are not finished; a writer with workers leaves
+    /// out those that found a file. Takes no lock.
     int requestsInProgress() const;
 
     /// The payload bytes written, without headers. Takes no lock.

@@ -3,7 +3,8 @@
 #include "io/ZebDataBlockWriteThread.h"
 #include "support/ZebTdxExport.h"
 
-/// The writer that does everything itself, in the order of its queue, compression included.
+/// The writer that does everything itself, in the order of its queue, compression included. A block
+/// waits until it leaves the list, and one that found a file counts as handled.
 ///
 /// Thread safety and locks: those of the base class; m_Lock guards the fences as well.
 class ZEBTDX_EXPORT ZebDataBlockWriteThread_Pattern1 : public ZebDataBlockWriteThread
