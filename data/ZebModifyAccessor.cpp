@@ -6,6 +6,8 @@
 
 #include <QMutexLocker>
 
+#include <utility>
+
 ZebModifyAccessor::ZebModifyAccessor(void* block) : m_Block(static_cast<ZebDataBlock*>(block))
 {
     if (m_Block == nullptr)
@@ -67,9 +69,8 @@ ZebDataReference ZebModifyAccessor::release(Caching caching, bool immediate)
         const QMutexLocker locker(&m_Block->m_Mutex);
         m_Block->m_AccessCount.fetchAndAddOrdered(-1);
     }
-    // Kept on purpose: the new count is not looked at.
-    ZebDataReference reference =
-        ZebDataBlockManager::instance().addBlock(m_Block, caching, immediate);
-    m_Block = nullptr;
-    return reference;
+    // Kept on purpose: the new count is not looked at. The block is the manager's from here on,
+    // also when it throws.
+    return ZebDataBlockManager::instance().addBlock(std::exchange(m_Block, nullptr), caching,
+                                                    immediate);
 }

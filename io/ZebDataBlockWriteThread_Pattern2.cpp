@@ -132,9 +132,10 @@ void ZebDataBlockWriteThread_Pattern2::passFence(int fence)
 {
     // A barrier: the payloads come back in any order, so everything in progress has to be through.
     while (m_RequestsInProgress.loadAcquire() > 0) {
+        // Also beside a write that fails, and comes back at once: the others must get through.
+        wakeWorkersAgain();
         if (writeNext())
             continue;
-        wakeWorkersAgain();
         QThread::yieldCurrentThread();
     }
     {

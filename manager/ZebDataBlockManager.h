@@ -174,8 +174,8 @@ public:
     /// Asks for a block ahead of need: the reader of its root fetches it in the background, and it
     /// becomes resident by itself. A resident block counts as used. Nothing happens for a null
     /// reference. A block that is missing from the disk is not reported, and stays marked as on its
-    /// way. Fatal when no root serves the hash: "Invalid Cache Bucket". Waits for the reference's
-    /// job; takes the delete lock.
+    /// way. Fatal when the store has no roots: "Number of cache paths is zero". Waits for the
+    /// reference's job; takes the delete lock.
     void preloadData(const ZebDataReference& reference, PreloadPriority priority = PreloadNormal);
 
     /// Whether asking again for a block that is on its way makes it more urgent.
@@ -347,6 +347,7 @@ public:
     /// The size of the disk cache in bytes: whole files of live contents under the current
     /// sub-cache, as the collectors reported last. 0 without reports.
     qint64 currentCacheSizeInBytes() const;
+
     // Diagnostics, in every state of the store unless said otherwise
 
     /// Writes the figures of the store, of the hash registry and of the disk threads as debug

@@ -91,7 +91,8 @@ bool ZebTdxLog::log(Level level, const char* file, int line, const QString& mess
     }
     // A crash must lose no more than the line in progress, so the device is emptied as well.
     m_File.flush();
-    QMessageLogger().debug() << tag << time << ' ' << message << " - " << file << ':' << line;
+    QMessageLogger().debug() << tag << time << ' ' << message << " - " << file << ':' << line
+                             << Qt::endl;
     if (level == Fatal)
         ZebTdxMessage::fatal(QStringLiteral("TDX FATAL Error, aborting"));
     return true;

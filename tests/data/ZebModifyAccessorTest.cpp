@@ -239,6 +239,7 @@ TEST(ZebModifyAccessor, EqualBlocksReleasedAreOneBlock)
     const TemporaryStore store;
     const qint64 managed = manager().managedBlocks();
     const int hashes = ZebHashManager::instance().hashCount();
+    const int objects = ZebDataHash::hashCount();
     ZebModifyAccessor first = manager().createNewBlock(pattern(2048));
     ZebModifyAccessor second = manager().createNewBlock(2048, 0);
     fill(second, pattern(2048));
@@ -248,6 +249,7 @@ TEST(ZebModifyAccessor, EqualBlocksReleasedAreOneBlock)
     b.resolveWork();
     EXPECT_TRUE(a == b);
     EXPECT_EQ(ZebHashManager::instance().hashCount(), hashes + 1);
+    EXPECT_EQ(ZebDataHash::hashCount(), objects + 1) << "the second hash has ended";
     EXPECT_EQ(manager().managedBlocks(), managed + 1);
     EXPECT_EQ(manager().liveBlocks(), 1);
     EXPECT_EQ(manager().liveBytes(), 2048);

@@ -3,6 +3,7 @@
 #include "manager/ZebDataBlockManager.h"
 
 #include "support/BlockFiles.h"
+#include "support/CollectedStore.h"
 #include "support/FakeMemory.h"
 #include "support/Fatal.h"
 #include "support/HeldWriter.h"
@@ -76,6 +77,8 @@ QStringList namesInUse()
         names.append(reader->subCache());
     for (const ZebDataBlockWriteThread* const writer : StoreInside::writers())
         names.append(writer->subCache());
+    for (const ZebGarbageCollectorThread* const collector : CollectionInside::collectors())
+        names.append(collector->subCache());
     names.removeDuplicates();
     return names;
 }

@@ -190,11 +190,11 @@ TEST_F(ZebTdxLogTest, TheSamePiecesGoToTheDebugChannel)
     QString expected;
     QDebug(&expected) << QStringLiteral("[ W ] ") << time << ' ' << QStringLiteral("said \"so\"")
                       << " - "
-                      << "a.cpp" << ':' << 7;
+                      << "a.cpp" << ':' << 7 << Qt::endl;
     const QList<MessageCapture::Message> messages = m_Messages.messages();
     ASSERT_EQ(messages.size(), 1);
     EXPECT_EQ(messages.at(0).m_Type, QtDebugMsg);
-    EXPECT_EQ(messages.at(0).m_Text.trimmed(), expected.trimmed());
+    EXPECT_EQ(messages.at(0).m_Text, expected) << "with the end of line";
     EXPECT_FALSE(messages.at(0).m_HasContext);
 }
 
