@@ -24,6 +24,7 @@ set(ZEBTDX_PUBLIC_HEADERS
   io/ZebDataBlockWriteRequest.h
   io/ZebDataBlockWriteThread.h
   io/ZebDataBlockWriteThread_Pattern1.h
+  io/ZebGarbageCollectorThread.h
   manager/ZebBuildFilename.h
   manager/ZebDataBlockLru.h
   manager/ZebDataBlockManager.h
@@ -52,12 +53,14 @@ set(ZEBTDX_SOURCES
   io/ZebDataBlockWriteRequest.cpp
   io/ZebDataBlockWriteThread.cpp
   io/ZebDataBlockWriteThread_Pattern1.cpp
+  io/ZebGarbageCollectorThread.cpp
   manager/ZebBuildFilename.cpp
   manager/ZebDataBlockLru.cpp
   manager/ZebDataBlockManager.cpp
   manager/ZebDataBlockManager_Admission.cpp
   manager/ZebDataBlockManager_Flush.cpp
   manager/ZebDataBlockManager_Groups.cpp
+  manager/ZebDataBlockManager_Garbage.cpp
   manager/ZebDataBlockManager_Layout.cpp
   manager/ZebDataBlockManager_Pressure.cpp
   manager/ZebDataBlockManager_Residency.cpp

@@ -141,6 +141,7 @@ void ZebDataBlockManager::cleanUp(bool processEvents)
 {
     if (!isInitialized())
         return;
+    stopGarbageCollection();
     stopAllIoThreads();
     // A decompression may still be under way, and must find the store set up when it hands its
     // block over.
@@ -251,11 +252,6 @@ float ZebDataBlockManager::defaultMaxWritePendingSizeFactor()
 qint64 ZebDataBlockManager::defaultTargetFreeMemorySize() const
 {
     return 0x20000000;
-}
-
-bool ZebDataBlockManager::garbageCollecting() const
-{
-    return m_GarbageCollecting.load(s_Relaxed);
 }
 
 bool ZebDataBlockManager::allFreeBlocksFlushed()

@@ -291,8 +291,60 @@ public:
     /// Kept on purpose: only the first root is looked at.
     bool subCacheExists(const QString& name) const;
 
-    /// Whether the garbage collection is switched on.
+    // Garbage collection: each root has a collector, which removes the files of contents that
+    // nobody refers to, in the current sub-cache alone, and adds up the sizes of the others. A
+    // store without a sub-cache is never collected, and counts as 0 bytes on disk.
+
+    /// What a host implements to be told how far collectGarbage() has come. The host owns it. It is
+    /// called on the thread of collectGarbage(), with no lock held but in the middle of a pass: it
+    /// must not switch the collection, nor wait for a thread that does or for the delete lock.
+    class ZEBTDX_EXPORT ProgressReporter
+    {
+    public:
+        virtual ~ProgressReporter();
+
+        /// Once, before the first root, with the number of directories to be expected.
+        virtual void start(const QString& title, int total) = 0;
+
+        /// Once, after the last root.
+        virtual void finish() = 0;
+
+        /// Once for each directory visited, with their number so far, over all roots, and an empty
+        /// text. The number goes past the total, so a progress bar must clip it.
+        virtual void update(int value, const QString& text) = 0;
+    };
+
+    /// Switches the collection on: passes may begin, and the sub-cache can't be changed. When the
+    /// environment variable ZEBA_TDX_GARBAGE_COLLECTION_DISABLED exists, whatever its value, only
+    /// tells "[TDX] Start garbage collection blocked by env". Takes the delete lock.
+    void startGarbageCollection();
+
+    /// Switches the collection off, unless it is; no pass is running on return. Drops the preloads
+    /// that wait, whose hashes stay marked as on their way. When the environment variable exists,
+    /// only tells "[TDX] Stop garbage collection blocked by env". Takes the delete lock and waits
+    /// with it held; the caller must not hold it.
+    void stopGarbageCollection();
+
+    /// Makes a pass over all roots on this thread, if a pass is due: see
+    /// ZebGarbageCollectorThread::collect(). The sizes found are not reported. The caller must not
+    /// hold the delete lock.
+    ///
+    /// @param reporter null for none; otherwise started and finished also when no pass is due
+    void collectGarbage(ProgressReporter* reporter);
+
+    /// Whether the collection is switched on. Takes no lock.
     bool garbageCollecting() const;
+
+    /// The beginning of a pass: false when it must not begin, as the collection is off. Otherwise
+    /// garbageCollectingThreadFinished() must follow, with no wait for the delete lock in between.
+    bool garbageCollectingThreadStarted();
+
+    /// The end of a pass.
+    void garbageCollectingThreadFinished();
+
+    /// The size of the disk cache in bytes: whole files of live contents under the current
+    /// sub-cache, as the collectors reported last. 0 without reports.
+    qint64 currentCacheSizeInBytes() const;
 
 public Q_SLOTS:
     /// Whether eviction has left nothing unlocked in memory. Takes no lock.
@@ -308,7 +360,9 @@ Q_SIGNALS:
     /// A block file could not be written; the write is tried again.
     void writeError(QString message);
 
-    /// The size of the disk cache in bytes has changed.
+    /// The size of the disk cache in bytes has changed. Emitted by the collectors' threads with the
+    /// mutex of the sizes held, and with 0 by cleanUp() under the delete lock. A slot that is
+    /// connected directly must not wait for another thread, nor for the delete lock.
     void cacheSizeUpdate(qint64 Size);
 
 protected:
@@ -317,6 +371,7 @@ protected:
     friend class ZebDataDeleteLocker;
     friend class ZebDataHash;
     friend class ZebDataReference;
+    friend class ZebGarbageCollectorThread;
     friend class ZebHashingJob;
     friend class ZebModifyAccessor;
 
@@ -364,6 +419,10 @@ protected:
     /// @param hashLocked whether the caller holds the hash by ZebDataHash::tryLock(); it is given
     ///        back on the way
     void freeBlock(ZebDataHash* hash, bool write, bool hashLocked);
+
+    /// The report of a collector: its root holds `size` bytes of live files. Emits
+    /// cacheSizeUpdate() with the sum over all roots.
+    void cacheSizeRecord(ZebGarbageCollectorThread* thread, qint64 size);
 
 private:
     Q_DISABLE_COPY(ZebDataBlockManager)
@@ -462,12 +521,12 @@ private:
     std::atomic<qint64> m_LiveBytes;                    // (a) sizes of m_HashToBlockMap
     std::atomic<int> m_NumBuckets;                      // (a)
 
-    // Guards the two fields behind m_GarbageCollectionDone. Outside the lock order: nothing else is
-    // taken inside it.
+    // Guards the two fields behind m_GarbageCollectionDone, and m_GarbageCollectionChanges. Outside
+    // the lock order: nothing else is taken inside it.
     QMutex m_GarbageCollectionMutex;
-    QWaitCondition m_GarbageCollectionDone;
-    std::atomic<bool> m_GarbageCollecting;
-    int m_GarbageCollectorsRunning;
+    QWaitCondition m_GarbageCollectionDone; // the last pass has ended with the collection off
+    std::atomic<bool> m_GarbageCollecting;  // read by others with no lock
+    int m_GarbageCollectorsRunning;         // passes inside their bracket
 
     // The name that every disk thread has a copy of. Guarded by the delete lock.
     QString m_SubCache;
@@ -485,7 +544,9 @@ private:
     // and holds off every deletion of a block.
     mutable ZebTdxMutex m_DeleteMutex;
 
-    QMutex m_CacheSizeMutex;
+    // Guards m_CacheSizeRecords. Recursive, since the signal is emitted with it held and a slot may
+    // ask for the size. Taken inside the delete lock, never the other way round.
+    mutable QMutex m_CacheSizeMutex;
 
     // Kept on purpose: no operation takes it.
     QReadWriteLock m_StateLock;
@@ -497,5 +558,6 @@ private:
     QSet<ZebDataBlock*> m_BlocksBeingWritten;
     QSet<ZebDataBlock*> m_BlocksToFreeAfterWriting;
 
+    // Kept on purpose: one step for each switch of the collection, and nothing reads it.
     int m_GarbageCollectionChanges;
 };

@@ -7,8 +7,10 @@
 #include "hash/ZebDataHash.h"
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
+#include "io/ZebGarbageCollectorThread.h"
 #include "support/ZebTdxMessage.h"
 
+#include <QMutexLocker>
 #include <QThread>
 
 namespace {
@@ -32,10 +34,13 @@ void ZebDataBlockManager::startIoThreads(const QString& root)
     auto* const writer = new ZebDataBlockWriteThread_Pattern1(root, numBuckets(), this);
     auto* const reader =
         new ZebDataBlockReadThread(root, numBuckets(), s_MaxLowPriorityRequests, this);
+    auto* const collector = new ZebGarbageCollectorThread(root, numBuckets(), this);
     writer->start(QThread::InheritPriority);
     reader->start(QThread::InheritPriority);
+    collector->start(QThread::InheritPriority);
     m_ReadThreads.append(reader);
     m_WriteThreads.append(writer);
+    m_GarbageCollectors.append(collector);
     connect(writer, &ZebDataBlockWriteThread::writeError, this, &ZebDataBlockManager::writeError,
             Qt::AutoConnection);
 }
@@ -45,7 +50,13 @@ void ZebDataBlockManager::stopAllIoThreads()
     requireInitialized();
     flush(false, AllThreads);
     // Waited for with no lock held: a thread may need the delete lock once more, to release its
-    // last reference on a hash. The writers come last, since a load may still ask them to flush.
+    // last reference on a hash, and a collector to ask for the sub-cache. The writers come last,
+    // since a load may still ask them to flush. The collectors are asked to end all at once, as
+    // each may sleep through a poll before it sees that.
+    for (ZebGarbageCollectorThread* const collector : qAsConst(m_GarbageCollectors))
+        collector->closeDown();
+    for (ZebGarbageCollectorThread* const collector : qAsConst(m_GarbageCollectors))
+        collector->wait();
     for (ZebDataBlockReadThread* const reader : qAsConst(m_ReadThreads)) {
         reader->closeDown();
         reader->wait();
@@ -55,11 +66,16 @@ void ZebDataBlockManager::stopAllIoThreads()
         writer->wait();
     }
     const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    qDeleteAll(m_GarbageCollectors);
+    m_GarbageCollectors.clear();
     qDeleteAll(m_ReadThreads);
     m_ReadThreads.clear();
     qDeleteAll(m_WriteThreads);
     m_WriteThreads.clear();
-    m_CacheSizeRecords = QMap<ZebGarbageCollectorThread*, qint64>();
+    {
+        const QMutexLocker sizeLocker(&m_CacheSizeMutex);
+        m_CacheSizeRecords = QMap<ZebGarbageCollectorThread*, qint64>();
+    }
     Q_EMIT cacheSizeUpdate(0);
 }
 

@@ -4,6 +4,7 @@
 
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebDataBlockWriteThread.h"
+#include "io/ZebGarbageCollectorThread.h"
 #include "support/ZebTdxLog.h"
 
 #include <QDir>
@@ -31,6 +32,8 @@ void ZebDataBlockManager::setSubCache(const QString& name)
         reader->setSubCache(name);
     for (ZebDataBlockWriteThread* const writer : qAsConst(m_WriteThreads))
         writer->setSubCache(name);
+    for (ZebGarbageCollectorThread* const collector : qAsConst(m_GarbageCollectors))
+        collector->setSubCache(name);
 }
 
 QString ZebDataBlockManager::subCache() const

@@ -4,6 +4,7 @@
 
 #include "data/ZebBlockFuture.h"
 #include "hash/ZebHashManager.h"
+#include "io/ZebGarbageCollectorThread.h"
 #include "support/FailingDisk.h"
 #include "support/FakeMemory.h"
 #include "support/Fatal.h"
@@ -25,6 +26,9 @@
 #include <thread>
 #include <vector>
 
+using CollectorsMember = QVector<ZebGarbageCollectorThread*> ZebDataBlockManager::*;
+
+ZEBTDX_ACCESS(CollectorsTag, ZebDataBlockManager, CollectorsMember, m_GarbageCollectors)
 ZEBTDX_ACCESS(StopAllIoThreadsTag, ZebDataBlockManager, void (ZebDataBlockManager::*)(),
               stopAllIoThreads)
 
@@ -77,12 +81,19 @@ protected:
     TemporaryStore m_Store;
 };
 
+QVector<ZebGarbageCollectorThread*> collectors()
+{
+    return manager().*privateMember(CollectorsTag());
+}
+
 // The ends of the disk threads in the order in which they come.
 class Ends
 {
 public:
     Ends()
     {
+        for (ZebGarbageCollectorThread* const collector : collectors())
+            watch(collector, 'c');
         for (ZebDataBlockReadThread* const reader : StoreInside::readers())
             watch(reader, 'r');
         for (ZebDataBlockWriteThread* const writer : StoreInside::writers())
@@ -359,30 +370,36 @@ TEST_F(ZebDataBlockManagerFlush, WithoutAStoreTheQuestionsAreAnsweredAllTheSame)
 
 // The threads themselves
 
-TEST(ZebDataBlockManagerThreads, EachRootHasAWriterAndAReaderThatAreTheStoresChildrenInThisOrder)
+TEST(ZebDataBlockManagerThreads,
+     EachRootHasWriterReaderAndCollectorThatAreTheStoresChildrenInThisOrder)
 {
     TemporaryStore store(withRoots(3));
     EXPECT_EQ(manager().getWriteThreadCount(), 3);
     ASSERT_THAT(StoreInside::writers(), SizeIs(3));
     ASSERT_THAT(StoreInside::readers(), SizeIs(3));
+    ASSERT_THAT(collectors(), SizeIs(3));
     std::vector<const QObject*> ours;
     for (const QObject* const child : manager().children()) {
         if (dynamic_cast<const ZebDataBlockWriteThread*>(child) != nullptr ||
-            dynamic_cast<const ZebDataBlockReadThread*>(child) != nullptr)
+            dynamic_cast<const ZebDataBlockReadThread*>(child) != nullptr ||
+            dynamic_cast<const ZebGarbageCollectorThread*>(child) != nullptr)
             ours.push_back(child);
     }
     std::vector<const QObject*> expected;
     for (int i = 0; i < 3; ++i) {
         expected.push_back(StoreInside::writers().at(i));
         expected.push_back(StoreInside::readers().at(i));
+        expected.push_back(collectors().at(i));
         EXPECT_TRUE(StoreInside::writers().at(i)->isRunning());
         EXPECT_TRUE(StoreInside::readers().at(i)->isRunning());
+        EXPECT_TRUE(collectors().at(i)->isRunning());
     }
     EXPECT_EQ(ours, expected);
 
     store.cleanUp();
     EXPECT_EQ(manager().getWriteThreadCount(), 0);
     EXPECT_THAT(StoreInside::readers(), IsEmpty());
+    EXPECT_THAT(collectors(), IsEmpty());
     EXPECT_THAT(manager().children(), IsEmpty());
 }
 
@@ -415,15 +432,16 @@ TEST(ZebDataBlockManagerThreads, EveryWritersErrorReachesTheHost)
         EXPECT_TRUE(StoreInside::hasFile(reference));
 }
 
-TEST(ZebDataBlockManagerThreads, AllReadersEndBeforeTheFirstWriter)
+TEST(ZebDataBlockManagerThreads,
+     AllCollectorsEndBeforeTheFirstReaderAndAllReadersBeforeTheFirstWriter)
 {
     TemporaryStore store(withRoots(3));
     const Ends ends;
     store.cleanUp();
-    EXPECT_EQ(ends.finished(), "rrrwww");
-    EXPECT_EQ(ends.destroyed(), "rrrwww");
+    EXPECT_EQ(ends.finished(), "cccrrrwww");
+    EXPECT_EQ(ends.destroyed(), "cccrrrwww");
     EXPECT_THAT(ends.couldLock(), Each(true)) << "they are waited for with no lock held";
-    EXPECT_THAT(ends.couldLock(), SizeIs(6));
+    EXPECT_THAT(ends.couldLock(), SizeIs(9));
 }
 
 TEST(ZebDataBlockManagerThreads, CleaningUpWritesWhatIsQueuedFirst)

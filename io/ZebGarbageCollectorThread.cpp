@@ -1,0 +1,181 @@
+#include "io/ZebGarbageCollectorThread.h"
+
+#include "hash/ZebHashManager.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMutexLocker>
+#include <QReadLocker>
+#include <QScopeGuard>
+#include <QWriteLocker>
+
+#include <new>
+
+namespace {
+
+constexpr unsigned long s_PollUs = 100000;
+constexpr qint64 s_PassIntervalMs = 60000;
+constexpr qint64 s_NoPassYet = -1;
+
+// The text form of a hash of the size that blocks have: 16 numbers.
+constexpr int s_DashesOfABlockFile = 15;
+
+constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
+
+bool isBlockFileName(const QString& name)
+{
+    return name.count(QLatin1Char('-')) == s_DashesOfABlockFile;
+}
+
+} // namespace
+
+ZebGarbageCollectorThread::ZebGarbageCollectorThread(const QString& root, int bucketCount,
+                                                     QObject* parent)
+    : QThread(parent),
+      m_CacheRoot(root),
+      m_Lock(QReadWriteLock::Recursive),
+      m_BucketCount(bucketCount),
+      m_LastBlocksFreedCount(s_NoPassYet),
+      m_Exit(false),
+      m_CacheSize(0)
+{}
+
+ZebGarbageCollectorThread::~ZebGarbageCollectorThread() = default;
+
+void ZebGarbageCollectorThread::run()
+{
+    while (!m_Exit.load(s_Relaxed)) {
+        const qint64 sizeBefore = m_CacheSize.load(s_Relaxed);
+        try {
+            collect(nullptr, nullptr);
+        } catch (const std::bad_alloc&) {
+            // The lists of a pass grow with the tree. The thread goes on, as with every other
+            // failure of a pass.
+        }
+        const qint64 size = m_CacheSize.load(s_Relaxed);
+        if (size != sizeBefore)
+            ZebDataBlockManager::instance().cacheSizeRecord(this, size);
+        QThread::usleep(s_PollUs);
+    }
+}
+
+void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* reporter, int* count)
+{
+    // Waits for whoever is changing the sub-cache, and holds nothing afterwards.
+    m_Lock.lockForRead();
+    m_Lock.unlock();
+    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
+    // Read before the bracket: stopGarbageCollection() waits for its end with the delete lock held,
+    // which this takes. The name does not change while the collection is on.
+    const QString subCache = manager.subCache();
+    if (subCache.isEmpty()) {
+        m_CacheSize.store(0, s_Relaxed);
+        return;
+    }
+    if (isGateClosed())
+        return;
+    if (!manager.garbageCollectingThreadStarted()) {
+        // Kept on purpose: the files are there, but with the collection off they count as nothing.
+        m_CacheSize.store(0, s_Relaxed);
+        return;
+    }
+    const auto end = qScopeGuard([this] { endPass(); });
+    const QStringList files =
+        findBlockFiles(m_CacheRoot + QDir::separator() + subCache, reporter, count);
+    if (manager.garbageCollecting())
+        judge(files);
+}
+
+bool ZebGarbageCollectorThread::isGateClosed() const
+{
+    if (m_LastBlocksFreedCount.load(s_Relaxed) !=
+        ZebDataBlockManager::instance().m_BlocksFreedCount.load(s_Relaxed))
+        return false;
+    const QMutexLocker locker(&m_PassTimerMutex);
+    return m_PassTimer.isValid() && m_PassTimer.elapsed() < s_PassIntervalMs;
+}
+
+QStringList ZebGarbageCollectorThread::findBlockFiles(
+    const QString& directory, ZebDataBlockManager::ProgressReporter* reporter, int* count)
+{
+    const ZebDataBlockManager& manager = ZebDataBlockManager::instance();
+    QStringList directories(directory);
+    QStringList files;
+    while (!directories.isEmpty() && manager.garbageCollecting()) {
+        if (reporter != nullptr && count != nullptr)
+            reporter->update(++*count, QStringLiteral(""));
+        const QFileInfoList entries =
+            QDir(directories.takeFirst())
+                .entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot,
+                               QDir::NoSort);
+        for (const QFileInfo& entry : entries) {
+            if (entry.isFile() && isBlockFileName(entry.fileName()))
+                files.append(entry.absoluteFilePath());
+            else if (entry.isDir())
+                directories.append(entry.absoluteFilePath());
+        }
+    }
+    return files;
+}
+
+void ZebGarbageCollectorThread::judge(const QStringList& files)
+{
+    const ZebDataBlockManager& manager = ZebDataBlockManager::instance();
+    const ZebHashManager& registry = ZebHashManager::instance();
+    m_CacheSize.store(0, s_Relaxed);
+    for (const QString& path : files) {
+        const QFileInfo file(path);
+        // Asked for each file just before its end: whoever has come to hold the hash since the walk
+        // keeps the file. A request, a read or a write under way holds its hash.
+        if (registry.isHashLive(file.fileName())) {
+            m_CacheSize.fetch_add(file.size(), s_Relaxed);
+            continue;
+        }
+        if (!manager.garbageCollecting())
+            return;
+        deleteBlock(path);
+    }
+}
+
+void ZebGarbageCollectorThread::endPass()
+{
+    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
+    // Kept on purpose: read at the end, so a block freed during the pass does not open the gate for
+    // the next one; its file may stay until another block is freed, or for a minute.
+    m_LastBlocksFreedCount.store(manager.m_BlocksFreedCount.load(s_Relaxed), s_Relaxed);
+    {
+        const QMutexLocker locker(&m_PassTimerMutex);
+        m_PassTimer.start();
+    }
+    manager.garbageCollectingThreadFinished();
+}
+
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): the interface is settled.
+void ZebGarbageCollectorThread::deleteBlock(const QString& path)
+{
+    QFile file(path);
+    if (file.exists())
+        file.remove();
+}
+
+void ZebGarbageCollectorThread::closeDown()
+{
+    // Kept on purpose: the read lock although this writes, so it waits for a change of the
+    // sub-cache only. What is written is safe without a lock.
+    const QReadLocker locker(&m_Lock);
+    m_Exit.store(true, s_Relaxed);
+    m_CacheSize.store(0, s_Relaxed);
+}
+
+void ZebGarbageCollectorThread::setSubCache(const QString& subCache)
+{
+    const QWriteLocker locker(&m_Lock);
+    m_SubCache = subCache;
+}
+
+QString ZebGarbageCollectorThread::subCache() const
+{
+    const QReadLocker locker(&m_Lock);
+    return m_SubCache;
+}

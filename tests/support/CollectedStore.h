@@ -1,0 +1,160 @@
+#pragma once
+
+#include "data/ZebDataReference.h"
+#include "hash/ZebDataHash.h"
+#include "io/ZebGarbageCollectorThread.h"
+#include "manager/ZebDataBlockManager.h"
+#include "support/BlockFiles.h"
+#include "support/FakeMemory.h"
+#include "support/PrivateAccess.h"
+#include "support/StoreInside.h"
+#include "support/TemporaryStore.h"
+#include "support/TestBytes.h"
+#include "support/WaitUntil.h"
+
+#include <QByteArray>
+#include <QDirIterator>
+#include <QFile>
+#include <QMutexLocker>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+using StoreCollectorsMember = QVector<ZebGarbageCollectorThread*> ZebDataBlockManager::*;
+
+ZEBTDX_ACCESS(StoreCollectorsTag, ZebDataBlockManager, StoreCollectorsMember, m_GarbageCollectors)
+ZEBTDX_ACCESS(StoreCollectingTag, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
+              m_GarbageCollecting)
+ZEBTDX_ACCESS(StoreCollectorsRunningTag, ZebDataBlockManager, int ZebDataBlockManager::*,
+              m_GarbageCollectorsRunning)
+ZEBTDX_ACCESS(StoreCollectionMutexTag, ZebDataBlockManager, QMutex ZebDataBlockManager::*,
+              m_GarbageCollectionMutex)
+ZEBTDX_ACCESS(CollectorSizeTag, ZebGarbageCollectorThread,
+              std::atomic<qint64> ZebGarbageCollectorThread::*, m_CacheSize)
+ZEBTDX_ACCESS(CollectorFreedTag, ZebGarbageCollectorThread,
+              std::atomic<qint64> ZebGarbageCollectorThread::*, m_LastBlocksFreedCount)
+
+/// What the store keeps to itself about its collectors.
+namespace CollectionInside {
+
+inline QVector<ZebGarbageCollectorThread*> collectors()
+{
+    return StoreInside::manager().*privateMember(StoreCollectorsTag());
+}
+
+/// How many passes are inside their bracket.
+inline int passesRunning()
+{
+    ZebDataBlockManager& manager = StoreInside::manager();
+    const QMutexLocker locker(&(manager.*privateMember(StoreCollectionMutexTag())));
+    return manager.*privateMember(StoreCollectorsRunningTag());
+}
+
+/// The size that the last pass of this collector has found.
+inline qint64 sizeFound(const ZebGarbageCollectorThread& collector)
+{
+    return (collector.*privateMember(CollectorSizeTag())).load();
+}
+
+} // namespace CollectionInside
+
+/// A store with a sub-cache and the collection off. Its own collectors poll meanwhile; tests that
+/// must not be disturbed by them take a collector of their own on a root of its own.
+class CollectedStore : public testing::Test
+{
+protected:
+    explicit CollectedStore(int roots = 1) : m_Store(withRoots(roots))
+    {
+        manager().flushMemory(true);
+        manager().setSubCache(subCache());
+    }
+    ~CollectedStore() override { manager().stopGarbageCollection(); }
+
+    static TemporaryStore::Options withRoots(int roots)
+    {
+        TemporaryStore::Options options;
+        options.m_Roots = roots;
+        return options;
+    }
+
+    static ZebDataBlockManager& manager() { return StoreInside::manager(); }
+    static QString subCache() { return QStringLiteral("Sub"); }
+
+    /// A block leaves memory, which opens the gate of every collector.
+    static void freeABlock() { manager().addBlock("freed", ZebModifyAccessor::DontCache); }
+
+    static ZebDataReference add(int size, quint32 seed)
+    {
+        return manager().addBlock(testBytes(size, seed), ZebModifyAccessor::Cached, true);
+    }
+
+    static QString fileOf(const ZebDataReference& reference)
+    {
+        return manager().getBlockDestination(subCache(), reference.hash());
+    }
+
+    /// The name of a block file whose content nobody refers to.
+    static QString deadName(int number)
+    {
+        return ZebDataHash("dead " + QByteArray::number(number), ZebDataHash::Hash512).toString();
+    }
+
+    /// Waits until the store's own collectors have gone through a pass that has begun after this
+    /// call.
+    static void waitForPass()
+    {
+        // The first one may have been under way.
+        for (int pass = 0; pass < 2; ++pass) {
+            freeABlock();
+            EXPECT_TRUE(waitUntil([freed = StoreInside::blocksFreed()] {
+                for (const ZebGarbageCollectorThread* const collector :
+                     CollectionInside::collectors()) {
+                    if ((collector->*privateMember(CollectorFreedTag())).load() != freed)
+                        return false;
+                }
+                return CollectionInside::passesRunning() == 0;
+            }));
+        }
+    }
+
+    /// Waits until a collector has removed the file.
+    static bool goes(const QString& path)
+    {
+        return waitUntil([&path] {
+            // A block that is freed while a pass is under way opens no gate, so this goes on.
+            freeABlock();
+            return !QFile::exists(path);
+        });
+    }
+
+    /// The names of all files with the name of a block, below all roots.
+    QStringList blockFileNames() const
+    {
+        QStringList names;
+        for (const QString& root : m_Store.roots()) {
+            QDirIterator files(root, {QStringLiteral("*-*")}, QDir::Files,
+                               QDirIterator::Subdirectories);
+            while (files.hasNext()) {
+                files.next();
+                names.append(files.fileName());
+            }
+        }
+        return names;
+    }
+
+    /// Makes a file of 100 bytes in the first bucket of a root.
+    QString write(const QString& name, int root = 0) const
+    {
+        const QString path =
+            m_Store.roots().at(root) + "/" + subCache() + QStringLiteral("/0/") + name;
+        BlockFiles::write(path, QByteArray(100, 'x'));
+        return path;
+    }
+
+    FakeMemory m_Memory;
+    TemporaryStore m_Store;
+};
