@@ -64,6 +64,7 @@ set(ZEBTDX_SOURCES
   manager/ZebDataBlockManager_Layout.cpp
   manager/ZebDataBlockManager_Pressure.cpp
   manager/ZebDataBlockManager_Residency.cpp
+  manager/ZebDataBlockManager_Statistics.cpp
   manager/ZebDataBlockManager_SubCache.cpp
   manager/ZebMemoryStatus.cpp
   manager/ZebSystemMemory.cpp)

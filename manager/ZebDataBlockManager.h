@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QList>
 #include <QMap>
 #include <QMutex>
 #include <QObject>
@@ -345,6 +346,26 @@ public:
     /// The size of the disk cache in bytes: whole files of live contents under the current
     /// sub-cache, as the collectors reported last. 0 without reports.
     qint64 currentCacheSizeInBytes() const;
+
+    // Diagnostics, in every state of the store unless said otherwise
+
+    /// Writes the figures of the store, of the hash registry and of the disk threads as debug
+    /// lines; sizes in MiB, rounded toward zero. Takes the delete lock throughout, so the figures
+    /// agree with each other; only those of the threads are read as they stand.
+    void dumpStats();
+
+    /// Writes how many requests wait for each disk thread as debug lines: all readers, then all
+    /// writers. Takes no lock of the manager.
+    void dumpThreadStats();
+
+    /// Appends a reference for every interned hash, resident or not, do-not-cache ones too; the
+    /// list is not cleared first. None of these hashes can end while the list lives. Needs the
+    /// store set up; takes the delete lock.
+    void snapshot(QList<ZebDataReference>& references) const;
+
+    /// Writes the hashes that are left in the registry as debug lines; nothing when there are none.
+    /// For a quiet system at its shut-down: takes no lock.
+    void validateState();
 
 public Q_SLOTS:
     /// Whether eviction has left nothing unlocked in memory. Takes no lock.

@@ -1,0 +1,84 @@
+// What the store tells about itself: by debug lines, and as references to all that is alive.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "data/ZebDataBlock.h"
+#include "data/ZebDataReference.h"
+#include "hash/ZebHashManager.h"
+#include "io/ZebDataBlockReadThread.h"
+#include "io/ZebDataBlockWriteThread.h"
+#include "support/ZebTdxMessage.h"
+
+namespace {
+
+constexpr qint64 s_BytesPerMegabyte = 1048576;
+
+// Kept on purpose: holders of a job are not counted, and the line stands with this constant.
+constexpr int s_BlockFuturePointers = -1;
+
+QString megabytes(qint64 bytes)
+{
+    return QStringLiteral("%1Mb").arg(bytes / s_BytesPerMegabyte);
+}
+
+void printCount(const char* words, qint64 count)
+{
+    ZebTdxMessage::debug(QLatin1String(words) + QString::number(count));
+}
+
+void printRequests(const char* format, int index, int requests)
+{
+    ZebTdxMessage::debug(QString::asprintf(format, index, requests));
+}
+
+} // namespace
+
+void ZebDataBlockManager::dumpStats()
+{
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    ZebTdxMessage::debug(QStringLiteral("==== ZebTdx Block Stats ===="));
+    ZebTdxMessage::debug(QStringLiteral("Max Cache Size ") + megabytes(maxDataCacheSize()));
+    printCount("Number of managed blocks ", m_HashToBlockMap.size());
+    printCount("Number of existant blocks ", ZebDataBlock::blockCount());
+    ZebTdxMessage::debug(QStringLiteral("Block Memory Usage ") + megabytes(liveBytes()));
+    printCount("Number of LRU Blocks ", m_Lru.count());
+    printCount("Number Block Future Pointers ", s_BlockFuturePointers);
+    ZebHashManager::instance().dumpStats();
+    ZebTdxMessage::debug(QStringLiteral("==== Thread Stats ===="));
+    for (int i = 0; i < m_ReadThreads.size(); ++i) {
+        ZebTdxMessage::debug(
+            QStringLiteral("Read %1 %2")
+                .arg(m_CacheRoots.at(i), megabytes(m_ReadThreads.at(i)->bytesRead())));
+    }
+    for (int i = 0; i < m_WriteThreads.size(); ++i) {
+        // Kept on purpose: two blanks.
+        ZebTdxMessage::debug(
+            QStringLiteral("Written  %1 %2")
+                .arg(m_CacheRoots.at(i), megabytes(m_WriteThreads.at(i)->bytesWritten())));
+    }
+}
+
+void ZebDataBlockManager::dumpThreadStats()
+{
+    ZebTdxMessage::debug(QStringLiteral("==== Thread Stats ===="));
+    for (int i = 0; i < m_ReadThreads.size(); ++i)
+        printRequests(" Read Thread %d has %d requests", i, m_ReadThreads.at(i)->requests());
+    for (int i = 0; i < m_WriteThreads.size(); ++i)
+        printRequests(" Write Thread %d has %d requests", i, m_WriteThreads.at(i)->requests());
+}
+
+void ZebDataBlockManager::snapshot(QList<ZebDataReference>& references) const
+{
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    requireInitialized();
+    // Released with the delete lock held, should one of these holders be the last.
+    QList<ZebSmartPointer<ZebDataHash>> hashes;
+    ZebHashManager::instance().snapshot(hashes);
+    for (const ZebSmartPointer<ZebDataHash>& hash : qAsConst(hashes))
+        references.append(ZebDataReference(hash));
+}
+
+void ZebDataBlockManager::validateState()
+{
+    ZebHashManager::instance().validateState();
+}

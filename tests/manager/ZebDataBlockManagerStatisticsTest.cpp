@@ -1,0 +1,384 @@
+// What the store tells about itself.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "hash/ZebHashManager.h"
+#include "io/ZebDataBlockWriteRequest.h"
+#include "io/ZebDataBlockWriteThread_Pattern1.h"
+#include "support/FakeMemory.h"
+#include "support/Fatal.h"
+#include "support/StoreInside.h"
+#include "support/TemporaryStore.h"
+#include "support/TestBytes.h"
+#include "support/ZebDataDeleteLocker.h"
+
+#include <QList>
+#include <QVector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <vector>
+
+using RequestList = ZebPriorityList<ZebDataBlockWriteRequest*>;
+
+ZEBTDX_ACCESS(BytesReadTag, ZebDataBlockReadThread, std::atomic<qint64> ZebDataBlockReadThread::*,
+              m_BytesRead)
+ZEBTDX_ACCESS(BytesWrittenTag, ZebDataBlockWriteThread,
+              std::atomic<qint64> ZebDataBlockWriteThread::*, m_BytesWritten)
+ZEBTDX_ACCESS(WriteRequestsTag, ZebDataBlockWriteThread, RequestList ZebDataBlockWriteThread::*,
+              m_Requests)
+
+using StoreInside::manager;
+using testing::ElementsAre;
+
+namespace {
+
+constexpr int s_Block = 1000;
+constexpr int s_Megabyte = 1048576;
+
+ZebDataReference add(int size, quint32 seed)
+{
+    return manager().addBlock(testBytes(size, seed), ZebModifyAccessor::Cached, true);
+}
+
+// The debug lines of an action, in order.
+template <typename Action>
+QStringList linesOf(Action action)
+{
+    const MessageCapture messages;
+    action();
+    return messages.debugLines();
+}
+
+QStringList statistics()
+{
+    return linesOf([] { manager().dumpStats(); });
+}
+
+QStringList threadStatistics()
+{
+    return linesOf([] { manager().dumpThreadStats(); });
+}
+
+// Disk threads that are not started, in the place of the store's own for the length of a scope, so
+// that what waits for them keeps waiting.
+class IdleThreads
+{
+public:
+    explicit IdleThreads(const QStringList& roots)
+        : m_ReadersBefore(readers()), m_WritersBefore(writers())
+    {
+        for (const QString& root : roots) {
+            m_Readers.push_back(
+                std::make_unique<ZebDataBlockReadThread>(root, 1, roots.size(), nullptr));
+            m_Writers.push_back(
+                std::make_unique<ZebDataBlockWriteThread_Pattern1>(root, 1, nullptr));
+        }
+        readers().clear();
+        writers().clear();
+        for (const auto& reader : m_Readers)
+            readers().append(reader.get());
+        for (const auto& writer : m_Writers)
+            writers().append(writer.get());
+    }
+    ~IdleThreads()
+    {
+        readers() = m_ReadersBefore;
+        writers() = m_WritersBefore;
+        // A writer leaves what is still queued.
+        for (const auto& writer : m_Writers) {
+            RequestList& list = *writer.*privateMember(WriteRequestsTag());
+            while (!list.isEmpty())
+                delete list.takeFirst();
+        }
+    }
+    IdleThreads(const IdleThreads&) = delete;
+    IdleThreads& operator=(const IdleThreads&) = delete;
+
+    void setBytes(int index, qint64 read, qint64 written)
+    {
+        readers().at(index)->*privateMember(BytesReadTag()) = read;
+        writers().at(index)->*privateMember(BytesWrittenTag()) = written;
+    }
+
+    void request(int index, const ZebDataReference& reference)
+    {
+        readers().at(index)->request(reference.hashPtr().data(),
+                                     ZebDataBlockManager::PreloadNormal);
+    }
+
+    void write(int index, const ZebDataReference& reference)
+    {
+        m_Blocks.push_back(std::make_unique<ZebDataBlock>(QByteArray("to be written")));
+        writers().at(index)->writeBlock(ZebDataBlockManager::PreloadNormal, reference.hashPtr(),
+                                        m_Blocks.back().get(), false);
+    }
+
+private:
+    static QVector<ZebDataBlockReadThread*>& readers()
+    {
+        return manager().*privateMember(StoreReadersTag());
+    }
+    static QVector<ZebDataBlockWriteThread*>& writers()
+    {
+        return manager().*privateMember(StoreWritersTag());
+    }
+
+    std::vector<std::unique_ptr<ZebDataBlock>> m_Blocks;
+    std::vector<std::unique_ptr<ZebDataBlockReadThread>> m_Readers;
+    std::vector<std::unique_ptr<ZebDataBlockWriteThread>> m_Writers;
+    QVector<ZebDataBlockReadThread*> m_ReadersBefore;
+    QVector<ZebDataBlockWriteThread*> m_WritersBefore;
+};
+
+class ZebDataBlockManagerStatistics : public testing::Test
+{
+protected:
+    static TemporaryStore::Options twoRoots()
+    {
+        TemporaryStore::Options options;
+        options.m_Roots = 2;
+        options.m_Memory = qint64(64) * s_Megabyte + 1;
+        return options;
+    }
+
+    ZebDataBlockManagerStatistics() : m_Store(twoRoots()) { manager().flushMemory(true); }
+
+    QString root(int index) const { return m_Store.roots().at(index); }
+
+    FakeMemory m_Memory;
+    TemporaryStore m_Store;
+};
+
+} // namespace
+
+// dumpStats
+
+TEST_F(ZebDataBlockManagerStatistics, PrintsEveryLineInItsOrder)
+{
+    const ZebDataReference large = add(2 * s_Megabyte, 1);
+    const ZebDataReference small = add(s_Block, 2);
+    const ZebDataReference notCached =
+        manager().addBlock(testBytes(s_Block, 3), ZebModifyAccessor::DontCache, true);
+    manager().flush();
+    IdleThreads threads(m_Store.roots());
+    threads.setBytes(0, 3 * s_Megabyte - 1, 0);
+    threads.setBytes(1, 5 * s_Megabyte, 7 * s_Megabyte + 1);
+    QStringList expected = {"==== ZebTdx Block Stats ====",   "Max Cache Size 64Mb",
+                            "Number of managed blocks 3",     "Number of existant blocks -1",
+                            "Block Memory Usage 2Mb",         "Number of LRU Blocks 2",
+                            "Number Block Future Pointers -1"};
+    expected += linesOf([] { ZebHashManager::instance().dumpStats(); });
+    expected += QStringList({"==== Thread Stats ====", "Read " + root(0) + " 2Mb",
+                             "Read " + root(1) + " 5Mb", "Written  " + root(0) + " 0Mb",
+                             "Written  " + root(1) + " 7Mb"});
+    EXPECT_EQ(statistics(), expected);
+    EXPECT_EQ(expected.at(7), "==== ZebTdx Hash Stats ====");
+    EXPECT_EQ(expected.size(), 7 + 8 + 5);
+}
+
+TEST_F(ZebDataBlockManagerStatistics, TheConstantLinesAreTheSameInEveryState)
+{
+    const auto constants = [] {
+        const QStringList lines = statistics();
+        return QStringList({lines.at(3), lines.at(6)});
+    };
+    const QStringList expected = {"Number of existant blocks -1",
+                                  "Number Block Future Pointers -1"};
+    EXPECT_EQ(constants(), expected);
+    const ZebDataReference pending = manager().addBlock(testBytes(s_Block, 1));
+    EXPECT_EQ(constants(), expected);
+    const ZebConstAccessor accessor = pending.constAccessor();
+    EXPECT_EQ(constants(), expected);
+}
+
+TEST_F(ZebDataBlockManagerStatistics, ManagedBlocksFallAsBlocksAreFreedAndHashesDoNot)
+{
+    std::vector<ZebDataReference> references;
+    for (quint32 i = 0; i < 5; ++i)
+        references.push_back(add(s_Block, i));
+    EXPECT_EQ(statistics().at(2), "Number of managed blocks 5");
+    const qint64 hashes = manager().managedBlocks();
+    manager().freeAllBlocks();
+    EXPECT_EQ(statistics().at(2), "Number of managed blocks 0");
+    EXPECT_EQ(statistics().at(5), "Number of LRU Blocks 0");
+    EXPECT_EQ(manager().managedBlocks(), hashes);
+}
+
+TEST_F(ZebDataBlockManagerStatistics, ALockedBlockIsResidentButNotInTheLru)
+{
+    const ZebDataReference reference = add(s_Block, 1);
+    const ZebConstAccessor accessor = reference.constAccessor();
+    EXPECT_EQ(statistics().at(2), "Number of managed blocks 1");
+    EXPECT_EQ(statistics().at(5), "Number of LRU Blocks 0");
+}
+
+TEST_F(ZebDataBlockManagerStatistics, SizesAreRoundedTowardZero)
+{
+    const auto limitLine = [](qint64 limit) {
+        manager().setMaxDataCacheSize(limit);
+        return statistics().at(1);
+    };
+    EXPECT_EQ(limitLine(s_Megabyte - 1), "Max Cache Size 0Mb");
+    EXPECT_EQ(limitLine(1 - 2 * s_Megabyte), "Max Cache Size -1Mb");
+    EXPECT_EQ(limitLine(qint64(6000000) * s_Megabyte), "Max Cache Size 6000000Mb");
+}
+
+TEST_F(ZebDataBlockManagerStatistics, HoldsTheDeleteLockThroughout)
+{
+    std::future<void> call;
+    {
+        const ZebDataDeleteLocker locker;
+        call = std::async(std::launch::async, [] { manager().dumpStats(); });
+        EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    }
+    call.get();
+    EXPECT_TRUE(m_Store.messages().contains("==== ZebTdx Block Stats ===="));
+}
+
+TEST(ZebDataBlockManagerStatisticsOfNoStore, AnEmptyManagerPrintsZerosAndNoThreads)
+{
+    const MessageCapture messages;
+    QStringList expected = {
+        "==== ZebTdx Block Stats ====",
+        QStringLiteral("Max Cache Size %1Mb").arg(manager().maxDataCacheSize() / s_Megabyte),
+        "Number of managed blocks 0",
+        "Number of existant blocks -1",
+        "Block Memory Usage 0Mb",
+        "Number of LRU Blocks 0",
+        "Number Block Future Pointers -1"};
+    expected += linesOf([] { ZebHashManager::instance().dumpStats(); });
+    expected += QStringLiteral("==== Thread Stats ====");
+    EXPECT_EQ(statistics(), expected);
+}
+
+// dumpThreadStats
+
+TEST_F(ZebDataBlockManagerStatistics, PrintsTheRequestsOfAllReadersAndThenOfAllWriters)
+{
+    IdleThreads threads(m_Store.roots());
+    const ZebDataReference references[] = {
+        ZebDataReference(ZebHashManager::instance().getHash(QByteArray("one"))),
+        ZebDataReference(ZebHashManager::instance().getHash(QByteArray("two"))),
+        ZebDataReference(ZebHashManager::instance().getHash(QByteArray("three")))};
+    threads.request(1, references[0]);
+    threads.request(1, references[1]);
+    for (const ZebDataReference& reference : references)
+        threads.write(0, reference);
+    threads.write(1, references[0]);
+    EXPECT_EQ(threadStatistics(),
+              QStringList({"==== Thread Stats ====", " Read Thread 0 has 0 requests",
+                           " Read Thread 1 has 2 requests", " Write Thread 0 has 3 requests",
+                           " Write Thread 1 has 1 requests"}));
+}
+
+TEST_F(ZebDataBlockManagerStatistics, PrintingTheRequestsTakesNoDeleteLock)
+{
+    const ZebDataDeleteLocker locker;
+    std::async(std::launch::async, [] { manager().dumpThreadStats(); }).get();
+    EXPECT_TRUE(m_Store.messages().contains(" Write Thread 1 has 0 requests"));
+}
+
+TEST_F(ZebDataBlockManagerStatistics, OnlyTheHeadingIsLeftAfterCleanUp)
+{
+    EXPECT_EQ(threadStatistics().size(), 5);
+    m_Store.cleanUp();
+    EXPECT_EQ(threadStatistics(), QStringList("==== Thread Stats ===="));
+}
+
+// snapshot
+
+TEST_F(ZebDataBlockManagerStatistics, ASnapshotAppendsOneReferenceForEachLiveHash)
+{
+    QList<ZebDataReference> list = {ZebDataReference(), ZebDataReference()};
+    const ZebDataReference resident = add(s_Block, 1);
+    const ZebDataReference notCached =
+        manager().addBlock(testBytes(s_Block, 2), ZebModifyAccessor::DontCache, true);
+    const ZebDataReference onDisk = add(s_Block, 3);
+    manager().flush();
+    StoreInside::freeBlock(onDisk.hashPtr().data(), true, false);
+    ASSERT_EQ(manager().managedBlocks(), 3);
+    manager().snapshot(list);
+    ASSERT_EQ(list.size(), 5);
+    EXPECT_TRUE(list.at(0).isNull());
+    EXPECT_TRUE(list.at(1).isNull());
+    for (const ZebDataReference& reference : {resident, notCached, onDisk})
+        EXPECT_EQ(list.count(reference), 1);
+    for (int i = 2; i < list.size(); ++i)
+        EXPECT_FALSE(list.at(i).hasHashJob());
+}
+
+TEST_F(ZebDataBlockManagerStatistics, ASnapshotFollowsTheOrderOfTheRegistry)
+{
+    std::vector<ZebDataReference> references;
+    for (quint32 i = 0; i < 20; ++i)
+        references.push_back(add(s_Block, i));
+    QList<ZebSmartPointer<ZebDataHash>> hashes;
+    ZebHashManager::instance().snapshot(hashes);
+    QList<ZebDataReference> list;
+    manager().snapshot(list);
+    ASSERT_EQ(list.size(), hashes.size());
+    for (int i = 0; i < list.size(); ++i)
+        EXPECT_EQ(list.at(i).hashPtr(), hashes.at(i));
+}
+
+TEST_F(ZebDataBlockManagerStatistics, NoHashEndsWhileASnapshotLives)
+{
+    QList<ZebDataReference> list;
+    {
+        const ZebDataReference reference = add(s_Block, 1);
+        manager().snapshot(list);
+    }
+    EXPECT_EQ(manager().managedBlocks(), 1);
+    EXPECT_TRUE(holdsTestBytes(list.at(0), s_Block, 1));
+    list.clear();
+    manager().flush();
+    EXPECT_EQ(manager().managedBlocks(), 0);
+}
+
+TEST_F(ZebDataBlockManagerStatistics, ASnapshotWaitsForTheDeleteLock)
+{
+    QList<ZebDataReference> list;
+    const ZebDataReference reference = add(s_Block, 1);
+    std::future<void> call;
+    {
+        const ZebDataDeleteLocker locker;
+        call = std::async(std::launch::async, [&list] { manager().snapshot(list); });
+        EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    }
+    call.get();
+    EXPECT_EQ(list.size(), 1);
+}
+
+TEST(ZebDataBlockManagerStatisticsOfNoStore, ASnapshotNeedsTheStore)
+{
+    QList<ZebDataReference> list;
+    EXPECT_FATAL(manager().snapshot(list), "Data Block Manager Not Initialized. Aborting");
+}
+
+// validateState
+
+TEST(ZebDataBlockManagerStatisticsOfNoStore, ValidatingSaysNothingWithoutHashes)
+{
+    const MessageCapture messages;
+    manager();
+    EXPECT_EQ(linesOf([] { manager().validateState(); }), QStringList());
+}
+
+TEST_F(ZebDataBlockManagerStatistics, ValidatingTellsWhatTheRegistryTells)
+{
+    EXPECT_EQ(linesOf([] { manager().validateState(); }), QStringList());
+    const ZebDataReference cached = add(s_Block, 1);
+    const ZebDataReference notCached =
+        manager().addBlock(testBytes(s_Block, 2), ZebModifyAccessor::DontCache, true);
+    manager().flush();
+    EXPECT_EQ(
+        linesOf([] { manager().validateState(); }),
+        QStringList({"[ !! ] The following live cached hashes have been leaked:\n" + cached.hash() +
+                         " (Refs = 1)\n",
+                     "We have the following live non-cached hashes:\n" + notCached.hash() + "\n"}));
+}
