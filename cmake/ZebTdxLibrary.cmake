@@ -28,7 +28,8 @@ set(ZEBTDX_PUBLIC_HEADERS
   manager/ZebBuildFilename.h
   manager/ZebDataBlockLru.h
   manager/ZebDataBlockManager.h
-  manager/ZebSystemMemory.h)
+  manager/ZebSystemMemory.h
+  selfcheck/TdxTester.h)
 
 set(ZEBTDX_SOURCES
   support/ZebDataDeleteLocker.cpp
@@ -67,7 +68,10 @@ set(ZEBTDX_SOURCES
   manager/ZebDataBlockManager_Statistics.cpp
   manager/ZebDataBlockManager_SubCache.cpp
   manager/ZebMemoryStatus.cpp
-  manager/ZebSystemMemory.cpp)
+  manager/ZebSystemMemory.cpp
+  selfcheck/TdxTester.cpp
+  selfcheck/ZebSelfCheck.cpp
+  selfcheck/ZebSelfCheckStore.cpp)
 
 set(ZEBTDX_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
 
@@ -82,7 +86,7 @@ generate_export_header(ZebTdx
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ZebTdxVersion.h.in
   ${ZEBTDX_GENERATED_DIR}/support/ZebTdxVersion.h @ONLY)
 
-set(ZEBTDX_SUBSYSTEMS support hash data io manager)
+set(ZEBTDX_SUBSYSTEMS support hash data io manager selfcheck)
 set(zebtdx_build_includes ${PROJECT_SOURCE_DIR} ${ZEBTDX_GENERATED_DIR}
   ${ZEBTDX_GENERATED_DIR}/support)
 foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
@@ -97,7 +101,8 @@ set_target_properties(ZebTdxObjects PROPERTIES
   EXPORT_NAME ZebTdxObjects)
 target_compile_definitions(ZebTdxObjects PRIVATE ZebTdx_EXPORTS)
 target_include_directories(ZebTdxObjects PUBLIC ${zebtdx_build_includes})
-target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent)
+# Images are the self-check's alone, and no header of a host's names them.
+target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
 zebtdx_compile_options(ZebTdxObjects)
 
 target_sources(ZebTdx PRIVATE $<TARGET_OBJECTS:ZebTdxObjects>)
@@ -114,14 +119,14 @@ foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
   target_include_directories(ZebTdx PUBLIC
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZebTdx/${subsystem}>)
 endforeach()
-target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent)
+target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
 target_compile_features(ZebTdx PUBLIC cxx_std_17)
 zebtdx_compile_options(ZebTdx)
 
 if(ZEBTDX_BUILD_TESTS)
   add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>)
   target_include_directories(ZebTdxTwin PUBLIC ${zebtdx_build_includes})
-  target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent)
+  target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent Qt5::Gui)
   set_target_properties(ZebTdxTwin PROPERTIES LINKER_LANGUAGE CXX)
   zebtdx_compile_options(ZebTdxTwin)
 endif()
