@@ -70,8 +70,22 @@ set(ZEBTDX_SOURCES
   manager/ZebMemoryStatus.cpp
   manager/ZebSystemMemory.cpp
   selfcheck/TdxTester.cpp
+  selfcheck/TdxTester_Blocks.cpp
+  selfcheck/TdxTester_Collection.cpp
+  selfcheck/TdxTester_Hashes.cpp
+  selfcheck/TdxTester_Images.cpp
+  selfcheck/TdxTester_Manager.cpp
+  selfcheck/TdxTester_Textures.cpp
+  selfcheck/TdxTester_Threads.cpp
+  selfcheck/ZebByteChain.cpp
+  selfcheck/ZebImageTiles.cpp
+  selfcheck/ZebLiveReferences.cpp
+  selfcheck/ZebOverCompJobTest.cpp
+  selfcheck/ZebRedBlock.cpp
   selfcheck/ZebSelfCheck.cpp
-  selfcheck/ZebSelfCheckStore.cpp)
+  selfcheck/ZebSelfCheckStore.cpp
+  selfcheck/ZebSelfCheckTable.cpp
+  selfcheck/ZebThreadedIo.cpp)
 
 set(ZEBTDX_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
 

@@ -6,6 +6,7 @@
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
 #include "selfcheck/ZebSelfCheck.h"
+#include "selfcheck/ZebSelfCheckTable.h"
 
 #include <QMessageLogger>
 
@@ -62,6 +63,12 @@ void TdxTester::tdxLog(const char* format, ...)
     std::vsnprintf(buffer.data(), buffer.size(), format, arguments);
     va_end(arguments);
     QMessageLogger().debug("[ LOG ] %s", buffer.data());
+}
+
+bool TdxTester::runAllTest(int runs)
+{
+    m_Logging.store(false, std::memory_order_relaxed);
+    return ZebSelfCheckTable::run(*this, ZebSelfCheckTable::rows(), runs);
 }
 
 bool TdxTester::finalTests()

@@ -22,7 +22,7 @@ void reportRemoval(bool removed, const QString& path)
 } // namespace
 
 ZebSelfCheckStore::ZebSelfCheckStore(const QStringList& roots, qint64 memoryBytes, int buckets)
-    : m_Roots(roots), m_IsReady(false), m_IsOpen(true)
+    : m_Roots(roots), m_IsReady(false), m_IsCleanedUp(false), m_IsClosed(false)
 {
     clear(m_Roots);
     m_IsReady = ZebDataBlockManager::instance().setup(m_Roots, memoryBytes, buckets, 0);
@@ -33,12 +33,20 @@ ZebSelfCheckStore::~ZebSelfCheckStore()
     close();
 }
 
+void ZebSelfCheckStore::cleanUp()
+{
+    if (m_IsCleanedUp)
+        return;
+    m_IsCleanedUp = true;
+    ZebDataBlockManager::instance().cleanUp(true);
+}
+
 void ZebSelfCheckStore::close()
 {
-    if (!m_IsOpen)
+    if (m_IsClosed)
         return;
-    m_IsOpen = false;
-    ZebDataBlockManager::instance().cleanUp(true);
+    m_IsClosed = true;
+    cleanUp();
     clear(m_Roots);
 }
 

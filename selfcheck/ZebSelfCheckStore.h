@@ -27,7 +27,10 @@ public:
     /// What setup() said.
     bool isReady() const { return m_IsReady; }
 
-    /// Cleans the store up and empties the roots; once is enough.
+    /// Cleans the store up, and leaves its files. Once is enough.
+    void cleanUp();
+
+    /// The same, and empties the roots. Once is enough.
     void close();
 
     /// The first `count` cache roots of a data folder.
@@ -43,5 +46,6 @@ public:
 private:
     QStringList m_Roots;
     bool m_IsReady;
-    bool m_IsOpen;
+    bool m_IsCleanedUp;
+    bool m_IsClosed;
 };
