@@ -7,6 +7,7 @@
 #include "tools/MessageFilter.h"
 #include "tools/PathText.h"
 #include "tools/RestoreCommand.h"
+#include "tools/SampleDataCommand.h"
 #include "tools/StatCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -77,6 +78,7 @@ int runTool(int argc, char** argv)
     commands.push_back(std::make_unique<IngestCommand>());
     commands.push_back(std::make_unique<RestoreCommand>());
     commands.push_back(std::make_unique<StatCommand>());
+    commands.push_back(std::make_unique<SampleDataCommand>());
 
     std::vector<Entry> entries;
     for (std::unique_ptr<Command>& command : commands) {
