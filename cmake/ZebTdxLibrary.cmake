@@ -30,7 +30,8 @@ set(ZEBTDX_PUBLIC_HEADERS
   manager/ZebBuildFilename.h
   manager/ZebDataBlockLru.h
   manager/ZebDataBlockManager.h
-  manager/ZebSystemMemory.h)
+  manager/ZebSystemMemory.h
+  selfcheck/TdxTester.h)
 
 set(ZEBTDX_SOURCES
   support/ZebDataDeleteLocker.cpp
@@ -71,7 +72,24 @@ set(ZEBTDX_SOURCES
   manager/ZebDataBlockManager_Statistics.cpp
   manager/ZebDataBlockManager_SubCache.cpp
   manager/ZebMemoryStatus.cpp
-  manager/ZebSystemMemory.cpp)
+  manager/ZebSystemMemory.cpp
+  selfcheck/TdxTester.cpp
+  selfcheck/TdxTester_Blocks.cpp
+  selfcheck/TdxTester_Collection.cpp
+  selfcheck/TdxTester_Hashes.cpp
+  selfcheck/TdxTester_Images.cpp
+  selfcheck/TdxTester_Manager.cpp
+  selfcheck/TdxTester_Textures.cpp
+  selfcheck/TdxTester_Threads.cpp
+  selfcheck/ZebByteChain.cpp
+  selfcheck/ZebImageTiles.cpp
+  selfcheck/ZebLiveReferences.cpp
+  selfcheck/ZebOverCompJobTest.cpp
+  selfcheck/ZebRedBlock.cpp
+  selfcheck/ZebSelfCheck.cpp
+  selfcheck/ZebSelfCheckStore.cpp
+  selfcheck/ZebSelfCheckTable.cpp
+  selfcheck/ZebThreadedIo.cpp)
 
 set(ZEBTDX_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
 
@@ -86,7 +104,7 @@ generate_export_header(ZebTdx
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ZebTdxVersion.h.in
   ${ZEBTDX_GENERATED_DIR}/support/ZebTdxVersion.h @ONLY)
 
-set(ZEBTDX_SUBSYSTEMS support hash data io manager)
+set(ZEBTDX_SUBSYSTEMS support hash data io manager selfcheck)
 set(zebtdx_build_includes ${PROJECT_SOURCE_DIR} ${ZEBTDX_GENERATED_DIR}
   ${ZEBTDX_GENERATED_DIR}/support)
 foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
@@ -101,7 +119,8 @@ set_target_properties(ZebTdxObjects PROPERTIES
   EXPORT_NAME ZebTdxObjects)
 target_compile_definitions(ZebTdxObjects PRIVATE ZebTdx_EXPORTS)
 target_include_directories(ZebTdxObjects PUBLIC ${zebtdx_build_includes})
-target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent)
+# Images are the self-check's alone, and no header of a host's names them.
+target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
 zebtdx_compile_options(ZebTdxObjects)
 
 target_sources(ZebTdx PRIVATE $<TARGET_OBJECTS:ZebTdxObjects>)
@@ -118,14 +137,14 @@ foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
   target_include_directories(ZebTdx PUBLIC
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZebTdx/${subsystem}>)
 endforeach()
-target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent)
+target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
 target_compile_features(ZebTdx PUBLIC cxx_std_17)
 zebtdx_compile_options(ZebTdx)
 
 if(ZEBTDX_BUILD_TESTS)
   add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>)
   target_include_directories(ZebTdxTwin PUBLIC ${zebtdx_build_includes})
-  target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent)
+  target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent Qt5::Gui)
   set_target_properties(ZebTdxTwin PROPERTIES LINKER_LANGUAGE CXX)
   zebtdx_compile_options(ZebTdxTwin)
 endif()

@@ -70,8 +70,8 @@ run_benchmarks() {
 
 headline "Packages"
 require_debian
-install_packages cmake ninja-build g++ pkg-config python3 qtbase5-dev libcli11-dev libgtest-dev \
-    libgmock-dev libbenchmark-dev libssl-dev clang-format
+install_packages cmake ninja-build g++ pkg-config python3 qtbase5-dev qt5-image-formats-plugins \
+    libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang-format
 
 headline "Format"
 find . -path ./build -prune -o -path './build-*' -prune -o -path './.*' -prune -o \

@@ -10,6 +10,7 @@
 #include "tools/MessageFilter.h"
 #include "tools/PathText.h"
 #include "tools/RestoreCommand.h"
+#include "tools/SampleDataCommand.h"
 #include "tools/StatCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -83,6 +84,7 @@ int runTool(int argc, char** argv)
     commands.push_back(std::make_unique<LsCommand>());
     commands.push_back(std::make_unique<CatCommand>());
     commands.push_back(std::make_unique<GcCommand>());
+    commands.push_back(std::make_unique<SampleDataCommand>());
 
     std::vector<Entry> entries;
     for (std::unique_ptr<Command>& command : commands) {

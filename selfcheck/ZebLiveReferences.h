@@ -1,0 +1,72 @@
+#pragma once
+
+// Internal: the workers of the threaded checks. Not installed.
+
+#include "data/ZebDataReference.h"
+
+#include <QHash>
+#include <QList>
+#include <QMutex>
+
+#include <atomic>
+
+/// The map of live references that several workers share, and the workers: each is a pool task that
+/// takes 256 steps over blocks of 256 KiB. Step s fills a block with the byte s modulo 255, so that
+/// there are 255 distinct contents.
+///
+/// A worker takes the map's mutex only to pick, insert or remove an entry. Its reference is
+/// resolved by then, so that no job is waited for with the mutex held, and it uses its own copy
+/// outside, so that the store works in parallel.
+///
+/// Thread safety: any thread may call everything; one map for the process, as one check runs at a
+/// time.
+class ZebLiveReferences
+{
+public:
+    /// Adds a block for each step, and puts its reference into the map.
+    static void create();
+
+    /// Reads a block of a random reference for each step.
+    static void read();
+
+    /// Fills a copy of a block for each step, and puts the reference of the result into the map.
+    static void modify();
+
+    /// Takes a random reference out of the map for each step.
+    static void remove();
+
+    /// Runs two creators, two readers, a modifier and a remover in Qt's global pool, and waits for
+    /// them. What they have left is on disk then.
+    static void runAll();
+
+    /// Drops all references, with the delete lock held, so that no pass of a collector begins
+    /// half-way through.
+    static void clear();
+
+    static int count();
+
+    /// Copies of all references.
+    static QList<ZebDataReference> snapshot();
+
+    /// The bytes that creators and modifiers have written, and readers have read, since
+    /// resetCounters(). Good for reports only.
+    static qint64 bytesProcessed();
+    static qint64 bytesSummed();
+    static void resetCounters();
+
+private:
+    // Resolves the reference first, and inserts it.
+    static void insert(const ZebDataReference& reference);
+
+    // The reference at a random place, or at `place` modulo the size; null when there is none.
+    static ZebDataReference pick();
+    static ZebDataReference pickAt(int place);
+
+    // Guards the map. Only the mutex of a hash is taken inside it, to count a holder.
+    static QMutex m_Mutex;
+    static QHash<ZebDataReference, bool> m_References;
+
+    static std::atomic<qint64> m_BytesProcessed;
+    static std::atomic<qint64> m_BytesSummed;
+    static int m_Iterations;
+};
