@@ -235,7 +235,7 @@ bool TdxTester::testHashManagerSingleThreaded()
         return failure("Datablock Manager has lost initialization");
     store.close();
     if (manager.isInitialized())
-        return failure("Cleanup has not deinializer data block manager");
+        return failure("Cleanup has not deinitializer data block manager");
     line("[ OK ] Passed Single Threaded Hash Manager tests");
     return true;
 }

@@ -128,15 +128,17 @@ bool TdxTester::testDataBlockManagerMultiThread(int megabytes)
     line("[ -- ] Starting Datablock Multithreaded Test");
     const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
     line("Clearing Previous Caches");
-    m_Logging.store(true, std::memory_order_relaxed);
     ZebSelfCheckStore store(roots, megabytes * s_BytesPerMegabyte, s_Buckets);
+    // Kept on purpose: it is never switched off again.
+    m_Logging.store(true, std::memory_order_relaxed);
     ZebDataBlockManager::instance().startGarbageCollection();
     runRounds(megabytes);
-    const bool isRight = contentsAreThere();
+    if (!contentsAreThere()) {
+        ZebLiveReferences::clear();
+        return false;
+    }
     line("Clearing Refs");
     ZebLiveReferences::clear();
-    if (!isRight)
-        return false;
     line("Cleaning up");
     store.cleanUp();
     // Kept on purpose: blocks are not counted, so the line comes in every case and fails nothing.

@@ -8,7 +8,6 @@
 #include "support/HeldWriter.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
-#include "support/TestBytes.h"
 #include "support/WaitUntil.h"
 
 #include <QElapsedTimer>
@@ -40,7 +39,7 @@ protected:
 
     static ZebDataReference add(int size)
     {
-        return manager().addBlock(testBytes(size, 1), ZebModifyAccessor::Cached, true);
+        return manager().addBlock(QByteArray(size, 'a'), ZebModifyAccessor::Cached, true);
     }
 
     // What the store says of a root whose threads have ended.
@@ -114,7 +113,7 @@ TEST_F(ZebDataBlockManagerWait, APreloadWhoseReaderHasEndedIsFatal)
 TEST_F(ZebDataBlockManagerWait, AnAdmissionWhoseWriterHasEndedIsFatal)
 {
     const ZebDataReference reference = add(1000);
-    const QByteArray bytes = testBytes(1000, 2);
+    const QByteArray bytes(1000, 'b');
     const ZebDataHash hash(bytes, ZebDataHash::Hash512);
     EXPECT_FATAL(
         {
