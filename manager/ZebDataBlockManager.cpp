@@ -153,9 +153,9 @@ void ZebDataBlockManager::cleanUp(bool processEvents)
 
 void ZebDataBlockManager::dropAllBlocks()
 {
-    // Held so that nobody else meets the tables half way. A last reference that another thread drops
-    // meanwhile breaks the contract of this operation, waits here, and finds no store any more,
-    // which ends the process.
+    // Held so that nobody else meets the tables half way. A last reference that another thread
+    // drops meanwhile breaks the contract of this operation, waits here, and finds no store any
+    // more, which ends the process.
     const ZebTdxMutexLocker deleteLocker(&m_DeleteMutex);
     // A shared copy is walked: deleting a block reaches no table.
     const QHash<ZebDataHash*, ZebDataBlock*> blocks = m_HashToBlockMap;

@@ -15,6 +15,10 @@ HIDDEN = ("ZebSkein", "ZebTdxMessage", "ZebMemoryStatus", "ZebStoredCall")
 # Exported names that do not begin as ours do, each with its reason.
 OTHER_NAMES = {
     "m_LruNodeCount": "a process-wide count, kept for inspection under this name",
+    # Made by the linker for every library that is linked with one that shows its own, as Qt Gui is.
+    "__bss_start": "where the data begin that start as zeros",
+    "_edata": "where the other data end",
+    "_end": "where all data end",
 }
 
 WEAK = "WwVvu"
