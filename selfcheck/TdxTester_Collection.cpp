@@ -97,6 +97,8 @@ bool dontCacheWorks(const QStringList& roots)
             return false;
         blocks.m_E =
             add(QByteArray(static_cast<int>(s_BytesPerMegabyte), '\0'), ZebModifyAccessor::Cached);
+        // On a busy machine the writers may need longer than the sleep.
+        ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
         QThread::msleep(s_WriteMs);
         if (!residencyIsRight(blocks) || !filesAreOfCachedBlocks(blocks, roots))
             return false;

@@ -15,8 +15,7 @@ namespace {
 constexpr QSize s_EarthSize(2048, 1024);
 constexpr QSize s_SquareSize(1024, 1024);
 constexpr int s_TextBytes = 512 * 1024;
-constexpr int s_Tiles = 12;
-constexpr int s_TileSize = 256;
+constexpr quint32 s_Tiles = 12;
 
 // A number that depends on nothing but its arguments.
 quint32 scatter(quint32 x, quint32 y, quint32 seed)
@@ -102,7 +101,7 @@ QVector<Sample> images()
 {
     const QImage ground = SampleData::earth();
     const QString folder = QStringLiteral("/TestImages/");
-    QVector<Sample> samples = {
+    return {
         {folder + QStringLiteral("Earth.png"), ground},
         {folder + QStringLiteral("InvEarth.png"), SampleData::inverted(ground)},
         {folder + QStringLiteral("Uniform.png"), SampleData::uniform()},
@@ -110,39 +109,58 @@ QVector<Sample> images()
         {folder + QStringLiteral("BigLogo.png"), SampleData::logo()},
         {folder + QStringLiteral("Noise.png"), SampleData::noise(1, QSize(512, 512))},
     };
-    for (int tile = 0; tile < s_Tiles; ++tile) {
-        samples.append(
-            {QStringLiteral("/TestTiles/tile%1.png").arg(tile, 2, 10, QChar('0')),
-             SampleData::texture(static_cast<quint32>(100 + tile), QSize(s_TileSize, s_TileSize))});
+}
+
+QVector<Sample> tiles()
+{
+    constexpr quint32 firstSeed = 100;
+    const QSize size(256, 256);
+    QVector<Sample> samples;
+    for (quint32 tile = 0; tile < s_Tiles; ++tile) {
+        samples.append({QStringLiteral("/TestTiles/tile%1.png").arg(tile, 2, 10, QChar('0')),
+                        SampleData::texture(firstSeed + tile, size)});
     }
-    const QString textures = QStringLiteral("/TextureTest/");
-    samples.append(
-        {textures + QStringLiteral("bark.tif"), SampleData::texture(1, QSize(512, 512))});
-    samples.append(
-        {textures + QStringLiteral("cloth.tif"), SampleData::texture(2, QSize(768, 768))});
-    samples.append({textures + QStringLiteral("leaf.tif"), leaf()});
-    samples.append(
-        {textures + QStringLiteral("meadow.tif"), SampleData::texture(3, QSize(1024, 512))});
-    samples.append(
-        {textures + QStringLiteral("stone.tif"), SampleData::texture(4, QSize(512, 512))});
     return samples;
+}
+
+QVector<Sample> textures()
+{
+    const QString folder = QStringLiteral("/TextureTest/");
+    return {
+        {folder + QStringLiteral("bark.tif"), SampleData::texture(1, QSize(512, 512))},
+        {folder + QStringLiteral("cloth.tif"), SampleData::texture(2, QSize(768, 768))},
+        {folder + QStringLiteral("leaf.tif"), leaf()},
+        {folder + QStringLiteral("meadow.tif"), SampleData::texture(3, QSize(1024, 512))},
+        {folder + QStringLiteral("stone.tif"), SampleData::texture(4, QSize(512, 512))},
+    };
+}
+
+bool writeText(const QString& path)
+{
+    QFile file(path);
+    const QByteArray bytes = SampleData::text();
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.flush();
 }
 
 } // namespace
 
-QString SampleData::write(const QString& folder)
+QString SampleData::write(const QString& folder, int parts)
 {
     for (const char* const name : {"/TestTiles", "/TestImages", "/TextureTest", "/out"}) {
         if (!QDir().mkpath(folder + QLatin1String(name)))
             return folder + QLatin1String(name);
     }
-    QFile corpus(folder + QStringLiteral("/Data.txt"));
-    const QByteArray bytes = text();
-    if (!corpus.open(QIODevice::WriteOnly) || corpus.write(bytes) != bytes.size() ||
-        !corpus.flush())
-        return corpus.fileName();
-    const QVector<Sample> samples = images();
-    for (const Sample& sample : samples) {
+    const QString corpus = folder + QStringLiteral("/Data.txt");
+    if ((parts & Text) != 0 && !writeText(corpus))
+        return corpus;
+    QVector<Sample> samples;
+    if ((parts & Images) != 0)
+        samples += images();
+    if ((parts & Tiles) != 0)
+        samples += tiles();
+    if ((parts & Textures) != 0)
+        samples += textures();
+    for (const Sample& sample : qAsConst(samples)) {
         if (!sample.second.save(folder + sample.first))
             return folder + sample.first;
     }

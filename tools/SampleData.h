@@ -10,11 +10,21 @@
 /// Thread safety: any thread may call every function, on folders of its own.
 namespace SampleData {
 
-/// Makes the folder with all that belongs into it. What is there already and has the name of a
-/// sample is replaced; nothing else is touched.
+/// Parts of the data folder, as flags.
+enum Part : int
+{
+    Text = 1,
+    Images = 2,
+    Tiles = 4,
+    Textures = 8,
+    Everything = 15
+};
+
+/// Makes the folder with all sub-folders, and these parts in them. What is there already and has
+/// the name of a sample is replaced; nothing else is touched.
 ///
 /// @return what could not be written: a path, or nothing when all is well
-QString write(const QString& folder);
+QString write(const QString& folder, int parts = Everything);
 
 /// Land and sea seen from above, 2048 by 1024: wide, with no two tiles alike.
 QImage earth();

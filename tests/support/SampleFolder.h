@@ -10,14 +10,15 @@
 
 #include <gtest/gtest.h>
 
-/// A data folder of the self-check with all that belongs into it, for the length of a scope.
+/// A data folder of the self-check with what belongs into it, for the length of a scope.
 /// Testers use it from then on.
 class SampleFolder
 {
 public:
-    SampleFolder()
+    /// Makes only the parts named; all sub-folders are there.
+    explicit SampleFolder(int parts = SampleData::Everything)
     {
-        EXPECT_EQ(SampleData::write(m_Folder.path()).toStdString(), "");
+        EXPECT_EQ(SampleData::write(m_Folder.path(), parts).toStdString(), "");
         TdxTester().setTestDataDirectory(m_Folder.path());
     }
     SampleFolder(const SampleFolder&) = delete;
