@@ -8,6 +8,7 @@
 #include "tools/PathText.h"
 #include "tools/RestoreCommand.h"
 #include "tools/SampleDataCommand.h"
+#include "tools/SelfCheckCommand.h"
 #include "tools/StatCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -79,6 +80,7 @@ int runTool(int argc, char** argv)
     commands.push_back(std::make_unique<RestoreCommand>());
     commands.push_back(std::make_unique<StatCommand>());
     commands.push_back(std::make_unique<SampleDataCommand>());
+    commands.push_back(std::make_unique<SelfCheckCommand>());
 
     std::vector<Entry> entries;
     for (std::unique_ptr<Command>& command : commands) {
