@@ -11,6 +11,7 @@
 #include "tools/PathText.h"
 #include "tools/RestoreCommand.h"
 #include "tools/SampleDataCommand.h"
+#include "tools/SelfCheckCommand.h"
 #include "tools/StatCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -85,6 +86,7 @@ int runTool(int argc, char** argv)
     commands.push_back(std::make_unique<CatCommand>());
     commands.push_back(std::make_unique<GcCommand>());
     commands.push_back(std::make_unique<SampleDataCommand>());
+    commands.push_back(std::make_unique<SelfCheckCommand>());
 
     std::vector<Entry> entries;
     for (std::unique_ptr<Command>& command : commands) {
