@@ -89,7 +89,7 @@ restored_name() {
 
 main() {
     require_debian
-    install_packages cmake g++ libcli11-dev ninja-build pkg-config qtbase5-dev
+    install_packages cmake g++ libcli11-dev ninja-build pkg-config qtbase5-dev zlib1g-dev
     build_tool
     local tool=$build/tools/zebtdx path
     local -a given=() names=()

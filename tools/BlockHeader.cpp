@@ -3,6 +3,7 @@
 #include "tools/FileReader.h"
 
 #include <QByteArray>
+#include <QtEndian>
 
 #include <cstring>
 
@@ -14,8 +15,18 @@ std::string BlockHeader::read(FileReader& reader)
         return reason;
     if (bytes.size() < s_Bytes)
         return "is too short for a block";
-    // In the byte order of the machine.
-    std::memcpy(&m_BlockSize, bytes.constData(), sizeof m_BlockSize);
-    std::memcpy(&m_PayloadSize, bytes.constData() + sizeof m_BlockSize, sizeof m_PayloadSize);
+    take(bytes.constData());
     return {};
+}
+
+void BlockHeader::take(const char* bytes)
+{
+    // In the byte order of the machine.
+    std::memcpy(&m_BlockSize, bytes, sizeof m_BlockSize);
+    std::memcpy(&m_PayloadSize, bytes + sizeof m_BlockSize, sizeof m_PayloadSize);
+}
+
+qint64 BlockHeader::plainSizeOf(const char* payload)
+{
+    return qFromBigEndian<quint32>(payload);
 }

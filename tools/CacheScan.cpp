@@ -1,33 +1,20 @@
 #include "tools/CacheScan.h"
 
+#include "tools/BlockName.h"
 #include "tools/ErrorReport.h"
 #include "tools/FileKind.h"
 #include "tools/FolderNames.h"
+#include "tools/PlainNumber.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <optional>
-#include <system_error>
 
 #include <sys/stat.h>
 
 namespace {
 
 constexpr int s_NoBucket = -1;
-constexpr int s_Words = 16;
-
-// A number as the store writes it: no sign, no leading zeros.
-template <typename Number>
-std::optional<Number> plainNumber(const char* begin, const char* end)
-{
-    Number number = 0;
-    const auto [rest, error] = std::from_chars(begin, end, number);
-    const bool leadingZero = end - begin > 1 && *begin == '0';
-    if (error != std::errc() || rest != end || leadingZero || (begin != end && *begin == '-'))
-        return std::nullopt;
-    return number;
-}
 
 std::optional<int> bucketNumber(const std::string& name)
 {
@@ -76,15 +63,7 @@ void CacheScan::run(const std::vector<std::string>& roots,
 
 bool CacheScan::isBlockName(const std::string& name)
 {
-    const char* begin = name.data();
-    const char* const end = begin + name.size();
-    for (int word = 1; word <= s_Words; ++word) {
-        const char* const stop = std::find(begin, end, '-');
-        if (!plainNumber<quint32>(begin, stop) || (stop == end) != (word == s_Words))
-            return false;
-        begin = stop + 1;
-    }
-    return true;
+    return BlockName::parse(name).has_value();
 }
 
 void CacheScan::scanRoot()

@@ -100,12 +100,17 @@ void CommandOptions::addSubCache(CLI::App& command, std::string& subCache,
     command.add_option_function<std::string>("--sub-cache", read, description)->type_name("NAME");
 }
 
+void CommandOptions::addBuckets(CLI::App& command, int& buckets)
+{
+    addNumber(command, "--buckets", buckets, 1, s_MostBuckets, "Folders below each root");
+}
+
 void CommandOptions::addPlace(CLI::App& command, StorePlace& place)
 {
     addRoots(command, place.m_Roots,
              "Cache root, once for each disk (default " + StorePlace::defaultRoot() +
                  ", below the working folder)");
-    addNumber(command, "--buckets", place.m_Buckets, 1, s_MostBuckets, "Folders below each root");
+    addBuckets(command, place.m_Buckets);
     addSubCache(command, place.m_SubCache,
                 "Name of the part of the cache (default " + place.m_SubCache + ")");
 }

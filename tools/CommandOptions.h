@@ -39,6 +39,9 @@ void addRoots(CLI::App& command, std::vector<std::string>& roots, const std::str
 /// --sub-cache
 void addSubCache(CLI::App& command, std::string& subCache, const std::string& description);
 
+/// --buckets
+void addBuckets(CLI::App& command, int& buckets);
+
 /// --root, --buckets and --sub-cache, for a store that is to be used. settlePlace() must follow
 /// once the line has been read.
 void addPlace(CLI::App& command, StorePlace& place);

@@ -1,6 +1,7 @@
 #pragma once
 
-/// What the program's exit status says, the same for every command.
+/// What the program's exit status says. The commands that check a cache have names of their own for
+/// the same numbers.
 namespace ExitCode {
 
 /// Everything was done.
@@ -11,5 +12,11 @@ constexpr int Failed = 1;
 
 /// The command line makes no sense; nothing was done.
 constexpr int BadUsage = 2;
+
+/// A check has found damage.
+constexpr int Damage = 1;
+
+/// A check could not be made, wholly or in part, and found no damage.
+constexpr int Environment = 2;
 
 } // namespace ExitCode

@@ -14,6 +14,17 @@ namespace {
 // The first guess for a file that does not tell its size, as those that a kernel makes up.
 constexpr qint64 s_LeastRead = 65536;
 
+FileStamp stampOf(const struct stat& status)
+{
+    FileStamp stamp;
+    stamp.m_Device = status.st_dev;
+    stamp.m_Node = status.st_ino;
+    stamp.m_Size = status.st_size;
+    stamp.m_ModifiedSeconds = status.st_mtim.tv_sec;
+    stamp.m_ModifiedNanoseconds = status.st_mtim.tv_nsec;
+    return stamp;
+}
+
 } // namespace
 
 bool FileStamp::operator==(const FileStamp& other) const
@@ -37,11 +48,12 @@ void FileReader::close()
     m_Descriptor = -1;
 }
 
-std::string FileReader::open(const std::string& path)
+std::string FileReader::open(const std::string& path, Links links)
 {
     close();
+    const int follow = links == Links::Refuse ? O_NOFOLLOW : 0;
     // Something else may have taken the file's place since it was found; opening must not block.
-    m_Descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    m_Descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | follow);
     if (m_Descriptor < 0)
         return FileKind::errorText(errno);
     struct stat status = {};
@@ -54,12 +66,14 @@ std::string FileReader::open(const std::string& path)
         close();
         return reason;
     }
-    m_Stamp.m_Device = status.st_dev;
-    m_Stamp.m_Node = status.st_ino;
-    m_Stamp.m_Size = status.st_size;
-    m_Stamp.m_ModifiedSeconds = status.st_mtim.tv_sec;
-    m_Stamp.m_ModifiedNanoseconds = status.st_mtim.tv_nsec;
+    m_Stamp = stampOf(status);
     return {};
+}
+
+bool FileReader::hasChanged() const
+{
+    struct stat status = {};
+    return ::fstat(m_Descriptor, &status) != 0 || stampOf(status) != m_Stamp;
 }
 
 std::string FileReader::readBlock(qint64 offset, qint64 size, QByteArray& block)

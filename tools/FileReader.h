@@ -31,12 +31,22 @@ public:
     FileReader(const FileReader&) = delete;
     FileReader& operator=(const FileReader&) = delete;
 
+    /// Whether a symbolic link is followed to its file.
+    enum class Links
+    {
+        Follow,
+        Refuse
+    };
+
     /// Opens the file for reading, and closes the one before. Refuses all but regular files, and
     /// does not wait at a pipe.
-    [[nodiscard]] std::string open(const std::string& path);
+    [[nodiscard]] std::string open(const std::string& path, Links links = Links::Follow);
 
     /// The state of the file when it was opened.
     const FileStamp& stamp() const { return m_Stamp; }
+
+    /// Whether the open file has another state by now, or cannot tell.
+    bool hasChanged() const;
 
     /// Reads `size` bytes at `offset` into `block`; fewer only where the file ends, none beyond its
     /// end. Memory is taken for what the file has, not for what is asked.

@@ -96,8 +96,8 @@ int GcCommand::clean(const std::vector<Manifest>& manifests, ErrorReport& errors
     if (!m_Roots.empty())
         place.m_Roots = m_Roots;
     std::string reason;
-    const std::unique_ptr<ToolStore> store =
-        ToolStore::open(place, {ToolStore::Roots::Expect, m_Memory, 0}, reason);
+    const std::unique_ptr<ToolStore> store = ToolStore::open(
+        place, {ToolStore::Roots::Expect, m_Memory, 0, RootLock::Use::Alone}, reason);
     if (store == nullptr) {
         errors.add(reason);
         return ExitCode::Failed;

@@ -98,8 +98,9 @@ int IngestCommand::run(const ToolSettings& settings)
         return ExitCode::Failed;
     }
     std::string reason;
-    const std::unique_ptr<ToolStore> store =
-        ToolStore::open(m_Place, {ToolStore::Roots::Make, m_Memory, m_CompressionThreads}, reason);
+    const std::unique_ptr<ToolStore> store = ToolStore::open(
+        m_Place, {ToolStore::Roots::Make, m_Memory, m_CompressionThreads, RootLock::Use::Alone},
+        reason);
     if (store == nullptr) {
         errors.add(reason);
         return ExitCode::Failed;

@@ -70,13 +70,15 @@ void ProgressBar::begin(const std::string& title, qint64 total, Unit unit)
     m_Total = std::max<qint64>(total, 0);
     m_Done = 0;
     m_Unit = unit;
+    m_Remark.clear();
     m_Running = true;
     draw();
 }
 
-void ProgressBar::show(qint64 done)
+void ProgressBar::show(qint64 done, const std::string& remark)
 {
     const std::lock_guard<std::mutex> locker(m_Mutex);
+    m_Remark = remark;
     m_Done = std::clamp<qint64>(done, 0, m_Total);
     draw();
 }
@@ -110,7 +112,8 @@ std::string ProgressBar::picture() const
     const int percent = m_Done == m_Total ? 100 : std::min(static_cast<int>(share * 100), 99);
     const std::string total = numberText(m_Total);
     const std::string numbers = padded(std::to_string(percent), 3) + " %  " +
-                                padded(numberText(m_Done), s_SizeWidth) + " of " + total;
+                                padded(numberText(m_Done), s_SizeWidth) + " of " + total +
+                                (m_Remark.empty() ? "" : ", " + m_Remark);
     // The last column stays free, or some terminals go to the next line. Brackets and two blanks
     // stand around the bar.
     const int room = m_Columns - 1 - static_cast<int>(m_Title.size() + numbers.size()) - 4;

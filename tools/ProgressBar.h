@@ -37,8 +37,8 @@ public:
     void begin(const std::string& title, qint64 total, Unit unit = Unit::Bytes);
 
     /// Draws how far the work is, if that looks any different from before. More than the total
-    /// counts as the total.
-    void show(qint64 done);
+    /// counts as the total. The remark stands behind the numbers until the next call.
+    void show(qint64 done, const std::string& remark = {});
 
     /// Writes one line, which lacks its line end, above the bar.
     void printLine(const std::string& line);
@@ -62,6 +62,7 @@ private:
     qint64 m_Total;
     qint64 m_Done;
     Unit m_Unit;
+    std::string m_Remark;
     bool m_Running;
     // What stands in the terminal's line now.
     std::string m_Drawn;

@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include <unistd.h>
 
@@ -45,7 +46,7 @@ std::string whyNoRoot(const std::string& root, ToolStore::Roots roots)
 
 } // namespace
 
-ToolStore::ToolStore() : m_Failures(0), m_Told(0)
+ToolStore::ToolStore(RootLock&& lock) : m_Lock(std::move(lock)), m_Failures(0), m_Told(0)
 {
     QObject::connect(&ZebDataBlockManager::instance(), &ZebDataBlockManager::writeError,
                      &m_Receiver, [this](const QString& message) {
@@ -72,7 +73,10 @@ std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, const Option
         }
         paths.append(QFile::decodeName(QByteArray::fromStdString(root)));
     }
-    std::unique_ptr<ToolStore> store(new ToolStore);
+    RootLock lock;
+    if (!lock.take(place.m_Roots, options.m_Use, reason))
+        return nullptr;
+    std::unique_ptr<ToolStore> store(new ToolStore(std::move(lock)));
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     manager.setup(paths, options.m_Memory, place.m_Buckets, options.m_CompressionThreads);
     store->m_SubCache = QFile::decodeName(QByteArray::fromStdString(place.m_SubCache));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tools/RootLock.h"
 #include "tools/StorePlace.h"
 
 #include <QElapsedTimer>
@@ -37,9 +38,12 @@ public:
         qint64 m_Memory = 0;
         /// Compression workers for each root; 0 has each writer compress by itself.
         int m_CompressionThreads = 0;
+        /// With whom the roots are shared while the store is set up.
+        RootLock::Use m_Use = RootLock::Use::Reading;
     };
 
-    /// Sets the store up. Gives null and the reason when a root cannot be used.
+    /// Sets the store up. Gives null and the reason when a root cannot be used, or is in use by
+    /// another process of the tool.
     static std::unique_ptr<ToolStore> open(const StorePlace& place, const Options& options,
                                            std::string& reason);
 
@@ -63,8 +67,9 @@ public:
 private:
     static constexpr qint64 s_PatienceMs = 10000;
 
-    ToolStore();
+    explicit ToolStore(RootLock&& lock);
 
+    RootLock m_Lock;
     QString m_SubCache;
     // Receives the store's signal.
     QObject m_Receiver;

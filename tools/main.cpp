@@ -9,10 +9,13 @@
 #include "tools/LsCommand.h"
 #include "tools/MessageFilter.h"
 #include "tools/PathText.h"
+#include "tools/ProbeCommand.h"
+#include "tools/RepairCommand.h"
 #include "tools/RestoreCommand.h"
 #include "tools/SampleDataCommand.h"
 #include "tools/SelfCheckCommand.h"
 #include "tools/StatCommand.h"
+#include "tools/VerifyCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -37,7 +40,8 @@ const char* const s_Footer =
     "Exit status:\n"
     "  0  everything was done, and nothing differed\n"
     "  1  a file failed, or a difference was found; the rest was done\n"
-    "  2  the command line makes no sense; nothing was done\n";
+    "  2  the command line makes no sense; nothing was done\n"
+    "verify, repair and probe tell in their own help what 1 and 2 mean for them.\n";
 
 struct Entry
 {
@@ -87,6 +91,9 @@ int runTool(int argc, char** argv)
     commands.push_back(std::make_unique<GcCommand>());
     commands.push_back(std::make_unique<SampleDataCommand>());
     commands.push_back(std::make_unique<SelfCheckCommand>());
+    commands.push_back(std::make_unique<VerifyCommand>());
+    commands.push_back(std::make_unique<RepairCommand>());
+    commands.push_back(std::make_unique<ProbeCommand>());
 
     std::vector<Entry> entries;
     for (std::unique_ptr<Command>& command : commands) {
@@ -94,8 +101,11 @@ int runTool(int argc, char** argv)
         parsed->add_flag("--verbose", settings.m_Verbose, "Show the store's own messages");
         entries.push_back({std::move(command), parsed});
     }
-    for (CLI::App* const app : application.get_subcommands({}))
-        app->footer(s_Footer);
+    // A command with other words on its exit status has its own.
+    for (CLI::App* const app : application.get_subcommands({})) {
+        if (app->get_footer().empty())
+            app->footer(s_Footer);
+    }
     application.footer(s_Footer);
 
     std::vector<std::string> arguments = plainArguments(argc, argv);

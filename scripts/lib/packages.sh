@@ -6,8 +6,8 @@ require_debian() {
     for tool in apt-get dpkg-query; do
         if ! command -v "$tool" >/dev/null 2>&1; then
             echo "This script prepares Debian 12 and systems like it, and '$tool' is not here." >&2
-            echo "Elsewhere, install a C++17 compiler, CMake, Ninja, pkg-config, Qt 5.15 and" >&2
-            echo "CLI11, and build with CMake." >&2
+            echo "Elsewhere, install a C++17 compiler, CMake, Ninja, pkg-config, Qt 5.15, zlib" >&2
+            echo "and CLI11, and build with CMake." >&2
             exit 1
         fi
     done

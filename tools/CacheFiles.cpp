@@ -1,0 +1,107 @@
+#include "tools/CacheFiles.h"
+
+#include "tools/ErrorReport.h"
+#include "tools/FileKind.h"
+#include "tools/FolderNames.h"
+#include "tools/Remarks.h"
+
+#include <optional>
+
+#include <sys/stat.h>
+
+namespace {
+
+constexpr unsigned int s_OthersWrite = S_IWGRP | S_IWOTH;
+
+const char* const s_Loose = "lets others write; take that right from them by chmod go-w";
+
+void remarkLooseFolder(const std::string& path, Remarks& remarks)
+{
+    struct stat status = {};
+    if (::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+        (status.st_mode & s_OthersWrite) != 0)
+        remarks.add(Remarks::Loose, path, s_Loose);
+}
+
+} // namespace
+
+CacheFiles::CacheFiles(StorePlace place, bool all, ErrorReport& errors, Remarks& remarks)
+    : m_Place(std::move(place)), m_Bytes(0)
+{
+    CacheScan scan(errors);
+    if (!all)
+        scan.only(m_Place.m_SubCache);
+    for (const std::string& root : m_Place.m_Roots) {
+        struct stat status = {};
+        // The root itself may be a link: that is the user's word.
+        if (::stat(root.c_str(), &status) == 0 && (status.st_mode & s_OthersWrite) != 0)
+            remarks.add(Remarks::Loose, root, s_Loose);
+    }
+    scan.run(m_Place.m_Roots,
+             [this, &remarks](const CacheScan::File& found) { take(found, remarks); });
+}
+
+void CacheFiles::take(const CacheScan::File& found, Remarks& remarks)
+{
+    if (found.m_IsLog)
+        return;
+    if (S_ISLNK(found.m_Mode)) {
+        remarks.add(Remarks::Link, found.m_Path,
+                    "is a symbolic link, which is not followed; the store would; remove it if "
+                    "nobody means it");
+        return;
+    }
+    const std::optional<BlockName> name =
+        found.m_IsBlock ? BlockName::parse(found.m_Name) : std::nullopt;
+    if (!name) {
+        const std::string kind = FileKind::whyNotAFile(found.m_Mode);
+        remarks.add(Remarks::Foreign, found.m_Path,
+                    (kind.empty() ? "is named as no block is" : kind) +
+                        "; the store has not put it there; move it elsewhere if somebody needs it");
+        return;
+    }
+    if ((found.m_Mode & s_OthersWrite) != 0)
+        remarks.add(Remarks::Loose, found.m_Path, s_Loose);
+    File file;
+    file.m_Name = *name;
+    file.m_Size = found.m_Size;
+    file.m_Folder = folderIndex(found, remarks);
+    m_Files.push_back(file);
+    m_Bytes += found.m_Size;
+}
+
+std::size_t CacheFiles::folderIndex(const CacheScan::File& found, Remarks& remarks)
+{
+    // The scan goes from one folder to the next.
+    if (!m_Folders.empty()) {
+        const Folder& last = m_Folders.back();
+        if (last.m_Root == found.m_Root && last.m_Bucket == found.m_Bucket &&
+            last.m_SubCache == found.m_SubCache)
+            return m_Folders.size() - 1;
+    }
+    Folder folder;
+    folder.m_Path = found.m_Path.substr(0, found.m_Path.size() - found.m_Name.size() - 1);
+    folder.m_Root = found.m_Root;
+    folder.m_SubCache = found.m_SubCache;
+    folder.m_Bucket = found.m_Bucket;
+    remarkLooseFolder(folder.m_Path, remarks);
+    m_Folders.push_back(folder);
+    return m_Folders.size() - 1;
+}
+
+std::string CacheFiles::pathOf(const File& file) const
+{
+    return FolderNames::joined(folderOf(file).m_Path, file.m_Name.text());
+}
+
+BlockPlace CacheFiles::placeOf(const File& file) const
+{
+    return BlockPlace::of(file.m_Name, static_cast<int>(m_Place.m_Roots.size()), m_Place.m_Buckets);
+}
+
+bool CacheFiles::isInPlace(const File& file) const
+{
+    const BlockPlace place = placeOf(file);
+    const Folder& folder = folderOf(file);
+    return place.m_Root == static_cast<int>(folder.m_Root) && place.m_Bucket == folder.m_Bucket;
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "tools/BlockName.h"
+#include "tools/BlockPlace.h"
+#include "tools/CacheScan.h"
+#include "tools/StorePlace.h"
+
+#include <QtGlobal>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+class ErrorReport;
+class Remarks;
+
+/// The block files of a cache on disk as they were found, in 80 bytes for each. What else lies
+/// there is a remark. Reads folders only, and follows no link below a root.
+class CacheFiles
+{
+public:
+    struct File
+    {
+        BlockName m_Name;
+        qint64 m_Size = 0;
+        /// Index into folders().
+        std::size_t m_Folder = 0;
+    };
+
+    struct Folder
+    {
+        std::string m_Path;
+        std::size_t m_Root = 0;
+        std::string m_SubCache;
+        int m_Bucket = 0;
+    };
+
+    /// @param place the roots, and the sub-cache where `all` does not say that all are meant
+    CacheFiles(StorePlace place, bool all, ErrorReport& errors, Remarks& remarks);
+
+    const std::vector<File>& files() const { return m_Files; }
+    const Folder& folderOf(const File& file) const { return m_Folders[file.m_Folder]; }
+    std::string pathOf(const File& file) const;
+
+    /// The sum of their sizes.
+    qint64 bytes() const { return m_Bytes; }
+
+    /// Where the file should lie.
+    BlockPlace placeOf(const File& file) const;
+
+    const std::string& rootPath(int index) const
+    {
+        return m_Place.m_Roots[static_cast<std::size_t>(index)];
+    }
+
+    /// Whether it lies there.
+    bool isInPlace(const File& file) const;
+
+private:
+    void take(const CacheScan::File& found, Remarks& remarks);
+    std::size_t folderIndex(const CacheScan::File& found, Remarks& remarks);
+
+    const StorePlace m_Place;
+    std::vector<File> m_Files;
+    std::vector<Folder> m_Folders;
+    qint64 m_Bytes;
+};
