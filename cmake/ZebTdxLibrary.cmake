@@ -38,6 +38,8 @@ set(ZEBTDX_SOURCES
   support/ZebTdxMessage.cpp
   support/ZebTdxMutex.cpp
   hash/Skein.cpp
+  hash/SkeinBatch.cpp
+  hash/SkeinLaneForm.cpp
   hash/ZebDataHash.cpp
   hash/ZebDataHash_Text.cpp
   hash/ZebHashHandle.cpp
