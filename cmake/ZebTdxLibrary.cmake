@@ -49,6 +49,8 @@ set(ZEBTDX_SOURCES
   data/ZebDataBlock.cpp
   data/ZebDataReference.cpp
   data/ZebHashingJob.cpp
+  data/ZebHashingQueue.cpp
+  data/ZebHashingTask.cpp
   data/ZebModifyAccessor.cpp
   data/ZebResultCache.cpp
   data/ZebThreadPoolManager.cpp

@@ -109,7 +109,7 @@ TEST(SkeinLaneForm, EveryLaneGoesAsIfAlone)
     for (const SkeinLaneForm& form : LaneForms::all()) {
         if (form.absorb == nullptr)
             continue;
-        for (std::size_t blockCount : {0, 1, 2, 3, 17}) {
+        for (const std::size_t blockCount : {0U, 1U, 2U, 3U, 17U}) {
             RandomSet work(random, blockCount);
             const SkeinLaneSet before = work.m_Set;
             form.absorb(work.m_Set, blockCount);
