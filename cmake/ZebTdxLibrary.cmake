@@ -39,6 +39,8 @@ set(ZEBTDX_SOURCES
   support/ZebTdxMessage.cpp
   support/ZebTdxMutex.cpp
   hash/Skein.cpp
+  hash/SkeinBatch.cpp
+  hash/SkeinLaneForm.cpp
   hash/ZebDataHash.cpp
   hash/ZebDataHash_Text.cpp
   hash/ZebHashHandle.cpp
@@ -48,6 +50,8 @@ set(ZEBTDX_SOURCES
   data/ZebDataBlock.cpp
   data/ZebDataReference.cpp
   data/ZebHashingJob.cpp
+  data/ZebHashingQueue.cpp
+  data/ZebHashingTask.cpp
   data/ZebModifyAccessor.cpp
   data/ZebResultCache.cpp
   data/ZebThreadPoolManager.cpp

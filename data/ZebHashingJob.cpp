@@ -1,14 +1,15 @@
 #include "data/ZebHashingJob.h"
 
 #include "data/ZebDataBlock.h"
+#include "data/ZebHashingTask.h"
 #include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
-#include "support/ZebStoredCall.h"
 
 #include <QMutexLocker>
 
 #include <memory>
+#include <utility>
 
 QAtomicInt ZebHashingJob::m_LiveHashJobCount;
 QAtomicInt ZebHashingJob::m_UnfinishedHashJobCount;
@@ -23,13 +24,11 @@ QThreadPool* hashingPool()
 } // namespace
 
 ZebHashingJob::ZebHashingJob(const QByteArray& bytes)
-    : m_Future(ZebStoredCall::start<ZebDataReference>(
-          hashingPool(), [bytes] { return processBlockByteArray(bytes); }))
+    : m_Future(ZebHashingTask::start(hashingPool(), bytes))
 {}
 
 ZebHashingJob::ZebHashingJob(ZebDataBlock* block)
-    : m_Future(ZebStoredCall::start<ZebDataReference>(hashingPool(),
-                                                      [block] { return processBlock(block); }))
+    : m_Future(ZebHashingTask::start(hashingPool(), block))
 {}
 
 ZebHashingJob::ZebHashingJob(const ZebHashingJob& other)
@@ -39,7 +38,7 @@ ZebHashingJob::ZebHashingJob(const ZebHashingJob& other)
 ZebHashingJob::~ZebHashingJob()
 {
     try {
-        m_Future.waitForFinished();
+        ZebHashingTask::wait(m_Future);
     } catch (...) {
         // What went wrong in the work belongs to whoever asks for its result; here nobody does.
         // NOLINTNEXTLINE(bugprone-empty-catch)
@@ -75,7 +74,7 @@ ZebDataReference ZebHashingJob::data()
         return known;
     // Waiting for the end of the task, and not only for its result, makes sure that the task holds
     // nothing any more. The stored result never changes, so it is copied with no lock.
-    m_Future.waitForFinished();
+    ZebHashingTask::wait(m_Future);
     known = m_Future.result();
     const QMutexLocker locker(&m_ResultMutex);
     if (m_Result.isNull())
@@ -99,13 +98,35 @@ ZebDataReference ZebHashingJob::processBlock(ZebDataBlock* block)
         return {};
     std::unique_ptr<ZebDataBlock> owned(block);
     const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(block->m_Data);
-    ZebDataBlockManager::instance().makeBlockLive(hash.data(), owned.release());
-    return ZebDataBlockManager::instance().getReference(hash.data());
+    return admit(hash.data(), std::move(owned));
 }
 
 ZebDataReference ZebHashingJob::processBlockByteArray(const QByteArray& bytes)
 {
     const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(bytes);
-    ZebDataBlockManager::instance().makeBlockLive(hash.data(), new ZebDataBlock(bytes));
-    return ZebDataBlockManager::instance().getReference(hash.data());
+    return admit(hash.data(), std::make_unique<ZebDataBlock>(bytes));
+}
+
+const QByteArray& ZebHashingJob::contentOf(const ZebDataBlock& block)
+{
+    return block.m_Data;
+}
+
+ZebDataReference ZebHashingJob::admitDigested(const unsigned char* digest,
+                                              std::unique_ptr<ZebDataBlock> block)
+{
+    const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getDigested(digest);
+    return admit(hash.data(), std::move(block));
+}
+
+ZebDataReference ZebHashingJob::admitDigested(const unsigned char* digest, const QByteArray& bytes)
+{
+    const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getDigested(digest);
+    return admit(hash.data(), std::make_unique<ZebDataBlock>(bytes));
+}
+
+ZebDataReference ZebHashingJob::admit(ZebDataHash* hash, std::unique_ptr<ZebDataBlock> block)
+{
+    ZebDataBlockManager::instance().makeBlockLive(hash, block.release());
+    return ZebDataBlockManager::instance().getReference(hash);
 }

@@ -9,10 +9,17 @@
 #include <QFuture>
 #include <QMutex>
 
+#include <memory>
+
 class ZebDataBlock;
+class ZebDataHash;
 
 /// Digests, interns and admits one block on the hashing pool, so that who adds the block need not
 /// wait. It runs from its construction on and cannot be cancelled.
+///
+/// Jobs that wait for a thread of the pool may be digested together with one that begins, where the
+/// processor digests several contents faster than one after the other. Each is interned and
+/// admitted on its own all the same, as soon as its digest is known.
 ///
 /// Thread safety: data() may be called from several threads at once. A thread that waits for a job
 /// which has not begun runs it itself, so no pool can be too small.
@@ -53,6 +60,19 @@ protected:
     static ZebDataReference processBlockByteArray(const QByteArray& bytes);
 
 private:
+    friend class ZebHashingTask;
+
+    /// The bytes whose digest is the block's identity: as they are stored.
+    static const QByteArray& contentOf(const ZebDataBlock& block);
+
+    /// What is left of the work when the digest, of 64 bytes, is known.
+    static ZebDataReference admitDigested(const unsigned char* digest,
+                                          std::unique_ptr<ZebDataBlock> block);
+    static ZebDataReference admitDigested(const unsigned char* digest, const QByteArray& bytes);
+
+    /// Admits the block under its interned hash, which the caller holds.
+    static ZebDataReference admit(ZebDataHash* hash, std::unique_ptr<ZebDataBlock> block);
+
     /// A copy of m_Result, taken under its guard.
     ZebDataReference result() const;
 

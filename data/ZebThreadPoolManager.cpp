@@ -1,6 +1,12 @@
 #include "data/ZebThreadPoolManager.h"
 
-ZebThreadPoolManager::ZebThreadPoolManager() = default;
+#include "data/ZebHashingQueue.h"
+
+ZebThreadPoolManager::ZebThreadPoolManager()
+{
+    // What is built first goes last: tasks ask this queue, and the pools wait for their tasks.
+    ZebHashingQueue::instance();
+}
 
 ZebThreadPoolManager::~ZebThreadPoolManager() = default;
 

@@ -1,5 +1,7 @@
 #include "hash/Skein.h"
 
+#include "hash/SkeinCipher512.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -7,53 +9,14 @@
 // Words are loaded and stored as they lie in memory.
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "Skein words are little-endian");
 
-// The state of a cipher stays in registers only when every step of it becomes part of one function;
-// left to itself the compiler finds the steps too large for that.
-#define ZEB_SKEIN_INLINE __attribute__((always_inline)) inline
-
 namespace ZebSkein {
 
 namespace {
 
 template <std::size_t Count>
-struct Words
-{
-    Word at[Count];
-};
+using Words = Values<Word, Count>;
 
-constexpr Word s_KeyParity = 0x5555555555555555;
-
-template <unsigned Left>
-ZEB_SKEIN_INLINE void mixPair(Word& a, Word& b)
-{
-    a += b;
-    b = ((b << Left) | (b >> (64 - Left))) ^ a;
-}
-
-template <unsigned Left0, unsigned Left1>
-ZEB_SKEIN_INLINE void mix(Word& a0, Word& b0, Word& a1, Word& b1)
-{
-    mixPair<Left0>(a0, b0);
-    mixPair<Left1>(a1, b1);
-}
-
-template <unsigned Left0, unsigned Left1, unsigned Left2, unsigned Left3>
-ZEB_SKEIN_INLINE void mix(Word& a0, Word& b0, Word& a1, Word& b1, Word& a2, Word& b2, Word& a3,
-                          Word& b3)
-{
-    mix<Left0, Left1>(a0, b0, a1, b1);
-    mix<Left2, Left3>(a2, b2, a3, b3);
-}
-
-template <unsigned Left0, unsigned Left1, unsigned Left2, unsigned Left3, unsigned Left4,
-          unsigned Left5, unsigned Left6, unsigned Left7>
-ZEB_SKEIN_INLINE void mix(Word& a0, Word& b0, Word& a1, Word& b1, Word& a2, Word& b2, Word& a3,
-                          Word& b3, Word& a4, Word& b4, Word& a5, Word& b5, Word& a6, Word& b6,
-                          Word& a7, Word& b7)
-{
-    mix<Left0, Left1, Left2, Left3>(a0, b0, a1, b1, a2, b2, a3, b3);
-    mix<Left4, Left5, Left6, Left7>(a4, b4, a5, b5, a6, b6, a7, b7);
-}
+using Cipher512 = SkeinCipher512<Word>;
 
 // The cipher of Skein-256.
 struct Cipher256
@@ -91,6 +54,7 @@ struct Cipher256
         x1 += key.at[(Subkey + 1) % 5] + tweak.at[Subkey % 3];
         x2 += key.at[(Subkey + 2) % 5] + tweak.at[(Subkey + 1) % 3];
         x3 += key.at[(Subkey + 3) % 5] + Subkey;
+        pin(x0, x1, x2, x3);
     }
 
     template <Word Octet>
@@ -106,76 +70,6 @@ struct Cipher256
         mix<53, 35>(x0, x3, x2, x1);
         mix<11, 42>(x0, x1, x2, x3);
         mix<59, 50>(x0, x3, x2, x1);
-    }
-};
-
-// The cipher of Skein-512.
-struct Cipher512
-{
-    static constexpr std::size_t s_Words = 8;
-    static constexpr Word s_Octets = 9;
-
-    Words<9> key;
-    Words<3> tweak;
-    Word x0;
-    Word x1;
-    Word x2;
-    Word x3;
-    Word x4;
-    Word x5;
-    Word x6;
-    Word x7;
-
-    ZEB_SKEIN_INLINE void load(const Words<s_Words>& block)
-    {
-        x0 = block.at[0];
-        x1 = block.at[1];
-        x2 = block.at[2];
-        x3 = block.at[3];
-        x4 = block.at[4];
-        x5 = block.at[5];
-        x6 = block.at[6];
-        x7 = block.at[7];
-    }
-
-    ZEB_SKEIN_INLINE void feedForward(const Words<s_Words>& block)
-    {
-        key.at[0] = x0 ^ block.at[0];
-        key.at[1] = x1 ^ block.at[1];
-        key.at[2] = x2 ^ block.at[2];
-        key.at[3] = x3 ^ block.at[3];
-        key.at[4] = x4 ^ block.at[4];
-        key.at[5] = x5 ^ block.at[5];
-        key.at[6] = x6 ^ block.at[6];
-        key.at[7] = x7 ^ block.at[7];
-    }
-
-    template <Word Subkey>
-    ZEB_SKEIN_INLINE void addSubkey()
-    {
-        x0 += key.at[Subkey % 9];
-        x1 += key.at[(Subkey + 1) % 9];
-        x2 += key.at[(Subkey + 2) % 9];
-        x3 += key.at[(Subkey + 3) % 9];
-        x4 += key.at[(Subkey + 4) % 9];
-        x5 += key.at[(Subkey + 5) % 9] + tweak.at[Subkey % 3];
-        x6 += key.at[(Subkey + 6) % 9] + tweak.at[(Subkey + 1) % 3];
-        x7 += key.at[(Subkey + 7) % 9] + Subkey;
-    }
-
-    template <Word Octet>
-    ZEB_SKEIN_INLINE void eightRounds()
-    {
-        addSubkey<2 * Octet>();
-        mix<38, 30, 50, 53>(x0, x1, x2, x3, x4, x5, x6, x7);
-        mix<48, 20, 43, 31>(x2, x1, x4, x7, x6, x5, x0, x3);
-        mix<34, 14, 15, 27>(x4, x1, x6, x3, x0, x5, x2, x7);
-        mix<26, 12, 58, 7>(x6, x1, x0, x7, x2, x5, x4, x3);
-        addSubkey<2 * Octet + 1>();
-        mix<33, 49, 8, 42>(x0, x1, x2, x3, x4, x5, x6, x7);
-        mix<39, 27, 41, 14>(x2, x1, x4, x7, x6, x5, x0, x3);
-        mix<29, 26, 11, 9>(x4, x1, x6, x3, x0, x5, x2, x7);
-        mix<33, 51, 39, 35>(x6, x1, x0, x7, x2, x5, x4, x3);
     }
 };
 
@@ -263,6 +157,10 @@ struct Cipher1024
         x13 += key.at[(Subkey + 13) % 17] + tweak.at[Subkey % 3];
         x14 += key.at[(Subkey + 14) % 17] + tweak.at[(Subkey + 1) % 3];
         x15 += key.at[(Subkey + 15) % 17] + Subkey;
+        pin(x0, x1, x2, x3);
+        pin(x4, x5, x6, x7);
+        pin(x8, x9, x10, x11);
+        pin(x12, x13, x14, x15);
     }
 
     template <Word Octet>
@@ -289,14 +187,6 @@ struct Cipher1024
     }
 };
 
-// All rounds, unrolled, with the closing subkey.
-template <typename Cipher, Word... Octet>
-ZEB_SKEIN_INLINE void encrypt(Cipher& cipher, std::integer_sequence<Word, Octet...>)
-{
-    (cipher.template eightRounds<Octet>(), ...);
-    cipher.template addSubkey<2 * Cipher::s_Octets>();
-}
-
 // The helpers below name each word by a constant index. A loop, or a copy of the whole, would do
 // the same, but then the compiler keeps the words in memory and copies them two at a time, and each
 // block waits for the stores of the one before.
@@ -305,12 +195,6 @@ template <std::size_t... Index>
 ZEB_SKEIN_INLINE void assign(Word* to, const Word* from, std::index_sequence<Index...>)
 {
     ((to[Index] = from[Index]), ...);
-}
-
-template <std::size_t... Index>
-ZEB_SKEIN_INLINE Word parity(const Word* words, std::index_sequence<Index...>)
-{
-    return (words[Index] ^ ...);
 }
 
 ZEB_SKEIN_INLINE Word loadWord(const unsigned char* data)
@@ -327,20 +211,6 @@ ZEB_SKEIN_INLINE Words<sizeof...(Index)> loadBlock(const unsigned char* data,
     return {{loadWord(data + sizeof(Word) * Index)...}};
 }
 
-// Takes a block in: it is encrypted under the chaining value as the key, and what comes out, with
-// the plain block over it, is the next chaining value.
-template <typename Cipher>
-ZEB_SKEIN_INLINE void absorb(Cipher& cipher, const Tweak& tweak,
-                             const Words<Cipher::s_Words>& block)
-{
-    constexpr auto indices = std::make_index_sequence<Cipher::s_Words>();
-    cipher.key.at[Cipher::s_Words] = s_KeyParity ^ parity(cipher.key.at, indices);
-    cipher.tweak = {{tweak.position, tweak.flags, tweak.position ^ tweak.flags}};
-    cipher.load(block);
-    encrypt(cipher, std::make_integer_sequence<Word, Cipher::s_Octets>());
-    cipher.feedForward(block);
-}
-
 template <typename Cipher>
 void processBlocks(Word* chain, Tweak& tweak, const unsigned char* data, std::size_t blockCount,
                    std::size_t bytesPerBlock)
@@ -352,7 +222,7 @@ void processBlocks(Word* chain, Tweak& tweak, const unsigned char* data, std::si
     Tweak place = tweak;
     for (; blockCount > 0; --blockCount) {
         place.position += bytesPerBlock;
-        absorb(cipher, place, loadBlock(data, indices));
+        absorb(cipher, place.position, place.flags, loadBlock(data, indices));
         place.flags &= ~s_FlagFirst;
         data += sizeof(Words<Cipher::s_Words>);
     }

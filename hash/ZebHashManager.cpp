@@ -49,6 +49,12 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(const QString& text)
     return intern(new ZebDataHash(text));
 }
 
+ZebSmartPointer<ZebDataHash> ZebHashManager::getDigested(const unsigned char* digest)
+{
+    // The hash only reads.
+    return intern(new ZebDataHash(ZebDataHash::Hash512, const_cast<unsigned char*>(digest)));
+}
+
 ZebSmartPointer<ZebDataHash> ZebHashManager::intern(ZebDataHash* fresh)
 {
     std::unique_ptr<ZebDataHash> owned(fresh);

@@ -68,11 +68,16 @@ public:
 
 protected:
     friend class ZebDataHash;
+    friend class ZebHashingJob;
 
     ZebHashManager();
 
 private:
     Q_DISABLE_COPY(ZebHashManager)
+
+    /// What getHash() gives for bytes of this digest, of size Hash512, and counted likewise. For
+    /// bytes that have been digested together with others.
+    ZebSmartPointer<ZebDataHash> getDigested(const unsigned char* digest);
 
     /// Interns `fresh` on behalf of getHash(). Takes ownership.
     ZebSmartPointer<ZebDataHash> intern(ZebDataHash* fresh);

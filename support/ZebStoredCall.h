@@ -11,6 +11,25 @@
 #include <optional>
 #include <utility>
 
+namespace ZebStoredCall {
+
+/// Runs `call` and leaves its result on `promise`. An exception that leaves the call is kept there
+/// and thrown again where the result is asked for.
+template <typename T, typename Call>
+void report(QFutureInterface<T>& promise, Call&& call)
+{
+    try {
+        const T result = call();
+        promise.reportResult(result);
+    } catch (const QException& exception) {
+        promise.reportException(exception);
+    } catch (...) {
+        promise.reportException(QUnhandledException());
+    }
+}
+
+} // namespace ZebStoredCall
+
 /// The task behind ZebStoredCall::start().
 ///
 /// Pool and task are noted on the future, so a thread that waits for a call that has not begun runs
@@ -40,25 +59,13 @@ public:
     {
         QFutureInterfaceBase state(*m_Promise);
         if (!state.isCanceled())
-            runCall();
+            ZebStoredCall::report(*m_Promise, *m_Call);
         m_Call.reset();
         m_Promise.reset();
         state.reportFinished();
     }
 
 private:
-    void runCall()
-    {
-        try {
-            const T result = (*m_Call)();
-            m_Promise->reportResult(result);
-        } catch (const QException& exception) {
-            m_Promise->reportException(exception);
-        } catch (...) {
-            m_Promise->reportException(QUnhandledException());
-        }
-    }
-
     std::optional<Call> m_Call;
     std::optional<QFutureInterface<T>> m_Promise;
 };

@@ -4,6 +4,7 @@
 #include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
+#include "support/BusyHashingPool.h"
 #include "support/Fatal.h"
 #include "support/PrivateAccess.h"
 #include "support/TemporaryStore.h"
@@ -12,7 +13,6 @@
 
 #include <QElapsedTimer>
 #include <QRunnable>
-#include <QSemaphore>
 #include <QThreadPool>
 
 #include <gtest/gtest.h>
@@ -52,47 +52,7 @@ struct OpenJob : ZebHashingJob
     using ZebHashingJob::processBlockByteArray;
 };
 
-// Leaves the hashing pool one thread, and occupies that one until release() or the end of the
-// scope. A test that waits for the pool in vain goes on after a while, and fails.
-class BusyPool
-{
-public:
-    BusyPool() : m_ThreadCount(hashingPool().maxThreadCount())
-    {
-        hashingPool().waitForDone();
-        hashingPool().setMaxThreadCount(1);
-        hashingPool().start([this] {
-            m_Occupied.release();
-            if (!m_Gate.tryAcquire(1, 20000))
-                m_TimedOut.store(true);
-        });
-        m_Occupied.acquire();
-    }
-    ~BusyPool()
-    {
-        release();
-        hashingPool().setMaxThreadCount(m_ThreadCount);
-        EXPECT_FALSE(m_TimedOut.load()) << "somebody has waited for the pool";
-    }
-    BusyPool(const BusyPool&) = delete;
-    BusyPool& operator=(const BusyPool&) = delete;
-
-    /// Lets the pool go on and waits until it has nothing left to do.
-    void release()
-    {
-        if (!m_Released)
-            m_Gate.release();
-        m_Released = true;
-        hashingPool().waitForDone();
-    }
-
-private:
-    const int m_ThreadCount;
-    QSemaphore m_Occupied;
-    QSemaphore m_Gate;
-    std::atomic<bool> m_TimedOut{false};
-    bool m_Released = false;
-};
+using BusyPool = BusyHashingPool;
 
 // A block that tells when it ends.
 class WatchedBlock : public ZebDataBlock

@@ -1,0 +1,51 @@
+#include "data/ZebHashingQueue.h"
+
+#include "data/ZebHashingTask.h"
+
+#include <QMutexLocker>
+
+#include <algorithm>
+
+ZebHashingQueue& ZebHashingQueue::instance()
+{
+    static ZebHashingQueue queue;
+    return queue;
+}
+
+void ZebHashingQueue::add(const TaskPointer& task)
+{
+    const QMutexLocker locker(&m_Mutex);
+    task->m_Place = m_Waiting.insert(m_Waiting.end(), task);
+}
+
+bool ZebHashingQueue::take(ZebHashingTask* task)
+{
+    // The last hold on a task may not go with the mutex held: its end frees a block.
+    TaskPointer dropped;
+    const QMutexLocker locker(&m_Mutex);
+    if (task->m_Taken)
+        return false;
+    task->m_Taken = true;
+    if (task->m_Place) {
+        dropped = std::move(**task->m_Place);
+        m_Waiting.erase(*task->m_Place);
+        task->m_Place.reset();
+    }
+    return true;
+}
+
+std::size_t ZebHashingQueue::takeWaiting(std::size_t fewest, std::size_t most,
+                                         TaskPointer* taken) noexcept
+{
+    const QMutexLocker locker(&m_Mutex);
+    if (m_Waiting.size() < fewest)
+        return 0;
+    const std::size_t count = std::min(m_Waiting.size(), most);
+    for (std::size_t i = 0; i < count; ++i) {
+        taken[i] = std::move(m_Waiting.front());
+        taken[i]->m_Taken = true;
+        taken[i]->m_Place.reset();
+        m_Waiting.pop_front();
+    }
+    return count;
+}
