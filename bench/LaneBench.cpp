@@ -1,0 +1,121 @@
+// Contents digested side by side, against the same contents one after the other.
+//
+// Each row measures a form of the lanes, the digest of one content at a time, and OpenSSL's SHA-512
+// one at a time, round about, by the processor time of the one thread that does it, so that other
+// work of the machine shows less. "MiB_s" is the speed of the form, "gain" says how many times as
+// fast it is as one at a time, and "by_sha512" the same beside SHA-512. A row whose form the
+// processor lacks says so.
+
+#include "bench/RoundTimes.h"
+
+#include "hash/SkeinBatch.h"
+
+#include <openssl/evp.h>
+
+#include <benchmark/benchmark.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include <time.h>
+
+namespace {
+
+using ZebSkein::SkeinBatch;
+using ZebSkein::SkeinLaneForm;
+
+// Adds the processor time of `work`. Returns it in seconds.
+template <typename Work>
+double addProcessorTime(RoundTimes& times, Work work)
+{
+    const auto now = [] {
+        timespec time = {};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        constexpr double secondsPerNs = 1e-9;
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * secondsPerNs;
+    };
+    const double begin = now();
+    work();
+    const double seconds = now() - begin;
+    times.addSeconds(seconds);
+    return seconds;
+}
+
+constexpr int s_KiB = 1024;
+constexpr double s_BytesPerMiB = 1024.0 * 1024.0;
+
+std::vector<std::vector<unsigned char>> contentsOf(std::size_t count, std::size_t size)
+{
+    std::vector<std::vector<unsigned char>> contents;
+    for (std::size_t i = 0; i < count; ++i) {
+        contents.emplace_back(size);
+        unsigned char next = static_cast<unsigned char>(i);
+        for (unsigned char& byte : contents.back()) {
+            byte = next;
+            next = static_cast<unsigned char>(next * 5U + 1U);
+        }
+    }
+    return contents;
+}
+
+// Arguments: the form, by its place among those that there are; how many contents; bytes of each.
+void digestTogether(benchmark::State& state)
+{
+    const SkeinLaneForm& form =
+        SkeinLaneForm::available().at(static_cast<std::size_t>(state.range(0)));
+    state.SetLabel(form.name);
+    const auto count = static_cast<std::size_t>(state.range(1));
+    const std::vector<std::vector<unsigned char>> bytes =
+        contentsOf(count, static_cast<std::size_t>(state.range(2)));
+    std::vector<SkeinBatch::Content> contents;
+    for (const std::vector<unsigned char>& each : bytes)
+        contents.push_back({each.data(), each.size()});
+    unsigned char digest[EVP_MAX_MD_SIZE] = {};
+    RoundTimes together;
+    RoundTimes oneByOne;
+    RoundTimes sha512;
+    for ([[maybe_unused]] auto _ : state) {
+        state.SetIterationTime(addProcessorTime(together, [&] {
+            SkeinBatch::digest(form, contents, [](std::size_t, const unsigned char* known) {
+                benchmark::DoNotOptimize(known);
+            });
+        }));
+        addProcessorTime(oneByOne, [&] {
+            for (const SkeinBatch::Content& each : contents) {
+                ZebSkein::Hash(512, each.bytes, each.byteCount * 8, digest);
+                benchmark::DoNotOptimize(digest);
+            }
+        });
+        addProcessorTime(sha512, [&] {
+            for (const SkeinBatch::Content& each : contents) {
+                EVP_Digest(each.bytes, each.byteCount, digest, nullptr, EVP_sha512(), nullptr);
+                benchmark::DoNotOptimize(digest);
+            }
+        });
+    }
+    const double total = static_cast<double>(state.range(1) * state.range(2));
+    state.counters["MiB_s"] = total / together.median() / s_BytesPerMiB;
+    state.counters["gain"] = oneByOne.median() / together.median();
+    state.counters["by_sha512"] = sha512.median() / together.median();
+}
+
+void forEveryForm(benchmark::internal::Benchmark* bench)
+{
+    const auto forms = static_cast<std::int64_t>(SkeinLaneForm::available().size());
+    for (std::int64_t form = 0; form < forms; ++form) {
+        for (const int count : {1, 2, 3, 4, 8, 12})
+            bench->Args({form, count, 256 * s_KiB});
+        for (const int size : {s_KiB, 4 * s_KiB, 64 * s_KiB})
+            bench->Args({form, 8, size});
+    }
+}
+
+BENCHMARK(digestTogether)
+    ->ArgNames({"form", "contents", "bytes"})
+    ->Apply(&forEveryForm)
+    ->Iterations(101)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+} // namespace
