@@ -2,6 +2,9 @@
 # Everything that must hold before a change goes in, on a fresh Debian 12: installs what it needs,
 # then checks the format, builds and tests the optimised and the sanitized build. May be run again,
 # from any directory. The last lines are what ctest says of the two builds.
+#
+#   scripts/test.sh            what every change has to pass
+#   scripts/test.sh --heavy    also the rows of the self-check that take minutes and gigabytes
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -68,6 +71,17 @@ run_benchmarks() {
     fi
 }
 
+heavy=false
+if [[ ${1:-} == --heavy ]]; then
+    heavy=true
+    shift
+fi
+if (($# > 0)); then
+    step="options"
+    echo "usage: scripts/test.sh [--heavy]" >&2
+    exit 2
+fi
+
 headline "Packages"
 require_debian
 install_packages cmake ninja-build g++ pkg-config python3 qtbase5-dev qt5-image-formats-plugins \
@@ -84,6 +98,11 @@ build dev
 
 headline "Tests of the optimised build"
 run_tests dev
+
+if "$heavy"; then
+    headline "Heavy tests of the optimised build"
+    ctest --preset heavy --output-on-failure --no-tests=error
+fi
 
 headline "Benchmarks, once each"
 run_benchmarks
