@@ -62,6 +62,7 @@ run_benchmarks() {
     local large='admissionWithManyResident/(200000|1000000)/|Collector/.*:100000'
     build/dev/bench/zebtdx_bench --benchmark_min_time=0.001 --benchmark_filter="-$large" 2>&1 |
         tee "$log"
+    build/dev/bench/zebtdx_tool_bench --benchmark_min_time=0.001 2>&1 | tee -a "$log"
     # A benchmark that gives up does not change the exit status.
     if grep -E 'ERROR OCCURRED|Failed to match any benchmarks' "$log" >&2; then
         return 1
@@ -71,7 +72,7 @@ run_benchmarks() {
 headline "Packages"
 require_debian
 install_packages cmake ninja-build g++ pkg-config python3 qtbase5-dev libcli11-dev libgtest-dev \
-    libgmock-dev libbenchmark-dev libssl-dev clang-format
+    libgmock-dev libbenchmark-dev libssl-dev zlib1g-dev clang-format
 
 headline "Format"
 find . -path ./build -prune -o -path './build-*' -prune -o -path './.*' -prune -o \
