@@ -65,6 +65,7 @@ run_benchmarks() {
     local large='admissionWithManyResident/(200000|1000000)/|Collector/.*:100000'
     build/dev/bench/zebtdx_bench --benchmark_min_time=0.001 --benchmark_filter="-$large" 2>&1 |
         tee "$log"
+    build/dev/bench/zebtdx_tool_bench --benchmark_min_time=0.001 2>&1 | tee -a "$log"
     # A benchmark that gives up does not change the exit status.
     if grep -E 'ERROR OCCURRED|Failed to match any benchmarks' "$log" >&2; then
         return 1
@@ -85,7 +86,7 @@ fi
 headline "Packages"
 require_debian
 install_packages cmake ninja-build g++ pkg-config python3 qtbase5-dev qt5-image-formats-plugins \
-    libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang-format
+    zlib1g-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang-format
 
 headline "Format"
 find . -path ./build -prune -o -path './build-*' -prune -o -path './.*' -prune -o \

@@ -45,6 +45,13 @@ quint32 BlockName::word(int index) const
 
 std::string BlockName::text() const
 {
+    std::string text;
+    appendTo(text);
+    return text;
+}
+
+void BlockName::appendTo(std::string& text) const
+{
     std::array<char, s_MostCharacters> characters = {};
     char* const end = characters.data() + characters.size();
     char* next = characters.data();
@@ -53,7 +60,7 @@ std::string BlockName::text() const
             *next++ = '-';
         next = std::to_chars(next, end, word(i)).ptr;
     }
-    return {characters.data(), next};
+    text.append(characters.data(), next);
 }
 
 bool BlockName::isDigestOf(const unsigned char* bytes, qint64 size) const

@@ -22,6 +22,7 @@ public:
     static std::optional<BlockName> parse(const std::string& text);
 
     std::string text() const;
+    void appendTo(std::string& text) const;
 
     /// The numbers of the text, the first one with index 0.
     quint32 word(int index) const;

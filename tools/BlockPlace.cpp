@@ -4,21 +4,31 @@
 
 #include <QtGlobal>
 
-#include <string>
+#include <array>
+#include <charconv>
+#include <cstddef>
 
 namespace {
 
 // The root follows from this many characters at the beginning of the name.
 constexpr int s_RootCharacters = 4;
 
+// They stand in the first two numbers, of ten digits at most, with a "-" behind each.
+constexpr int s_WordsRead = 2;
+constexpr std::size_t s_Room = s_WordsRead * 11;
+
 } // namespace
 
 BlockPlace BlockPlace::of(const BlockName& name, int roots, int buckets)
 {
     const quint32 first = name.word(0);
-    // The characters may reach into the next number, but never into the third.
-    const std::string text = std::to_string(first) + "-" + std::to_string(name.word(1)) + "-" +
-                             std::to_string(name.word(2));
+    std::array<char, s_Room> text = {};
+    char* const end = text.data() + text.size();
+    char* next = text.data();
+    for (int i = 0; i < s_WordsRead; ++i) {
+        next = std::to_chars(next, end, name.word(i)).ptr;
+        *next++ = '-';
+    }
     int sum = 0;
     for (int i = 0; i < s_RootCharacters; ++i) {
         const char character = text[static_cast<std::size_t>(i)];

@@ -37,10 +37,11 @@ BlockVerifier::BlockVerifier(const Limits& limits, MemoryBudget& budget)
 BlockVerdict BlockVerifier::check(const std::string& path, const BlockName& name)
 {
     const std::string reason = m_Reader.open(path, FileReader::Links::Refuse);
-    if (reason == FileKind::errorText(ENOENT))
-        return {BlockFinding::Gone};
-    if (!reason.empty())
-        return {BlockFinding::NotChecked, reason};
+    if (!reason.empty()) {
+        return reason == FileKind::errorText(ENOENT)
+                   ? BlockVerdict{BlockFinding::Gone}
+                   : BlockVerdict{BlockFinding::NotChecked, reason};
+    }
     BlockVerdict verdict = checkOpen(name);
     // A process that writes it right now is no damage.
     if (verdict.m_Finding != BlockFinding::Sound && m_Reader.hasChanged())
@@ -75,12 +76,12 @@ BlockVerdict BlockVerifier::checkHeader(const BlockHeader& header) const
         return {BlockFinding::BadSize, number(header.m_BlockSize) + " bytes"};
     if (header.m_PayloadSize < s_PayloadSizeBytes)
         return {BlockFinding::BadLength, number(header.m_PayloadSize) + " bytes"};
-    const std::string follow =
-        number(header.m_PayloadSize) + " bytes should follow the header, " + number(behind) + " do";
-    if (header.m_PayloadSize > behind || m_Piece.size() < s_FixedBytes)
-        return {BlockFinding::CutShort, follow};
-    if (header.m_PayloadSize < behind)
-        return {BlockFinding::BytesBehind, follow};
+    const bool isShort = header.m_PayloadSize > behind || m_Piece.size() < s_FixedBytes;
+    if (isShort || header.m_PayloadSize < behind) {
+        return {isShort ? BlockFinding::CutShort : BlockFinding::BytesBehind,
+                number(header.m_PayloadSize) + " bytes should follow the header, " +
+                    number(behind) + " do"};
+    }
     const qint64 plainSize = BlockHeader::plainSizeOf(m_Piece.constData() + BlockHeader::s_Bytes);
     if (plainSize != header.m_BlockSize)
         return {BlockFinding::SizesDiffer,

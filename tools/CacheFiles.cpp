@@ -2,10 +2,7 @@
 
 #include "tools/ErrorReport.h"
 #include "tools/FileKind.h"
-#include "tools/FolderNames.h"
 #include "tools/Remarks.h"
-
-#include <optional>
 
 #include <sys/stat.h>
 
@@ -29,6 +26,7 @@ CacheFiles::CacheFiles(StorePlace place, bool all, ErrorReport& errors, Remarks&
     : m_Place(std::move(place)), m_Bytes(0)
 {
     CacheScan scan(errors);
+    scan.inAnyOrder();
     if (!all)
         scan.only(m_Place.m_SubCache);
     for (const std::string& root : m_Place.m_Roots) {
@@ -51,9 +49,7 @@ void CacheFiles::take(const CacheScan::File& found, Remarks& remarks)
                     "nobody means it");
         return;
     }
-    const std::optional<BlockName> name =
-        found.m_IsBlock ? BlockName::parse(found.m_Name) : std::nullopt;
-    if (!name) {
+    if (!found.m_IsBlock) {
         const std::string kind = FileKind::whyNotAFile(found.m_Mode);
         remarks.add(Remarks::Foreign, found.m_Path,
                     (kind.empty() ? "is named as no block is" : kind) +
@@ -63,7 +59,7 @@ void CacheFiles::take(const CacheScan::File& found, Remarks& remarks)
     if ((found.m_Mode & s_OthersWrite) != 0)
         remarks.add(Remarks::Loose, found.m_Path, s_Loose);
     File file;
-    file.m_Name = *name;
+    file.m_Name = found.m_BlockName;
     file.m_Size = found.m_Size;
     file.m_Folder = folderIndex(found, remarks);
     m_Files.push_back(file);
@@ -91,7 +87,13 @@ std::size_t CacheFiles::folderIndex(const CacheScan::File& found, Remarks& remar
 
 std::string CacheFiles::pathOf(const File& file) const
 {
-    return FolderNames::joined(folderOf(file).m_Path, file.m_Name.text());
+    const std::string& folder = folderOf(file).m_Path;
+    std::string path;
+    path.reserve(folder.size() + 1 + BlockName::s_MostCharacters);
+    path = folder;
+    path += '/';
+    file.m_Name.appendTo(path);
+    return path;
 }
 
 BlockPlace CacheFiles::placeOf(const File& file) const

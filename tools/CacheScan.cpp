@@ -3,7 +3,6 @@
 #include "tools/BlockName.h"
 #include "tools/ErrorReport.h"
 #include "tools/FileKind.h"
-#include "tools/FolderNames.h"
 #include "tools/PlainNumber.h"
 
 #include <algorithm>
@@ -42,7 +41,11 @@ void sortNames(std::vector<std::string>& names)
 } // namespace
 
 CacheScan::CacheScan(ErrorReport& errors)
-    : m_Errors(errors), m_All(true), m_Root(0), m_Visit(nullptr)
+    : m_Errors(errors),
+      m_All(true),
+      m_Order(FolderNames::Order::Sorted),
+      m_Root(0),
+      m_Visit(nullptr)
 {}
 
 void CacheScan::only(const std::string& subCache)
@@ -101,7 +104,7 @@ void CacheScan::scanBuckets(const std::string& folder, const std::string& subCac
 void CacheScan::scanBucket(const std::string& folder, const std::string& subCache, int bucket)
 {
     std::vector<std::string> names;
-    const std::string reason = FolderNames::read(folder, names);
+    const std::string reason = FolderNames::read(folder, names, m_Order);
     if (!reason.empty())
         m_Errors.add(folder, reason);
     for (const std::string& name : names)
@@ -111,22 +114,28 @@ void CacheScan::scanBucket(const std::string& folder, const std::string& subCach
 void CacheScan::visit(const std::string& folder, const std::string& subCache, int bucket,
                       const std::string& name)
 {
-    File file;
-    file.m_Root = m_Root;
-    file.m_SubCache = subCache;
-    file.m_Bucket = bucket;
-    file.m_Name = name;
-    file.m_Path = FolderNames::joined(folder, name);
+    m_File.m_Root = m_Root;
+    m_File.m_SubCache = subCache;
+    m_File.m_Bucket = bucket;
+    m_File.m_Name = name;
+    m_File.m_Path = folder;
+    if (m_File.m_Path.empty() || m_File.m_Path.back() != '/')
+        m_File.m_Path += '/';
+    m_File.m_Path += name;
     struct stat status = {};
-    if (::lstat(file.m_Path.c_str(), &status) != 0) {
+    if (::lstat(m_File.m_Path.c_str(), &status) != 0) {
         // A collector or a writer may have been at work.
         if (errno != ENOENT)
-            m_Errors.add(file.m_Path, FileKind::errorText(errno));
+            m_Errors.add(m_File.m_Path, FileKind::errorText(errno));
         return;
     }
-    file.m_Size = status.st_size;
-    file.m_Mode = status.st_mode;
-    file.m_IsBlock = S_ISREG(status.st_mode) && bucket != s_NoBucket && isBlockName(name);
-    file.m_IsLog = S_ISREG(status.st_mode) && bucket == s_NoBucket && name == "TdxLog.txt";
-    (*m_Visit)(file);
+    m_File.m_Size = status.st_size;
+    m_File.m_Mode = status.st_mode;
+    const bool isRegular = S_ISREG(status.st_mode);
+    const std::optional<BlockName> block =
+        isRegular && bucket != s_NoBucket ? BlockName::parse(name) : std::nullopt;
+    m_File.m_IsBlock = block.has_value();
+    m_File.m_BlockName = block.value_or(BlockName());
+    m_File.m_IsLog = isRegular && bucket == s_NoBucket && name == "TdxLog.txt";
+    (*m_Visit)(m_File);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "tools/StorePlace.h"
+#include "tools/BlockName.h"
+#include "tools/FolderNames.h"
 
 #include <QtGlobal>
 
@@ -28,11 +29,17 @@ public:
         unsigned int m_Mode = 0;
         /// Whether it is a regular file whose name is the text form of a hash.
         bool m_IsBlock = false;
+        /// That name, where it is.
+        BlockName m_BlockName;
         /// Whether it is the store's own log.
         bool m_IsLog = false;
     };
 
     explicit CacheScan(ErrorReport& errors);
+
+    /// The files of a bucket come in whatever order the file system has them from now on, which is
+    /// faster.
+    void inAnyOrder() { m_Order = FolderNames::Order::AsRead; }
 
     /// Only this sub-cache, from now on; the empty name for the unnamed one.
     void only(const std::string& subCache);
@@ -53,10 +60,13 @@ private:
 
     ErrorReport& m_Errors;
     bool m_All;
+    FolderNames::Order m_Order;
     std::string m_Only;
 
     // Of the run that is going on.
     std::size_t m_Root;
     std::string m_RootPath;
     const std::function<void(const File&)>* m_Visit;
+    // What is visited. One for all, so that the texts keep their memory.
+    File m_File;
 };

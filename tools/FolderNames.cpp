@@ -13,7 +13,8 @@ std::string FolderNames::joined(const std::string& folder, const std::string& na
     return !folder.empty() && folder.back() == '/' ? folder + name : folder + "/" + name;
 }
 
-std::string FolderNames::read(const std::string& folder, std::vector<std::string>& names)
+std::string FolderNames::read(const std::string& folder, std::vector<std::string>& names,
+                              Order order)
 {
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(::opendir(folder.c_str()), &::closedir);
     if (stream == nullptr)
@@ -28,6 +29,7 @@ std::string FolderNames::read(const std::string& folder, std::vector<std::string
             names.push_back(name);
     }
     const int error = errno;
-    std::sort(names.begin(), names.end());
+    if (order == Order::Sorted)
+        std::sort(names.begin(), names.end());
     return error == 0 ? std::string() : FileKind::errorText(error);
 }

@@ -6,9 +6,18 @@
 /// What stands in a folder, by bytes.
 namespace FolderNames {
 
-/// Reads the names in a folder, without "." and "..", sorted by their bytes. Gives the reason when
-/// that fails; `names` has what came before the failure.
-[[nodiscard]] std::string read(const std::string& folder, std::vector<std::string>& names);
+enum class Order
+{
+    /// By their bytes.
+    Sorted,
+    /// As the file system has them, which costs least.
+    AsRead
+};
+
+/// Reads the names in a folder, without "." and "..". Gives the reason when that fails; `names` has
+/// what came before the failure.
+[[nodiscard]] std::string read(const std::string& folder, std::vector<std::string>& names,
+                               Order order = Order::Sorted);
 
 /// The path of a name in a folder.
 std::string joined(const std::string& folder, const std::string& name);

@@ -163,3 +163,16 @@ TEST(ProgressBar, AnInvisibleBarOnlyPassesLinesOn)
     }
     EXPECT_EQ(out.str(), "a line\n");
 }
+
+TEST(ProgressBar, ARemarkStandsBehindTheNumbersUntilTheNextOne)
+{
+    std::ostringstream out;
+    ProgressBar bar(out, true, 80);
+    bar.begin("Checking", 4096);
+    bar.show(2048, "3 files, 0:42 left");
+    EXPECT_NE(Screen(out.str()).m_Line.find("50 %       2 KiB of 4 KiB, 3 files, 0:42 left"),
+              std::string::npos)
+        << Screen(out.str()).m_Line;
+    bar.show(2048);
+    EXPECT_EQ(Screen(out.str()).m_Line.find("left"), std::string::npos);
+}

@@ -1,0 +1,240 @@
+// What checking a cache costs, beside bare loops of the same work: listing the folders, reading the
+// name of each file and whether it is in its bucket, looking at the file, opening it, and reading
+// its header or all of it; then decompressing it and computing the digest.
+//
+// Each row measures both, in turns. "ratio" is the rate of the tool by the rate of the bare loop on
+// one thread, so 1 means that the tool costs nothing beside the work; "cpu_ratio" is the same by
+// the processor time, which a busy machine does not move. "second_core" is what a second thread
+// makes of the rate. The files come from the page cache in both, so it is not the disk that is
+// measured.
+
+#include "tools/CacheFiles.h"
+#include "tools/CacheVerification.h"
+#include "tools/ErrorReport.h"
+#include "tools/ProgressBar.h"
+#include "tools/Remarks.h"
+
+#include "hash/ZebDataHash.h"
+
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+#include <zlib.h>
+
+namespace {
+
+constexpr int s_Buckets = 10;
+constexpr int s_HeaderBytes = 12;
+constexpr int s_SizeBytes = 4;
+constexpr int s_Level = 2;
+
+// Half text, half noise.
+QByteArray contentOf(int size, unsigned int seed)
+{
+    std::mt19937 random(seed);
+    QByteArray content(size, '\0');
+    for (int i = 0; i < size; ++i)
+        content[i] = static_cast<char>(i % 2 == 0 ? random() & 0xFFU : 'a' + random() % 4);
+    return content;
+}
+
+class Cache
+{
+public:
+    Cache(int count, int size)
+    {
+        for (int i = 0; i < s_Buckets; ++i)
+            QDir().mkpath(m_Folder.path() + "/" + QString::number(i));
+        for (int i = 0; i < count; ++i) {
+            const QByteArray content = contentOf(size, static_cast<unsigned int>(i));
+            const QString name = ZebDataHash(content, ZebDataHash::Hash512).toString();
+            const quint32 word = name.section('-', 0, 0).toUInt();
+            const QByteArray payload = qCompress(content, s_Level);
+            const qint64 blockSize = size;
+            const qint32 length = payload.size();
+            QFile file(m_Folder.path() + "/" + QString::number(word % s_Buckets) + "/" + name);
+            file.open(QIODevice::WriteOnly);
+            file.write(reinterpret_cast<const char*>(&blockSize), sizeof blockSize);
+            file.write(reinterpret_cast<const char*>(&length), sizeof length);
+            file.write(payload);
+        }
+    }
+    std::string root() const { return m_Folder.path().toStdString(); }
+
+private:
+    const QTemporaryDir m_Folder;
+};
+
+// The numbers of a name.
+std::vector<quint32> wordsOf(const std::string& name)
+{
+    std::vector<quint32> words;
+    const char* next = name.c_str();
+    for (;;) {
+        char* end = nullptr;
+        words.push_back(static_cast<quint32>(std::strtoul(next, &end, 10)));
+        if (end == next || *end != '-')
+            return words;
+        next = end + 1;
+    }
+}
+
+// Whether the bare loop finds the file sound.
+bool checkBare(const std::string& path, const std::string& name, quint32 bucket, qint64 fileSize,
+               bool fast)
+{
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    static std::vector<char> file;
+    static std::vector<unsigned char> block;
+    const qint64 wanted = fast ? s_HeaderBytes + s_SizeBytes : fileSize;
+    file.resize(static_cast<std::size_t>(wanted));
+    const ssize_t got = ::read(descriptor, file.data(), file.size());
+    ::close(descriptor);
+    qint64 size = 0;
+    qint32 length = 0;
+    std::memcpy(&size, file.data(), sizeof size);
+    std::memcpy(&length, file.data() + sizeof size, sizeof length);
+    const std::vector<quint32> words = wordsOf(name);
+    if (got != wanted || length != fileSize - s_HeaderBytes || words.size() != 16 ||
+        words[0] % s_Buckets != bucket)
+        return false;
+    if (fast)
+        return true;
+    block.resize(static_cast<std::size_t>(size));
+    uLongf room = block.size();
+    const auto* const stream =
+        reinterpret_cast<const Bytef*>(file.data() + s_HeaderBytes + s_SizeBytes);
+    if (::uncompress(block.data(), &room, stream, static_cast<uLong>(length - s_SizeBytes)) != Z_OK)
+        return false;
+    const ZebDataHash hash(block.data(), size, ZebDataHash::Hash512);
+    return std::memcmp(words.data(), hash.data(), ZebDataHash::Hash512) == 0;
+}
+
+int runBare(const Cache& cache, bool fast)
+{
+    int sound = 0;
+    for (int i = 0; i < s_Buckets; ++i) {
+        const std::string folder = cache.root() + "/" + std::to_string(i);
+        DIR* const stream = ::opendir(folder.c_str());
+        while (const dirent* const entry = ::readdir(stream)) {
+            const std::string name = static_cast<const char*>(entry->d_name);
+            const std::string path = folder + "/" + name;
+            struct stat status = {};
+            if (::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode))
+                sound +=
+                    checkBare(path, name, static_cast<quint32>(i), status.st_size, fast) ? 1 : 0;
+        }
+        ::closedir(stream);
+    }
+    return sound;
+}
+
+int runTool(const Cache& cache, bool fast, int threads)
+{
+    std::ostringstream lines;
+    ProgressBar progress(lines, false, 80);
+    ErrorReport errors(progress);
+    Remarks remarks(errors);
+    StorePlace place;
+    place.m_Roots = {cache.root()};
+    place.m_Buckets = s_Buckets;
+    const CacheFiles files(place, true, errors, remarks);
+    CacheVerification verification({threads, fast}, files, errors, remarks, progress);
+    verification.run();
+    return static_cast<int>(verification.files()) - static_cast<int>(verification.damage().size());
+}
+
+// Seconds, one value for each round.
+class Times
+{
+public:
+    void add(const std::function<void()>& work)
+    {
+        const double wall = now(CLOCK_MONOTONIC);
+        const double cpu = now(CLOCK_PROCESS_CPUTIME_ID);
+        work();
+        m_Cpu.push_back(now(CLOCK_PROCESS_CPUTIME_ID) - cpu);
+        m_Wall.push_back(now(CLOCK_MONOTONIC) - wall);
+    }
+    double lastWall() const { return m_Wall.back(); }
+    double wall() const { return median(m_Wall); }
+    double cpu() const { return median(m_Cpu); }
+
+private:
+    static double now(clockid_t clock)
+    {
+        timespec time{};
+        clock_gettime(clock, &time);
+        return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+    }
+    static double median(std::vector<double> values)
+    {
+        std::sort(values.begin(), values.end());
+        return values.empty() ? 0 : values[values.size() / 2];
+    }
+
+    std::vector<double> m_Wall;
+    std::vector<double> m_Cpu;
+};
+
+// Arguments: files, bytes of a block.
+void verify(benchmark::State& state, bool fast)
+{
+    const auto count = static_cast<int>(state.range(0));
+    const auto size = static_cast<int>(state.range(1));
+    const Cache cache(count, size);
+    Times bare;
+    Times one;
+    Times two;
+    int sound = runBare(cache, fast);
+    for ([[maybe_unused]] auto _ : state) {
+        bare.add([&] { sound = std::min(sound, runBare(cache, fast)); });
+        one.add([&] { sound = std::min(sound, runTool(cache, fast, 1)); });
+        two.add([&] { sound = std::min(sound, runTool(cache, fast, 2)); });
+        state.SetIterationTime(one.lastWall());
+    }
+    if (sound != count)
+        state.SkipWithError("a good file was not found good");
+    state.counters["files_per_s"] = count / one.wall();
+    state.counters["MB_per_s"] = 1e-6 * count * size / one.wall();
+    state.counters["ratio"] = bare.wall() / one.wall();
+    state.counters["cpu_ratio"] = bare.cpu() / one.cpu();
+    state.counters["second_core"] = one.wall() / two.wall();
+}
+
+} // namespace
+
+BENCHMARK_CAPTURE(verify, fast, true)
+    ->Name("Verify/Fast")
+    ->ArgNames({"files", "bytes"})
+    ->Args({2000, 1000})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(verify, full, false)
+    ->Name("Verify/Full")
+    ->ArgNames({"files", "bytes"})
+    ->Args({2000, 4096})
+    ->Args({100, 256 * 1024})
+    ->Args({6, 8 * 1024 * 1024})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
