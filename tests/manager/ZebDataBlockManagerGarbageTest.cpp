@@ -10,6 +10,7 @@
 #include "support/WaitUntil.h"
 
 #include <QFile>
+#include <QWaitCondition>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,6 +23,8 @@
 
 ZEBTDX_ACCESS(CollectionChangesTag, ZebDataBlockManager, int ZebDataBlockManager::*,
               m_GarbageCollectionChanges)
+ZEBTDX_ACCESS(CollectionDoneTag, ZebDataBlockManager, QWaitCondition ZebDataBlockManager::*,
+              m_GarbageCollectionDone)
 
 using CollectionInside::collectors;
 using CollectionInside::passesRunning;
@@ -320,6 +323,8 @@ TEST_F(ZebDataBlockManagerGarbage, SwitchingItOffWaitsForEveryPassWithTheDeleteL
     EXPECT_TRUE(waitUntil([] { return !manager().garbageCollecting(); }));
     EXPECT_FALSE(manager().garbageCollectingThreadStarted()) << "no other pass begins";
     EXPECT_FALSE(StoreInside::deleteLock().tryLock());
+    (StoreInside::manager().*privateMember(CollectionDoneTag())).wakeAll();
+    EXPECT_FALSE(waitUntil([&stopped] { return stopped.load(); }, s_HeldOffMs)) << "a stray wake";
     manager().garbageCollectingThreadFinished();
     EXPECT_FALSE(waitUntil([&stopped] { return stopped.load(); }, s_HeldOffMs)) << "one is left";
     manager().garbageCollectingThreadFinished();

@@ -4,10 +4,9 @@
 #include "data/ZebDataReference.h"
 #include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebMemoryStatus.h"
+#include "manager/SettingsKit.h"
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
 #include "support/TemporaryStore.h"
 #include "support/ZebStoredCall.h"
 #include "support/ZebTdxLog.h"
@@ -26,28 +25,17 @@
 #include <thread>
 #include <vector>
 
-ZEBTDX_ACCESS(WritePendingTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
-              m_MaxWritePendingDataCacheSize)
 ZEBTDX_ACCESS(BlocksFreedTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
               m_BlocksFreedCount)
 ZEBTDX_ACCESS(PromotionTag, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
               m_RequestPromotionEnabled)
 ZEBTDX_ACCESS(SubCacheTag, ZebDataBlockManager, QString ZebDataBlockManager::*, m_SubCache)
-ZEBTDX_ACCESS(AddBlockTag, ZebDataBlockManager,
-              ZebDataReference (ZebDataBlockManager::*)(ZebDataBlock*, ZebModifyAccessor::Caching,
-                                                        bool),
-              addBlock)
 
 namespace {
 
 constexpr int s_DeadlineMs = 20000;
 constexpr int s_LongerThanAReturnMs = 300;
 constexpr qint64 s_Gigabyte = 1024 * 1024 * 1024;
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
 
 // Another manager than the one of the process, for what happens at the two ends of its life.
 class OwnManager : public ZebDataBlockManager
@@ -67,81 +55,10 @@ private:
     int* m_Ended;
 };
 
-// The memory of a made-up machine, for the length of a scope.
-class Machine
-{
-public:
-    Machine(qint64 totalKb, qint64 swapKb)
-    {
-        ZebMemoryStatus::setSourceRoot(m_Directory.path());
-        QDir(m_Directory.path()).mkpath(QStringLiteral("proc"));
-        QFile file(m_Directory.path() + QStringLiteral("/proc/meminfo"));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("MemTotal: " + QByteArray::number(totalKb) +
-                   " kB\nSwapTotal: " + QByteArray::number(swapKb) + " kB\n");
-    }
-    ~Machine() { ZebMemoryStatus::setSourceRoot(QString()); }
-
-private:
-    QTemporaryDir m_Directory;
-};
-
-QString line(const char* text)
-{
-    return QString::fromLatin1(text);
-}
-
-QString sizeLine(qint64 bytes, qint64 megabytes)
-{
-    return QStringLiteral("[TDX] Max data cache size    = %1 bytes (%2 MB)")
-        .arg(bytes)
-        .arg(megabytes);
-}
-
-QString pendingLine(qint64 bytes, qint64 megabytes)
-{
-    return QStringLiteral("[TDX] Max write pending size = %1 bytes (%2 MB)")
-        .arg(bytes)
-        .arg(megabytes);
-}
-
-QString targetLine(qint64 bytes, qint64 megabytes)
-{
-    return QStringLiteral("[TDX] Target Free Memory = %1 bytes (%2 MB)").arg(bytes).arg(megabytes);
-}
-
-qint64 writePendingLimit()
-{
-    return manager().*privateMember(WritePendingTag());
-}
-
 ZebDataReference addCounted(const QByteArray& bytes, ZebModifyAccessor::Caching caching, int* ended)
 {
     return (manager().*privateMember(AddBlockTag()))(new CountedBlock(bytes, ended), caching, true);
 }
-
-// Brings the settings that outlive a clean-up back to what they were.
-class KeptSettings
-{
-public:
-    KeptSettings()
-        : m_Size(manager().maxDataCacheSize()),
-          m_Factor(manager().maxWritePendingSizeFactor()),
-          m_Target(manager().targetFreeMemorySize())
-    {}
-    ~KeptSettings()
-    {
-        manager().setMaxDataCacheSize(m_Size);
-        manager().setMaxWritePendingSizeFactor(m_Factor);
-        manager().setTargetFreeMemorySize(m_Target);
-    }
-
-private:
-    MessageCapture m_Messages;
-    qint64 m_Size;
-    float m_Factor;
-    qint64 m_Target;
-};
 
 } // namespace
 

@@ -3,10 +3,9 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "hash/ZebDataHash.h"
-#include "manager/ZebMemoryStatus.h"
+#include "manager/SettingsKit.h"
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
 #include "support/TemporaryStore.h"
 
 #include <QDir>
@@ -23,14 +22,8 @@
 #include <thread>
 #include <vector>
 
-ZEBTDX_ACCESS(WritePendingTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
-              m_MaxWritePendingDataCacheSize)
 ZEBTDX_ACCESS(DeleteMutexTag, ZebDataBlockManager, ZebTdxMutex ZebDataBlockManager::*,
               m_DeleteMutex)
-ZEBTDX_ACCESS(AddBlockTag, ZebDataBlockManager,
-              ZebDataReference (ZebDataBlockManager::*)(ZebDataBlock*, ZebModifyAccessor::Caching,
-                                                        bool),
-              addBlock)
 ZEBTDX_ACCESS(MakeBlockLiveTag, ZebDataBlockManager,
               void (ZebDataBlockManager::*)(ZebDataHash*, ZebDataBlock*), makeBlockLive)
 ZEBTDX_ACCESS(GetDataBlockTag, ZebDataBlockManager,
@@ -48,54 +41,6 @@ namespace {
 
 const char* const s_NotInitialized = "Data Block Manager Not Initialized. Aborting";
 
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
-
-// The memory of a made-up machine, for the length of a scope.
-class Machine
-{
-public:
-    Machine(qint64 totalKb, qint64 swapKb)
-    {
-        ZebMemoryStatus::setSourceRoot(m_Directory.path());
-        QDir(m_Directory.path()).mkpath(QStringLiteral("proc"));
-        QFile file(m_Directory.path() + QStringLiteral("/proc/meminfo"));
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("MemTotal: " + QByteArray::number(totalKb) +
-                   " kB\nSwapTotal: " + QByteArray::number(swapKb) + " kB\n");
-    }
-    ~Machine() { ZebMemoryStatus::setSourceRoot(QString()); }
-
-private:
-    QTemporaryDir m_Directory;
-};
-
-QString line(const char* text)
-{
-    return QString::fromLatin1(text);
-}
-
-QString sizeLine(qint64 bytes, qint64 megabytes)
-{
-    return QStringLiteral("[TDX] Max data cache size    = %1 bytes (%2 MB)")
-        .arg(bytes)
-        .arg(megabytes);
-}
-
-QString pendingLine(qint64 bytes, qint64 megabytes)
-{
-    return QStringLiteral("[TDX] Max write pending size = %1 bytes (%2 MB)")
-        .arg(bytes)
-        .arg(megabytes);
-}
-
-QString targetLine(qint64 bytes, qint64 megabytes)
-{
-    return QStringLiteral("[TDX] Target Free Memory = %1 bytes (%2 MB)").arg(bytes).arg(megabytes);
-}
-
 QStringList noVirtualMemoryLines()
 {
     return {
@@ -111,34 +56,6 @@ QStringList noVirtualMemoryLines()
         line("Warning: #######################################################################"),
     };
 }
-
-qint64 writePendingLimit()
-{
-    return manager().*privateMember(WritePendingTag());
-}
-
-// Brings the settings that outlive a clean-up back to what they were.
-class KeptSettings
-{
-public:
-    KeptSettings()
-        : m_Size(manager().maxDataCacheSize()),
-          m_Factor(manager().maxWritePendingSizeFactor()),
-          m_Target(manager().targetFreeMemorySize())
-    {}
-    ~KeptSettings()
-    {
-        manager().setMaxDataCacheSize(m_Size);
-        manager().setMaxWritePendingSizeFactor(m_Factor);
-        manager().setTargetFreeMemorySize(m_Target);
-    }
-
-private:
-    MessageCapture m_Messages;
-    qint64 m_Size;
-    float m_Factor;
-    qint64 m_Target;
-};
 
 // The store tells its defaults when it is built, which is not what a test of its own process asks.
 void buildQuietly()

@@ -1,0 +1,102 @@
+#pragma once
+
+// What the tests of the store's settings share: a machine with made-up memory, the lines that
+// setters and a set-up log, and settings that are brought back. For one source file of each
+// program.
+
+#include "manager/ZebDataBlockManager.h"
+#include "manager/ZebMemoryStatus.h"
+#include "support/MessageCapture.h"
+#include "support/PrivateAccess.h"
+
+#include <QDir>
+#include <QFile>
+#include <QString>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+ZEBTDX_ACCESS(WritePendingTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
+              m_MaxWritePendingDataCacheSize)
+ZEBTDX_ACCESS(AddBlockTag, ZebDataBlockManager,
+              ZebDataReference (ZebDataBlockManager::*)(ZebDataBlock*, ZebModifyAccessor::Caching,
+                                                        bool),
+              addBlock)
+
+inline ZebDataBlockManager& manager()
+{
+    return ZebDataBlockManager::instance();
+}
+
+/// The memory of a made-up machine, for the length of a scope.
+class Machine
+{
+public:
+    Machine(qint64 totalKb, qint64 swapKb)
+    {
+        ZebMemoryStatus::setSourceRoot(m_Directory.path());
+        QDir(m_Directory.path()).mkpath(QStringLiteral("proc"));
+        QFile file(m_Directory.path() + QStringLiteral("/proc/meminfo"));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("MemTotal: " + QByteArray::number(totalKb) +
+                   " kB\nSwapTotal: " + QByteArray::number(swapKb) + " kB\n");
+    }
+    ~Machine() { ZebMemoryStatus::setSourceRoot(QString()); }
+
+private:
+    QTemporaryDir m_Directory;
+};
+
+inline QString line(const char* text)
+{
+    return QString::fromLatin1(text);
+}
+
+inline QString sizeLine(qint64 bytes, qint64 megabytes)
+{
+    return QStringLiteral("[TDX] Max data cache size    = %1 bytes (%2 MB)")
+        .arg(bytes)
+        .arg(megabytes);
+}
+
+inline QString pendingLine(qint64 bytes, qint64 megabytes)
+{
+    return QStringLiteral("[TDX] Max write pending size = %1 bytes (%2 MB)")
+        .arg(bytes)
+        .arg(megabytes);
+}
+
+inline QString targetLine(qint64 bytes, qint64 megabytes)
+{
+    return QStringLiteral("[TDX] Target Free Memory = %1 bytes (%2 MB)").arg(bytes).arg(megabytes);
+}
+
+inline qint64 writePendingLimit()
+{
+    return manager().*privateMember(WritePendingTag());
+}
+
+/// Brings the settings that outlive a clean-up back to what they were.
+class KeptSettings
+{
+public:
+    KeptSettings()
+        : m_Size(manager().maxDataCacheSize()),
+          m_Factor(manager().maxWritePendingSizeFactor()),
+          m_Target(manager().targetFreeMemorySize())
+    {}
+    ~KeptSettings()
+    {
+        manager().setMaxDataCacheSize(m_Size);
+        manager().setMaxWritePendingSizeFactor(m_Factor);
+        manager().setTargetFreeMemorySize(m_Target);
+    }
+
+private:
+    MessageCapture m_Messages;
+    qint64 m_Size;
+    float m_Factor;
+    qint64 m_Target;
+};
