@@ -70,6 +70,13 @@ bool hasEntries(Pattern2Station& station, size_t count)
     return waitUntil([&] { return station.list().size() == count; });
 }
 
+// A request goes with no pass of the writer.
+void takeFirstAway(Pattern2Station& station)
+{
+    const QWriteLocker locker(&(station.writer().*privateMember(WriterLockTag())));
+    delete (station.writer().*privateMember(WriterListTag())).takeFirst();
+}
+
 } // namespace
 
 // flush(hash): the list and the numbers
@@ -253,6 +260,19 @@ TEST(ZebDataBlockWriteThread_Pattern2Flush, AFenceOfAnEmptyWriterIsReached)
     EXPECT_EQ(station.writer().requestsInProgress(), 0);
 }
 
+TEST(ZebDataBlockWriteThread_Pattern2Flush, AFenceOfASleepingWriterIsReachedUnaided)
+{
+    Pattern2Station station(1);
+    station.start();
+    station.queue("before");
+    EXPECT_TRUE(station.drain());
+    // Nothing wakes the thread from here on: it has to end its wait by itself.
+    const std::future<void> flush = station.beginFlush("wanted");
+    EXPECT_TRUE(waitUntil([&] { return station.isReady(flush); }));
+    EXPECT_THAT(station.list(), IsEmpty());
+    EXPECT_TRUE(fencesReached(station).isEmpty());
+}
+
 TEST(ZebDataBlockWriteThread_Pattern2Flush, AFailingWriteHoldsEveryFenceBack)
 {
     Pattern2Station station(1);
@@ -342,10 +362,7 @@ TEST(ZebDataBlockWriteThread_Pattern2Flush, WaitsOnAConditionForTheEndOfAPass)
     station.queue("taken away");
     const std::future<void> flush = station.beginFlush();
     EXPECT_FALSE(waitUntil([&] { return station.isReady(flush); }, s_HeldOffMs));
-    {
-        const QWriteLocker locker(&(station.writer().*privateMember(WriterLockTag())));
-        delete (station.writer().*privateMember(WriterListTag())).takeFirst();
-    }
+    takeFirstAway(station);
     EXPECT_FALSE(waitUntil([&] { return station.isReady(flush); }, s_HeldOffMs)) << "it polls";
     const auto endOfPass = [&] {
         const QMutexLocker locker(&(station.writer().*privateMember(FlushMutexTag())));
@@ -353,6 +370,19 @@ TEST(ZebDataBlockWriteThread_Pattern2Flush, WaitsOnAConditionForTheEndOfAPass)
     };
     endOfPass();
     EXPECT_TRUE(waitUntil([&] { return station.isReady(flush); }));
+}
+
+TEST(ZebDataBlockWriteThread_Pattern2Flush, TheEndOfAnEmptyPassLetsItReturn)
+{
+    Pattern2Station station(1);
+    station.queue("taken away");
+    const std::future<void> flush = station.beginFlush();
+    EXPECT_FALSE(waitUntil([&] { return station.isReady(flush); }, s_HeldOffMs));
+    takeFirstAway(station);
+    station.start();
+    EXPECT_TRUE(waitUntil([&] { return station.isReady(flush); }));
+    EXPECT_EQ(station.writer().requestsHandled(), 0);
+    EXPECT_FALSE(station.hasFile("taken away"));
 }
 
 TEST(ZebDataBlockWriteThread_Pattern2Flush, LooksAgainAfterEachPass)

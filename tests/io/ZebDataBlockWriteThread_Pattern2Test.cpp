@@ -270,6 +270,24 @@ TEST(ZebDataBlockWriteThread_Pattern2, ABlockIsInProgressFromItsWorkerToItsFile)
     EXPECT_EQ(station.writer().requestsInProgress(), 0);
 }
 
+TEST(ZebDataBlockWriteThread_Pattern2, AWrittenBlockIsNoLongerInProgressWhenTheManagerIsTold)
+{
+    Pattern2Station station(1);
+    StoreInside::manager().*privateMember(StoreBeingWrittenTag()) = {&station.block("written")};
+    station.queue("written");
+    {
+        // The manager is told with this lock taken.
+        const ZebDataDeleteLocker locker;
+        station.start();
+        EXPECT_TRUE(station.waitFor([&] { return station.writer().requestsHandled() == 1; }));
+        EXPECT_TRUE(station.waitFor([&] { return station.writer().requestsInProgress() == 0; }));
+        EXPECT_EQ(station.writer().bytesInQueue(), 0);
+        EXPECT_TRUE(StoreInside::beingWritten().contains(&station.block("written")));
+    }
+    EXPECT_TRUE(station.drain());
+    EXPECT_THAT(StoreInside::beingWritten(), IsEmpty());
+}
+
 TEST(ZebDataBlockWriteThread_Pattern2, AFoundFileReachesNoWorkerAndCountsNowhere)
 {
     Pattern2Station station(1);

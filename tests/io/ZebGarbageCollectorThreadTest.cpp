@@ -171,6 +171,21 @@ TEST_F(ZebGarbageCollectorThreadTest, ADirectoryThatCannotBeReadYieldsNothingAnd
     EXPECT_EQ(m_Store.messages().debugLines().filter("TDX"), QStringList());
 }
 
+TEST_F(ZebGarbageCollectorThreadTest, APassThatRemovesKeepsAndFailsLogsNothing)
+{
+    const QString dead = writeDead("0");
+    const QString live = writeLive("1", 10);
+    BlockFiles::write(m_Root.path() + "/" + subCache() + "/2/foreign", "no block");
+    m_Store.messages().clear();
+    s_RemovalFails = true;
+    pass();
+    s_RemovalFails = false;
+    pass();
+    EXPECT_FALSE(QFile::exists(dead));
+    EXPECT_TRUE(QFile::exists(live));
+    EXPECT_EQ(m_Store.messages().debugLines().filter("TDX"), QStringList());
+}
+
 TEST_F(ZebGarbageCollectorThreadTest, TheNumberOfBucketsPlaysNoPart)
 {
     const QString dead = writeDead("4711");
