@@ -31,7 +31,7 @@ constexpr int s_Tenths = 10;
 constexpr int s_Buckets = 1000;
 
 // How many admissions may pass between two looks at the writers' queue.
-constexpr qint64 s_LookInterval = 256;
+constexpr qint64 s_LookInterval = 10000;
 
 ZebDataBlockManager& manager()
 {
