@@ -81,7 +81,8 @@ std::vector<SelfCheckRows::Row> SelfCheckCommand::wantedRows() const
 int SelfCheckCommand::run(const ToolSettings& settings)
 {
     const std::vector<SelfCheckRows::Row> rows = wantedRows();
-    ProgressBar progress = ProgressBar::onStandardError(false);
+    // The rows' own messages would be drawn over.
+    ProgressBar progress = ProgressBar::onStandardError(!m_Json && !settings.m_Verbose);
     ErrorReport errors(progress);
     QTemporaryDir made;
     QString folder = QFileInfo(QFile::decodeName(m_Data.c_str())).absoluteFilePath();
@@ -97,6 +98,8 @@ int SelfCheckCommand::run(const ToolSettings& settings)
     int wrong = 0;
     int byDesign = 0;
     for (const SelfCheckRows::Row& row : rows) {
+        progress.begin("Checking", static_cast<qint64>(rows.size()), ProgressBar::Unit::Things);
+        progress.show(list.size(), row.title());
         QElapsedTimer timer;
         timer.start();
         const Result result = m_InProcess ? runHere(folder, row) : runApart(folder, row, settings);
@@ -108,6 +111,8 @@ int SelfCheckCommand::run(const ToolSettings& settings)
                                 {"seconds", seconds},
                                 {"right", result.m_IsRight},
                                 {"outcome", QString::fromStdString(outcome)}});
+        // The row goes to standard output, where the bar may stand in the same terminal.
+        progress.end();
         if (!m_Json)
             printRow(row, seconds, outcome);
     }
