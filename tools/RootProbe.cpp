@@ -134,10 +134,12 @@ void RootProbe::probeApartness(const std::vector<std::string>& roots)
 {
     for (std::size_t i = 0; i < roots.size(); ++i) {
         for (std::size_t k = 0; k < roots.size(); ++k) {
-            std::error_code error;
-            const std::filesystem::path outer = std::filesystem::canonical(roots[i], error);
-            const std::filesystem::path inner = std::filesystem::canonical(roots[k], error);
-            if (i == k || error || (outer == inner && i > k))
+            std::error_code outerError;
+            std::error_code innerError;
+            const std::filesystem::path outer = std::filesystem::canonical(roots[i], outerError);
+            const std::filesystem::path inner = std::filesystem::canonical(roots[k], innerError);
+            // What does not exist is told elsewhere, and lies nowhere.
+            if (i == k || outerError || innerError || (outer == inner && i > k))
                 continue;
             if (std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first ==
                 outer.end()) {

@@ -55,6 +55,8 @@ TEST_F(RootProbeTest, EachObstacleIsTold)
     m_Tree.file("file", "");
     EXPECT_EQ(unfit({m_Tree.path("missing")}), Names{"exists"});
     EXPECT_EQ(unfit({m_Tree.path("file")}), Names{"exists"});
+    EXPECT_EQ(unfit({m_Tree.path("a"), m_Tree.path("missing")}), Names{"exists"});
+    EXPECT_EQ(unfit({m_Tree.path("missing"), m_Tree.path("a")}), Names{"exists"});
     EXPECT_EQ(unfit({m_Tree.path("a")}, 1LL << 60), Names{"space"});
     EXPECT_EQ(unfit({m_Tree.path("a"), m_Tree.top()}), Names{"apart"});
     m_Tree.link("way", "a");
