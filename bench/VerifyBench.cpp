@@ -158,7 +158,8 @@ int runTool(const Cache& cache, bool fast, int threads)
     StorePlace place;
     place.m_Roots = {cache.root()};
     place.m_Buckets = s_Buckets;
-    const CacheFiles files(place, true, errors, remarks);
+    const CacheFiles files(place, true, errors, remarks,
+                           fast ? CacheFiles::Sizes::Unknown : CacheFiles::Sizes::Known);
     CacheVerification verification({threads, fast}, files, errors, remarks, progress);
     verification.run();
     return static_cast<int>(verification.files()) - static_cast<int>(verification.damage().size());

@@ -243,6 +243,11 @@ private:
 
 } // namespace
 
+std::size_t SkeinBatch::lanes()
+{
+    return SkeinLaneForm::best().lanes;
+}
+
 void SkeinBatch::digest(const std::vector<Content>& contents, const Receiver& receive)
 {
     digest(SkeinLaneForm::best(), contents, receive);

@@ -15,7 +15,8 @@ namespace ZebSkein {
 /// the next content as soon as it is done with one. When fewer are left than make the lanes pay,
 /// they are finished one by one.
 ///
-/// Internal to the library: this header is not installed, and its symbols are hidden.
+/// Internal to the library: this header is not installed, and its symbols are hidden. The tool,
+/// which digests many contents too, is built with a copy of its own.
 ///
 /// Thread safety: any number of threads may digest at once. Takes no lock.
 class SkeinBatch
@@ -29,6 +30,9 @@ public:
     };
 
     static constexpr std::size_t s_DigestBytes = 64;
+
+    /// How many contents go side by side on this processor, 1 where each goes alone.
+    static std::size_t lanes();
 
     /// Is given the index of a content and its digest, which is valid during the call only.
     using Receiver = std::function<void(std::size_t index, const unsigned char* digest)>;

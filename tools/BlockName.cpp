@@ -63,8 +63,12 @@ void BlockName::appendTo(std::string& text) const
     text.append(characters.data(), next);
 }
 
+bool BlockName::isOf(const unsigned char* digest) const
+{
+    return std::memcmp(digest, m_Digest.data(), m_Digest.size()) == 0;
+}
+
 bool BlockName::isDigestOf(const unsigned char* bytes, qint64 size) const
 {
-    const ZebDataHash hash(bytes, size, ZebDataHash::Hash512);
-    return std::memcmp(hash.data(), m_Digest.data(), m_Digest.size()) == 0;
+    return isOf(ZebDataHash(bytes, size, ZebDataHash::Hash512).data());
 }

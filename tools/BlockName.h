@@ -27,6 +27,9 @@ public:
     /// The numbers of the text, the first one with index 0.
     quint32 word(int index) const;
 
+    /// Whether this is the text of that digest of s_Bytes bytes.
+    bool isOf(const unsigned char* digest) const;
+
     /// Whether this is the name of these bytes.
     bool isDigestOf(const unsigned char* bytes, qint64 size) const;
 

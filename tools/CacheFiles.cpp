@@ -8,35 +8,44 @@
 
 namespace {
 
-constexpr unsigned int s_OthersWrite = S_IWGRP | S_IWOTH;
-
-const char* const s_Loose = "lets others write; take that right from them by chmod go-w";
-
 void remarkLooseFolder(const std::string& path, Remarks& remarks)
 {
     struct stat status = {};
     if (::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
-        (status.st_mode & s_OthersWrite) != 0)
-        remarks.add(Remarks::Loose, path, s_Loose);
+        CacheFiles::isLoose(status.st_mode))
+        CacheFiles::remarkLoose(path, remarks);
 }
 
 } // namespace
 
-CacheFiles::CacheFiles(StorePlace place, bool all, ErrorReport& errors, Remarks& remarks)
-    : m_Place(std::move(place)), m_Bytes(0)
+CacheFiles::CacheFiles(StorePlace place, bool all, ErrorReport& errors, Remarks& remarks,
+                       Sizes sizes)
+    : m_Place(std::move(place)), m_Sizes(sizes), m_Bytes(0)
 {
     CacheScan scan(errors);
     scan.inAnyOrder();
+    if (!hasSizes())
+        scan.withoutSizes();
     if (!all)
         scan.only(m_Place.m_SubCache);
     for (const std::string& root : m_Place.m_Roots) {
         struct stat status = {};
         // The root itself may be a link: that is the user's word.
-        if (::stat(root.c_str(), &status) == 0 && (status.st_mode & s_OthersWrite) != 0)
-            remarks.add(Remarks::Loose, root, s_Loose);
+        if (::stat(root.c_str(), &status) == 0 && isLoose(status.st_mode))
+            remarkLoose(root, remarks);
     }
     scan.run(m_Place.m_Roots,
              [this, &remarks](const CacheScan::File& found) { take(found, remarks); });
+}
+
+bool CacheFiles::isLoose(unsigned int mode)
+{
+    return (mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+void CacheFiles::remarkLoose(const std::string& path, Remarks& remarks)
+{
+    remarks.add(Remarks::Loose, path, "lets others write; take that right from them by chmod go-w");
 }
 
 void CacheFiles::take(const CacheScan::File& found, Remarks& remarks)
@@ -50,14 +59,18 @@ void CacheFiles::take(const CacheScan::File& found, Remarks& remarks)
         return;
     }
     if (!found.m_IsBlock) {
-        const std::string kind = FileKind::whyNotAFile(found.m_Mode);
+        std::string kind = FileKind::whyNotAFile(found.m_Mode);
+        if (kind.empty())
+            kind = CacheScan::isBlockName(found.m_Name)
+                       ? "is named as a block, but lies in no bucket"
+                       : "is named as no block is";
         remarks.add(Remarks::Foreign, found.m_Path,
-                    (kind.empty() ? "is named as no block is" : kind) +
-                        "; the store has not put it there; move it elsewhere if somebody needs it");
+                    kind + "; the store has not put it there; move it elsewhere if somebody needs "
+                           "it");
         return;
     }
-    if ((found.m_Mode & s_OthersWrite) != 0)
-        remarks.add(Remarks::Loose, found.m_Path, s_Loose);
+    if (isLoose(found.m_Mode))
+        remarkLoose(found.m_Path, remarks);
     File file;
     file.m_Name = found.m_BlockName;
     file.m_Size = found.m_Size;

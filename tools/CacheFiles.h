@@ -35,8 +35,25 @@ public:
         int m_Bucket = 0;
     };
 
+    /// Whether the files are looked at. Their sizes are 0, and loose permissions of files are no
+    /// remarks, where not: whoever opens them sees both.
+    enum class Sizes
+    {
+        Known,
+        Unknown
+    };
+
     /// @param place the roots, and the sub-cache where `all` does not say that all are meant
-    CacheFiles(StorePlace place, bool all, ErrorReport& errors, Remarks& remarks);
+    CacheFiles(StorePlace place, bool all, ErrorReport& errors, Remarks& remarks,
+               Sizes sizes = Sizes::Known);
+
+    bool hasSizes() const { return m_Sizes == Sizes::Known; }
+
+    /// Whether others than its owner may write a file or folder of this mode.
+    static bool isLoose(unsigned int mode);
+
+    /// The remark on that.
+    static void remarkLoose(const std::string& path, Remarks& remarks);
 
     const std::vector<File>& files() const { return m_Files; }
     const Folder& folderOf(const File& file) const { return m_Folders[file.m_Folder]; }
@@ -61,6 +78,7 @@ private:
     std::size_t folderIndex(const CacheScan::File& found, Remarks& remarks);
 
     const StorePlace m_Place;
+    const Sizes m_Sizes;
     std::vector<File> m_Files;
     std::vector<Folder> m_Folders;
     qint64 m_Bytes;

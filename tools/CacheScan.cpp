@@ -44,6 +44,7 @@ CacheScan::CacheScan(ErrorReport& errors)
     : m_Errors(errors),
       m_All(true),
       m_Order(FolderNames::Order::Sorted),
+      m_WithSizes(true),
       m_Root(0),
       m_Visit(nullptr)
 {}
@@ -103,16 +104,24 @@ void CacheScan::scanBuckets(const std::string& folder, const std::string& subCac
 
 void CacheScan::scanBucket(const std::string& folder, const std::string& subCache, int bucket)
 {
-    std::vector<std::string> names;
-    const std::string reason = FolderNames::read(folder, names, m_Order);
+    std::string reason;
+    if (m_WithSizes) {
+        std::vector<std::string> names;
+        reason = FolderNames::read(folder, names, m_Order);
+        for (const std::string& name : names)
+            visit(folder, subCache, bucket, name);
+    } else {
+        std::vector<FolderNames::Entry> entries;
+        reason = FolderNames::readEntries(folder, entries);
+        for (const FolderNames::Entry& entry : entries)
+            visit(folder, subCache, bucket, entry.m_Name, entry.m_IsSurelyFile);
+    }
     if (!reason.empty())
         m_Errors.add(folder, reason);
-    for (const std::string& name : names)
-        visit(folder, subCache, bucket, name);
 }
 
 void CacheScan::visit(const std::string& folder, const std::string& subCache, int bucket,
-                      const std::string& name)
+                      const std::string& name, bool isKnownFile)
 {
     m_File.m_Root = m_Root;
     m_File.m_SubCache = subCache;
@@ -122,20 +131,29 @@ void CacheScan::visit(const std::string& folder, const std::string& subCache, in
     if (m_File.m_Path.empty() || m_File.m_Path.back() != '/')
         m_File.m_Path += '/';
     m_File.m_Path += name;
-    struct stat status = {};
-    if (::lstat(m_File.m_Path.c_str(), &status) != 0) {
-        // A collector or a writer may have been at work.
-        if (errno != ENOENT)
-            m_Errors.add(m_File.m_Path, FileKind::errorText(errno));
+    m_File.m_Size = 0;
+    m_File.m_Mode = S_IFREG;
+    if (!isKnownFile && !look())
         return;
-    }
-    m_File.m_Size = status.st_size;
-    m_File.m_Mode = status.st_mode;
-    const bool isRegular = S_ISREG(status.st_mode);
+    const bool isRegular = S_ISREG(m_File.m_Mode);
     const std::optional<BlockName> block =
         isRegular && bucket != s_NoBucket ? BlockName::parse(name) : std::nullopt;
     m_File.m_IsBlock = block.has_value();
     m_File.m_BlockName = block.value_or(BlockName());
     m_File.m_IsLog = isRegular && bucket == s_NoBucket && name == "TdxLog.txt";
     (*m_Visit)(m_File);
+}
+
+bool CacheScan::look()
+{
+    struct stat status = {};
+    if (::lstat(m_File.m_Path.c_str(), &status) != 0) {
+        // A collector or a writer may have been at work.
+        if (errno != ENOENT)
+            m_Errors.add(m_File.m_Path, FileKind::errorText(errno));
+        return false;
+    }
+    m_File.m_Size = status.st_size;
+    m_File.m_Mode = status.st_mode;
+    return true;
 }

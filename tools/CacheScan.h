@@ -24,7 +24,8 @@ public:
         int m_Bucket = 0;
         std::string m_Name;
         std::string m_Path;
-        /// What the file system says of it, without following a link.
+        /// What the file system says of it, without following a link. Size and permissions are 0
+        /// where they are not asked for.
         qint64 m_Size = 0;
         unsigned int m_Mode = 0;
         /// Whether it is a regular file whose name is the text form of a hash.
@@ -41,6 +42,10 @@ public:
     /// faster.
     void inAnyOrder() { m_Order = FolderNames::Order::AsRead; }
 
+    /// Plain files in buckets are not looked at from now on where the folder tells that they are
+    /// files, which is faster again: their sizes and permissions are 0. They come in any order.
+    void withoutSizes() { m_WithSizes = false; }
+
     /// Only this sub-cache, from now on; the empty name for the unnamed one.
     void only(const std::string& subCache);
 
@@ -56,11 +61,14 @@ private:
     void scanBuckets(const std::string& folder, const std::string& subCache);
     void scanBucket(const std::string& folder, const std::string& subCache, int bucket);
     void visit(const std::string& folder, const std::string& subCache, int bucket,
-               const std::string& name);
+               const std::string& name, bool isKnownFile = false);
+    // Whether something stands there; fills in what the file system says of it.
+    bool look();
 
     ErrorReport& m_Errors;
     bool m_All;
     FolderNames::Order m_Order;
+    bool m_WithSizes;
     std::string m_Only;
 
     // Of the run that is going on.

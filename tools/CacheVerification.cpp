@@ -15,17 +15,16 @@
 #include <QJsonObject>
 
 #include <algorithm>
-#include <new>
 #include <random>
+
+#include <sys/stat.h>
 
 namespace {
 
 // What all threads keep between blocks, and what they may take beyond the largest block.
-constexpr qint64 s_KeptBytes = 8LL * 1024 * 1024;
-constexpr qint64 s_KeptByOne = 1024LL * 1024;
-constexpr qint64 s_SpareBytes = 16LL * 1024 * 1024;
-
-constexpr int s_All = 100;
+constexpr qint64 s_KeptBytes = 36LL * 1024 * 1024;
+constexpr qint64 s_KeptByOne = 6LL * 1024 * 1024;
+constexpr qint64 s_SpareBytes = 8LL * 1024 * 1024;
 
 } // namespace
 
@@ -96,30 +95,23 @@ void CacheVerification::work(Choice choice)
 {
     const qint64 kept = std::min(s_KeptByOne, s_KeptBytes / m_Options.m_Threads);
     BlockVerifier verifier({m_Options.m_Fast, m_Options.m_LargestBlock, kept}, m_Budget);
+    const BlockVerifier::Receiver receive = [this](std::size_t index, const BlockVerdict& verdict,
+                                                   const FileStamp* stamp) {
+        take(index, verdict, stamp);
+    };
     const std::size_t count = choice == nullptr ? m_All.files().size() : choice->size();
     for (;;) {
         const std::size_t next = m_Next.fetch_add(1);
         if (next >= count)
-            return;
+            break;
         const std::size_t index = choice == nullptr ? next : (*choice)[next];
         const CacheFiles::File& file = m_All.files()[index];
-        const std::string path = m_All.pathOf(file);
-        const BlockVerdict verdict = check(file, path, verifier);
-        if (verdict.m_Finding != BlockFinding::Sound)
-            take(index, path, verdict);
-        m_Files.fetch_add(1);
-        m_Bytes.fetch_add(file.m_Size);
+        if (m_All.isInPlace(file))
+            verifier.begin(m_All.pathOf(file), file.m_Name, index, receive);
+        else
+            receive(index, wrongPlace(file), nullptr);
     }
-}
-
-BlockVerdict CacheVerification::check(const CacheFiles::File& file, const std::string& path,
-                                      BlockVerifier& verifier) const
-{
-    try {
-        return m_All.isInPlace(file) ? verifier.check(path, file.m_Name) : wrongPlace(file);
-    } catch (const std::bad_alloc&) {
-        return {BlockFinding::NotChecked, "out of memory"};
-    }
+    verifier.finish(receive);
 }
 
 BlockVerdict CacheVerification::wrongPlace(const CacheFiles::File& file) const
@@ -132,8 +124,34 @@ BlockVerdict CacheVerification::wrongPlace(const CacheFiles::File& file) const
                                          PathText::printable(m_All.rootPath(place.m_Root))};
 }
 
-void CacheVerification::take(std::size_t index, const std::string& path,
-                             const BlockVerdict& verdict)
+void CacheVerification::take(std::size_t index, const BlockVerdict& verdict, const FileStamp* stamp)
+{
+    const CacheFiles::File& file = m_All.files()[index];
+    if (verdict.m_Finding != BlockFinding::Sound)
+        report(index, m_All.pathOf(file), verdict);
+    m_Files.fetch_add(1);
+    m_Bytes.fetch_add(m_All.hasSizes() ? file.m_Size : lookAt(file, stamp));
+}
+
+qint64 CacheVerification::lookAt(const CacheFiles::File& file, const FileStamp* stamp) const
+{
+    FileStamp seen;
+    if (stamp != nullptr) {
+        seen = *stamp;
+    } else {
+        struct stat status = {};
+        if (::lstat(m_All.pathOf(file).c_str(), &status) == 0) {
+            seen.m_Size = status.st_size;
+            seen.m_Mode = status.st_mode;
+        }
+    }
+    if (CacheFiles::isLoose(seen.m_Mode))
+        CacheFiles::remarkLoose(m_All.pathOf(file), m_Remarks);
+    return seen.m_Size;
+}
+
+void CacheVerification::report(std::size_t index, const std::string& path,
+                               const BlockVerdict& verdict)
 {
     if (verdict.isDamage()) {
         m_Errors.note(PathText::printable(path) + ": " + verdict.line());

@@ -23,6 +23,9 @@ class SummaryText;
 class CacheVerification
 {
 public:
+    /// All files, in percent.
+    static constexpr int s_All = 100;
+
     struct Options
     {
         int m_Threads = 1;
@@ -30,7 +33,7 @@ public:
         bool m_Fast = false;
         qint64 m_LargestBlock = BlockVerifier::s_MostBlockBytes;
         /// Which share of the files is checked, chosen anew each time.
-        int m_Percent = 100;
+        int m_Percent = s_All;
     };
 
     struct Damage
@@ -65,10 +68,12 @@ private:
 
     void work(Choice choice);
     std::vector<std::size_t> choose() const;
-    BlockVerdict check(const CacheFiles::File& file, const std::string& path,
-                       BlockVerifier& verifier) const;
     BlockVerdict wrongPlace(const CacheFiles::File& file) const;
-    void take(std::size_t index, const std::string& path, const BlockVerdict& verdict);
+    // Counts a file whose verdict is known.
+    void take(std::size_t index, const BlockVerdict& verdict, const FileStamp* stamp);
+    // Makes up for the look at the file that its listing has saved. Returns its size.
+    qint64 lookAt(const CacheFiles::File& file, const FileStamp* stamp) const;
+    void report(std::size_t index, const std::string& path, const BlockVerdict& verdict);
 
     const Options m_Options;
     const CacheFiles& m_All;

@@ -22,6 +22,7 @@ FileStamp stampOf(const struct stat& status)
     stamp.m_Size = status.st_size;
     stamp.m_ModifiedSeconds = status.st_mtim.tv_sec;
     stamp.m_ModifiedNanoseconds = status.st_mtim.tv_nsec;
+    stamp.m_Mode = status.st_mode;
     return stamp;
 }
 

@@ -13,6 +13,8 @@ struct FileStamp
     qint64 m_Size = 0;
     qint64 m_ModifiedSeconds = 0;
     qint64 m_ModifiedNanoseconds = 0;
+    /// Kind and permissions, which are not compared.
+    unsigned int m_Mode = 0;
 
     bool operator==(const FileStamp& other) const;
     bool operator!=(const FileStamp& other) const { return !(*this == other); }

@@ -5,16 +5,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <utility>
 
 #include <dirent.h>
 
-std::string FolderNames::joined(const std::string& folder, const std::string& name)
-{
-    return !folder.empty() && folder.back() == '/' ? folder + name : folder + "/" + name;
-}
+namespace {
 
-std::string FolderNames::read(const std::string& folder, std::vector<std::string>& names,
-                              Order order)
+// Calls `take` with each entry but "." and "..". Gives the reason when that fails.
+template <typename Take>
+std::string forEach(const std::string& folder, Take take)
 {
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(::opendir(folder.c_str()), &::closedir);
     if (stream == nullptr)
@@ -24,12 +23,33 @@ std::string FolderNames::read(const std::string& folder, std::vector<std::string
         const dirent* const entry = ::readdir(stream.get());
         if (entry == nullptr)
             break;
-        const std::string name = static_cast<const char*>(entry->d_name);
+        std::string name = static_cast<const char*>(entry->d_name);
         if (name != "." && name != "..")
-            names.push_back(name);
+            take(std::move(name), entry->d_type == DT_REG);
     }
-    const int error = errno;
+    return errno == 0 ? std::string() : FileKind::errorText(errno);
+}
+
+} // namespace
+
+std::string FolderNames::joined(const std::string& folder, const std::string& name)
+{
+    return !folder.empty() && folder.back() == '/' ? folder + name : folder + "/" + name;
+}
+
+std::string FolderNames::read(const std::string& folder, std::vector<std::string>& names,
+                              Order order)
+{
+    std::string reason =
+        forEach(folder, [&names](std::string name, bool) { names.push_back(std::move(name)); });
     if (order == Order::Sorted)
         std::sort(names.begin(), names.end());
-    return error == 0 ? std::string() : FileKind::errorText(error);
+    return reason;
+}
+
+std::string FolderNames::readEntries(const std::string& folder, std::vector<Entry>& entries)
+{
+    return forEach(folder, [&entries](std::string name, bool isSurelyFile) {
+        entries.push_back({std::move(name), isSurelyFile});
+    });
 }

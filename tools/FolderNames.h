@@ -19,6 +19,17 @@ enum class Order
 [[nodiscard]] std::string read(const std::string& folder, std::vector<std::string>& names,
                                Order order = Order::Sorted);
 
+/// A name, and whether the folder itself tells that it is a plain file's. Not every file system
+/// tells.
+struct Entry
+{
+    std::string m_Name;
+    bool m_IsSurelyFile = false;
+};
+
+/// The same as the file system has them, with what it tells of them.
+[[nodiscard]] std::string readEntries(const std::string& folder, std::vector<Entry>& entries);
+
 /// The path of a name in a folder.
 std::string joined(const std::string& folder, const std::string& name);
 

@@ -75,7 +75,10 @@ int VerifyCommand::verify(ErrorReport& errors, ProgressBar& progress)
     Remarks remarks(errors);
     QElapsedTimer timer;
     timer.start();
-    const CacheFiles files(m_Place, m_Place.m_SubCache.empty(), errors, remarks);
+    // The fast check of all files opens each; then a look at it beforehand is not needed.
+    const bool opensAll = m_Fast && m_Percent == CacheVerification::s_All;
+    const CacheFiles files(m_Place, m_Place.m_SubCache.empty(), errors, remarks,
+                           opensAll ? CacheFiles::Sizes::Unknown : CacheFiles::Sizes::Known);
     CacheVerification verification({m_Threads, m_Fast, m_LargestBlock, m_Percent}, files, errors,
                                    remarks, progress);
     verification.run();

@@ -1,5 +1,6 @@
 #include "tools/BlockVerifier.h"
 
+#include "hash/SkeinBatch.h"
 #include "tools/BlockName.h"
 #include "tools/MemoryBudget.h"
 
@@ -8,9 +9,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <limits>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -178,6 +182,68 @@ TEST_F(BlockVerifierTest, OtherBytesThanTheName)
     other[7] = 'x';
     EXPECT_EQ(find(blockFileOf(other)), BlockFinding::DigestDiffers);
     EXPECT_TRUE(check(blockFileOf(other)).isToBeMoved());
+}
+
+// Several files at a time
+
+TEST_F(BlockVerifierTest, EachFileThatIsBegunGetsItsOwnVerdictOnce)
+{
+    constexpr std::size_t count = 29;
+    std::vector<BlockFinding> alone;
+    std::vector<BlockName> names;
+    for (std::size_t i = 0; i < count; ++i) {
+        const QByteArray content =
+            QByteArray::fromStdString(mixedBytes(1000 * i, static_cast<unsigned int>(i)));
+        std::string file = blockFileOf(content);
+        if (i % 7 == 3)
+            file.pop_back();
+        m_Tree.file("block" + std::to_string(i), file);
+        names.push_back(parsedNameOf(i % 5 == 2 ? content + "!" : content));
+        alone.push_back(
+            m_Verifier.check(m_Tree.path("block" + std::to_string(i)), names.back()).m_Finding);
+    }
+    EXPECT_EQ(std::count(alone.begin(), alone.end(), BlockFinding::DigestDiffers), 5);
+    EXPECT_EQ(std::count(alone.begin(), alone.end(), BlockFinding::CutShort), 4);
+    std::map<std::size_t, BlockFinding> found;
+    const auto receive = [&found](std::size_t tag, const BlockVerdict& verdict, const FileStamp*) {
+        EXPECT_TRUE(found.emplace(tag, verdict.m_Finding).second) << tag;
+    };
+    for (std::size_t i = 0; i < count; ++i)
+        m_Verifier.begin(m_Tree.path("block" + std::to_string(i)), names[i], 100 + i, receive);
+    m_Verifier.finish(receive);
+    ASSERT_EQ(found.size(), count);
+    for (std::size_t i = 0; i < count; ++i)
+        EXPECT_EQ(found.at(100 + i), alone[i]) << i;
+    m_Verifier.finish(receive);
+}
+
+TEST_F(BlockVerifierTest, ALargeBlockWaitsForNoOthers)
+{
+    const QByteArray content = QByteArray::fromStdString(mixedBytes(3 * s_MiB, 1));
+    m_Tree.file("large", blockFileOf(content));
+    int received = 0;
+    m_Verifier.begin(m_Tree.path("large"), parsedNameOf(content), 0,
+                     [&received](std::size_t, const BlockVerdict& verdict, const FileStamp*) {
+                         ++received;
+                         EXPECT_EQ(verdict.m_Finding, BlockFinding::Sound);
+                     });
+    EXPECT_EQ(received, 1);
+}
+
+TEST_F(BlockVerifierTest, AFileThatChangesWhileItWaitsIsNoDamage)
+{
+    if (ZebSkein::SkeinBatch::lanes() == 1)
+        GTEST_SKIP() << "this processor has no lanes, so nothing waits";
+    m_Tree.file("block", m_Good);
+    BlockFinding found = BlockFinding::Sound;
+    const auto receive = [&found](std::size_t, const BlockVerdict& verdict, const FileStamp*) {
+        found = verdict.m_Finding;
+    };
+    m_Verifier.begin(m_Tree.path("block"), parsedNameOf("other bytes"), 0, receive);
+    EXPECT_EQ(found, BlockFinding::Sound) << "nothing is known yet";
+    m_Tree.file("block", m_Good + "more");
+    m_Verifier.finish(receive);
+    EXPECT_EQ(found, BlockFinding::Changed);
 }
 
 TEST_F(BlockVerifierTest, FastSeesTheHeaderAlone)

@@ -6,11 +6,15 @@
 #include "ErrorLines.h"
 #include "TemporaryTree.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
 namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 
 const std::string s_Name = "1234-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16";
 
@@ -53,6 +57,21 @@ TEST_F(CacheFilesTest, KnowsPathsSizesAndWhetherAFileIsInPlace)
     EXPECT_EQ(list(false).files().size(), 1U);
 }
 
+TEST_F(CacheFilesTest, WithoutSizesTheSameIsFound)
+{
+    m_Tree.file("r1/4/" + s_Name, "123");
+    m_Tree.file("r1/5/stranger", "");
+    m_Tree.link("r1/5/" + s_Name, "/etc/passwd");
+    ASSERT_EQ(::chmod(m_Tree.path("r1/4/" + s_Name).c_str(), 0666), 0);
+    const CacheFiles files(m_Place, true, m_Errors.report(), m_Remarks, CacheFiles::Sizes::Unknown);
+    ASSERT_EQ(files.files().size(), 1U);
+    EXPECT_EQ(files.pathOf(files.files()[0]), m_Tree.path("r1/4/" + s_Name));
+    EXPECT_EQ(m_Remarks.count(Remarks::Foreign), 1);
+    EXPECT_EQ(m_Remarks.count(Remarks::Link), 1);
+    EXPECT_FALSE(files.hasSizes());
+    EXPECT_LE(files.bytes(), 3) << "known only where the folder does not tell what a file is";
+}
+
 TEST_F(CacheFilesTest, TheRootOfAFileCounts)
 {
     m_Tree.folder("r0");
@@ -75,6 +94,15 @@ TEST_F(CacheFilesTest, WhatElseLiesThereIsARemark)
     EXPECT_EQ(m_Remarks.count(Remarks::Foreign), 2);
     EXPECT_EQ(m_Remarks.count(Remarks::Link), 2);
     EXPECT_EQ(m_Errors.report().count(), 0);
+}
+
+TEST_F(CacheFilesTest, ABlockFileInNoBucketIsForeignAndCalledSo)
+{
+    m_Tree.file("r1/" + s_Name, "beside the buckets");
+    EXPECT_TRUE(list(true).files().empty());
+    EXPECT_EQ(m_Remarks.count(Remarks::Foreign), 1);
+    EXPECT_THAT(m_Errors.lines(),
+                ElementsAre(HasSubstr("is named as a block, but lies in no bucket")));
 }
 
 TEST_F(CacheFilesTest, LoosePermissionsOfFilesAndFoldersAreRemarks)

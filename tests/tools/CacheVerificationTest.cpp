@@ -11,6 +11,8 @@
 #include <set>
 #include <string>
 
+#include <sys/stat.h>
+
 namespace {
 
 constexpr int s_Files = 100;
@@ -34,11 +36,12 @@ protected:
 
     std::set<std::string> damaged(const CacheVerification::Options& options)
     {
-        const CacheFiles files(m_Place, true, m_Errors.report(), m_Remarks);
+        const CacheFiles files(m_Place, true, m_Errors.report(), m_Remarks, m_Sizes);
         CacheVerification verification(options, files, m_Errors.report(), m_Remarks,
                                        m_Errors.progress());
         verification.run();
         m_Checked = verification.files();
+        m_Bytes = verification.bytes();
         std::set<std::string> paths;
         for (const CacheVerification::Damage& damage : verification.damage())
             paths.insert(files.pathOf(files.files()[damage.m_File]));
@@ -57,7 +60,9 @@ protected:
     Remarks m_Remarks{m_Errors.report()};
     StorePlace m_Place;
     std::vector<std::string> m_Names;
+    CacheFiles::Sizes m_Sizes = CacheFiles::Sizes::Known;
     qint64 m_Checked = 0;
+    qint64 m_Bytes = 0;
 };
 
 } // namespace
@@ -75,6 +80,28 @@ TEST_F(CacheVerificationTest, AnyNumberOfThreadsFindsTheSame)
     }
     EXPECT_EQ(m_Errors.report().count(), 0) << "damage is no error of the check";
     EXPECT_EQ(m_Errors.lines().size(), 4 * expected.size());
+}
+
+// The fast check of everything lists the files without a look at them.
+TEST_F(CacheVerificationTest, WhatTheListingDoesNotSeeIsSeenOnTheWay)
+{
+    m_Tree.file(m_Names[3], "no block at all");
+    m_Tree.folder("r/1");
+    const std::string misplaced = "r/1/" + blockNameOf("elsewhere");
+    m_Tree.file(misplaced, blockFileOf("elsewhere"));
+    for (const std::string& name : {m_Names[5], misplaced})
+        ASSERT_EQ(::chmod(m_Tree.path(name).c_str(), 0666), 0);
+    CacheVerification::Options fast = options(2);
+    fast.m_Fast = true;
+    const std::set<std::string> expected = damaged(fast);
+    EXPECT_EQ(expected.size(), 2U);
+    const qint64 bytes = m_Bytes;
+    const qint64 loose = m_Remarks.count(Remarks::Loose);
+    EXPECT_EQ(loose, 2);
+    m_Sizes = CacheFiles::Sizes::Unknown;
+    EXPECT_EQ(damaged(fast), expected);
+    EXPECT_EQ(m_Bytes, bytes);
+    EXPECT_EQ(m_Remarks.count(Remarks::Loose), 2 * loose);
 }
 
 TEST_F(CacheVerificationTest, TheLimitIsThatOfTheLargestBlock)
