@@ -13,6 +13,7 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -119,7 +120,7 @@ try {
     // Nothing is allocated on the word of a file that cannot keep it.
     bool complete = hasHeader && length >= 0 && length <= file.bytesAvailable();
     if (complete) {
-        QByteArray payload(length, '\0');
+        QByteArray payload(length, Qt::Uninitialized);
         complete = file.read(payload.data(), length) == length;
         if (complete)
             *data = payload;
@@ -166,11 +167,14 @@ ZebDataBlock* ZebDataBlockReadThread::decompressAndMakeBlock(
     // Kept on purpose: the size that the file tells is not compared with what comes out, and a
     // damaged payload goes on as an empty block.
     Q_UNUSED(size)
-    const QByteArray plain = qUncompress(data);
+    QByteArray plain = qUncompress(data);
     if (plain.isEmpty())
         ZebTdxMessage::debug(QStringLiteral("Failed to decompress block data."));
-    auto block = std::make_unique<ZebDataBlock>(
-        reinterpret_cast<const unsigned char*>(plain.constData()), plain.size());
+    // Nobody else has these bytes, so the block takes them over: a copy would take longer than
+    // reading the file does.
+    auto block = std::make_unique<ZebDataBlock>(QByteArray());
+    block->m_Size = plain.size();
+    block->m_Data = std::move(plain);
     block->m_Compressed = false;
     block->m_Cached.store(true, s_Relaxed);
     ZebDataBlock* const made = block.release();
