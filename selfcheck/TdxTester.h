@@ -29,7 +29,8 @@
 /// at the first of them.
 ///
 /// Thread safety: one check at a time, on one thread; the checks start workers of their own in Qt's
-/// global pool. tdxLog() may be called from any thread.
+/// global pool. Not from a task of that pool, since cleaning the store up waits for all of them.
+/// tdxLog() may be called from any thread.
 ///
 /// Locks: the caller holds none of the store's.
 class ZEBTDX_EXPORT TdxTester
