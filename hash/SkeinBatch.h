@@ -37,10 +37,11 @@ public:
     /// Is given the index of a content and its digest, which is valid during the call only.
     using Receiver = std::function<void(std::size_t index, const unsigned char* digest)>;
 
-    /// Calls `receive` once for each content, on this thread, as soon as its digest is known; those
-    /// that become known together come in the order in which they stand. The contents must stay as
-    /// they are until their digests have been given out; a content may go inside its own call. An
-    /// exception that leaves `receive` ends the work.
+    /// Calls `receive` once for each content, on this thread, as soon as its digest is known. Of
+    /// those that become known together the last one of a set comes first, so that who waits for
+    /// the first finds all of them done. The contents must stay as they are until their digests
+    /// have been given out; a content may go inside its own call. An exception that leaves
+    /// `receive` ends the work.
     static void digest(const std::vector<Content>& contents, const Receiver& receive);
 
     /// The same by a form of the caller's choice, which the processor must be able to run.
