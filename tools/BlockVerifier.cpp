@@ -21,6 +21,17 @@ constexpr qint64 s_FixedBytes = BlockHeader::s_Bytes + s_PayloadSizeBytes;
 // No zlib stream decompresses to more than this many times its bytes.
 constexpr qint64 s_MostRatio = 1040;
 
+// With less for each it does not pay to keep blocks back. It also bounds how many files very many
+// threads have open.
+constexpr qint64 s_LeastKept = 64LL * 1024;
+
+// How many blocks are kept for a digest together in so much memory.
+qint64 slotsFor(qint64 keptBytes)
+{
+    const auto lanes = static_cast<qint64>(ZebSkein::SkeinBatch::lanes());
+    return keptBytes / lanes >= s_LeastKept ? lanes : 1;
+}
+
 const char* const s_NoMemory = "out of memory";
 
 std::string number(qint64 value)
@@ -32,11 +43,11 @@ std::string number(qint64 value)
 
 BlockVerifier::BlockVerifier(const Limits& limits, MemoryBudget& budget)
     : m_Limits(limits),
-      m_KeptBySlot(limits.m_KeptBytes / static_cast<qint64>(ZebSkein::SkeinBatch::lanes())),
+      m_KeptBySlot(limits.m_KeptBytes / slotsFor(limits.m_KeptBytes)),
       m_Budget(budget),
       m_Waiting(0)
 {
-    for (std::size_t i = 0; i < ZebSkein::SkeinBatch::lanes(); ++i)
+    for (qint64 i = 0; i < slotsFor(limits.m_KeptBytes); ++i)
         m_Slots.push_back(std::make_unique<Slot>(m_KeptBySlot));
     // Keeps its room whatever is read into it.
     m_Piece.reserve(s_PieceBytes);

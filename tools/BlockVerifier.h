@@ -35,7 +35,8 @@ public:
         /// The largest block that is decompressed.
         qint64 m_LargestBlock = 0;
         /// Memory that is kept between blocks, for all that are digested together. A block that is
-        /// larger than its part takes a share of the budget, and is digested alone.
+        /// larger than its part takes a share of the budget, and is digested alone; so are all
+        /// where the parts would be too small.
         qint64 m_KeptBytes = 0;
     };
 

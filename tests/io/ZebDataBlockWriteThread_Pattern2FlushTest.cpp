@@ -238,12 +238,15 @@ TEST(ZebDataBlockWriteThread_Pattern2Flush, NothingBehindTheFenceIsTakenUpBefore
     Pattern2Station station(2);
     HeldWorker held(station, "held");
     station.queue("held");
+    const std::future<void> flush = station.beginFlush("held");
+    EXPECT_TRUE(hasEntries(station, 2));
+    station.queue("later");
+    EXPECT_THAT(station.list(), ElementsAre("0 held", "0 fence 0", "1 later"));
     station.start();
     EXPECT_TRUE(held.isHeld());
-    const std::future<void> flush = station.beginFlush("held");
-    EXPECT_TRUE(hasEntries(station, 0));
-    station.queue("later");
+    EXPECT_TRUE(hasEntries(station, 1)) << "the fence has been taken up";
     EXPECT_FALSE(waitUntil([&] { return station.list().empty(); }, s_HeldOffMs));
+    EXPECT_FALSE(station.isReady(flush));
     held.release();
     EXPECT_TRUE(station.waitFor(flush));
     EXPECT_TRUE(station.drain());

@@ -230,6 +230,19 @@ TEST_F(BlockVerifierTest, ALargeBlockWaitsForNoOthers)
     EXPECT_EQ(received, 1);
 }
 
+TEST_F(BlockVerifierTest, WithLittleMemoryNothingWaits)
+{
+    BlockVerifier verifier({false, s_Largest, 100000}, m_Budget);
+    m_Tree.file("block", m_Good);
+    int received = 0;
+    verifier.begin(m_Tree.path("block"), parsedNameOf(m_Content), 0,
+                   [&received](std::size_t, const BlockVerdict& verdict, const FileStamp*) {
+                       ++received;
+                       EXPECT_EQ(verdict.m_Finding, BlockFinding::Sound);
+                   });
+    EXPECT_EQ(received, 1);
+}
+
 TEST_F(BlockVerifierTest, AFileThatChangesWhileItWaitsIsNoDamage)
 {
     if (ZebSkein::SkeinBatch::lanes() == 1)
