@@ -235,7 +235,9 @@ TEST_F(ZebDataBlockManagerGroup, ComesBackFromTheDisk)
 
 TEST_F(ZebDataBlockManagerGroup, StaysInMemoryAndUnlockedAfterwards)
 {
-    const ZebDataReference group = manager().makeGroupBlock(addMembers(3));
+    // Held, as a block that nobody holds goes as soon as it is written.
+    const References members = addMembers(3);
+    const ZebDataReference group = manager().makeGroupBlock(members);
     group.resolveWork();
     const qint64 evictable = manager().liveBlocks();
     EXPECT_EQ(Extracted(group).m_Texts.size(), 3);
