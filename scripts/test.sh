@@ -86,7 +86,8 @@ fi
 headline "Packages"
 require_debian
 install_packages cmake ninja-build g++ pkg-config python3 qtbase5-dev qt5-image-formats-plugins \
-    zlib1g-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang-format
+    zlib1g-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang \
+    clang-format clang-tidy shellcheck
 
 headline "Format"
 find . -path ./build -prune -o -path './build-*' -prune -o -path './.*' -prune -o \
@@ -94,8 +95,15 @@ find . -path ./build -prune -o -path './build-*' -prune -o -path './.*' -prune -
     xargs -0 clang-format --dry-run -Werror
 echo "Nothing to change."
 
+headline "Shell scripts"
+shellcheck --external-sources --source-path=SCRIPTDIR scripts/*.sh scripts/lib/*.sh .ci/run
+echo "No findings."
+
 headline "Optimised build (preset dev)"
 build dev
+
+headline "clang-tidy"
+scripts/check_tidy.sh
 
 headline "Tests of the optimised build"
 run_tests dev

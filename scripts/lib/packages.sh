@@ -1,4 +1,5 @@
-# Debian packages for the scripts beside this folder, which source it. Not to be run by itself.
+# shellcheck shell=bash
+# Installs Debian packages for the scripts of the folder above, which source this file.
 
 # Ends the script on a system that these scripts cannot prepare.
 require_debian() {
