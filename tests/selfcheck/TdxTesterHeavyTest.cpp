@@ -5,31 +5,19 @@
 
 namespace {
 
-const char* const s_MultiFirst = "[ -- ] Starting Datablock Multithreaded Test";
-const char* const s_MultiLast = "[ OK ] Passed Datablock Multithreaded Test";
-
-const ExpectedRow s_Rows[] = {
-    {12, "testDataBlockManagerMultiThread", 1, 0, s_MultiFirst, s_MultiLast, true},
-    {13, "testDataBlockManagerMultiThread", 10, 0, s_MultiFirst, s_MultiLast, true},
-    {14, "testDataBlockManagerMultiThread", 100, 0, s_MultiFirst, s_MultiLast, true},
-    {15, "testDataBlockManagerMultiThread", 1000, 0, s_MultiFirst, s_MultiLast, true},
-    {18, "testDataBlockRelease", 0, 0, "[ -- ] Starting Datablock Release Testing",
-     "Block Count is not zero it is -1", false},
-    {19, "testThreadedIo", 0, 0, "[ -- ] Starting Test Threaded IO ",
-     "After Initial Block count is not zero it is -1", false},
-};
-
-class TdxTesterHeavy : public ::testing::TestWithParam<ExpectedRow>
+class TdxTesterHeavy : public ::testing::TestWithParam<int>
 {};
 
 } // namespace
 
-TEST_P(TdxTesterHeavy, ComesOutAsItMust)
+TEST_P(TdxTesterHeavy, HasItsExpectedOutcome)
 {
-    expectRow(GetParam());
+    SelfCheckRows::expectRow(GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(SelfCheck, TdxTesterHeavy, ::testing::ValuesIn(s_Rows), rowTestName);
+INSTANTIATE_TEST_SUITE_P(SelfCheck, TdxTesterHeavy,
+                         ::testing::ValuesIn(SelfCheckRows::numbers(true)),
+                         SelfCheckRows::testName);
 
 TEST(TdxTesterHeavyRun, AllRowsEndAtTheReleaseOfBlocks)
 {
@@ -39,7 +27,7 @@ TEST(TdxTesterHeavyRun, AllRowsEndAtTheReleaseOfBlocks)
     EXPECT_FALSE(tester.runAllTest(1));
     EXPECT_EQ(messages.debugLines().first(), QStringLiteral("[ -- ] Starting All Tests "));
     EXPECT_EQ(messages.debugLines().last(),
-              QStringLiteral("[!!] Failed testDataBlockRelease aborting"));
+              QLatin1String(ZebSelfCheckTable::wholeRun().m_FailureLine));
     EXPECT_EQ(messages.count(QStringLiteral("Run 0/1")), 0);
     EXPECT_EQ(messages.debugLines().filter(QStringLiteral("Ran In ")).size(), 17);
     EXPECT_TRUE(messages.contains(QStringLiteral("[ OK ] Passed Datablock Data Stress Test")));
