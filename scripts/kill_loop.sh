@@ -1,36 +1,38 @@
 #!/usr/bin/env bash
-# Kills ingests at random moments and shows that each cache heals: after verify, repair and another
-# ingest, every byte comes back right from the disk in a process of its own.
+# Kills ingests at random moments and checks that each cache recovers: after verify, repair and
+# another ingest, a new process restores every byte from the disk.
 #
-#   scripts/kill_loop.sh [KILLS]    20 when not given
+#   scripts/kill_loop.sh [KILLS [SEED]]
 #
-# Blocks of 256 KiB and of 8 MiB take turns, and so do writers that compress by themselves and
-# writers with workers. Takes the tool of build/dev, or the one that ZEBTDX names.
+# KILLS is 20 by default. SEED chooses the moments; what an ingest has reached by then still differs
+# from run to run. The runs alternate between blocks of 256 KiB and of 8 MiB, and between writers
+# with and without compression threads. Uses the tool of build/dev, or the one that ZEBTDX names.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 tool=${ZEBTDX:-$root/build/dev/tools/zebtdx}
 kills=${1:-20}
+seed=${2:-$RANDOM}
 sample_mib=16
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 
-# Half of it can be compressed, half of it cannot.
+# One half is compressible, the other is not.
 make_sample() {
     mkdir in
     head -c $((sample_mib / 2))M /dev/urandom >in/random
     head -c $((sample_mib / 4))M /dev/urandom | base64 | head -c $((sample_mib / 2))M >in/text
 }
 
-# Sets the command line of an ingest with this size of blocks and so many workers.
+# set_line BLOCK_SIZE COMPRESSION_THREADS: sets the command line of an ingest.
 set_line() {
     line=("$tool" ingest in --root r1 --root r2 --manifest m --replace --block "$1"
         --compression-threads "$2" --no-check --json)
 }
 
-# The number behind a key of a JSON object.
+# The number that a JSON object has for a key.
 number() {
     sed -E "s/.*\"$1\":([0-9]+).*/\1/"
 }
@@ -40,13 +42,15 @@ fail() {
     exit 1
 }
 
+echo "Seed $seed"
+RANDOM=$seed
 make_sample
 declare -A span=()
 killed=0
 early=0
 damaged=0
-stumps=0
-hurt=0
+truncated=0
+affected=0
 for ((i = 0; i < kills; ++i)); do
     block=256K
     workers=0
@@ -54,7 +58,7 @@ for ((i = 0; i < kills; ++i)); do
     ((i / 2 % 2 == 0)) || workers=2
     set_line $block $workers
     rm -rf r1 r2 out aside m
-    # Milliseconds that a whole ingest takes, so that the kills fall into its time.
+    # How many milliseconds a complete ingest takes, so that the kills fall into that time.
     if [[ -z ${span[$block$workers]:-} ]]; then
         begin=$(date +%s%N)
         "${line[@]}" >/dev/null
@@ -76,16 +80,17 @@ for ((i = 0; i < kills; ++i)); do
     status=0
     found=$("$tool" verify --root r1 --root r2 --json 2>/dev/null) || status=$?
     count=$(number damaged <<<"$found")
-    ((status == (count > 0 ? 1 : 0))) || fail $i "verify says $count and ends with $status"
+    ((status == (count > 0 ? 1 : 0))) ||
+        fail $i "verify reports $count damaged files and exits with $status"
     damaged=$((damaged + count))
-    stumps=$((stumps + $(number stumps <<<"$found")))
-    ((count == 0)) || hurt=$((hurt + 1))
+    truncated=$((truncated + $(number stumps <<<"$found")))
+    ((count == 0)) || affected=$((affected + 1))
     "$tool" repair --apply --quarantine aside --root r1 --root r2 >/dev/null 2>&1 ||
-        fail $i "repair ends with $?"
-    "${line[@]}" >/dev/null || fail $i "ingest ends with $?"
-    "$tool" verify --root r1 --root r2 >/dev/null || fail $i "verify ends with $? at last"
-    "$tool" restore m --out out >/dev/null || fail $i "restore ends with $?"
+        fail $i "repair exits with $?"
+    "${line[@]}" >/dev/null || fail $i "ingest exits with $?"
+    "$tool" verify --root r1 --root r2 >/dev/null || fail $i "the last verify exits with $?"
+    "$tool" restore m --out out >/dev/null || fail $i "restore exits with $?"
     diff -r in out/in || fail $i "the bytes differ"
 done
-echo "$killed killed, $early that had ended before; $hurt caches with $damaged damaged files, and" \
-    "$stumps stumps; every byte came back right after each"
+echo "$killed killed, $early finished before the kill; $damaged damaged files in $affected caches," \
+    "$truncated truncated files; every byte was restored each time"
