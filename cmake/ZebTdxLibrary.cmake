@@ -41,21 +41,26 @@ set(ZEBTDX_SOURCES
   hash/Skein.cpp
   hash/SkeinBatch.cpp
   hash/SkeinLaneForm.cpp
+  hash/ZebBlockName.cpp
   hash/ZebDataHash.cpp
   hash/ZebDataHash_Text.cpp
   hash/ZebHashHandle.cpp
   hash/ZebHashManager.cpp
+  hash/ZebHashText.cpp
   data/ZebBlockFuture.cpp
   data/ZebConstAccessor.cpp
   data/ZebDataBlock.cpp
   data/ZebDataReference.cpp
+  data/ZebGroupHeader.cpp
   data/ZebHashingJob.cpp
   data/ZebHashingQueue.cpp
   data/ZebHashingTask.cpp
   data/ZebModifyAccessor.cpp
   data/ZebResultCache.cpp
   data/ZebThreadPoolManager.cpp
+  io/ZebBlockFile.cpp
   io/ZebBlockFilePath.cpp
+  io/ZebBlockPlace.cpp
   io/ZebDataBlockCompressionThread.cpp
   io/ZebDataBlockReadThread.cpp
   io/ZebDataBlockWriteRequest.cpp

@@ -1,6 +1,7 @@
 #include "io/ZebDataBlockReadThread.h"
 
 #include "data/ZebDataBlock.h"
+#include "io/ZebBlockFile.h"
 #include "io/ZebBlockFilePath.h"
 #include "support/ZebStoredCall.h"
 #include "support/ZebTdxMessage.h"
@@ -11,6 +12,7 @@
 #include <QThreadPool>
 #include <QWriteLocker>
 
+#include <array>
 #include <memory>
 #include <new>
 #include <utility>
@@ -113,17 +115,18 @@ bool ZebDataBlockReadThread::readFile(QFile& file, qint64* size, QByteArray* dat
 try {
     if (!file.open(QIODevice::ReadOnly))
         return false;
-    qint32 length = 0;
-    const bool hasHeader =
-        file.read(reinterpret_cast<char*>(size), sizeof *size) == sizeof *size &&
-        file.read(reinterpret_cast<char*>(&length), sizeof length) == sizeof length;
-    // Nothing is allocated on the word of a file that cannot keep it.
-    bool complete = hasHeader && length >= 0 && length <= file.bytesAvailable();
+    std::array<char, ZebBlockFile::s_HeaderBytes> bytes = {};
+    const bool hasHeader = file.read(bytes.data(), bytes.size()) == ZebBlockFile::s_HeaderBytes;
+    const auto header = ZebBlockFile::Header::decode(bytes.data());
+    // Nothing is allocated without checking the length against the file.
+    bool complete = hasHeader && header.isPayloadWithin(file.bytesAvailable());
     if (complete) {
-        QByteArray payload(length, Qt::Uninitialized);
-        complete = file.read(payload.data(), length) == length;
-        if (complete)
+        QByteArray payload(header.m_PayloadBytes, Qt::Uninitialized);
+        complete = file.read(payload.data(), header.m_PayloadBytes) == header.m_PayloadBytes;
+        if (complete) {
+            *size = header.m_BlockBytes;
             *data = payload;
+        }
     }
     file.close();
     return complete;
@@ -167,7 +170,7 @@ ZebDataBlock* ZebDataBlockReadThread::decompressAndMakeBlock(
     // Kept on purpose: the size that the file tells is not compared with what comes out, and a
     // damaged payload goes on as an empty block.
     Q_UNUSED(size)
-    QByteArray plain = qUncompress(data);
+    QByteArray plain = ZebBlockFile::decodePayload(data);
     if (plain.isEmpty())
         ZebTdxMessage::debug(QStringLiteral("Failed to decompress block data."));
     // Nobody else has these bytes, so the block takes them over: a copy would take longer than

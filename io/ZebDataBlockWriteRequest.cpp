@@ -1,6 +1,7 @@
 #include "io/ZebDataBlockWriteRequest.h"
 
 #include "data/ZebDataBlock.h"
+#include "io/ZebBlockFile.h"
 #include "io/ZebBlockFilePath.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebDataDeleteLocker.h"
@@ -12,8 +13,6 @@
 namespace {
 
 constexpr int s_NoFence = -1;
-constexpr qint64 s_HeaderBytes = 12;
-constexpr int s_CompressionLevel = 2;
 
 } // namespace
 
@@ -78,7 +77,7 @@ void ZebDataBlockWriteRequest::makeDirectory()
 
 bool ZebDataBlockWriteRequest::fileExits()
 {
-    if (!QFile::exists(m_File.fileName()) || m_File.size() <= s_HeaderBytes)
+    if (!QFile::exists(m_File.fileName()) || !ZebBlockFile::isComplete(m_File.size()))
         return false;
     m_Block->m_Cached.store(true, std::memory_order_relaxed);
     return true;
@@ -90,12 +89,12 @@ void ZebDataBlockWriteRequest::compress()
         return;
     if (m_Block->m_Compressed) {
         m_CompressedData = m_Block->m_Data;
-        // Kept on purpose: only this branch speaks of an empty payload.
+        // Kept on purpose: only this branch reports an empty payload.
         if (m_CompressedData.isEmpty())
             ZebTdxMessage::debug(QStringLiteral("Failed to compress data block."));
         return;
     }
-    m_CompressedData = qCompress(m_Block->m_Data, s_CompressionLevel);
+    m_CompressedData = ZebBlockFile::encodePayload(m_Block->m_Data);
 }
 
 int ZebDataBlockWriteRequest::write(QString* errorString)
@@ -106,16 +105,19 @@ int ZebDataBlockWriteRequest::write(QString* errorString)
                     errorString);
     }
     QString failure;
-    const qint64 size = m_Block->size();
-    if (!writePiece(reinterpret_cast<const char*>(&size), sizeof size, &failure))
+    ZebBlockFile::Header header;
+    header.m_BlockBytes = m_Block->size();
+    if (!writePiece(header.encode().data(), ZebBlockFile::s_BlockSizeBytes, &failure))
         return fail(failure, errorString);
-    // The file stands open meanwhile, with its first field.
+    // The file is open meanwhile, with its first field.
     compress();
     const qint32 length = m_CompressedData.size();
-    if (!writePiece(reinterpret_cast<const char*>(&length), sizeof length, &failure) ||
+    header.m_PayloadBytes = length;
+    if (!writePiece(header.encode().data() + ZebBlockFile::s_BlockSizeBytes,
+                    ZebBlockFile::s_PayloadSizeBytes, &failure) ||
         !writePiece(m_CompressedData.constData(), length, &failure))
         return fail(failure, errorString);
-    // What is still buffered here would be lost without a word when the file is closed.
+    // Closing the file would lose buffered bytes without an error.
     if (!m_File.flush())
         return fail(shortWriteText(-1, length), errorString);
     m_File.close();

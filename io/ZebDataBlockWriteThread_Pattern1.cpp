@@ -37,14 +37,14 @@ void ZebDataBlockWriteThread_Pattern1::drain()
         ++m_RequestsTaken;
         locker.unlock();
         if (request->isFence())
-            treatFence(request);
+            handleFence(request);
         else
-            treatWrite(priority, request);
+            handleWrite(priority, request);
         locker.relock();
     }
 }
 
-void ZebDataBlockWriteThread_Pattern1::treatWrite(int priority, ZebDataBlockWriteRequest* request)
+void ZebDataBlockWriteThread_Pattern1::handleWrite(int priority, ZebDataBlockWriteRequest* request)
 {
     QString subCache;
     {
@@ -75,7 +75,7 @@ void ZebDataBlockWriteThread_Pattern1::treatWrite(int priority, ZebDataBlockWrit
     releaseTaken();
 }
 
-void ZebDataBlockWriteThread_Pattern1::treatFence(ZebDataBlockWriteRequest* request)
+void ZebDataBlockWriteThread_Pattern1::handleFence(ZebDataBlockWriteRequest* request)
 {
     {
         const QWriteLocker locker(&m_Lock);

@@ -29,10 +29,10 @@ private:
     void drain();
 
     /// Writes one block, or puts its request back at `priority`.
-    void treatWrite(int priority, ZebDataBlockWriteRequest* request);
+    void handleWrite(int priority, ZebDataBlockWriteRequest* request);
 
     /// Notes a fence as reached.
-    void treatFence(ZebDataBlockWriteRequest* request);
+    void handleFence(ZebDataBlockWriteRequest* request);
 
     /// Ends the request of a block that has its file, and counts it as handled.
     void finish(ZebDataBlockWriteRequest* request);

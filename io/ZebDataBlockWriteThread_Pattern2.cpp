@@ -105,7 +105,7 @@ int ZebDataBlockWriteThread_Pattern2::takeUpNext()
         return s_NoFence;
     }
     if (!request->isFence()) {
-        treatWrite(request);
+        handleWrite(request);
         return s_NoFence;
     }
     const int fence = request->fence();
@@ -114,7 +114,7 @@ int ZebDataBlockWriteThread_Pattern2::takeUpNext()
     return fence;
 }
 
-void ZebDataBlockWriteThread_Pattern2::treatWrite(ZebDataBlockWriteRequest* request)
+void ZebDataBlockWriteThread_Pattern2::handleWrite(ZebDataBlockWriteRequest* request)
 {
     request->setFileName(m_CacheRoot, subCache(), m_BucketCount);
     if (request->fileExits()) {

@@ -77,7 +77,7 @@ private:
     int takeUpNext();
 
     /// Names the file of a block, and gives it to the workers when it is not there yet.
-    void treatWrite(ZebDataBlockWriteRequest* request);
+    void handleWrite(ZebDataBlockWriteRequest* request);
 
     /// Writes whatever is in progress, and then tells those who wait for the fence.
     void passFence(int fence);

@@ -1,6 +1,7 @@
 #include "io/ZebGarbageCollectorThread.h"
 
 #include "hash/ZebHashManager.h"
+#include "hash/ZebHashText.h"
 
 #include <QDir>
 #include <QFile>
@@ -18,15 +19,7 @@ constexpr unsigned long s_PollUs = 100000;
 constexpr qint64 s_PassIntervalMs = 60000;
 constexpr qint64 s_NoPassYet = -1;
 
-// The text form of a hash of the size that blocks have: 16 numbers.
-constexpr int s_DashesOfABlockFile = 15;
-
 constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
-
-bool isBlockFileName(const QString& name)
-{
-    return name.count(QLatin1Char('-')) == s_DashesOfABlockFile;
-}
 
 } // namespace
 
@@ -84,7 +77,7 @@ void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* r
     const QStringList files =
         findBlockFiles(m_CacheRoot + QDir::separator() + subCache, reporter, count);
     if (manager.garbageCollecting())
-        judge(files);
+        sweep(files);
 }
 
 bool ZebGarbageCollectorThread::isGateClosed() const
@@ -110,7 +103,7 @@ QStringList ZebGarbageCollectorThread::findBlockFiles(
                 .entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot,
                                QDir::NoSort);
         for (const QFileInfo& entry : entries) {
-            if (entry.isFile() && isBlockFileName(entry.fileName()))
+            if (entry.isFile() && ZebHashText::isBlockFileName(entry.fileName()))
                 files.append(entry.absoluteFilePath());
             else if (entry.isDir())
                 directories.append(entry.absoluteFilePath());
@@ -119,7 +112,7 @@ QStringList ZebGarbageCollectorThread::findBlockFiles(
     return files;
 }
 
-void ZebGarbageCollectorThread::judge(const QStringList& files)
+void ZebGarbageCollectorThread::sweep(const QStringList& files)
 {
     const ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     const ZebHashManager& registry = ZebHashManager::instance();

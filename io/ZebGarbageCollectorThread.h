@@ -70,7 +70,7 @@ private:
                                       ZebDataBlockManager::ProgressReporter* reporter, int* count);
 
     /// Removes the dead ones of these files, and sets m_CacheSize to the size of the others.
-    void judge(const QStringList& files);
+    void sweep(const QStringList& files);
 
     /// What ends a pass: closes the gate behind it, and leaves the bracket.
     void endPass();

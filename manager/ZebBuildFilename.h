@@ -11,7 +11,7 @@ class ZebDataHash;
 /// separators side by side; nothing is tidied, and nothing is made on disk.
 ///
 /// The bucket is the first 32-bit word of the digest, unsigned and in the byte order of the
-/// machine, modulo `bucketCount`, which must be positive.
+/// machine, modulo `bucketCount`, which must be positive (io/ZebBlockPlace.h has the rules).
 ///
 /// Returns false for a null hash, with a debug line and both results untouched. Fatal for a hash
 /// without a digest, as ZebDataHash::toString() is.

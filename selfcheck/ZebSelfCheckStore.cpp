@@ -1,5 +1,6 @@
 #include "selfcheck/ZebSelfCheckStore.h"
 
+#include "hash/ZebHashText.h"
 #include "manager/ZebDataBlockManager.h"
 #include "selfcheck/TdxTester.h"
 #include "selfcheck/ZebSelfCheck.h"
@@ -9,9 +10,6 @@
 #include <QFile>
 
 namespace {
-
-// Between the 16 numbers of a name.
-constexpr int s_DashesInBlockName = 15;
 
 void reportRemoval(bool removed, const QString& path)
 {
@@ -90,7 +88,7 @@ QList<QFileInfo> ZebSelfCheckStore::blockFiles(const QStringList& folders)
         QDirIterator walk(folder, QDir::Files | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
         while (walk.hasNext()) {
             walk.next();
-            if (walk.fileName().count(QLatin1Char('-')) == s_DashesInBlockName)
+            if (ZebHashText::isBlockFileName(walk.fileName()))
                 files.append(walk.fileInfo());
         }
     }

@@ -1,0 +1,55 @@
+#include "io/ZebBlockFile.h"
+
+#include <QtEndian>
+
+#include <cstring>
+
+namespace {
+
+// Equal blocks give equal files in every version, so that a host may compare caches.
+constexpr int s_CompressionLevel = 2;
+
+} // namespace
+
+std::array<char, ZebBlockFile::s_HeaderBytes> ZebBlockFile::Header::encode() const
+{
+    static_assert(sizeof m_BlockBytes == s_BlockSizeBytes);
+    static_assert(sizeof m_PayloadBytes == s_PayloadSizeBytes);
+    std::array<char, s_HeaderBytes> bytes = {};
+    std::memcpy(bytes.data(), &m_BlockBytes, s_BlockSizeBytes);
+    std::memcpy(bytes.data() + s_BlockSizeBytes, &m_PayloadBytes, s_PayloadSizeBytes);
+    return bytes;
+}
+
+ZebBlockFile::Header ZebBlockFile::Header::decode(const char* bytes)
+{
+    Header header;
+    std::memcpy(&header.m_BlockBytes, bytes, s_BlockSizeBytes);
+    std::memcpy(&header.m_PayloadBytes, bytes + s_BlockSizeBytes, s_PayloadSizeBytes);
+    return header;
+}
+
+bool ZebBlockFile::Header::isPayloadWithin(qint64 available) const
+{
+    return m_PayloadBytes >= 0 && m_PayloadBytes <= available;
+}
+
+bool ZebBlockFile::isComplete(qint64 fileBytes)
+{
+    return fileBytes > s_HeaderBytes;
+}
+
+QByteArray ZebBlockFile::encodePayload(const QByteArray& plain)
+{
+    return qCompress(plain, s_CompressionLevel);
+}
+
+QByteArray ZebBlockFile::decodePayload(const QByteArray& payload)
+{
+    return qUncompress(payload);
+}
+
+qint64 ZebBlockFile::plainSizeOf(const char* payload)
+{
+    return qFromBigEndian<quint32>(payload);
+}
