@@ -72,14 +72,16 @@ set(ZEBTDX_SOURCES
   manager/ZebDataBlockLru.cpp
   manager/ZebDataBlockManager.cpp
   manager/ZebDataBlockManager_Admission.cpp
-  manager/ZebDataBlockManager_Flush.cpp
-  manager/ZebDataBlockManager_Garbage.cpp
+  manager/ZebDataBlockManager_DiskThreads.cpp
+  manager/ZebDataBlockManager_Eviction.cpp
+  manager/ZebDataBlockManager_GarbageCollection.cpp
   manager/ZebDataBlockManager_Groups.cpp
   manager/ZebDataBlockManager_Layout.cpp
-  manager/ZebDataBlockManager_Pressure.cpp
-  manager/ZebDataBlockManager_Residency.cpp
+  manager/ZebDataBlockManager_Loading.cpp
+  manager/ZebDataBlockManager_Pinning.cpp
   manager/ZebDataBlockManager_Statistics.cpp
   manager/ZebDataBlockManager_SubCache.cpp
+  manager/ZebDataBlockManager_WriteQueue.cpp
   manager/ZebMemoryStatus.cpp
   manager/ZebSystemMemory.cpp
   selfcheck/TdxTester.cpp

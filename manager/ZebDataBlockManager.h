@@ -470,9 +470,9 @@ private:
     int evict(quint64 size, quint64 free, bool write);
 
     /// Hands a block that eviction has taken out of the tables to its writer, or leaves it to the
-    /// write in flight. False when it can simply be deleted. The caller holds the delete lock by
-    /// `locker`, which may be given back on the way.
-    bool leaveToWriter(ZebDataHash* hash, ZebDataBlock* block, ZebTdxMutexLocker& locker);
+    /// write in flight. Returns false when the caller can simply delete it. The caller holds the
+    /// delete lock by `locker`, which this may unlock.
+    bool handOffToWriter(ZebDataHash* hash, ZebDataBlock* block, ZebTdxMutexLocker& locker);
 
     /// Has the reader of the root `index` load the block, with the delete lock let go by one level
     /// meanwhile. The block is the caller's; null when it can't be had.
@@ -483,9 +483,15 @@ private:
     ZebDataBlockReadThread* readerOf(int index, const ZebDataHash* hash) const;
     ZebDataBlockWriteThread* writerOf(int index, const ZebDataHash* hash) const;
 
-    /// Queues the write of a resident block that has no file and no write in flight. The caller
-    /// holds the delete lock.
-    void queueWrite(ZebDataHash* hash, ZebDataBlock* block);
+    /// Queues the write of a block, the only place where that happens. Does nothing and returns
+    /// false for a block that has a file or a write in flight, and for one whose hash is ending.
+    /// The caller holds the delete lock by `locker`.
+    ///
+    /// @param deleteBlock whether the block is out of the tables and goes with its request;
+    /// `locker`
+    ///        is then unlocked before the block enters the queue
+    bool queueWrite(ZebDataHash* hash, ZebDataBlock* block, bool deleteBlock,
+                    ZebTdxMutexLocker& locker);
 
     /// The bytes that wait in the queues of all writers.
     qint64 bytesInWriteQueues() const;
@@ -509,6 +515,9 @@ private:
     /// The same for a hash, from its first word and without its text; -1 for a null hash. Fatal
     /// first of all when the store is not set up.
     int cacheIndex(const ZebDataHash* hash);
+
+    /// Ends the process: the root `index` of a hash has no disk threads.
+    [[noreturn]] static void fatalNoThread(int index, const QString& hashText);
 
     /// How many bytes lie behind accessor.data(); 0 for a null accessor. A block may say another
     /// size than it holds.

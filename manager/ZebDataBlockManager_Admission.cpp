@@ -1,4 +1,4 @@
-// How bytes become blocks of the store.
+// How bytes become resident blocks of the store.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -32,6 +32,42 @@ void requireSize(qint64 size)
 }
 
 } // namespace
+
+void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
+{
+    ZebTdxMutexLocker locker(&m_DeleteMutex);
+    requireInitialized();
+    if (block == nullptr)
+        ZebTdxMessage::fatal(QStringLiteral("Null Value Passed For *Me"));
+    if (hash == nullptr)
+        ZebTdxMessage::fatal(QStringLiteral("Null Value Passed For *Ptr"));
+    std::unique_ptr<ZebDataBlock> owned(block);
+    // Here equal bytes become one block.
+    // Kept on purpose: the resident block does not count as used, and a duplicate is dropped
+    // before its size is looked at.
+    if (m_HashToBlockMap.contains(hash))
+        return;
+    if (block->size() > maxDataCacheSize()) {
+        ZebTdxMessage::fatal(
+            QStringLiteral("Requested Block is larger than the maximum allocation size %1 / %2")
+                .arg(block->size())
+                .arg(maxDataCacheSize()));
+    }
+    managePhysicalMemoryUse(static_cast<quint64>(block->size()), true);
+    if (hash == nullptr) {
+        // Kept on purpose: a second guard, which the first one above makes unreachable.
+        ZebTdxMessage::fatal(QStringLiteral("Null Ptr"));
+    }
+    // The entry comes before the sum, as a table that cannot grow must leave nothing half done.
+    m_HashToBlockMap.insert(hash, block);
+    static_cast<void>(owned.release());
+    m_LiveBytes.fetch_add(block->size(), std::memory_order_relaxed);
+    if (hash->isDontCache())
+        return;
+    m_Lru.add(hash);
+    // The disk copy is made now, long before eviction asks for it.
+    queueWrite(hash, block, false, locker);
+}
 
 ZebDataReference ZebDataBlockManager::admit(const ZebSmartPointer<ZebDataHash>& hash,
                                             ZebDataBlock* block)

@@ -5,29 +5,24 @@
 #include "data/ZebConstAccessor.h"
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
+#include "data/ZebGroupHeader.h"
 #include "hash/ZebHashManager.h"
-
-#include <QtEndian>
 
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <optional>
 
 namespace {
 
-constexpr quint64 s_GroupMagic = 1337;
-constexpr int s_HashSizeOffset = 8;
-constexpr int s_CountOffset = 12;
-constexpr int s_HeaderBytes = 16;
-
-// The digests of a group, one behind the other.
+// The digests of a group, one after the other.
 struct GroupDigests
 {
     qint64 m_Count = 0;
     ZebDataHash::Size m_HashSize = ZebDataHash::Hash512;
     const unsigned char* m_First = nullptr;
 
-    // The digest as a hash that nobody has interned. Requires an index below m_Count.
+    // The digest as a hash that is not interned. Requires an index below m_Count.
     ZebDataHash at(qint64 index) const
     {
         // The hash only reads.
@@ -35,22 +30,17 @@ struct GroupDigests
     }
 };
 
-// Kept on purpose: the magic is the only guard, and a block that carries it is taken for a group.
-// What the header tells is held against the bytes that are there, so a damaged group is read to its
-// last whole digest and never beyond. None for a block that is no group.
+// The header bounds the list by the bytes that are there, so a damaged group is read to its last
+// whole digest and never past its end. None for a block that is no group.
 GroupDigests digestsOf(const unsigned char* bytes, qint64 size)
 {
     GroupDigests digests;
-    if (bytes == nullptr || size < s_HeaderBytes ||
-        qFromLittleEndian<quint64>(bytes) != s_GroupMagic)
+    const std::optional<ZebGroupHeader> header = ZebGroupHeader::decode(bytes, size);
+    if (!header || header->m_Digests < 1)
         return digests;
-    const auto hashSize = qFromLittleEndian<qint32>(bytes + s_HashSizeOffset);
-    const auto count = qFromLittleEndian<qint32>(bytes + s_CountOffset);
-    if (hashSize < 1 || count < 1)
-        return digests;
-    digests.m_Count = std::min<qint64>(count, (size - s_HeaderBytes) / hashSize);
-    digests.m_HashSize = static_cast<ZebDataHash::Size>(hashSize);
-    digests.m_First = bytes + s_HeaderBytes;
+    digests.m_Count = header->m_Digests;
+    digests.m_HashSize = static_cast<ZebDataHash::Size>(header->m_DigestBytes);
+    digests.m_First = bytes + ZebGroupHeader::s_Bytes;
     return digests;
 }
 
@@ -64,7 +54,7 @@ qint64 ZebDataBlockManager::storedBytes(const ZebConstAccessor& accessor)
 ZebDataReference ZebDataBlockManager::makeGroupBlock(const QVector<ZebDataReference>& references)
 {
     qint64 hashSize = 0;
-    qint64 total = s_HeaderBytes;
+    qint64 total = ZebGroupHeader::s_Bytes;
     QVector<ZebSmartPointer<ZebDataHash>> members;
     members.reserve(references.size());
     for (const ZebDataReference& reference : references) {
@@ -76,13 +66,12 @@ ZebDataReference ZebDataBlockManager::makeGroupBlock(const QVector<ZebDataRefere
         hashSize = hash.size();
         total += hashSize;
     }
-    unsigned char header[s_HeaderBytes] = {};
-    qToLittleEndian<quint64>(s_GroupMagic, header);
-    qToLittleEndian<qint32>(static_cast<qint32>(hashSize), header + s_HashSizeOffset);
-    qToLittleEndian<qint32>(members.size(), header + s_CountOffset);
+    ZebGroupHeader header;
+    header.m_DigestBytes = static_cast<qint32>(hashSize);
+    header.m_Digests = members.size();
     QByteArray bytes;
     bytes.reserve(static_cast<int>(std::min<qint64>(total, std::numeric_limits<int>::max())));
-    bytes.append(reinterpret_cast<const char*>(header), s_HeaderBytes);
+    bytes.append(reinterpret_cast<const char*>(header.encode().data()), ZebGroupHeader::s_Bytes);
     for (const ZebSmartPointer<ZebDataHash>& hash : qAsConst(members))
         bytes.append(reinterpret_cast<const char*>(hash->data()), hash->size());
     return addBlock(bytes, ZebModifyAccessor::Cached, false);

@@ -3,40 +3,28 @@
 #include "manager/ZebDataBlockManager.h"
 
 #include "hash/ZebDataHash.h"
+#include "io/ZebBlockPlace.h"
 #include "manager/ZebBuildFilename.h"
 #include "support/ZebTdxMessage.h"
 
-namespace {
-
-// The root follows from this many characters at the beginning of the text form.
-constexpr int s_RootCharacters = 4;
-
-// Kept on purpose: a "-" among the characters counts as -1, so a first word of few digits can lead
-// to no root at all. Another rule would orphan every existing file.
-int digitSum(const QChar* characters)
+void ZebDataBlockManager::fatalNoThread(int index, const QString& hashText)
 {
-    int sum = 0;
-    for (int i = s_RootCharacters - 1; i >= 0; --i)
-        sum += characters[i].digitValue();
-    return sum;
+    ZebTdxMessage::fatal(QStringLiteral("Cannot find suitable cache reading thread %1 for %2")
+                             .arg(index)
+                             .arg(hashText));
 }
-
-} // namespace
 
 int ZebDataBlockManager::cacheIndex(const QString& hashText)
 {
     const int roots = m_CacheRoots.size();
     if (roots == 0)
         ZebTdxMessage::fatal(QStringLiteral("Number of cache paths is zero"));
-    if (hashText.size() < s_RootCharacters)
+    if (hashText.size() < ZebBlockPlace::s_RootCharacters)
         ZebTdxMessage::fatal(QStringLiteral("Hash String is too Short %1").arg(hashText));
     requireInitialized();
-    const int index = digitSum(hashText.constData()) % roots;
-    if (index < 0) {
-        ZebTdxMessage::fatal(QStringLiteral("Cannot find suitable cache reading thread %1 for %2")
-                                 .arg(index)
-                                 .arg(hashText));
-    }
+    const int index = ZebBlockPlace::rootOf(hashText.constData(), roots);
+    if (index < 0)
+        fatalNoThread(index, hashText);
     return index;
 }
 
@@ -45,15 +33,16 @@ int ZebDataBlockManager::cacheIndex(const ZebDataHash* hash)
     requireInitialized();
     if (hash == nullptr)
         return -1;
-    QChar leading[s_RootCharacters];
-    const int available = hash->leadingText(leading, s_RootCharacters);
+    constexpr int wanted = ZebBlockPlace::s_RootCharacters;
+    QChar leading[wanted];
+    const int available = hash->leadingText(leading, wanted);
     const int roots = m_CacheRoots.size();
-    if (available == s_RootCharacters && roots > 0) {
-        const int index = digitSum(leading) % roots;
+    if (available == wanted && roots > 0) {
+        const int index = ZebBlockPlace::rootOf(leading, roots);
         if (index >= 0)
             return index;
     }
-    // Only what ends the process is left, and its words need the whole text.
+    // Only a fatal end is left, and its message needs the whole text.
     return cacheIndex(hash->toString());
 }
 

@@ -33,6 +33,21 @@ void printRequests(const char* format, int index, int requests)
 
 } // namespace
 
+qint64 ZebDataBlockManager::liveBlocks() const
+{
+    return m_Lru.count();
+}
+
+qint64 ZebDataBlockManager::liveBytes() const
+{
+    return m_LiveBytes.load(std::memory_order_relaxed);
+}
+
+qint64 ZebDataBlockManager::managedBlocks() const
+{
+    return ZebHashManager::instance().hashCount();
+}
+
 void ZebDataBlockManager::dumpStats()
 {
     const ZebTdxMutexLocker locker(&m_DeleteMutex);

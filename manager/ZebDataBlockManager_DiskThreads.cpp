@@ -1,9 +1,8 @@
-// The store's disk threads: starting and ending them, queueing writes, and waiting for both.
+// The store's disk threads: starting them, finding the one of a root, waiting for them, ending
+// them.
 
 #include "manager/ZebDataBlockManager.h"
 
-#include "data/ZebDataBlock.h"
-#include "data/ZebDataReference.h"
 #include "hash/ZebDataHash.h"
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
@@ -20,13 +19,6 @@ namespace {
 constexpr int s_MaxLowPriorityRequests = 50;
 
 constexpr unsigned long s_FlushPauseMs = 1;
-
-[[noreturn]] void fatalNoThread(int index, const ZebDataHash* hash)
-{
-    ZebTdxMessage::fatal(QStringLiteral("Cannot find suitable cache reading thread %1 for %2")
-                             .arg(index)
-                             .arg(hash->toString()));
-}
 
 } // namespace
 
@@ -45,14 +37,15 @@ void ZebDataBlockManager::startIoThreads(const QString& root, int compressionThr
     auto* const reader =
         new ZebDataBlockReadThread(root, numBuckets(), s_MaxLowPriorityRequests, this);
     auto* const collector = new ZebGarbageCollectorThread(root, numBuckets(), this);
+    // Connected before the thread runs: it emits the signal.
+    connect(writer, &ZebDataBlockWriteThread::writeError, this, &ZebDataBlockManager::writeError,
+            Qt::AutoConnection);
     writer->start(QThread::InheritPriority);
     reader->start(QThread::InheritPriority);
     collector->start(QThread::InheritPriority);
     m_ReadThreads.append(reader);
     m_WriteThreads.append(writer);
     m_GarbageCollectors.append(collector);
-    connect(writer, &ZebDataBlockWriteThread::writeError, this, &ZebDataBlockManager::writeError,
-            Qt::AutoConnection);
 }
 
 void ZebDataBlockManager::stopAllIoThreads()
@@ -92,29 +85,15 @@ void ZebDataBlockManager::stopAllIoThreads()
 ZebDataBlockReadThread* ZebDataBlockManager::readerOf(int index, const ZebDataHash* hash) const
 {
     if (index >= m_ReadThreads.size())
-        fatalNoThread(index, hash);
+        fatalNoThread(index, hash->toString());
     return m_ReadThreads.at(index);
 }
 
 ZebDataBlockWriteThread* ZebDataBlockManager::writerOf(int index, const ZebDataHash* hash) const
 {
     if (index >= m_WriteThreads.size())
-        fatalNoThread(index, hash);
+        fatalNoThread(index, hash->toString());
     return m_WriteThreads.at(index);
-}
-
-void ZebDataBlockManager::queueWrite(ZebDataHash* hash, ZebDataBlock* block)
-{
-    const int index = cacheIndex(hash);
-    if (index == -1 || block->cached() || m_BlocksBeingWritten.contains(block))
-        return;
-    const ZebSmartPointer<ZebDataHash> held = hash->holdUnlessEnding();
-    // Nobody can ask for the block of an ending hash again.
-    if (held.isNull())
-        return;
-    ZebDataBlockWriteThread* const writer = writerOf(index, hash);
-    m_BlocksBeingWritten.insert(block);
-    writer->writeBlock(PreloadNormal, held, block, false);
 }
 
 void ZebDataBlockManager::flush(bool writeUnwritten, ThreadType threads)
@@ -135,13 +114,13 @@ void ZebDataBlockManager::flush(bool writeUnwritten, ThreadType threads)
     waitForThreads();
     if (writeUnwritten) {
         {
-            const ZebTdxMutexLocker locker(&m_DeleteMutex);
+            ZebTdxMutexLocker locker(&m_DeleteMutex);
             for (auto entry = m_HashToBlockMap.constBegin(); entry != m_HashToBlockMap.constEnd();
                  ++entry) {
                 if (entry.key() == nullptr)
                     ZebTdxMessage::fatal(QStringLiteral("Null Value in Hash to Block Map"));
                 if (!entry.key()->isDontCache())
-                    queueWrite(entry.key(), entry.value());
+                    queueWrite(entry.key(), entry.value(), false, locker);
             }
         }
         waitForThreads();
@@ -149,45 +128,7 @@ void ZebDataBlockManager::flush(bool writeUnwritten, ThreadType threads)
     QThread::msleep(s_FlushPauseMs);
 }
 
-void ZebDataBlockManager::flushWrite(const ZebSmartPointer<ZebDataHash>& hash)
-{
-    requireInitialized();
-    for (ZebDataBlockWriteThread* const writer : qAsConst(m_WriteThreads))
-        writer->flush(hash);
-}
-
-bool ZebDataBlockManager::isBlockBeingWritten(const ZebDataReference& reference)
-{
-    const ZebSmartPointer<ZebDataHash> hash = reference.hashPtr();
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
-    ZebDataBlock* const block = m_HashToBlockMap.value(hash.data(), nullptr);
-    return block != nullptr && m_BlocksBeingWritten.contains(block);
-}
-
-bool ZebDataBlockManager::isWriteThreadsFull()
-{
-    return bytesInWriteQueues() >= m_MaxWritePendingDataCacheSize.load(std::memory_order_relaxed);
-}
-
 int ZebDataBlockManager::getWriteThreadCount() const
 {
     return m_WriteThreads.size();
-}
-
-bool ZebDataBlockManager::needsFreeingAfterWriting(ZebDataBlock* block)
-{
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
-    return m_BlocksToFreeAfterWriting.contains(block);
-}
-
-void ZebDataBlockManager::flagFreeingBlockFinishedAfterWriting(ZebDataBlock* block)
-{
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
-    m_BlocksToFreeAfterWriting.remove(block);
-}
-
-void ZebDataBlockManager::flagWritingBlockFinished(ZebDataBlock* block)
-{
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
-    m_BlocksBeingWritten.remove(block);
 }

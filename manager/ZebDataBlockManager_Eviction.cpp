@@ -1,16 +1,16 @@
-// How blocks leave memory: the two limits, eviction, and the host's levers.
+// How blocks are evicted: the two limits, the order of eviction, and the host's calls that evict.
 
 #include "manager/ZebDataBlockManager.h"
 
 #include "data/ZebDataBlock.h"
 #include "hash/ZebDataHash.h"
-#include "io/ZebDataBlockWriteThread.h"
 #include "manager/ZebSystemMemory.h"
 #include "support/ZebTdxMessage.h"
 
 #include <QReadLocker>
-#include <QThread>
 #include <QWriteLocker>
+
+#include <atomic>
 
 namespace {
 
@@ -22,7 +22,7 @@ constexpr qint32 s_MeasureInterval = 134217728;
 // A sum from which the very next request, of one byte or more, crosses a multiple of the interval.
 constexpr qint32 s_MeasureNext = s_MeasureInterval - 1;
 
-// Eviction goes on down to this share of the limit, so that it does not run on every admission.
+// Eviction continues down to this share of the limit.
 constexpr double s_EvictionShare = 0.9;
 
 // The host's flag falls when more than this many blocks could be evicted.
@@ -30,24 +30,30 @@ constexpr int s_FlushedFlagBlocks = 16;
 
 constexpr quint64 s_FlushMemoryBytes = 536870912;
 constexpr quint64 s_HelpMeOutBytes = 1099511627776;
-constexpr unsigned long s_BrakeMs = 1000;
 
-// The running sum of all bytes requested, in its low 32 bits; it wraps freely.
+// State of the process, not of the store: it survives cleanUp(), so a store that is set up again
+// goes on with the sum and the measure of the one before. Relaxed atomics, written by any thread
+// that admits a block; a stale value costs one measure more or less.
+namespace ProcessWide {
+
+// The sum of all bytes requested, in its low 32 bits; it wraps around.
 std::atomic<qint32> s_RequestedBytes{0};
 
-// The last measure of free physical memory, taken at first use.
+// The last measure of free physical memory in bytes, taken at first use.
 std::atomic<quint64>& freePhysicalMemory()
 {
-    static std::atomic<quint64> s_FreePhysicalMemory{
-        static_cast<quint64>(ZebGetFreePhysicalMemoryBytes())};
-    return s_FreePhysicalMemory;
+    static std::atomic<quint64> measured{static_cast<quint64>(ZebGetFreePhysicalMemoryBytes())};
+    return measured;
 }
 
-// Counts a request. Returns whether it is one to measure free memory for.
+} // namespace ProcessWide
+
+// Counts a request. Returns whether free memory must be measured for it.
 bool countRequest(quint64 size)
 {
     const auto low = static_cast<quint32>(size);
-    const qint32 before = s_RequestedBytes.fetch_add(static_cast<qint32>(low), s_Relaxed);
+    const qint32 before =
+        ProcessWide::s_RequestedBytes.fetch_add(static_cast<qint32>(low), s_Relaxed);
     const auto after = static_cast<qint32>(static_cast<quint32>(before) + low);
     return size >= static_cast<quint64>(s_MeasureInterval) ||
            before / s_MeasureInterval != after / s_MeasureInterval;
@@ -57,7 +63,7 @@ bool countRequest(quint64 size)
 
 bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
 {
-    std::atomic<quint64>& measured = freePhysicalMemory();
+    std::atomic<quint64>& measured = ProcessWide::freePhysicalMemory();
     const bool measure = countRequest(size);
     const auto target = static_cast<quint64>(targetFreeMemorySize());
     if (!measure &&
@@ -75,7 +81,7 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
         measured.store(static_cast<quint64>(ZebGetFreePhysicalMemoryBytes()), s_Relaxed);
     const int freed = evict(size, measured.load(s_Relaxed), write);
     if (freed > 0) {
-        s_RequestedBytes.store(s_MeasureNext, s_Relaxed);
+        ProcessWide::s_RequestedBytes.store(s_MeasureNext, s_Relaxed);
         if (write && m_Lru.count() == 0)
             setAllFreeBlocksFlushed(true);
         return true;
@@ -103,7 +109,8 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
         if (hash == nullptr)
             return freed;
         if (!hash->tryLock()) {
-            // Somebody takes or releases a reference on it at this moment; eviction does not wait.
+            // Another thread takes or releases a reference on it at this moment; eviction does not
+            // wait.
             m_Lru.touch(hash);
             continue;
         }
@@ -112,7 +119,7 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
             m_Lru.remove(hash);
         }
         freeBlock(hash, write, true);
-        // The estimate is corrected by what went; only a measure makes it right again.
+        // Corrected by what was evicted; only the next measure makes it right again.
         free += static_cast<quint64>(liveBefore - liveBytes());
         ++freed;
     }
@@ -145,38 +152,16 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
     m_BlocksFreedCount.fetch_add(1, s_Relaxed);
     if (hashLocked)
         hash->unlock();
-    if (write && !hash->isDontCache() && leaveToWriter(hash, block, locker))
+    if (write && !hash->isDontCache() && handOffToWriter(hash, block, locker))
         return;
     locker.unlock();
     delete block;
 }
 
-bool ZebDataBlockManager::leaveToWriter(ZebDataHash* hash, ZebDataBlock* block,
-                                        ZebTdxMutexLocker& locker)
-{
-    const int index = cacheIndex(hash);
-    const bool isBeingWritten = m_BlocksBeingWritten.contains(block);
-    if (index != -1 && !block->cached() && !isBeingWritten) {
-        const ZebSmartPointer<ZebDataHash> held = hash->holdUnlessEnding();
-        // Nobody can ask for the block of an ending hash again.
-        if (held.isNull())
-            return false;
-        ZebDataBlockWriteThread* const writer = writerOf(index, hash);
-        m_BlocksBeingWritten.insert(block);
-        locker.unlock();
-        writer->writeBlock(PreloadNormal, held, block, true);
-        return true;
-    }
-    if (!isBeingWritten)
-        return false;
-    m_BlocksToFreeAfterWriting.insert(block);
-    return true;
-}
-
 bool ZebDataBlockManager::flushMemory(bool force)
 {
     if (force)
-        s_RequestedBytes.store(s_MeasureNext, s_Relaxed);
+        ProcessWide::s_RequestedBytes.store(s_MeasureNext, s_Relaxed);
     return managePhysicalMemoryUse(s_FlushMemoryBytes, true);
 }
 
@@ -199,27 +184,4 @@ void ZebDataBlockManager::freeAllBlocks()
         m_Lru.clear();
     }
     flush(false, AllThreads);
-}
-
-qint64 ZebDataBlockManager::bytesInWriteQueues() const
-{
-    qint64 sum = 0;
-    for (const ZebDataBlockWriteThread* const writer : m_WriteThreads)
-        sum += writer->bytesInQueue();
-    return sum;
-}
-
-void ZebDataBlockManager::processIO()
-{
-    for (;;) {
-        const qint64 queued = bytesInWriteQueues();
-        const qint64 limit = m_MaxWritePendingDataCacheSize.load(s_Relaxed);
-        if (queued < limit)
-            return;
-        ZebTdxMessage::debug(QString::asprintf(
-            "ZebDataBlockManager::processIO: Excessive data in the queue: %lld bytes (max = "
-            "%lld): sleeping calling thread...",
-            static_cast<long long>(queued), static_cast<long long>(limit)));
-        QThread::msleep(s_BrakeMs);
-    }
 }

@@ -1,0 +1,99 @@
+// How a block that an accessor or a preload asks for is found in memory or fetched from disk.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "data/ZebDataBlock.h"
+#include "data/ZebDataReference.h"
+#include "hash/ZebHashManager.h"
+#include "io/ZebDataBlockReadThread.h"
+#include "support/ZebTdxMessage.h"
+
+#include <QFuture>
+
+namespace {
+
+constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
+
+} // namespace
+
+ZebDataBlock* ZebDataBlockManager::getDataBlock(ZebDataHash* hash)
+{
+    requireInitialized();
+    if (hash == nullptr)
+        return nullptr;
+    if (!m_HashToBlockMap.contains(hash)) {
+        const int index = cacheIndex(hash);
+        if (index != -1) {
+            const ZebSmartPointer<ZebDataHash> held(hash);
+            ZebDataBlock* const loaded = loadWithDeletesOpen(held, index);
+            if (loaded == nullptr)
+                return nullptr;
+            // Of two threads that have loaded one block at once, the second drops its copy here.
+            makeBlockLive(hash, loaded);
+        }
+    }
+    return m_HashToBlockMap.value(hash, nullptr);
+}
+
+ZebDataBlock* ZebDataBlockManager::loadWithDeletesOpen(const ZebSmartPointer<ZebDataHash>& hash,
+                                                       int index)
+{
+    // One level is let go, so that writers, eviction and other readers can go on meanwhile. That
+    // truly opens the lock, since every caller holds it once; it is held again on every way out.
+    struct Opening
+    {
+        explicit Opening(ZebTdxMutex& mutex) : m_Mutex(mutex) { m_Mutex.unlock(); }
+        ~Opening() { m_Mutex.lock(); }
+        Opening(const Opening&) = delete;
+        Opening& operator=(const Opening&) = delete;
+        ZebTdxMutex& m_Mutex;
+    };
+    ZebDataBlockReadThread* const reader = readerOf(index, hash.data());
+    const Opening opening(m_DeleteMutex);
+    QFuture<ZebDataBlock*> future = reader->loadBlock(hash, false);
+    future.waitForFinished();
+    return future.resultCount() == 0 ? nullptr : future.result();
+}
+
+qint64 ZebDataBlockManager::blockSize(ZebDataHash* hash)
+{
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebDataBlock* const block = getDataBlock(hash);
+    return block == nullptr ? 0 : block->size();
+}
+
+void ZebDataBlockManager::preloadData(const ZebDataReference& reference, PreloadPriority priority)
+{
+    if (reference.isNull())
+        return;
+    // Before any lock, as the job itself needs the delete lock.
+    reference.checkAndWaitJob();
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    requireInitialized();
+    ZebDataHash* const hash = reference.m_DataHash.data();
+    if (m_HashToBlockMap.contains(hash)) {
+        blockUsed(hash);
+        return;
+    }
+    const int index = cacheIndex(hash);
+    if (index == -1)
+        ZebTdxMessage::fatal(QStringLiteral("Invalid Cache Bucket"));
+    readerOf(index, hash)->request(hash, priority);
+}
+
+void ZebDataBlockManager::setRequestPromotionEnabled(bool enabled)
+{
+    if (enabled == requestPromotionEnabled())
+        return;
+    ZebTdxMessage::debug(QString::asprintf("ZebTDx Setting Request Promotion Enabled to %s %d",
+                                           enabled ? "TRUE" : "FALSE", enabled ? 1 : 0));
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    for (ZebDataBlockReadThread* const reader : qAsConst(m_ReadThreads))
+        reader->setRequestPromotionEnabled(enabled);
+    m_RequestPromotionEnabled.store(enabled, s_Relaxed);
+}
+
+bool ZebDataBlockManager::requestPromotionEnabled() const
+{
+    return m_RequestPromotionEnabled.load(s_Relaxed);
+}

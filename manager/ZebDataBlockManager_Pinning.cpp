@@ -1,0 +1,76 @@
+// What keeps a resident block in memory: accessors pin it, and use makes it younger.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "hash/ZebDataHash.h"
+#include "support/ZebTdxMessage.h"
+
+#include <QWriteLocker>
+
+namespace {
+
+qulonglong addressOf(const ZebDataHash* hash)
+{
+    return static_cast<qulonglong>(reinterpret_cast<quintptr>(hash));
+}
+
+} // namespace
+
+void ZebDataBlockManager::lockBlock(ZebDataHash* hash)
+{
+    if (hash->isDontCache())
+        return;
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    requireInitialized();
+    if (!m_Lru.contains(hash)) {
+        ZebTdxMessage::fatal(
+            QStringLiteral("Hash %1 is Not Contained in the LRU").arg(addressOf(hash)));
+    }
+    const QWriteLocker lruLocker(&m_Lru.lock());
+    m_Lru.remove(hash);
+}
+
+void ZebDataBlockManager::unlockBlock(ZebDataHash* hash)
+{
+    if (hash->isDontCache())
+        return;
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    requireInitialized();
+    if (m_Lru.contains(hash)) {
+        ZebTdxMessage::fatal(
+            QStringLiteral("Lock Block %1 already contained in LRU").arg(addressOf(hash)));
+    }
+    m_Lru.add(hash);
+    // There is something to free again.
+    setAllFreeBlocksFlushed(false);
+}
+
+void ZebDataBlockManager::blockUsed(ZebDataHash* hash)
+{
+    if (hash->isDontCache())
+        return;
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    requireInitialized();
+    if (m_Lru.contains(hash))
+        m_Lru.touch(hash);
+}
+
+bool ZebDataBlockManager::blockIsLocked(ZebDataHash* hash)
+{
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    return !m_Lru.contains(hash);
+}
+
+bool ZebDataBlockManager::isInMemory(ZebDataHash* hash)
+{
+    if (hash == nullptr)
+        return true;
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    requireInitialized();
+    if (!m_HashToBlockMap.contains(hash))
+        return false;
+    // Kept on purpose: asking counts as using, so a host that polls a block keeps it young.
+    if (!blockIsLocked(hash))
+        blockUsed(hash);
+    return true;
+}

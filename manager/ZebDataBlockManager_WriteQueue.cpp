@@ -1,0 +1,111 @@
+// How a block gets into a writer's queue, what the manager knows about writes in flight, and the
+// host's brake.
+
+#include "manager/ZebDataBlockManager.h"
+
+#include "data/ZebDataBlock.h"
+#include "data/ZebDataReference.h"
+#include "hash/ZebDataHash.h"
+#include "io/ZebDataBlockWriteThread.h"
+#include "support/ZebTdxMessage.h"
+
+#include <QThread>
+
+namespace {
+
+constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
+
+constexpr unsigned long s_BrakeMs = 1000;
+
+} // namespace
+
+bool ZebDataBlockManager::queueWrite(ZebDataHash* hash, ZebDataBlock* block, bool deleteBlock,
+                                     ZebTdxMutexLocker& locker)
+{
+    const int index = cacheIndex(hash);
+    if (index == -1 || block->cached() || m_BlocksBeingWritten.contains(block))
+        return false;
+    const ZebSmartPointer<ZebDataHash> held = hash->holdUnlessEnding();
+    // No caller can ask for the block of an ending hash again.
+    if (held.isNull())
+        return false;
+    ZebDataBlockWriteThread* const writer = writerOf(index, hash);
+    m_BlocksBeingWritten.insert(block);
+    // A block that goes with its request is out of the tables already, so nothing else needs the
+    // lock.
+    if (deleteBlock)
+        locker.unlock();
+    writer->writeBlock(PreloadNormal, held, block, deleteBlock);
+    return true;
+}
+
+bool ZebDataBlockManager::handOffToWriter(ZebDataHash* hash, ZebDataBlock* block,
+                                          ZebTdxMutexLocker& locker)
+{
+    if (m_BlocksBeingWritten.contains(block)) {
+        m_BlocksToFreeAfterWriting.insert(block);
+        return true;
+    }
+    return queueWrite(hash, block, true, locker);
+}
+
+void ZebDataBlockManager::flushWrite(const ZebSmartPointer<ZebDataHash>& hash)
+{
+    requireInitialized();
+    for (ZebDataBlockWriteThread* const writer : qAsConst(m_WriteThreads))
+        writer->flush(hash);
+}
+
+bool ZebDataBlockManager::isBlockBeingWritten(const ZebDataReference& reference)
+{
+    const ZebSmartPointer<ZebDataHash> hash = reference.hashPtr();
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    ZebDataBlock* const block = m_HashToBlockMap.value(hash.data(), nullptr);
+    return block != nullptr && m_BlocksBeingWritten.contains(block);
+}
+
+bool ZebDataBlockManager::isWriteThreadsFull()
+{
+    return bytesInWriteQueues() >= m_MaxWritePendingDataCacheSize.load(std::memory_order_relaxed);
+}
+
+qint64 ZebDataBlockManager::bytesInWriteQueues() const
+{
+    qint64 sum = 0;
+    for (const ZebDataBlockWriteThread* const writer : m_WriteThreads)
+        sum += writer->bytesInQueue();
+    return sum;
+}
+
+void ZebDataBlockManager::processIO()
+{
+    for (;;) {
+        const qint64 queued = bytesInWriteQueues();
+        const qint64 limit = m_MaxWritePendingDataCacheSize.load(s_Relaxed);
+        if (queued < limit)
+            return;
+        ZebTdxMessage::debug(QString::asprintf(
+            "ZebDataBlockManager::processIO: Excessive data in the queue: %lld bytes (max = "
+            "%lld): sleeping calling thread...",
+            static_cast<long long>(queued), static_cast<long long>(limit)));
+        QThread::msleep(s_BrakeMs);
+    }
+}
+
+bool ZebDataBlockManager::needsFreeingAfterWriting(ZebDataBlock* block)
+{
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    return m_BlocksToFreeAfterWriting.contains(block);
+}
+
+void ZebDataBlockManager::flagFreeingBlockFinishedAfterWriting(ZebDataBlock* block)
+{
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    m_BlocksToFreeAfterWriting.remove(block);
+}
+
+void ZebDataBlockManager::flagWritingBlockFinished(ZebDataBlock* block)
+{
+    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    m_BlocksBeingWritten.remove(block);
+}
