@@ -1,38 +1,56 @@
 #!/usr/bin/env python3
-"""Checks what the formatter cannot: the limits, the direction of includes, the shape of headers.
+"""Checks what the formatter cannot: limits, the direction of includes, the shape of headers, words.
 
-    check_style.py ROOT         checks the tree at ROOT
-    check_style.py --self-test  checks the checks, on snippets that must pass and must not
+    check_style.py ROOT              checks the tree at ROOT
+    check_style.py ROOT FOLDER...    prints only the findings in these folders
+    check_style.py --self-test       checks the checks, on snippets that must pass and must not
 
 Prints "file:line: message" for each finding. Exit status: 0 nothing found, 1 something found,
-2 wrong use. The standard library of Python 3 is all it needs.
+2 wrong use. Needs only the standard library of Python 3.
 """
 
 import re
 import sys
 from pathlib import Path
 
+# Set before the imports from this folder: they leave no cached module in the tree.
+sys.dont_write_bytecode = True
+import plain_english  # noqa: E402
+
 MAX_COLUMNS = 100
 MAX_FILE_LINES = 600
 MAX_FUNCTION_LINES = 70
 
-# What the headers of a subsystem may include, besides headers of their own subsystem. Sources are
-# free: a .cpp may reach upward.
+# The folders that a folder may include from, besides itself: for headers and for sources.
 ALLOWED_INCLUDES = {
     "support": (),
     "hash": ("support",),
     "data": ("support", "hash"),
     "io": ("support", "hash", "data"),
-    # The manager deals in references and accessors, so it is settled that its headers include
-    # those of data, hash and support. It stands above io as well.
+    # The manager hands out references and accessors, and owns the disk threads.
     "manager": ("support", "hash", "data", "io"),
     "selfcheck": ("support", "hash", "data", "io", "manager"),
 }
 
-# Single includes that go upward, each with its reason.
+# Includes that go upward, each with its reason: the whole list, for headers and sources.
+# docs/ARCHITECTURE.md, "One component", explains why there are any.
+MANAGER = "manager/ZebDataBlockManager.h"
+LAST_RELEASE = "the last release of a hash frees its block, which the manager owns"
+RESIDENCY = "the manager owns what is resident, and pins it for accessors and references"
+ADMISSION = "finished bytes become a block of the store"
+DISK_THREADS = "a disk thread reports to the store that owns it"
 UPWARD_INCLUDES = {
-    ("data/ZebDataReference.h", "manager/ZebDataBlockManager.h"):
+    ("data/ZebDataReference.h", MANAGER):
         "preload() takes an enumeration that is nested in the manager",
+    ("support/ZebDataDeleteLocker.cpp", MANAGER): "the delete lock is a member of the manager",
+    ("hash/ZebDataHash.cpp", MANAGER): LAST_RELEASE,
+    ("data/ZebConstAccessor.cpp", MANAGER): RESIDENCY,
+    ("data/ZebDataBlock.cpp", MANAGER): "a block may not be larger than the store's memory limit",
+    ("data/ZebHashingJob.cpp", MANAGER): ADMISSION,
+    ("data/ZebModifyAccessor.cpp", MANAGER): ADMISSION,
+    ("io/ZebBlockFilePath.cpp", "manager/ZebBuildFilename.h"):
+        "the place of a block's file is part of the manager's public interface",
+    ("io/ZebDataBlockWriteRequest.cpp", MANAGER): DISK_THREADS,
 }
 
 # Headers that are not named after one declaration, each with its reason.
@@ -42,9 +60,10 @@ FREE_HEADER_NAMES = {
 
 # Files that may name a project header without its folder, each with its reason.
 SHORT_INCLUDES = {
-    "tests/package/main.cpp": "a host may write either form, and this one proves it",
+    "tests/package/main.cpp": "a host may write either form, and this file tests both",
 }
 
+THIS_FILE = "scripts/check_style.py"
 SUBSYSTEMS = tuple(ALLOWED_INCLUDES)
 CODE_FOLDERS = SUBSYSTEMS + ("tools", "tests", "bench", "examples")
 TEXT_FOLDERS = CODE_FOLDERS + (".ci", ".github", "cmake", "docs", "scripts")
@@ -53,26 +72,20 @@ CODE_SUFFIXES = (".h", ".cpp")
 # Made by the build, so no walk over the tree finds them.
 GENERATED_HEADERS = {"ZebTdxExport.h": "support", "ZebTdxVersion.h": "support"}
 
-# What no text file of the tree says. The one place for such rules: (pattern, message).
-# The patterns are written so that they do not find themselves.
+# Paths of one machine, which no text file contains: (pattern, message). The patterns are written so
+# that they do not find themselves.
 FORBIDDEN_TEXT = (
-    (re.compile(r"(?<![\w.})-])/(?:home|Users)/[A-Za-z0-9_]"), "a path into somebody's home"),
+    (re.compile(r"(?<![\w.})-])/(?:home|Users)/[A-Za-z0-9_]"), "a path into a user's home"),
     (re.compile(r"(?<![\w.})-])/roo[t]/"), "a path into root's home"),
-    (re.compile(r"(?<![\w.})-])/tm[p]/b\w*"), "a path of somebody's build directory"),
-    (re.compile(r"(?<![\w.})-])/(?:wor[k](?:space)?|build[s])/"), "a path of somebody's checkout"),
+    (re.compile(r"(?<![\w.})-])/tm[p]/b\w*"), "a path of a build directory"),
+    (re.compile(r"(?<![\w.})-])/(?:wor[k](?:space)?|build[s])/"), "a path of a checkout"),
 )
+
+# Folders whose phrases are checked even when no folder is named.
+PHRASE_FOLDERS = (".ci",)
 
 LEFT_OVER_NOTE = re.compile(r"\b(TO" r"DO|FIX" r"ME|XX" r"X|HA" r"CK)\b")
 WAIVER = re.compile(r"^\s*// style: long function(?:, (?P<reason>\S.*))?$")
-
-COMMENT_OR_TEXT = re.compile(
-    r'//(?:[^\n\\]|\\.)*'
-    r'|/\*.*?\*/'
-    r'|R"(?P<mark>[^()\\\s]{0,16})\(.*?\)(?P=mark)"'
-    r'|"(?:\\.|[^"\\\n])*"'
-    r"|(?<![0-9a-fA-F])'(?:\\.|[^'\\\n])*'",
-    re.S)
-
 
 def blank(match):
     """Spaces in place of a comment or of what stands between quotes; line breaks stay."""
@@ -98,7 +111,7 @@ class File:
         self.is_code = self.folder in CODE_FOLDERS and path.endswith(CODE_SUFFIXES)
         self.is_header = self.is_code and path.endswith(".h")
         self.is_library_header = self.is_header and self.folder in SUBSYSTEMS
-        self.code = COMMENT_OR_TEXT.sub(blank, text) if self.is_code else ""
+        self.code = plain_english.COMMENT_OR_TEXT.sub(blank, text) if self.is_code else ""
         self.code_lines = self.code.split("\n")
 
     def includes(self):
@@ -320,17 +333,23 @@ def check_include_form(file, tree):
             yield number, f'written as "{folder}/{path.split("/")[-1]}"'
 
 
-def check_direction(file, tree):
-    if not file.is_library_header:
+def upward_includes(file, tree):
+    """(line, path, folder) of each include of a folder that stands above the file's own."""
+    if not file.is_code or file.folder not in SUBSYSTEMS:
         return
     for number, _delimiter, path in file.includes():
         folder = tree.header_folders.get(path.split("/")[-1])
         if folder is None or path.split("/")[0] not in (folder, path):
             continue
-        if folder == file.folder or folder in ALLOWED_INCLUDES[file.folder]:
-            continue
+        if folder != file.folder and folder not in ALLOWED_INCLUDES[file.folder]:
+            yield number, path, folder
+
+
+def check_direction(file, tree):
+    for number, path, folder in upward_includes(file, tree):
         if (file.path, path) not in UPWARD_INCLUDES:
-            yield number, f"{file.folder} stands below {folder}: its headers do not include {path}"
+            yield number, (f"{file.folder} stands below {folder} and does not include {path};"
+                           " exceptions, each with a reason, are in UPWARD_INCLUDES")
 
 
 def reaches(tree, start, goal):
@@ -388,6 +407,10 @@ def check_doc_comments(file, _tree):
             yield number, "no doc comment (///) above"
 
 
+def check_phrases(file, _tree):
+    return plain_english.findings(file)
+
+
 def check_wording(file, _tree):
     for number, line in enumerate(file.lines, 1):
         for pattern, message in FORBIDDEN_TEXT:
@@ -408,18 +431,38 @@ CODE_RULES = {
     "header name": check_header_name,
     "doc comments": check_doc_comments,
 }
-TEXT_RULES = {"wording": check_wording}
+TEXT_RULES = {"wording": check_wording, "phrases": check_phrases}
 
 
-def findings(tree):
+def stale_exceptions(tree):
+    """The entries of the lists of exceptions that the tree does not need any more."""
+    for path, include in UPWARD_INCLUDES:
+        file = tree.files.get(path)
+        if file is None or include not in [found for _, found, _ in upward_includes(file, tree)]:
+            yield f"UPWARD_INCLUDES: {path} does not include {include}"
+    for path in FREE_HEADER_NAMES:
+        if path not in tree.files:
+            yield f"FREE_HEADER_NAMES: there is no {path}"
+    for path in SHORT_INCLUDES:
+        if path not in tree.files:
+            yield f"SHORT_INCLUDES: there is no {path}"
+    yield from plain_english.stale_exceptions(tree.files)
+
+
+def findings(tree, folders=()):
     for path in sorted(tree.files):
         file = tree.files[path]
         rules = list(TEXT_RULES.values())
+        if file.folder not in PHRASE_FOLDERS + tuple(folders):
+            rules.remove(check_phrases)
         if file.is_code:
             rules += CODE_RULES.values()
         for rule in rules:
             for line, message in rule(file, tree):
                 yield path, line, message
+    if THIS_FILE in tree.files:
+        for message in stale_exceptions(tree):
+            yield THIS_FILE, 1, f"stale exception in {message}"
 
 
 def is_skipped(folder):
@@ -429,7 +472,8 @@ def is_skipped(folder):
 def read_tree(root):
     """The text files of the known folders and of the root itself; build directories are left out.
     A file with a zero byte is no text."""
-    paths = [path for path in root.iterdir() if path.is_file()]
+    # In a second worktree, .git is a file with a path in it.
+    paths = [path for path in root.iterdir() if path.is_file() and path.name != ".git"]
     waiting = [root / folder for folder in TEXT_FOLDERS if (root / folder).is_dir()]
     while waiting:
         for path in waiting.pop().iterdir():
@@ -448,13 +492,15 @@ def read_tree(root):
     return Tree(files)
 
 
-def check(root, output):
+def check(root, output, folders=()):
     tree = read_tree(root)
     if not any(file.is_code for file in tree.files.values()):
         print(f"{root}: no code there, so nothing is checked", file=output)
         return 2
     count = 0
-    for path, line, message in findings(tree):
+    for path, line, message in findings(tree, folders):
+        if folders and not any(f"{path}/".startswith(f"{folder}/") for folder in folders):
+            continue
         print(f"{path}:{line}: {message}", file=output)
         count += 1
     return 1 if count else 0
@@ -462,14 +508,13 @@ def check(root, output):
 
 def main(arguments):
     if arguments == ["--self-test"]:
-        # No cache of it is to be left in the tree.
-        sys.dont_write_bytecode = True
         import check_style_self_test
         return check_style_self_test.run()
-    if len(arguments) != 1 or arguments[0].startswith("-"):
+    if not arguments or any(argument.startswith("-") for argument in arguments):
         print(__doc__, file=sys.stderr)
         return 2
-    return check(Path(arguments[0]), sys.stdout)
+    folders = [argument.rstrip("/") for argument in arguments[1:]]
+    return check(Path(arguments[0]), sys.stdout, folders)
 
 
 if __name__ == "__main__":

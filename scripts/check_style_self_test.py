@@ -50,7 +50,9 @@ def cases():
 
     yield "direction", "data/ZebX.h", '#include "hash/ZebH.h"\n#include "data/ZebB.h"\n', []
     yield "direction", "manager/ZebX.h", '#include "data/ZebB.h"\n', []
-    yield "direction", code, '#include "manager/ZebDataBlockManager.h"\n', []
+    yield "direction", code, '#include "manager/ZebDataBlockManager.h"\n', [1]
+    yield "direction", "data/ZebDataBlock.cpp", '#include "manager/ZebDataBlockManager.h"\n', []
+    yield "direction", "tools/main.cpp", '#include "manager/ZebDataBlockManager.h"\n', []
     yield "direction", "hash/ZebX.h", '\n#include "data/ZebB.h"\n', [2]
     yield "direction", "support/ZebX.h", '#include "hash/ZebH.h"\n', [1]
     yield "direction", "support/ZebX.h", "#include <ZebH.h>\n", [1]
@@ -85,6 +87,25 @@ def cases():
     for path in ("/home" "/ann/x", "/root" "/x", "/tmp" "/bann/lib", "/work" "/x", "/builds" "/x"):
         yield "wording", "docs/A.md", f"\nbuilt in {path} once\n", [2]
         yield "wording", "cmake/A.cmake", f'set(A "{path}")\n', [1]
+
+
+    yield from phrase_cases()
+
+
+def phrase_cases():
+    rule = "phrases"
+    yield rule, "docs/A.md", "The host tells\nit apart. A\nstump.\n", [1, 3]
+    yield rule, "docs/A.md", "Words that quote `somebody` and\n```\na stump\n```\n", []
+    yield rule, "docs/A.md", "It is tried\nagain, but retried once.\n", [1]
+    yield rule, "docs/A.md", "Contents are uninitialized. A stumpy pencil.\n", []
+    yield rule, "docs/A.md", "Two equal\ncontents.\n", [1]
+    yield rule, "scripts/a.sh", "# Nobody\necho 'for ever'\n", [1, 2]
+    yield rule, "data/ZebX.cpp", "int a; // Cannot be\n       // had.\n", [1]
+    yield rule, "data/ZebX.cpp", 'f("a stump"); int stump = 1;\n', []
+    yield rule, "tools/main.cpp", 'f("a stump"); int stump = 1;\n', [1]
+    yield rule, "tests/data/XTest.cpp", "\nTEST(A, TellsOfAStump)\n{\n}\n", [2, 2]
+    yield rule, "tests/data/XTest.cpp", "TEST(A, RepairsATruncatedFile)\n{\n}\n", []
+    yield rule, "scripts/plain_english.py", "somebody\n", []
 
 
 def function_cases(code):
@@ -145,8 +166,8 @@ def self_test_of_rules(fail):
     for rule, path, text, expected in cases():
         files = [check_style.File(*pair) for pair in {**SURROUNDINGS, path: text}.items()]
         tree = check_style.Tree(files)
-        found = [line for line, _ in rules[rule](tree.files[path], tree)]
-        if found != expected:
+        found = sorted(line for line, _ in rules[rule](tree.files[path], tree))
+        if found != sorted(expected):
             fail(f"{rule}: findings in lines {found}, expected {expected}, in {path}:"
                  f" {text[:80]!r}")
         (refused if expected else passing).add(rule)
@@ -177,8 +198,24 @@ def self_test_of_program(fail):
             fail(f"exit status {result} and {printed!r}, expected {status} for {list(files)}")
 
 
+def self_test_of_stale_exceptions(fail):
+    """An entry counts as stale when its file is gone, and when the file does not need it."""
+    header = "manager/ZebDataBlockManager.h"
+    needed = ("data/ZebDataBlock.cpp", f'#include "{header}"\n')
+    for text, is_stale in ((needed[1], False), ("", True)):
+        files = {**SURROUNDINGS, needed[0]: text}
+        tree = check_style.Tree([check_style.File(*pair) for pair in files.items()])
+        found = list(check_style.stale_exceptions(tree))
+        entry = f"UPWARD_INCLUDES: {needed[0]} does not include {header}"
+        if (entry in found) != is_stale:
+            fail(f"stale exceptions: {entry!r} in {found}, expected {is_stale}")
+        if not any("ZebSystemMemory.h" in message for message in found):
+            fail("stale exceptions: a file that is gone is not reported")
+
+
 def run():
     failures = []
+    self_test_of_stale_exceptions(failures.append)
     self_test_of_rules(failures.append)
     self_test_of_program(failures.append)
     for failure in failures:
