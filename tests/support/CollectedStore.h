@@ -5,8 +5,8 @@
 #include "io/ZebGarbageCollectorThread.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
+#include "support/CollectorInside.h"
 #include "support/FakeMemory.h"
-#include "support/PrivateAccess.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
@@ -24,40 +24,29 @@
 
 #include <atomic>
 
-using StoreCollectorsMember = QVector<ZebGarbageCollectorThread*> ZebDataBlockManager::*;
-
-ZEBTDX_ACCESS(StoreCollectorsTag, ZebDataBlockManager, StoreCollectorsMember, m_GarbageCollectors)
+ZEBTDX_ACCESS(StoreCollectorsTag, ZebDataBlockManager, StoreInsideCollectors ZebDataBlockManager::*,
+              m_GarbageCollectors)
 ZEBTDX_ACCESS(StoreCollectingTag, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
               m_GarbageCollecting)
-ZEBTDX_ACCESS(StoreCollectorsRunningTag, ZebDataBlockManager, int ZebDataBlockManager::*,
-              m_GarbageCollectorsRunning)
-ZEBTDX_ACCESS(StoreCollectionMutexTag, ZebDataBlockManager, QMutex ZebDataBlockManager::*,
-              m_GarbageCollectionMutex)
 ZEBTDX_ACCESS(CollectorSizeTag, ZebGarbageCollectorThread,
               std::atomic<qint64> ZebGarbageCollectorThread::*, m_CacheSize)
 ZEBTDX_ACCESS(CollectorFreedTag, ZebGarbageCollectorThread,
               std::atomic<qint64> ZebGarbageCollectorThread::*, m_LastBlocksFreedCount)
 
-/// What the store keeps to itself about its collectors.
+/// The collectors of the process's store.
 namespace CollectionInside {
 
-inline QVector<ZebGarbageCollectorThread*> collectors()
+inline StoreInsideCollectors collectors()
 {
-    return StoreInside::manager().*privateMember(StoreCollectorsTag());
+    return StoreInside::collectors();
 }
 
-/// How many passes are inside their bracket.
-inline int passesRunning()
-{
-    ZebDataBlockManager& manager = StoreInside::manager();
-    const QMutexLocker locker(&(manager.*privateMember(StoreCollectionMutexTag())));
-    return manager.*privateMember(StoreCollectorsRunningTag());
-}
+using StoreInside::passesRunning;
 
 /// The size that the last pass of this collector has found.
-inline qint64 sizeFound(const ZebGarbageCollectorThread& collector)
+inline qint64 sizeFound(ZebGarbageCollectorThread& collector)
 {
-    return (collector.*privateMember(CollectorSizeTag())).load();
+    return CollectorInside::cacheSize(collector).load();
 }
 
 } // namespace CollectionInside
@@ -111,9 +100,8 @@ protected:
         for (int pass = 0; pass < 2; ++pass) {
             freeABlock();
             EXPECT_TRUE(waitUntil([freed = StoreInside::blocksFreed()] {
-                for (const ZebGarbageCollectorThread* const collector :
-                     CollectionInside::collectors()) {
-                    if ((collector->*privateMember(CollectorFreedTag())).load() != freed)
+                for (ZebGarbageCollectorThread* const collector : CollectionInside::collectors()) {
+                    if (CollectorInside::lastBlocksFreedCount(*collector).load() != freed)
                         return false;
                 }
                 return CollectionInside::passesRunning() == 0;

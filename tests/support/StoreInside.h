@@ -4,14 +4,22 @@
 #include "data/ZebDataReference.h"
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebDataBlockWriteThread.h"
+#include "io/ZebGarbageCollectorThread.h"
 #include "manager/ZebDataBlockManager.h"
+#include "support/BlockInside.h"
+#include "support/LruInside.h"
+#include "support/Manager.h"
 #include "support/PrivateAccess.h"
 
 #include <QFile>
 #include <QHash>
+#include <QMutex>
 #include <QReadLocker>
 #include <QSet>
+#include <QString>
+#include <QStringList>
 #include <QVector>
+#include <QWaitCondition>
 
 #include <atomic>
 #include <vector>
@@ -24,7 +32,6 @@ using StoreWritersMember = QVector<ZebDataBlockWriteThread*> ZebDataBlockManager
 
 ZEBTDX_ACCESS(StoreBlocksTag, ZebDataBlockManager, StoreBlocksMember, m_HashToBlockMap)
 ZEBTDX_ACCESS(StoreLruTag, ZebDataBlockManager, ZebDataBlockLru ZebDataBlockManager::*, m_Lru)
-ZEBTDX_ACCESS(StoreLruOldestTag, ZebDataBlockLru, ZebDataBlockLruNode* ZebDataBlockLru::*, m_Oldest)
 ZEBTDX_ACCESS(StoreBeingWrittenTag, ZebDataBlockManager, StoreBlockSetMember, m_BlocksBeingWritten)
 ZEBTDX_ACCESS(StoreToFreeTag, ZebDataBlockManager, StoreBlockSetMember, m_BlocksToFreeAfterWriting)
 ZEBTDX_ACCESS(StoreFreedTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
@@ -37,21 +44,68 @@ ZEBTDX_ACCESS(StoreMakeRoomTag, ZebDataBlockManager, bool (ZebDataBlockManager::
               managePhysicalMemoryUse)
 ZEBTDX_ACCESS(StoreFreeBlockTag, ZebDataBlockManager,
               void (ZebDataBlockManager::*)(ZebDataHash*, bool, bool), freeBlock)
-ZEBTDX_ACCESS(BlockCachedTag, ZebDataBlock, std::atomic<bool> ZebDataBlock::*, m_Cached)
 
-/// What the store keeps to itself, for tests that must see it.
+using StoreInsideCollectors = QVector<ZebGarbageCollectorThread*>;
+using StoreInsideOnHash = void (ZebDataBlockManager::*)(ZebDataHash*);
+
+ZEBTDX_ACCESS(StoreInsideCacheRoots, ZebDataBlockManager, QStringList ZebDataBlockManager::*,
+              m_CacheRoots)
+ZEBTDX_ACCESS(StoreInsideSubCache, ZebDataBlockManager, QString ZebDataBlockManager::*, m_SubCache)
+ZEBTDX_ACCESS(StoreInsideWritePending, ZebDataBlockManager,
+              std::atomic<qint64> ZebDataBlockManager::*, m_MaxWritePendingDataCacheSize)
+ZEBTDX_ACCESS(StoreInsidePromotion, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
+              m_RequestPromotionEnabled)
+ZEBTDX_ACCESS(StoreInsideCollectorThreads, ZebDataBlockManager,
+              StoreInsideCollectors ZebDataBlockManager::*, m_GarbageCollectors)
+ZEBTDX_ACCESS(StoreInsideCollecting, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
+              m_GarbageCollecting)
+ZEBTDX_ACCESS(StoreInsideCollectionMutex, ZebDataBlockManager, QMutex ZebDataBlockManager::*,
+              m_GarbageCollectionMutex)
+ZEBTDX_ACCESS(StoreInsideCollectionDone, ZebDataBlockManager, QWaitCondition ZebDataBlockManager::*,
+              m_GarbageCollectionDone)
+ZEBTDX_ACCESS(StoreInsideCollectorsRunning, ZebDataBlockManager, int ZebDataBlockManager::*,
+              m_GarbageCollectorsRunning)
+ZEBTDX_ACCESS(StoreInsideCollectionChanges, ZebDataBlockManager, int ZebDataBlockManager::*,
+              m_GarbageCollectionChanges)
+ZEBTDX_ACCESS(StoreInsideAddBlock, ZebDataBlockManager,
+              ZebDataReference (ZebDataBlockManager::*)(ZebDataBlock*, ZebModifyAccessor::Caching,
+                                                        bool),
+              addBlock)
+ZEBTDX_ACCESS(StoreInsideMakeBlockLive, ZebDataBlockManager,
+              void (ZebDataBlockManager::*)(ZebDataHash*, ZebDataBlock*), makeBlockLive)
+ZEBTDX_ACCESS(StoreInsideGetDataBlock, ZebDataBlockManager,
+              ZebDataBlock* (ZebDataBlockManager::*)(ZebDataHash*), getDataBlock)
+ZEBTDX_ACCESS(StoreInsideLockBlock, ZebDataBlockManager, StoreInsideOnHash, lockBlock)
+ZEBTDX_ACCESS(StoreInsideUnlockBlock, ZebDataBlockManager, StoreInsideOnHash, unlockBlock)
+ZEBTDX_ACCESS(StoreInsideBlockUsed, ZebDataBlockManager, StoreInsideOnHash, blockUsed)
+ZEBTDX_ACCESS(StoreInsideBlockIsLocked, ZebDataBlockManager,
+              bool (ZebDataBlockManager::*)(ZebDataHash*), blockIsLocked)
+ZEBTDX_ACCESS(StoreInsideIndexOfText, ZebDataBlockManager,
+              int (ZebDataBlockManager::*)(const QString&), cacheIndex)
+ZEBTDX_ACCESS(StoreInsideIndexOfHash, ZebDataBlockManager,
+              int (ZebDataBlockManager::*)(const ZebDataHash*), cacheIndex)
+ZEBTDX_ACCESS(StoreInsideRecordCacheSize, ZebDataBlockManager,
+              void (ZebDataBlockManager::*)(ZebGarbageCollectorThread*, qint64), cacheSizeRecord)
+ZEBTDX_ACCESS(StoreInsideStopAllIoThreads, ZebDataBlockManager, void (ZebDataBlockManager::*)(),
+              stopAllIoThreads)
+
+/// The private members of the store, for tests that must see or set them.
 ///
-/// Locks: the read-outs take what guards the thing read.
+/// Locks: the read-outs, which return copies, take the lock that guards what they read. A function
+/// that returns a reference to a field takes none.
 namespace StoreInside {
 
-inline ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
+using ::manager;
 
 inline ZebTdxMutex& deleteLock()
 {
     return manager().*privateMember(StoreDeleteLockTag());
+}
+
+/// The resident blocks by their hashes; guarded by deleteLock().
+inline StoreBlocks& blockMap()
+{
+    return manager().*privateMember(StoreBlocksTag());
 }
 
 /// The resident block of a reference, null when there is none.
@@ -59,26 +113,26 @@ inline ZebDataBlock* blockOf(const ZebDataReference& reference)
 {
     const ZebSmartPointer<ZebDataHash> hash = reference.hashPtr();
     const ZebTdxMutexLocker locker(&deleteLock());
-    return (manager().*privateMember(StoreBlocksTag())).value(hash.data(), nullptr);
+    return blockMap().value(hash.data(), nullptr);
 }
 
-/// How many blocks are resident, locked and do-not-cache ones too.
+/// How many blocks are resident, pinned and uncached ones included.
 inline int residentBlocks()
 {
     const ZebTdxMutexLocker locker(&deleteLock());
-    return (manager().*privateMember(StoreBlocksTag())).size();
+    return blockMap().size();
+}
+
+inline ZebDataBlockLru& lru()
+{
+    return manager().*privateMember(StoreLruTag());
 }
 
 /// The evictable hashes, the next victim first.
 inline std::vector<ZebDataHash*> evictable()
 {
-    const ZebDataBlockLru& lru = manager().*privateMember(StoreLruTag());
-    const QReadLocker locker(&lru.lock());
-    std::vector<ZebDataHash*> hashes;
-    for (const ZebDataBlockLruNode* node = lru.*privateMember(StoreLruOldestTag()); node != nullptr;
-         node = node->m_Newer)
-        hashes.push_back(node->m_Hash);
-    return hashes;
+    const QReadLocker locker(&lru().lock());
+    return LruInside::oldestToNewest(lru());
 }
 
 inline QSet<ZebDataBlock*> beingWritten()
@@ -98,35 +152,130 @@ inline qint64 blocksFreed()
     return (manager().*privateMember(StoreFreedTag())).load();
 }
 
-inline QVector<ZebDataBlockReadThread*> readers()
+/// Set to -1 by construction and clean-up, and counted up by the first set-up.
+inline std::atomic<qint64>& blocksFreedCount(ZebDataBlockManager& store = manager())
+{
+    return store.*privateMember(StoreFreedTag());
+}
+
+inline std::atomic<bool>& requestPromotionEnabled(ZebDataBlockManager& store = manager())
+{
+    return store.*privateMember(StoreInsidePromotion());
+}
+
+inline QString& subCache(ZebDataBlockManager& store = manager())
+{
+    return store.*privateMember(StoreInsideSubCache());
+}
+
+inline QStringList& cacheRoots()
+{
+    return manager().*privateMember(StoreInsideCacheRoots());
+}
+
+inline qint64 writePendingLimit()
+{
+    return (manager().*privateMember(StoreInsideWritePending())).load();
+}
+
+/// The blocks that a writer has in hand, as the field; guarded by deleteLock().
+inline QSet<ZebDataBlock*>& beingWrittenSet()
+{
+    return manager().*privateMember(StoreBeingWrittenTag());
+}
+
+/// The blocks to delete after their write, as the field; guarded by deleteLock().
+inline QSet<ZebDataBlock*>& toFreeAfterWritingSet()
+{
+    return manager().*privateMember(StoreToFreeTag());
+}
+
+inline QVector<ZebDataBlockReadThread*>& readers()
 {
     return manager().*privateMember(StoreReadersTag());
 }
 
-inline QVector<ZebDataBlockWriteThread*> writers()
+inline QVector<ZebDataBlockWriteThread*>& writers()
 {
     return manager().*privateMember(StoreWritersTag());
 }
+
+inline StoreInsideCollectors& collectors()
+{
+    return manager().*privateMember(StoreInsideCollectorThreads());
+}
+
+inline void stopAllIoThreads()
+{
+    (manager().*privateMember(StoreInsideStopAllIoThreads()))();
+}
+
+// The collection
+
+inline std::atomic<bool>& collecting()
+{
+    return manager().*privateMember(StoreInsideCollecting());
+}
+
+inline QMutex& collectionMutex()
+{
+    return manager().*privateMember(StoreInsideCollectionMutex());
+}
+
+/// Woken when the last pass has ended with the collection off.
+inline QWaitCondition& collectionDone()
+{
+    return manager().*privateMember(StoreInsideCollectionDone());
+}
+
+/// How often the collection was switched; guarded by collectionMutex().
+inline int& collectionChanges()
+{
+    return manager().*privateMember(StoreInsideCollectionChanges());
+}
+
+/// How many passes are running.
+inline int passesRunning()
+{
+    const QMutexLocker locker(&collectionMutex());
+    return manager().*privateMember(StoreInsideCollectorsRunning());
+}
+
+inline void recordCacheSize(ZebGarbageCollectorThread* collector, qint64 size)
+{
+    (manager().*privateMember(StoreInsideRecordCacheSize()))(collector, size);
+}
+
+// The disk threads
 
 /// How many block writes all writers have finished.
 inline int writesHandled()
 {
     int handled = 0;
-    for (const ZebDataBlockWriteThread* const writer : writers())
+    for (const ZebDataBlockWriteThread* const writer : qAsConst(writers()))
         handled += writer->requestsHandled();
     return handled;
 }
 
-/// How many preloads all readers have taken up.
+/// How many bytes all writers have written to block files.
+inline qint64 bytesWritten()
+{
+    qint64 written = 0;
+    for (const ZebDataBlockWriteThread* const writer : qAsConst(writers()))
+        written += writer->bytesWritten();
+    return written;
+}
+
+/// How many preloads all readers have handled.
 inline int preloadsHandled()
 {
     int handled = 0;
-    for (const ZebDataBlockReadThread* const reader : readers())
+    for (const ZebDataBlockReadThread* const reader : qAsConst(readers()))
         handled += reader->requestsHandled();
     return handled;
 }
 
-/// The decision point of eviction; `write` as every caller but a host's last resort has it.
+/// Decides about eviction. Only a host's last resort passes false for `write`.
 inline bool makeRoom(quint64 size, bool write = true)
 {
     return (manager().*privateMember(StoreMakeRoomTag()))(size, write);
@@ -135,6 +284,56 @@ inline bool makeRoom(quint64 size, bool write = true)
 inline void freeBlock(ZebDataHash* hash, bool write, bool hashLocked)
 {
     (manager().*privateMember(StoreFreeBlockTag()))(hash, write, hashLocked);
+}
+
+/// addBlock() for a block that exists already, which the store takes over.
+inline ZebDataReference addBlock(ZebDataBlock* block, ZebModifyAccessor::Caching caching,
+                                 bool immediate)
+{
+    return (manager().*privateMember(StoreInsideAddBlock()))(block, caching, immediate);
+}
+
+inline void makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
+{
+    (manager().*privateMember(StoreInsideMakeBlockLive()))(hash, block);
+}
+
+inline ZebDataBlock* getDataBlock(ZebDataHash* hash)
+{
+    return (manager().*privateMember(StoreInsideGetDataBlock()))(hash);
+}
+
+inline void lockBlock(ZebDataHash* hash)
+{
+    (manager().*privateMember(StoreInsideLockBlock()))(hash);
+}
+
+inline void unlockBlock(ZebDataHash* hash)
+{
+    (manager().*privateMember(StoreInsideUnlockBlock()))(hash);
+}
+
+inline void blockUsed(ZebDataHash* hash)
+{
+    (manager().*privateMember(StoreInsideBlockUsed()))(hash);
+}
+
+inline bool blockIsLocked(ZebDataHash* hash)
+{
+    return (manager().*privateMember(StoreInsideBlockIsLocked()))(hash);
+}
+
+// Layout
+
+/// The number of the root of a block, by the text of its hash.
+inline int cacheIndex(const QString& hashText)
+{
+    return (manager().*privateMember(StoreInsideIndexOfText()))(hashText);
+}
+
+inline int cacheIndex(const ZebDataHash* hash)
+{
+    return (manager().*privateMember(StoreInsideIndexOfHash()))(hash);
 }
 
 inline QString fileOf(const ZebDataReference& reference)
@@ -153,7 +352,7 @@ inline bool forgetFile(const ZebDataReference& reference)
     ZebDataBlock* const block = blockOf(reference);
     if (block == nullptr || !block->cached())
         return false;
-    block->*privateMember(BlockCachedTag()) = false;
+    BlockInside::cached(*block) = false;
     return QFile::remove(fileOf(reference));
 }
 
