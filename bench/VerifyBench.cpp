@@ -10,11 +10,11 @@
 // makes of the rate. The files come from the page cache in both, so it is not the disk that is
 // measured.
 
-#include "tools/CacheFiles.h"
-#include "tools/CacheVerification.h"
-#include "tools/ErrorReport.h"
-#include "tools/ProgressBar.h"
-#include "tools/Remarks.h"
+#include "tools/cache/CacheFiles.h"
+#include "tools/cache/CacheVerifier.h"
+#include "tools/cache/CacheWarnings.h"
+#include "tools/terminal/ErrorReport.h"
+#include "tools/terminal/ProgressBar.h"
 
 #include "hash/ZebDataHash.h"
 
@@ -156,13 +156,13 @@ int runTool(const Cache& cache, bool fast, int threads)
     std::ostringstream lines;
     ProgressBar progress(lines, false, 80);
     ErrorReport errors(progress);
-    Remarks remarks(errors);
+    CacheWarnings remarks(errors);
     StorePlace place;
     place.m_Roots = {cache.root()};
     place.m_Buckets = s_Buckets;
     const CacheFiles files(place, true, errors, remarks,
                            fast ? CacheFiles::Sizes::Unknown : CacheFiles::Sizes::Known);
-    CacheVerification verification({threads, fast}, files, errors, remarks, progress);
+    CacheVerifier verification({threads, fast}, files, errors, remarks, progress);
     verification.run();
     return static_cast<int>(verification.files()) - static_cast<int>(verification.damage().size());
 }

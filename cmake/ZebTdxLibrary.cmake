@@ -1,6 +1,6 @@
 # The library. The sources are compiled once, into an object library; the shared library and the
-# static twin for the tests are both linked from it, so tests reach hidden symbols and still run
-# the very code that is shipped.
+# static twin for the tests and the tool are both linked from it, so these reach hidden symbols and
+# still run the very code that is shipped.
 include(GenerateExportHeader)
 
 set(ZEBTDX_PUBLIC_HEADERS
@@ -152,7 +152,7 @@ target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
 target_compile_features(ZebTdx PUBLIC cxx_std_17)
 zebtdx_compile_options(ZebTdx)
 
-if(ZEBTDX_BUILD_TESTS)
+if(ZEBTDX_BUILD_TESTS OR ZEBTDX_BUILD_TOOLS)
   add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>)
   target_include_directories(ZebTdxTwin PUBLIC ${zebtdx_build_includes})
   target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent Qt5::Gui)

@@ -3,7 +3,7 @@
 #include "selfcheck/ZebOverCompJobTest.h"
 #include "selfcheck/ZebRedBlock.h"
 #include "support/TemporaryStore.h"
-#include "tools/SampleData.h"
+#include "tools/commands/SampleData.h"
 
 #include "manager/ZebDataBlockManager.h"
 

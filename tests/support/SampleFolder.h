@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/SampleData.h"
+#include "tools/commands/SampleData.h"
 
 #include "selfcheck/TdxTester.h"
 

@@ -1,0 +1,340 @@
+#include "tools/cache/BlockVerifier.h"
+
+#include "hash/SkeinBatch.h"
+#include "tools/cache/BlockName.h"
+#include "tools/cache/MemoryBudget.h"
+
+#include "tools/support/BlockBytes.h"
+#include "tools/support/TemporaryTree.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <limits>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/resource.h>
+#include <zlib.h>
+
+namespace {
+
+constexpr qint64 s_MiB = 1024LL * 1024;
+constexpr qint64 s_Largest = 64 * s_MiB;
+
+class BlockVerifierTest : public ::testing::Test
+{
+protected:
+    BlockVerdict check(const std::string& file) { return check(file, m_Content); }
+
+    BlockVerdict check(const std::string& file, const QByteArray& content)
+    {
+        m_Tree.file("block", file);
+        return verifier().check(m_Tree.path("block"), parsedNameOf(content));
+    }
+
+    BlockFinding find(const std::string& file) { return check(file).m_Finding; }
+
+    BlockVerifier& verifier() { return m_Fast ? m_FastVerifier : m_Verifier; }
+
+    const QByteArray m_Content = QByteArray("All work and no play. ").repeated(500);
+    const QByteArray m_Payload = qCompress(m_Content, s_StoreLevel);
+    const qint32 m_PayloadSize = m_Payload.size();
+    const qint64 m_Size = m_Content.size();
+    const std::string m_Good = blockFileOf(m_Content);
+
+    TemporaryTree m_Tree;
+    MemoryBudget m_Budget{s_Largest};
+    BlockVerifier m_Verifier{{false, s_Largest, s_MiB}, m_Budget};
+    BlockVerifier m_FastVerifier{{true, s_Largest, s_MiB}, m_Budget};
+    bool m_Fast = false;
+};
+
+// A zlib stream of so many MiB of zeros, which are never in memory together.
+QByteArray streamOfZeros(int mib)
+{
+    std::vector<unsigned char> zeros(static_cast<std::size_t>(s_MiB));
+    std::vector<unsigned char> out(static_cast<std::size_t>(s_MiB));
+    z_stream stream = {};
+    EXPECT_EQ(::deflateInit(&stream, 9), Z_OK);
+    QByteArray bytes;
+    for (int i = 0; i < mib; ++i) {
+        stream.next_in = zeros.data();
+        stream.avail_in = static_cast<uInt>(zeros.size());
+        stream.next_out = out.data();
+        stream.avail_out = static_cast<uInt>(out.size());
+        ::deflate(&stream, i + 1 == mib ? Z_FINISH : Z_NO_FLUSH);
+        bytes.append(reinterpret_cast<const char*>(out.data()),
+                     static_cast<int>(out.size() - stream.avail_out));
+    }
+    ::deflateEnd(&stream);
+    return bytes;
+}
+
+// The most memory that the process has had, in bytes.
+qint64 peakBytes()
+{
+    rusage usage = {};
+    EXPECT_EQ(::getrusage(RUSAGE_SELF, &usage), 0);
+    return usage.ru_maxrss * 1024LL;
+}
+
+} // namespace
+
+TEST_F(BlockVerifierTest, FilesOfTheStoreAreSound)
+{
+    EXPECT_EQ(find(m_Good), BlockFinding::Sound);
+    for (const int size : {0, 1, 2, 11, 65000, 65536, 300000, 3 * 1024 * 1024}) {
+        const QByteArray content =
+            QByteArray::fromStdString(mixedBytes(static_cast<std::size_t>(size), 1));
+        EXPECT_EQ(check(blockFileOf(content), content).m_Finding, BlockFinding::Sound) << size;
+    }
+    const QByteArray strong = qCompress(m_Content, 9);
+    EXPECT_EQ(find(blockFile(m_Size, strong.size(), strong)), BlockFinding::Sound);
+}
+
+TEST_F(BlockVerifierTest, SizesThatNoBlockHas)
+{
+    for (const qint64 size :
+         {qint64(-1), std::numeric_limits<qint64>::min(), BlockVerifier::s_MostBlockBytes + 1,
+          std::numeric_limits<qint64>::max()})
+        EXPECT_EQ(find(blockFile(size, m_PayloadSize, m_Payload)), BlockFinding::BadSize) << size;
+}
+
+TEST_F(BlockVerifierTest, LengthsThatNoPayloadHas)
+{
+    for (const qint32 length : {-1, 0, 3, std::numeric_limits<qint32>::min()})
+        EXPECT_EQ(find(blockFile(m_Size, length, m_Payload)), BlockFinding::BadLength) << length;
+    // The store reads this one as an empty block.
+    EXPECT_EQ(find(blockFile(m_Size, 0, {})), BlockFinding::BadLength);
+}
+
+TEST_F(BlockVerifierTest, AFileThatIsCutShort)
+{
+    EXPECT_EQ(find(m_Good.substr(0, m_Good.size() - 1)), BlockFinding::CutShort);
+    EXPECT_EQ(find(m_Good.substr(0, 13)), BlockFinding::CutShort);
+    EXPECT_EQ(find(blockFile(m_Size, std::numeric_limits<qint32>::max(), m_Payload)),
+              BlockFinding::CutShort);
+}
+
+TEST_F(BlockVerifierTest, BytesBehindThePayload)
+{
+    EXPECT_EQ(find(m_Good + "x"), BlockFinding::BytesBehind);
+}
+
+TEST_F(BlockVerifierTest, StumpsAreNoDamage)
+{
+    for (const std::size_t size : {0U, 1U, 8U, 11U, 12U}) {
+        const BlockVerdict verdict = check(m_Good.substr(0, size));
+        EXPECT_EQ(verdict.m_Finding, BlockFinding::Stump) << size;
+        EXPECT_FALSE(verdict.isDamage());
+    }
+}
+
+TEST_F(BlockVerifierTest, TwoDifferentSizes)
+{
+    const BlockVerdict verdict = check(blockFile(m_Size + 1, m_PayloadSize, m_Payload));
+    EXPECT_EQ(verdict.m_Finding, BlockFinding::SizesDiffer);
+    EXPECT_EQ(verdict.m_Detail, "11001 and 11000 bytes");
+}
+
+TEST_F(BlockVerifierTest, ASizeAboveTheLimitIsNotMovedAway)
+{
+    const QByteArray payload = QByteArray("\x7f\xff\xff\xff", 4) + m_Payload.mid(4);
+    const BlockVerdict verdict = check(blockFile(0x7FFFFFFF, payload.size(), payload));
+    EXPECT_EQ(verdict.m_Finding, BlockFinding::TooLarge);
+    EXPECT_TRUE(verdict.isDamage());
+    EXPECT_FALSE(verdict.isToBeMoved());
+}
+
+TEST_F(BlockVerifierTest, APayloadThatCannotBeDecompressed)
+{
+    QByteArray damaged = m_Payload;
+    damaged[4] = 0;
+    EXPECT_EQ(find(blockFile(m_Size, m_PayloadSize, damaged)), BlockFinding::BrokenPayload);
+    const QByteArray cut = m_Payload.left(m_PayloadSize - 3);
+    EXPECT_EQ(check(blockFile(m_Size, cut.size(), cut)).m_Detail, "its end is missing");
+    const QByteArray longer = m_Payload + "behind";
+    EXPECT_EQ(check(blockFile(m_Size, longer.size(), longer)).m_Detail,
+              "it ends before its last byte");
+    const QByteArray small = qCompress("small", s_StoreLevel);
+    EXPECT_EQ(check(blockFile(5, 4, small.left(4))).m_Detail, "its end is missing");
+}
+
+TEST_F(BlockVerifierTest, APayloadOfAnotherSize)
+{
+    const QByteArray size = m_Payload.left(4);
+    for (const QByteArray& other : {m_Content.left(100), m_Content + "x", m_Content.repeated(50)}) {
+        const QByteArray payload = size + qCompress(other).mid(4);
+        EXPECT_EQ(find(blockFile(m_Size, payload.size(), payload)), BlockFinding::LengthDiffers)
+            << other.size();
+    }
+}
+
+TEST_F(BlockVerifierTest, OtherBytesThanTheName)
+{
+    QByteArray other = m_Content;
+    other[7] = 'x';
+    EXPECT_EQ(find(blockFileOf(other)), BlockFinding::DigestDiffers);
+    EXPECT_TRUE(check(blockFileOf(other)).isToBeMoved());
+}
+
+// Several files at a time
+
+TEST_F(BlockVerifierTest, EachFileThatIsBegunGetsItsOwnVerdictOnce)
+{
+    constexpr std::size_t count = 29;
+    std::vector<BlockFinding> alone;
+    std::vector<BlockName> names;
+    for (std::size_t i = 0; i < count; ++i) {
+        const QByteArray content =
+            QByteArray::fromStdString(mixedBytes(1000 * i, static_cast<unsigned int>(i)));
+        std::string file = blockFileOf(content);
+        if (i % 7 == 3)
+            file.pop_back();
+        m_Tree.file("block" + std::to_string(i), file);
+        names.push_back(parsedNameOf(i % 5 == 2 ? content + "!" : content));
+        alone.push_back(
+            m_Verifier.check(m_Tree.path("block" + std::to_string(i)), names.back()).m_Finding);
+    }
+    EXPECT_EQ(std::count(alone.begin(), alone.end(), BlockFinding::DigestDiffers), 5);
+    EXPECT_EQ(std::count(alone.begin(), alone.end(), BlockFinding::CutShort), 4);
+    std::map<std::size_t, BlockFinding> found;
+    const auto receive = [&found](std::size_t tag, const BlockVerdict& verdict, const FileStamp*) {
+        EXPECT_TRUE(found.emplace(tag, verdict.m_Finding).second) << tag;
+    };
+    for (std::size_t i = 0; i < count; ++i)
+        m_Verifier.begin(m_Tree.path("block" + std::to_string(i)), names[i], 100 + i, receive);
+    m_Verifier.finish(receive);
+    ASSERT_EQ(found.size(), count);
+    for (std::size_t i = 0; i < count; ++i)
+        EXPECT_EQ(found.at(100 + i), alone[i]) << i;
+    m_Verifier.finish(receive);
+}
+
+TEST_F(BlockVerifierTest, ALargeBlockWaitsForNoOthers)
+{
+    const QByteArray content = QByteArray::fromStdString(mixedBytes(3 * s_MiB, 1));
+    m_Tree.file("large", blockFileOf(content));
+    int received = 0;
+    m_Verifier.begin(m_Tree.path("large"), parsedNameOf(content), 0,
+                     [&received](std::size_t, const BlockVerdict& verdict, const FileStamp*) {
+                         ++received;
+                         EXPECT_EQ(verdict.m_Finding, BlockFinding::Sound);
+                     });
+    EXPECT_EQ(received, 1);
+}
+
+TEST_F(BlockVerifierTest, WithLittleMemoryNothingWaits)
+{
+    BlockVerifier verifier({false, s_Largest, 100000}, m_Budget);
+    m_Tree.file("block", m_Good);
+    int received = 0;
+    verifier.begin(m_Tree.path("block"), parsedNameOf(m_Content), 0,
+                   [&received](std::size_t, const BlockVerdict& verdict, const FileStamp*) {
+                       ++received;
+                       EXPECT_EQ(verdict.m_Finding, BlockFinding::Sound);
+                   });
+    EXPECT_EQ(received, 1);
+}
+
+TEST_F(BlockVerifierTest, AFileThatChangesWhileItWaitsIsNoDamage)
+{
+    if (ZebSkein::SkeinBatch::lanes() == 1)
+        GTEST_SKIP() << "this processor has no lanes, so nothing waits";
+    m_Tree.file("block", m_Good);
+    BlockFinding found = BlockFinding::Sound;
+    const auto receive = [&found](std::size_t, const BlockVerdict& verdict, const FileStamp*) {
+        found = verdict.m_Finding;
+    };
+    m_Verifier.begin(m_Tree.path("block"), parsedNameOf("other bytes"), 0, receive);
+    EXPECT_EQ(found, BlockFinding::Sound) << "nothing is known yet";
+    m_Tree.file("block", m_Good + "more");
+    m_Verifier.finish(receive);
+    EXPECT_EQ(found, BlockFinding::Changed);
+}
+
+TEST_F(BlockVerifierTest, FastSeesTheHeaderAlone)
+{
+    m_Fast = true;
+    EXPECT_EQ(find(m_Good), BlockFinding::Sound);
+    QByteArray other = m_Content;
+    other[7] = 'x';
+    EXPECT_EQ(find(blockFileOf(other)), BlockFinding::Sound);
+    EXPECT_EQ(find(m_Good.substr(0, 100)), BlockFinding::CutShort);
+    EXPECT_EQ(find(m_Good.substr(0, 14)), BlockFinding::CutShort);
+    EXPECT_EQ(find(m_Good + "x"), BlockFinding::BytesBehind);
+    EXPECT_EQ(find(m_Good.substr(0, 5)), BlockFinding::Stump);
+    EXPECT_EQ(find(blockFile(m_Size + 1, m_PayloadSize, m_Payload)), BlockFinding::SizesDiffer);
+}
+
+TEST_F(BlockVerifierTest, LinksAreNotFollowedAndAMissingFileIsGone)
+{
+    m_Tree.file("block", m_Good);
+    m_Tree.link("link", "block");
+    m_Tree.pipe("pipe");
+    const BlockName name = parsedNameOf(m_Content);
+    EXPECT_EQ(m_Verifier.check(m_Tree.path("link"), name).m_Finding, BlockFinding::NotChecked);
+    EXPECT_EQ(m_Verifier.check(m_Tree.path("pipe"), name).m_Finding, BlockFinding::NotChecked);
+    EXPECT_EQ(m_Verifier.check(m_Tree.path("missing"), name).m_Finding, BlockFinding::Gone);
+}
+
+TEST_F(BlockVerifierTest, BombsTakeNoMoreMemoryThanTheLimit)
+{
+    const QByteArray stream = streamOfZeros(1024);
+    const qint64 before = peakBytes();
+    const auto begin = std::chrono::steady_clock::now();
+    for (const qint64 size : {qint64(1000), s_Largest}) {
+        QByteArray payload(4, '\0');
+        for (int i = 0; i < 4; ++i)
+            payload[i] = static_cast<char>(size >> (24 - 8 * i));
+        payload += stream;
+        EXPECT_EQ(find(blockFile(size, payload.size(), payload)), BlockFinding::LengthDiffers);
+    }
+    EXPECT_LE(peakBytes(), before + s_Largest + 16 * s_MiB);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
+}
+
+TEST_F(BlockVerifierTest, AFewBytesDoNotMakeAsManyAsTheySay)
+{
+    EXPECT_EQ(find(blockFile(m_Size, 4, m_Payload.left(4))), BlockFinding::LengthDiffers);
+}
+
+TEST_F(BlockVerifierTest, ThreadsShareABudgetOfOneBlock)
+{
+    m_Tree.file("block", m_Good);
+    MemoryBudget budget(m_Size);
+    std::vector<std::thread> threads;
+    std::atomic<int> sound(0);
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([this, &budget, &sound] {
+            BlockVerifier verifier({false, m_Size, 0}, budget);
+            for (int round = 0; round < 50; ++round) {
+                const BlockVerdict verdict =
+                    verifier.check(m_Tree.path("block"), parsedNameOf(m_Content));
+                sound.fetch_add(verdict.m_Finding == BlockFinding::Sound ? 1 : 0);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(sound.load(), 4 * 50);
+}
+
+TEST_F(BlockVerifierTest, EveryFindingHasWordsOfItsOwn)
+{
+    std::vector<std::string> keys;
+    for (int i = 0; i <= static_cast<int>(BlockFinding::NotChecked); ++i) {
+        const auto finding = static_cast<BlockFinding>(i);
+        const BlockVerdict verdict{finding, "detail"};
+        EXPECT_NE(verdict.line().find(" (detail); "), std::string::npos);
+        for (const std::string& key : keys)
+            EXPECT_NE(key, BlockVerdict::key(finding));
+        keys.emplace_back(BlockVerdict::key(finding));
+    }
+}

@@ -1,0 +1,139 @@
+#include "tools/cache/RootLock.h"
+
+#include "tools/support/TemporaryTree.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+class RootLockTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_Tree.folder("a");
+        m_Tree.folder("b");
+    }
+
+    bool take(RootLock& lock, const std::string& name, RootLock::Use use)
+    {
+        return lock.take({m_Tree.path(name)}, use, m_Holder);
+    }
+
+    TemporaryTree m_Tree;
+    std::string m_Holder;
+    RootLock m_First;
+    RootLock m_Second;
+};
+
+} // namespace
+
+TEST_F(RootLockTest, OneAloneOrManyThatRead)
+{
+    ASSERT_TRUE(take(m_First, "a", RootLock::Use::Reading));
+    EXPECT_TRUE(take(m_Second, "a", RootLock::Use::Reading));
+    RootLock third;
+    EXPECT_FALSE(take(third, "a", RootLock::Use::Alone));
+    EXPECT_EQ(m_Holder, "cache root " + m_Tree.path("a") + " is in use by another process");
+    EXPECT_TRUE(take(third, "b", RootLock::Use::Alone));
+    EXPECT_FALSE(take(m_Second, "b", RootLock::Use::Reading));
+}
+
+TEST_F(RootLockTest, AllRootsOrNone)
+{
+    ASSERT_TRUE(take(m_First, "b", RootLock::Use::Alone));
+    EXPECT_FALSE(
+        m_Second.take({m_Tree.path("a"), m_Tree.path("b")}, RootLock::Use::Alone, m_Holder));
+    RootLock third;
+    EXPECT_TRUE(take(third, "a", RootLock::Use::Alone));
+}
+
+TEST_F(RootLockTest, OtherSpellingsAreTheSameRoot)
+{
+    m_Tree.link("way", "a");
+    ASSERT_TRUE(take(m_First, "a", RootLock::Use::Alone));
+    EXPECT_FALSE(take(m_Second, "way", RootLock::Use::Alone));
+    EXPECT_FALSE(take(m_Second, "b/../a/", RootLock::Use::Alone));
+}
+
+TEST_F(RootLockTest, NothingIsLeftBehindAndNothingLiesInTheRoot)
+{
+    const std::string file = RootLock::fileOf(m_Tree.path("a"));
+    {
+        RootLock lock;
+        ASSERT_TRUE(take(lock, "a", RootLock::Use::Reading));
+        EXPECT_TRUE(std::filesystem::exists(file));
+        EXPECT_TRUE(std::filesystem::is_empty(m_Tree.path("a")));
+    }
+    EXPECT_FALSE(std::filesystem::exists(file));
+    EXPECT_EQ(RootLock::fileOf(m_Tree.path("missing")), "");
+    EXPECT_TRUE(take(m_First, "missing", RootLock::Use::Alone)) << "nothing to lock";
+}
+
+TEST_F(RootLockTest, AMovedLockIsHeldByItsNewOwner)
+{
+    ASSERT_TRUE(take(m_First, "a", RootLock::Use::Alone));
+    {
+        const RootLock owner(std::move(m_First));
+        EXPECT_FALSE(take(m_Second, "a", RootLock::Use::Alone));
+    }
+    EXPECT_TRUE(take(m_Second, "a", RootLock::Use::Alone));
+}
+
+TEST_F(RootLockTest, AKilledProcessHoldsNothing)
+{
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        RootLock lock;
+        const char held = take(lock, "a", RootLock::Use::Alone) ? '1' : '0';
+        if (::write(ready[1], &held, 1) == 1)
+            ::pause();
+        ::_exit(0);
+    }
+    char held = 0;
+    ASSERT_EQ(::read(ready[0], &held, 1), 1);
+    EXPECT_EQ(held, '1');
+    EXPECT_FALSE(take(m_First, "a", RootLock::Use::Alone));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_TRUE(take(m_First, "a", RootLock::Use::Alone));
+    ::close(ready[0]);
+    ::close(ready[1]);
+}
+
+TEST_F(RootLockTest, ManyThatComeAndGoAreNeverTwoAtOnce)
+{
+    std::vector<std::thread> threads;
+    std::atomic<int> inside(0);
+    std::atomic<int> times(0);
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([this, &inside, &times] {
+            for (int round = 0; round < 500; ++round) {
+                RootLock lock;
+                std::string holder;
+                if (!lock.take({m_Tree.path("a")}, RootLock::Use::Alone, holder))
+                    continue;
+                EXPECT_FALSE(lock.isPartial());
+                EXPECT_EQ(inside.fetch_add(1), 0);
+                times.fetch_add(1);
+                inside.fetch_sub(1);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_GT(times.load(), 0);
+}

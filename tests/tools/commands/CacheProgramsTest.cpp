@@ -1,0 +1,205 @@
+// What looks into a cache and cleans it: ls, cat and gc, each in a process of its own.
+
+#include "tools/support/ProgramRunner.h"
+#include "tools/support/TemporaryTree.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class CachePrograms : public ::testing::Test
+{
+protected:
+    // Two trees with a file in common, each with a manifest.
+    void SetUp() override
+    {
+        for (const char* const name : {"a", "b"})
+            m_Tree.folder(name);
+        m_Tree.file("a/common", mixedBytes(5000, 1));
+        m_Tree.file("a/own", mixedBytes(3000, 2));
+        m_Tree.file("b/common", mixedBytes(5000, 1));
+        m_Tree.file("b/own", mixedBytes(2000, 3));
+        for (const char* const name : {"a", "b"}) {
+            ASSERT_EQ(run({"ingest", name, "--block", "1K", "--manifest", std::string("m-") + name,
+                           "--root", "r1", "--root", "r2"})
+                          .m_Status,
+                      0);
+        }
+    }
+
+    Outcome run(const std::vector<std::string>& line) const { return runTool(line, m_Tree.top()); }
+
+    Outcome onCache(std::vector<std::string> line) const
+    {
+        line.insert(line.end(), {"--root", "r1", "--root", "r2"});
+        return run(line);
+    }
+
+    // The words of a line of `ls` for this file.
+    std::vector<std::string> listed(const std::string& manifest, const std::string& path) const
+    {
+        std::istringstream lines(run({"ls", manifest}).m_Output);
+        for (std::string line; std::getline(lines, line);) {
+            std::istringstream words(line);
+            std::vector<std::string> found;
+            for (std::string word; words >> word;)
+                found.push_back(word);
+            if (!found.empty() && found.back() == path)
+                return found;
+        }
+        ADD_FAILURE() << path;
+        return {"", "", ""};
+    }
+
+    bool restores(const std::string& manifest, const std::string& name) const
+    {
+        std::filesystem::remove_all(m_Tree.path("out"));
+        return run({"restore", manifest, "--out", "out"}).m_Status == 0 &&
+               runShell("diff -r " + name + " out/" + name, m_Tree.top()).m_Output.empty();
+    }
+
+    TemporaryTree m_Tree;
+};
+
+// Blocks of both trees: 5 + 3 + 2, and a list for each of three different files.
+constexpr qint64 s_AllFiles = 10 + 3;
+
+TEST_F(CachePrograms, LsTellsTheFilesOfAManifestWithTheirSizes)
+{
+    EXPECT_EQ(listed("m-a", "a/common")[0], "5000");
+    EXPECT_EQ(listed("m-a", "a/own")[0], "3000");
+    EXPECT_EQ(listed("m-a", "a/common")[1], listed("m-b", "b/common")[1]) << "equal files";
+    EXPECT_EQ(run({"ls", "m-a"}).errorLines(), 0);
+    EXPECT_EQ(run({"ls", "a"}).m_Errors, "zebtdx: a: is a folder\n");
+}
+
+TEST_F(CachePrograms, LsTellsTheBlocksOfACache)
+{
+    const Outcome outcome = onCache({"ls"});
+    EXPECT_EQ(outcome.m_Status, 0);
+    EXPECT_EQ(std::count(outcome.m_Output.begin(), outcome.m_Output.end(), '\n'), s_AllFiles);
+    EXPECT_THAT(outcome.m_Output, HasSubstr("        1024  "));
+    EXPECT_THAT(outcome.m_Output, HasSubstr(listed("m-a", "a/own")[1]));
+    EXPECT_EQ(onCache({"ls", "--sub-cache", "main"}).m_Output, outcome.m_Output);
+    EXPECT_EQ(onCache({"ls", "m-a"}).m_Status, 2) << "one or the other";
+}
+
+TEST_F(CachePrograms, CatGivesABlockAndTheFileThatItLists)
+{
+    const std::string hash = listed("m-a", "a/own")[1];
+    const Outcome file = onCache({"cat", "--file", hash});
+    EXPECT_EQ(file.m_Status, 0) << file.m_Errors;
+    EXPECT_EQ(file.m_Output, mixedBytes(3000, 2));
+    const Outcome block = onCache({"cat", hash});
+    EXPECT_EQ(block.m_Output.size(), 16U + 3 * 64);
+    EXPECT_EQ(onCache({"cat", hash, hash}).m_Output, block.m_Output + block.m_Output);
+}
+
+TEST_F(CachePrograms, CatOfWhatIsNotThereFails)
+{
+    EXPECT_EQ(onCache({"cat", "12-13"}).m_Status, 2);
+    const std::string hash = "1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16";
+    for (const std::vector<std::string>& line :
+         {std::vector<std::string>{"cat", hash}, {"cat", "--file", hash}}) {
+        const Outcome outcome = onCache(line);
+        EXPECT_EQ(outcome.m_Status, 1);
+        EXPECT_EQ(outcome.m_Output, "");
+        EXPECT_EQ(outcome.m_Errors, "zebtdx: " + hash + ": is not in the cache\n");
+    }
+}
+
+TEST_F(CachePrograms, GcOnlyTellsUnlessAskedToApply)
+{
+    const Outcome outcome = run({"gc", "m-a", "--json"});
+    EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
+    EXPECT_EQ(outcome.number("kept_files"), 5 + 3 + 2);
+    EXPECT_EQ(outcome.number("rest_files"), 2 + 1);
+    EXPECT_EQ(outcome.number("removed_bytes"), 0);
+    EXPECT_THAT(run({"gc", "m-a"}).m_Output, HasSubstr("Nothing was removed; --apply does it."));
+    EXPECT_TRUE(restores("m-b", "b"));
+}
+
+TEST_F(CachePrograms, GcRemovesWhatNoManifestNames)
+{
+    m_Tree.file("r1/main/stranger", "mine");
+    const Outcome outcome = run({"gc", "m-a", "--apply", "--json"});
+    EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
+    EXPECT_EQ(outcome.number("removed_files"), 3);
+    EXPECT_EQ(outcome.number("kept_files"), 10);
+    EXPECT_EQ(onCache({"stat", "--json"}).number("files"), 10);
+    EXPECT_TRUE(restores("m-a", "a"));
+    EXPECT_FALSE(restores("m-b", "b"));
+    EXPECT_TRUE(std::filesystem::exists(m_Tree.path("r1/main/stranger")));
+}
+
+TEST_F(CachePrograms, GcWithAllManifestsKeepsEverything)
+{
+    const Outcome outcome = run({"gc", "m-a", "m-b", "--apply", "--json"});
+    EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
+    EXPECT_EQ(outcome.number("rest_files"), 0);
+    EXPECT_EQ(outcome.number("kept_files"), s_AllFiles);
+    EXPECT_TRUE(restores("m-a", "a"));
+    EXPECT_TRUE(restores("m-b", "b"));
+}
+
+TEST_F(CachePrograms, GcRemovesNothingWhenAListIsMissing)
+{
+    const std::string hash = listed("m-a", "a/own")[1];
+    std::filesystem::path file;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_Tree.top())) {
+        if (entry.path().filename() == hash)
+            file = entry.path();
+    }
+    ASSERT_TRUE(std::filesystem::remove(file));
+    const Outcome outcome = run({"gc", "m-a", "--apply"});
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_EQ(outcome.m_Errors,
+              "zebtdx: a/own: its list of blocks cannot be read from the cache\n"
+              "zebtdx: nothing is removed, as not all that is to be kept is known\n");
+    EXPECT_TRUE(restores("m-b", "b"));
+}
+
+TEST_F(CachePrograms, GcOfDifferentCachesIsRefused)
+{
+    ASSERT_EQ(run({"ingest", "a", "--manifest", "m-other", "--root", "r3"}).m_Status, 0);
+    ASSERT_EQ(run({"ingest", "a", "--manifest", "m-sub", "--root", "r1", "--root", "r2",
+                   "--sub-cache", "other"})
+                  .m_Status,
+              0);
+    for (const char* const other : {"m-other", "m-sub"}) {
+        const Outcome outcome = run({"gc", "m-a", other, "--apply"});
+        EXPECT_EQ(outcome.m_Status, 1);
+        EXPECT_EQ(outcome.m_Errors, std::string("zebtdx: ") + other + ": is of another cache\n");
+    }
+    EXPECT_EQ(run({"gc"}).m_Status, 2);
+    EXPECT_EQ(run({"gc", "m-missing"}).m_Errors, "zebtdx: m-missing: No such file or directory\n");
+    EXPECT_TRUE(restores("m-b", "b"));
+}
+
+TEST_F(CachePrograms, GcObeysTheSwitchOfTheEnvironment)
+{
+    const Outcome outcome =
+        runShell(R"(ZEBA_TDX_GARBAGE_COLLECTION_DISABLED= exec "$0" gc m-a --apply)", m_Tree.top());
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_THAT(outcome.m_Errors, HasSubstr("ZEBA_TDX_GARBAGE_COLLECTION_DISABLED forbids it"));
+    EXPECT_TRUE(restores("m-b", "b"));
+}
+
+TEST_F(CachePrograms, AnyNumberOfCompressionThreadsGivesTheSameCache)
+{
+    for (const char* const threads : {"0", "1", "3"}) {
+        std::filesystem::remove_all(m_Tree.path("r1"));
+        std::filesystem::remove_all(m_Tree.path("r2"));
+        ASSERT_EQ(run({"ingest", "a", "--block", "1K", "--replace", "--manifest", "m-a", "--root",
+                       "r1", "--root", "r2", "--compression-threads", threads})
+                      .m_Status,
+                  0);
+        EXPECT_TRUE(restores("m-a", "a")) << threads;
+    }
+}

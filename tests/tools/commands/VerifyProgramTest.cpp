@@ -1,0 +1,247 @@
+// What finds damage in a cache, mends it, and looks before a set-up: verify, repair and probe, each
+// in a process of its own.
+
+#include "tools/support/ProgramRunner.h"
+#include "tools/support/TemporaryTree.h"
+
+#include "tools/cache/RootLock.h"
+
+#include <QJsonArray>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class VerifyProgram : public ::testing::Test
+{
+protected:
+    // A file of 40 blocks, and another one that is a block and a bit.
+    void SetUp() override
+    {
+        m_Tree.folder("in");
+        m_Tree.file("in/long", mixedBytes(40 * 1024, 1));
+        m_Tree.file("in/short", mixedBytes(1500, 2));
+        ASSERT_EQ(ingest().m_Status, 0);
+        for (const auto& entry : fs::recursive_directory_iterator(m_Tree.top())) {
+            if (entry.is_regular_file() && entry.file_size() > 900 &&
+                entry.path().filename().string().find('-') != std::string::npos)
+                m_Blocks.push_back(entry.path());
+        }
+        ASSERT_GT(m_Blocks.size(), 40U);
+    }
+
+    Outcome run(const std::vector<std::string>& line) const { return runTool(line, m_Tree.top()); }
+
+    Outcome ingest() const
+    {
+        return run({"ingest", "in", "--block", "1K", "--root", "r1", "--root", "r2", "--manifest",
+                    "m", "--replace"});
+    }
+
+    Outcome onCache(std::vector<std::string> line) const
+    {
+        line.insert(line.end(), {"--root", "r1", "--root", "r2"});
+        return run(line);
+    }
+
+    bool restores() const
+    {
+        fs::remove_all(m_Tree.path("out"));
+        return run({"restore", "m", "--out", "out"}).m_Status == 0 &&
+               runShell("diff -r in out/in", m_Tree.top()).m_Output.empty();
+    }
+
+    static std::string bytesOf(const fs::path& path)
+    {
+        std::ifstream stream(path, std::ios::binary);
+        std::ostringstream bytes;
+        bytes << stream.rdbuf();
+        return bytes.str();
+    }
+
+    static void write(const fs::path& path, const std::string& bytes)
+    {
+        std::ofstream(path, std::ios::binary) << bytes;
+    }
+
+    // Another byte in the middle.
+    static void flip(const fs::path& path)
+    {
+        std::string bytes = bytesOf(path);
+        char& byte = bytes[bytes.size() / 2];
+        byte = static_cast<char>(byte ^ 0x10);
+        write(path, bytes);
+    }
+
+    TemporaryTree m_Tree;
+    std::vector<fs::path> m_Blocks;
+};
+
+} // namespace
+
+TEST_F(VerifyProgram, AGoodCacheIsClean)
+{
+    for (const std::vector<std::string>& line : {std::vector<std::string>{"verify"},
+                                                 {"verify", "--fast"},
+                                                 {"verify", "--threads", "1"},
+                                                 {"verify", "--sub-cache", "main"},
+                                                 {"repair"}}) {
+        std::vector<std::string> withJson = line;
+        withJson.emplace_back("--json");
+        const Outcome outcome = onCache(withJson);
+        EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
+        EXPECT_EQ(outcome.m_Errors, "");
+        EXPECT_EQ(outcome.number("damaged"), 0);
+        EXPECT_EQ(outcome.number("files"), 42 + 2);
+    }
+}
+
+TEST_F(VerifyProgram, EachKindOfDamageIsOneLineThatSaysWhatToDo)
+{
+    flip(m_Blocks[0]);
+    fs::resize_file(m_Blocks[1], 100);
+    write(m_Blocks[2], bytesOf(m_Blocks[2]) + "x");
+    write(m_Blocks[3], bytesOf(m_Blocks[4]));
+    const Outcome outcome = onCache({"verify"});
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_EQ(outcome.errorLines(), 4) << outcome.m_Errors;
+    const std::string advice = "move it away by repair, and add its bytes again\n";
+    EXPECT_THAT(outcome.m_Errors, HasSubstr(": is cut short ("));
+    EXPECT_THAT(outcome.m_Errors, HasSubstr(": goes on behind its payload ("));
+    EXPECT_THAT(outcome.m_Errors, HasSubstr(": holds other bytes than its name says; " + advice));
+    const Outcome asJson = onCache({"verify", "--json"});
+    EXPECT_EQ(asJson.number("damaged"), 4);
+    EXPECT_EQ(asJson.number("damaged_cut_short"), 1);
+    EXPECT_EQ(asJson.json()["damage"].toArray().size(), 4);
+}
+
+TEST_F(VerifyProgram, ASampleChecksItsShare)
+{
+    EXPECT_EQ(onCache({"verify", "--sample", "25", "--json"}).number("files"), 11);
+    EXPECT_EQ(onCache({"verify", "--sample", "0"}).m_Status, 2);
+    EXPECT_EQ(onCache({"verify", "--sample", "101"}).m_Status, 2);
+}
+
+TEST_F(VerifyProgram, OtherBucketsOrRootsMisplaceFilesAndRepairRefuses)
+{
+    EXPECT_THAT(onCache({"verify", "--buckets", "7"}).m_Errors,
+                HasSubstr(": lies where nobody looks for it (it belongs into bucket "));
+    EXPECT_EQ(run({"verify", "--root", "r2", "--root", "r1"}).m_Status, 1);
+    const Outcome outcome = onCache({"repair", "--apply", "--buckets", "7", "--json"});
+    EXPECT_EQ(outcome.m_Status, 2);
+    EXPECT_EQ(outcome.number("moved"), 0);
+    EXPECT_THAT(outcome.m_Errors, HasSubstr("nothing is moved\n"));
+    EXPECT_EQ(onCache({"verify"}).m_Status, 0);
+}
+
+TEST_F(VerifyProgram, RemarksLeaveTheStatusAlone)
+{
+    m_Tree.file("r1/main/stranger", "mine");
+    m_Tree.link("r2/main/link", "/");
+    fs::resize_file(m_Blocks[0], 5);
+    fs::permissions(m_Blocks[1], fs::perms::others_write, fs::perm_options::add);
+    const Outcome outcome = onCache({"verify", "--json"});
+    EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
+    EXPECT_EQ(outcome.errorLines(), 4) << outcome.m_Errors;
+    for (const char* const key : {"foreign", "links", "stumps", "loose_permissions"})
+        EXPECT_EQ(outcome.number(key), 1) << key;
+}
+
+TEST_F(VerifyProgram, WhatCannotBeCheckedIsNotCalledClean)
+{
+    EXPECT_EQ(run({"verify", "--root", "missing"}).m_Status, 2);
+    EXPECT_EQ(run({"verify", "--root", "m"}).m_Errors, "zebtdx: m: Not a directory\n");
+    EXPECT_EQ(run({"verify", "--root", "r1", "--root", "r1"}).m_Status, 2);
+    EXPECT_EQ(run({"verify", "--fats"}).m_Status, 2);
+}
+
+TEST_F(VerifyProgram, VerifyWritesNothing)
+{
+    flip(m_Blocks[0]);
+    const std::string list = "find r1 r2 -printf '%p %s %T@ %m\\n' | sort";
+    const std::string before = runShell(list, m_Tree.top()).m_Output;
+    onCache({"verify"});
+    onCache({"repair"});
+    EXPECT_EQ(runShell(list, m_Tree.top()).m_Output, before);
+    EXPECT_FALSE(fs::exists(m_Tree.path("zebtdx-quarantine")));
+}
+
+TEST_F(VerifyProgram, ACacheThatACrashDamagedHeals)
+{
+    // What a crash leaves: a file that passes for complete, a stump, and a page of zeros.
+    fs::resize_file(m_Blocks[0], fs::file_size(m_Blocks[0]) - 200);
+    fs::resize_file(m_Blocks[1], 8);
+    std::string zeros = bytesOf(m_Blocks[2]);
+    zeros.replace(500, 300, 300, '\0');
+    write(m_Blocks[2], zeros);
+    EXPECT_FALSE(restores());
+    ASSERT_EQ(ingest().m_Status, 0) << "the store passes them over";
+    EXPECT_FALSE(restores());
+
+    EXPECT_EQ(onCache({"repair"}).m_Status, 1);
+    const Outcome outcome = onCache({"repair", "--apply", "--quarantine", "aside", "--json"});
+    EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
+    EXPECT_EQ(outcome.number("moved"), 2);
+    EXPECT_EQ(runShell("find aside -type f | wc -l", m_Tree.top()).m_Output, "2\n");
+    EXPECT_FALSE(restores()) << "the blocks are missing now";
+    ASSERT_EQ(ingest().m_Status, 0);
+    EXPECT_TRUE(restores());
+    const Outcome after = onCache({"verify", "--json"});
+    EXPECT_EQ(after.m_Status, 0);
+    EXPECT_EQ(after.number("stumps"), 0);
+}
+
+TEST_F(VerifyProgram, AQuarantineInARootIsRefused)
+{
+    flip(m_Blocks[0]);
+    m_Tree.link("way", "r1/main");
+    for (const char* const place : {"r1", "r2/aside", "way/aside", "r1/../r2/x"}) {
+        const Outcome outcome = onCache({"repair", "--apply", "--quarantine", place});
+        EXPECT_EQ(outcome.m_Status, 2) << place;
+        EXPECT_THAT(outcome.m_Errors, HasSubstr("lies in the cache root")) << place;
+    }
+    EXPECT_EQ(onCache({"verify"}).m_Status, 1) << "it is still there";
+}
+
+TEST_F(VerifyProgram, OneProcessAtATime)
+{
+    RootLock lock;
+    std::string holder;
+    ASSERT_TRUE(lock.take({m_Tree.path("r1")}, RootLock::Use::Reading, holder));
+    const Outcome outcome = onCache({"repair", "--apply"});
+    EXPECT_EQ(outcome.m_Status, 2);
+    EXPECT_EQ(outcome.m_Errors, "zebtdx: cache root r1 is in use by another process\n");
+    EXPECT_EQ(ingest().m_Status, 1);
+    EXPECT_EQ(onCache({"verify"}).m_Status, 0);
+    EXPECT_TRUE(restores()) << "reading together";
+    EXPECT_THAT(onCache({"probe", "--space", "1M"}).m_Output,
+                HasSubstr("FAILED  r1: alone: another process has it"));
+}
+
+TEST_F(VerifyProgram, ProbeTellsWhatIsInTheWay)
+{
+    const Outcome fit = onCache({"probe", "--space", "1M", "--json"});
+    EXPECT_EQ(fit.m_Status, 0) << fit.m_Output;
+    EXPECT_TRUE(fit.json()["fit"].toBool());
+    EXPECT_EQ(run({"probe", "--root", "missing"}).m_Status, 1);
+    EXPECT_THAT(run({"probe", "--root", "m"}).m_Output, HasSubstr("FAILED  m: exists: "));
+    EXPECT_THAT(onCache({"probe", "--space", "1000000T"}).m_Output,
+                AllOf(HasSubstr("FAILED  r1: space: "), HasSubstr("are asked for")));
+    EXPECT_THAT(run({"probe", "--root", "r1", "--root", "r1/main"}).m_Output,
+                HasSubstr("FAILED  r1/main: apart: "));
+    fs::permissions(m_Tree.path("r2"), fs::perms::group_write, fs::perm_options::add);
+    EXPECT_THAT(onCache({"probe"}).m_Output, HasSubstr("FAILED  r2: permissions: "));
+    EXPECT_THAT(runShell(R"(umask 0; "$0" probe --root r1)", m_Tree.top()).m_Output,
+                HasSubstr("FAILED  umask: "));
+    EXPECT_EQ(runShell("ls -A r1 r2", m_Tree.top()).m_Output, "r1:\nmain\n\nr2:\nmain\n");
+}

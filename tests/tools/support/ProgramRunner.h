@@ -1,0 +1,102 @@
+#pragma once
+
+#include "tools/support/TemporaryTree.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QStringList>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+// The program as a user meets it, in a process of its own.
+
+inline constexpr int s_ProgramDeadlineMs = 120000;
+
+/// What a run of the program came to.
+struct Outcome
+{
+    int m_Status = -1;
+    std::string m_Output;
+    std::string m_Errors;
+
+    QJsonObject json() const
+    {
+        const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(m_Output));
+        EXPECT_TRUE(document.isObject()) << m_Output;
+        return document.object();
+    }
+    qint64 number(const char* key) const
+    {
+        const QJsonValue value = json()[QLatin1String(key)];
+        EXPECT_TRUE(value.isDouble()) << key;
+        return static_cast<qint64>(value.toDouble());
+    }
+    int errorLines() const
+    {
+        return static_cast<int>(std::count(m_Errors.begin(), m_Errors.end(), '\n'));
+    }
+};
+
+inline Outcome finish(QProcess& process)
+{
+    Outcome outcome;
+    EXPECT_TRUE(process.waitForFinished(s_ProgramDeadlineMs)) << qPrintable(process.errorString());
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    outcome.m_Status = process.exitCode();
+    outcome.m_Output = process.readAllStandardOutput().toStdString();
+    outcome.m_Errors = process.readAllStandardError().toStdString();
+    return outcome;
+}
+
+inline QStringList asArguments(const std::vector<std::string>& arguments)
+{
+    QStringList list;
+    for (const std::string& argument : arguments)
+        list.append(QString::fromStdString(argument));
+    return list;
+}
+
+inline void setLanguage(QProcess& process)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
+    process.setProcessEnvironment(environment);
+}
+
+inline Outcome runTool(const std::vector<std::string>& arguments, const std::string& folder = "/")
+{
+    QProcess process;
+    setLanguage(process);
+    process.setWorkingDirectory(QString::fromStdString(folder));
+    process.start(QStringLiteral(ZEBTDX_PROGRAM), asArguments(arguments));
+    return finish(process);
+}
+
+/// `zebtdx ingest` with a cache and a manifest of its own, which are gone afterwards. The arguments
+/// begin behind the command.
+inline Outcome runIngest(const std::vector<std::string>& arguments, const std::string& folder = "/")
+{
+    const TemporaryTree scratch;
+    std::vector<std::string> line = {"ingest", "--root", scratch.path("cache"), "--manifest",
+                                     scratch.path("manifest")};
+    line.insert(line.end(), arguments.begin(), arguments.end());
+    return runTool(line, folder);
+}
+
+/// Through a shell, for arguments that are no text.
+inline Outcome runShell(const std::string& commandLine, const std::string& folder)
+{
+    QProcess process;
+    setLanguage(process);
+    process.setWorkingDirectory(QString::fromStdString(folder));
+    process.start(QStringLiteral("/bin/sh"),
+                  {QStringLiteral("-c"), QString::fromStdString(commandLine),
+                   QStringLiteral(ZEBTDX_PROGRAM)});
+    return finish(process);
+}

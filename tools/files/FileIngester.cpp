@@ -1,0 +1,217 @@
+#include "tools/files/FileIngester.h"
+
+#include "data/ZebDataBlock.h"
+#include "hash/ZebDataHash.h"
+#include "manager/ZebDataBlockManager.h"
+#include "tools/cache/ToolStore.h"
+#include "tools/files/FileReader.h"
+#include "tools/files/Manifest.h"
+#include "tools/terminal/ErrorReport.h"
+#include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/SizeText.h"
+#include "tools/terminal/Workers.h"
+
+#include <QThread>
+
+#include <algorithm>
+#include <exception>
+#include <limits>
+#include <new>
+#include <utility>
+
+namespace {
+
+// How much of a file a thread takes at a time, at least one block.
+constexpr qint64 s_SegmentBytes = 4 * 1024 * 1024;
+
+constexpr unsigned long s_BrakeMs = 2;
+
+// A thread that is some blocks ahead of the hashing pool never waits for it; more gains nothing.
+constexpr qint64 s_MostPending = 8;
+
+// The share of the memory limit that the blocks without a hash of all threads may take.
+constexpr qint64 s_PendingShare = 4;
+
+constexpr qint64 s_GroupHeader = 16;
+
+// Sleeps while the writers have as much waiting as they may.
+void waitForWriters()
+{
+    while (ZebDataBlockManager::instance().isWriteThreadsFull())
+        QThread::msleep(s_BrakeMs);
+}
+
+} // namespace
+
+FileIngester::FileIngester(const Options& options, ToolStore& store, ErrorReport& errors,
+                           ProgressBar& progress)
+    : m_Options(options),
+      m_SegmentBytes(std::max<qint64>(s_SegmentBytes / options.m_BlockSize, 1) *
+                     options.m_BlockSize),
+      m_MostPending(static_cast<std::size_t>(std::clamp<qint64>(
+          options.m_Memory / s_PendingShare / options.m_Threads / options.m_BlockSize, 1,
+          s_MostPending))),
+      m_Store(store),
+      m_Errors(errors),
+      m_Progress(progress),
+      m_DoneBytes(0),
+      m_NextFile(0),
+      m_NextOffset(0)
+{}
+
+StoredFiles FileIngester::run(const FileWalker& walk)
+{
+    m_Stored.m_BlockSize = m_Options.m_BlockSize;
+    for (const FileWalker::File& file : walk.files())
+        m_Stored.m_Files.emplace_back(file.m_Path, Manifest::nameFor(file.m_Path), file.m_Size);
+    m_Progress.begin("Storing  ", walk.bytes());
+    Workers::run(
+        m_Options.m_Threads, [this] { work(); },
+        [this] {
+            m_Progress.show(m_DoneBytes.load());
+            m_Store.watchWrites(m_Errors);
+        });
+    m_Progress.end();
+    makeGroups();
+    dropFailedFiles();
+    return std::move(m_Stored);
+}
+
+StoredSegment* FileIngester::nextSegment()
+{
+    const std::lock_guard<std::mutex> locker(m_CursorMutex);
+    if (m_NextFile == m_Stored.m_Files.size())
+        return nullptr;
+    const StoredFile& file = m_Stored.m_Files[m_NextFile];
+    StoredSegment& segment = m_Stored.m_Segments.emplace_back();
+    segment.m_File = m_NextFile;
+    segment.m_Offset = m_NextOffset;
+    segment.m_PlannedBytes = std::min(m_SegmentBytes, file.m_Size - m_NextOffset);
+    m_NextOffset += segment.m_PlannedBytes;
+    // No further pieces are made of a file that has failed.
+    segment.m_Last = m_NextOffset >= file.m_Size || file.m_Failed.load();
+    if (segment.m_Last) {
+        ++m_NextFile;
+        m_NextOffset = 0;
+    }
+    return &segment;
+}
+
+void FileIngester::work()
+{
+    FileReader reader;
+    for (StoredSegment* segment = nextSegment(); segment != nullptr; segment = nextSegment())
+        storeSegment(*segment, reader);
+}
+
+void FileIngester::storeSegment(StoredSegment& segment, FileReader& reader)
+{
+    StoredFile& file = m_Stored.m_Files[segment.m_File];
+    if (file.m_Failed.load())
+        return;
+    std::string reason;
+    try {
+        reason = reader.open(file.m_Path);
+        if (reason.empty())
+            reason = storeBlocks(segment, file, reader);
+    } catch (const std::bad_alloc&) {
+        reason = "out of memory";
+    } catch (const std::exception& error) {
+        reason = error.what();
+    }
+    if (!reason.empty())
+        fail(file, reason);
+}
+
+std::string FileIngester::storeBlocks(StoredSegment& segment, const StoredFile& file,
+                                      FileReader& reader)
+{
+    segment.m_Stamp = reader.stamp();
+    const qint64 blockSize = m_Options.m_BlockSize;
+    // Dropping what is left of them waits for their hashes.
+    std::deque<ZebDataReference> pending;
+    QByteArray block;
+    while (segment.m_Last || segment.m_Bytes < segment.m_PlannedBytes) {
+        if (file.m_Failed.load())
+            return {};
+        // A new array each time: the store's hashing thread may share the one before.
+        block = QByteArray();
+        std::string reason = reader.readBlock(segment.m_Offset + segment.m_Bytes, blockSize, block);
+        if (!reason.empty())
+            return reason;
+        if (block.size() < blockSize && !segment.m_Last)
+            return "became shorter while it was read";
+        if (!block.isEmpty())
+            storeBlock(block, segment, pending);
+        if (block.size() < blockSize)
+            break;
+    }
+    for (const ZebDataReference& reference : pending) {
+        reference.resolveWork();
+        segment.m_Blocks.push_back(reference);
+    }
+    segment.m_Complete = true;
+    return {};
+}
+
+void FileIngester::storeBlock(const QByteArray& block, StoredSegment& segment,
+                              std::deque<ZebDataReference>& pending)
+{
+    waitForWriters();
+    if (pending.size() == m_MostPending) {
+        pending.front().resolveWork();
+        segment.m_Blocks.push_back(pending.front());
+        pending.pop_front();
+    }
+    pending.push_back(
+        ZebDataBlockManager::instance().addBlock(block, ZebModifyAccessor::Cached, false));
+    segment.m_Bytes += block.size();
+    m_DoneBytes.fetch_add(block.size());
+}
+
+void FileIngester::fail(StoredFile& file, const std::string& reason)
+{
+    if (!file.m_Failed.exchange(true))
+        m_Errors.add(file.m_Path, reason);
+}
+
+void FileIngester::dropFailedFiles()
+{
+    for (StoredSegment& segment : m_Stored.m_Segments) {
+        if (!m_Stored.m_Files[segment.m_File].m_Failed.load())
+            continue;
+        segment.m_Blocks.clear();
+        segment.m_Bytes = 0;
+        segment.m_Complete = false;
+    }
+}
+
+void FileIngester::makeGroups()
+{
+    // A file's segments stand in order.
+    for (auto begin = m_Stored.m_Segments.cbegin(); begin != m_Stored.m_Segments.cend();) {
+        StoredFile& file = m_Stored.m_Files[begin->m_File];
+        QVector<ZebDataReference> blocks;
+        qint64 bytes = 0;
+        auto end = begin;
+        for (; end != m_Stored.m_Segments.cend() && end->m_File == begin->m_File; ++end) {
+            for (const ZebDataReference& reference : end->m_Blocks)
+                blocks.append(reference);
+            bytes += end->m_Bytes;
+        }
+        begin = end;
+        if (file.m_Failed.load())
+            continue;
+        const qint64 groupSize = s_GroupHeader + qint64(ZebDataHash::Hash512) * blocks.size();
+        if (groupSize > ZebDataBlock::maxBlockSize()) {
+            fail(file, "has so many blocks that their list, of " + SizeText::print(groupSize) +
+                           ", is too large for the store; larger blocks help");
+            continue;
+        }
+        // Here, and not on the threads, only this one can see the writers fail.
+        m_Store.watchWrites(m_Errors);
+        file.m_StoredBytes = bytes;
+        file.m_Group = ZebDataBlockManager::instance().makeGroupBlock(blocks);
+        file.m_Group.resolveWork();
+    }
+}
