@@ -449,11 +449,15 @@ def stale_exceptions(tree):
     yield from plain_english.stale_exceptions(tree.files)
 
 
+def is_in(path, folders):
+    return any(f"{path}/".startswith(f"{folder}/") for folder in folders)
+
+
 def findings(tree, folders=()):
     for path in sorted(tree.files):
         file = tree.files[path]
         rules = list(TEXT_RULES.values())
-        if file.folder not in PHRASE_FOLDERS + tuple(folders):
+        if file.folder not in PHRASE_FOLDERS and not is_in(path, folders):
             rules.remove(check_phrases)
         if file.is_code:
             rules += CODE_RULES.values()
@@ -499,7 +503,7 @@ def check(root, output, folders=()):
         return 2
     count = 0
     for path, line, message in findings(tree, folders):
-        if folders and not any(f"{path}/".startswith(f"{folder}/") for folder in folders):
+        if folders and not is_in(path, folders):
             continue
         print(f"{path}:{line}: {message}", file=output)
         count += 1
