@@ -214,7 +214,7 @@ def findings(root, tool):
     yield from of("docs/API.md", check_api(documents["docs/API.md"], library))
     yield from of("docs/FORMAT.md", check_worked_file(documents["docs/FORMAT.md"]))
     if tool:
-        yield from check_tool(documents, tool)
+        yield from check_tool(documents, str(Path(tool).resolve()))
 
 
 def self_test():
