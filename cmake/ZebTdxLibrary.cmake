@@ -98,6 +98,7 @@ set(ZEBTDX_SOURCES
   selfcheck/ZebOverCompJobTest.cpp
   selfcheck/ZebRedBlock.cpp
   selfcheck/ZebSelfCheck.cpp
+  selfcheck/ZebSelfCheckFrame.cpp
   selfcheck/ZebSelfCheckStore.cpp
   selfcheck/ZebSelfCheckTable.cpp
   selfcheck/ZebThreadedIo.cpp)

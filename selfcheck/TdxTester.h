@@ -16,21 +16,21 @@
 ///  - Images of every kind in the sample data must be readable by Qt; TIFF needs its plugin.
 ///  - A QCoreApplication must exist.
 ///
-/// Every check says in Qt's debug log what it does and, when it fails, why. It sets the store up on
-/// the cache roots below the data folder, removes what lies in them before and after, cleans the
-/// store up again and returns whether all was well. So any check may run alone, in any order. A
-/// broken contract of the store ends the process, as in any host.
+/// Every check logs to Qt's debug log what it does and, when it fails, why. It sets the store up on
+/// the cache roots below the data folder, empties the roots before and after, cleans the store up
+/// and returns whether everything was right. So each check can run alone, in any order. A broken
+/// contract of the store ends the process, as in any host.
 ///
 /// The checks that take an argument take the store's memory limit in MiB.
 ///
 /// Kept on purpose: blocks are not counted, and ZebDataBlock::blockCount() is always -1. The checks
-/// that want no block to be left therefore always fail, with their words: testDataBlockRelease(),
+/// that require a count of 0 therefore always fail, each with its message: testDataBlockRelease(),
 /// testThreadedIo(), testTileHash(), testDataBlockLoadedTests() and finalTests(). runAllTest() ends
 /// at the first of them.
 ///
 /// Thread safety: one check at a time, on one thread; the checks start workers of their own in Qt's
-/// global pool. Not from a task of that pool, since cleaning the store up waits for all of them.
-/// tdxLog() may be called from any thread.
+/// global pool. Do not call a check from a task of that pool: cleaning the store up waits for all
+/// of them. tdxLog() may be called from any thread.
 ///
 /// Locks: the caller holds none of the store's.
 class ZEBTDX_EXPORT TdxTester
@@ -40,23 +40,23 @@ public:
     TdxTester();
     TdxTester(const TdxTester& other) = default;
 
-    /// A tester has no state of its own: nothing happens.
+    /// A tester has no state of its own, so assignment does nothing.
     TdxTester& operator=(const TdxTester& other);
     TdxTester& operator=(TdxTester&& other) noexcept;
 
     /// Names the data folder, and with it its sub-folders "TestTiles", "TestImages", "TextureTest"
-    /// and "out". Nothing is looked at or made. Holds for all testers.
+    /// and "out". Reads and creates nothing. Applies to all testers.
     void setTestDataDirectory(const QString& directory);
 
-    /// Sends a line, formatted as printf() does, to Qt's debug log when that is switched on. A line
-    /// is cut at 2047 bytes.
+    /// Sends a line, formatted as by printf(), to Qt's debug log when tdxLog() is switched on. A
+    /// line is truncated to 2047 bytes.
     static void tdxLog(const char* format, ...) Q_ATTRIBUTE_FORMAT_PRINTF(1, 2);
 
     /// Runs every check, each `runs` times before the next one. Returns false at the first failure.
-    /// With less than one run nothing is checked, and all is well.
+    /// With less than one run, checks nothing and returns true.
     bool runAllTest(int runs);
 
-    /// The leftovers: whether any hash or block is alive.
+    /// Whether no hash and no block is left.
     bool finalTests();
 
     // Without the store
@@ -102,7 +102,7 @@ public:
     bool testCompositingTest(int megabytes);
 
 protected:
-    /// Whether tdxLog() says anything. Read on any thread, with no order to anything else.
+    /// Whether tdxLog() logs anything. Read on any thread, not ordered with anything else.
     static std::atomic<bool> m_Logging;
 
     // The data folders. Set by the thread that runs the checks, and read by their workers.

@@ -10,6 +10,7 @@
 #include "manager/ZebDataBlockManager.h"
 #include "selfcheck/ZebByteChain.h"
 #include "selfcheck/ZebSelfCheck.h"
+#include "selfcheck/ZebSelfCheckFrame.h"
 #include "selfcheck/ZebSelfCheckStore.h"
 
 #include <QElapsedTimer>
@@ -22,14 +23,14 @@
 
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
+using ZebSelfCheck::s_Buckets;
 using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
-constexpr int s_Buckets = 10;
 constexpr int s_BlockBytes = 256 * 1024;
 
-// The corpus of the compression checks; none when it cannot be had, which is told.
+// The corpus of the compression checks; none, after a log line, when it cannot be read.
 std::optional<QByteArray> readCorpus(const QString& dataDirectory)
 {
     QFile file(dataDirectory + QStringLiteral("/Data.txt"));
@@ -90,7 +91,7 @@ bool corpusComesBack(const QByteArray& corpus)
     return true;
 }
 
-// Blocks of every kind, and gone again.
+// Constructs, copies, assigns and destroys blocks.
 void makeBlocks(const QByteArray& corpus)
 {
     ZebDataBlock fromCorpus(corpus);
@@ -105,7 +106,7 @@ bool compressesAt(const QByteArray& corpus, int level)
     ZebDataBlock block(corpus);
     if (!block.compress(level))
         return failure("Compression Failed at size %d", level);
-    // A block tells its plain length only; what it holds is what this gives.
+    // A block reports only its uncompressed length, but its bytes are exactly what this returns.
     const int packed = qCompress(corpus, level).size();
     constexpr int kilobyte = 1024;
     constexpr double percent = 100.0;
@@ -138,7 +139,7 @@ bool measureCompression(const QByteArray& corpus, int level)
     return true;
 }
 
-// What is left once no reference is: resident blocks and registered hashes.
+// Compares the numbers of resident blocks and of registered hashes.
 bool countsAre(int blocks, int hashes)
 {
     const qint64 liveBlocks = ZebDataBlockManager::instance().liveBlocks();
@@ -153,18 +154,17 @@ bool countsAre(int blocks, int hashes)
     return true;
 }
 
-// Reads every byte of every block; the sum keeps the reading from being left out.
-quint64 sumOf(const std::vector<ZebDataReference>& references)
+// Reads every byte of every block. The sum is volatile, or the compiler could leave the reads out.
+void readAll(const std::vector<ZebDataReference>& references)
 {
-    quint64 sum = 0;
+    volatile quint64 sum = 0;
     for (const ZebDataReference& reference : references) {
         const ZebConstAccessor accessor = reference.constAccessor();
         if (accessor.isNull())
             continue;
         const unsigned char* const data = accessor.data();
-        sum = std::accumulate(data, data + accessor.size(), sum);
+        sum = std::accumulate(data, data + accessor.size(), quint64(sum));
     }
-    return sum;
 }
 
 bool groupsWork()
@@ -244,11 +244,60 @@ bool jobsWork()
     return countsAre(0, 0);
 }
 
+bool additionsMakeOneBlock()
+{
+    constexpr int additions = 1000;
+    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
+    const QByteArray bytes = ZebByteChain::bytes(1, s_BlockBytes);
+    QElapsedTimer whole;
+    whole.start();
+    std::vector<ZebDataReference> references;
+    for (int i = 0; i < additions; ++i)
+        references.push_back(manager.addBlock(bytes));
+    line("Added All Blocks in %.2fs", ZebSelfCheck::seconds(whole.elapsed()));
+    QElapsedTimer timer;
+    timer.start();
+    readAll(references);
+    line("All Bocks Accessed in %.2f", ZebSelfCheck::seconds(timer.elapsed()));
+    line("Total Time %.2f", ZebSelfCheck::seconds(whole.elapsed()));
+    return countsAre(1, 1);
+}
+
+bool largeBlockIsReleased()
+{
+    constexpr int bytes = 100 * 1024 * 1024;
+    constexpr quint32 seed = 1024;
+    constexpr int additions = 20;
+    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
+    {
+        const QByteArray buffer = ZebByteChain::bytes(seed, bytes);
+        QElapsedTimer timer;
+        timer.start();
+        std::vector<ZebDataReference> references;
+        for (int i = 0; i < additions; ++i)
+            references.push_back(manager.addBlock(buffer));
+        line("Added All Blocks in %.2fs", ZebSelfCheck::seconds(timer.elapsed()));
+        readAll(references);
+    }
+    manager.flush(true, ZebDataBlockManager::AllThreads);
+    if (manager.managedBlocks() != 0)
+        return failure("Managed Block Count is not zero it is %lld", manager.managedBlocks());
+    return true;
+}
+
+bool noBlockIsCounted()
+{
+    // Kept on purpose: the count is the constant -1, so the check always ends here at the latest.
+    if (ZebSelfCheck::blockCount() != 0)
+        return failure("Block Count is not zero it is %d", ZebSelfCheck::blockCount());
+    return true;
+}
+
 } // namespace
 
 bool TdxTester::testDataBlock()
 {
-    // Kept on purpose: this says "Passed" where the other checks say "Starting".
+    // Kept on purpose: this prints "Passed" where the other checks print "Starting".
     line("[ -- ] Passed Basic Block Tests");
     const int before = ZebSelfCheck::blockCount();
     line("Incoming Block Count %d", before);
@@ -259,6 +308,7 @@ bool TdxTester::testDataBlock()
         return false;
     makeBlocks(*corpus);
     const int after = ZebSelfCheck::blockCount();
+    // Kept on purpose: the count is the constant -1, so this never fails.
     if (after != before)
         return failure("Block Count Mismatch %d %d", before, after);
     line("[ OK ] Passed Basic Block Tests");
@@ -303,7 +353,7 @@ bool TdxTester::testUserDataSystem()
             return failure("User Id is %d not 1", reference.userId());
         copy = reference;
     }
-    // References outlive the store, and what is attached to a content with them.
+    // References outlive the store, and so do the user ids of their hashes.
     if (copy.userId() != 1)
         return failure("Copy user Id is %d not 1", copy.userId());
     {
@@ -324,101 +374,52 @@ bool TdxTester::testUserDataSystem()
 
 bool TdxTester::testGroupBlocks()
 {
-    line("[ -- ] Starting Group Block Test");
-    constexpr qint64 memory = 100 * s_BytesPerMegabyte;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!groupsWork())
-        return false;
-    store.close();
-    line("[ OK ] Passed Group Block Test");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Group Block Test",
+                               "[ OK ] Passed Group Block Test"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    return frame.run(&groupsWork);
 }
 
 bool TdxTester::testDataReference()
 {
-    line("[ -- ] Start Data Reference Testing");
-    constexpr qint64 memory = 100 * s_BytesPerMegabyte;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!accessorsCount())
-        return false;
-    store.close();
-    line("[ OK ] Passed Data Reference Testing");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Start Data Reference Testing",
+                               "[ OK ] Passed Data Reference Testing"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    return frame.run(&accessorsCount);
 }
 
 bool TdxTester::testHashingJobs()
 {
-    line("[ -- ] Starting Hashing Job Tests");
-    constexpr qint64 memory = 1024 * s_BytesPerMegabyte;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!jobsWork())
-        return false;
-    line("Pre cleanup");
-    store.close();
-    line("Post cleanup");
-    line("[ OK ] Passed Hashing Job Tests");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Hashing Job Tests",
+                               "[ OK ] Passed Hashing Job Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_MemoryBytes = 1024 * s_BytesPerMegabyte;
+    const auto work = [] {
+        if (!jobsWork())
+            return false;
+        line("Pre cleanup");
+        return true;
+    };
+    return frame.run(work, [] {
+        line("Post cleanup");
+        return true;
+    });
 }
 
 bool TdxTester::testHashingCreate()
 {
-    line("[ -- ] Starting Hashing Usage Timings");
-    constexpr qint64 memory = 1024 * s_BytesPerMegabyte;
-    constexpr int additions = 1000;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    manager.startGarbageCollection();
-    {
-        const QByteArray bytes = ZebByteChain::bytes(1, s_BlockBytes);
-        QElapsedTimer whole;
-        whole.start();
-        std::vector<ZebDataReference> references;
-        for (int i = 0; i < additions; ++i)
-            references.push_back(manager.addBlock(bytes));
-        line("Added All Blocks in %.2fs", ZebSelfCheck::seconds(whole.elapsed()));
-        QElapsedTimer timer;
-        timer.start();
-        sumOf(references);
-        line("All Bocks Accessed in %.2f", ZebSelfCheck::seconds(timer.elapsed()));
-        line("Total Time %.2f", ZebSelfCheck::seconds(whole.elapsed()));
-        if (!countsAre(1, 1))
-            return false;
-    }
-    store.close();
-    line("[ OK ] Passed Hashing Usage Timings");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Hashing Usage Timings",
+                               "[ OK ] Passed Hashing Usage Timings"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_MemoryBytes = 1024 * s_BytesPerMegabyte;
+    return frame.run(&additionsMakeOneBlock);
 }
 
 bool TdxTester::testDataBlockRelease()
 {
-    line("[ -- ] Starting Datablock Release Testing");
-    constexpr qint64 memory = 1024 * s_BytesPerMegabyte;
-    constexpr int bytes = 100 * 1024 * 1024;
-    constexpr quint32 seed = 1024;
-    constexpr int additions = 20;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    manager.startGarbageCollection();
-    {
-        const QByteArray buffer = ZebByteChain::bytes(seed, bytes);
-        QElapsedTimer timer;
-        timer.start();
-        std::vector<ZebDataReference> references;
-        for (int i = 0; i < additions; ++i)
-            references.push_back(manager.addBlock(buffer));
-        line("Added All Blocks in %.2fs", ZebSelfCheck::seconds(timer.elapsed()));
-        sumOf(references);
-    }
-    manager.flush(true, ZebDataBlockManager::AllThreads);
-    if (manager.managedBlocks() != 0)
-        return failure("Managed Block Count is not zero it is %lld", manager.managedBlocks());
-    store.close();
-    // Kept on purpose: the count is the constant -1, so this always ends here at the latest.
-    if (ZebSelfCheck::blockCount() != 0)
-        return failure("Block Count is not zero it is %d", ZebSelfCheck::blockCount());
-    line("[ OK ] Passed Datablock Release Testing");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Datablock Release Testing",
+                               "[ OK ] Passed Datablock Release Testing"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_MemoryBytes = 1024 * s_BytesPerMegabyte;
+    return frame.run(&largeBlockIsReleased, &noBlockIsCounted);
 }

@@ -1,4 +1,4 @@
-// The checks that look at the files of the disk cache: do-not-cache blocks and the collection.
+// The checks that look at the files of the disk cache: uncached blocks and the collection.
 
 #include "selfcheck/TdxTester.h"
 
@@ -7,8 +7,10 @@
 #include "manager/ZebDataBlockManager.h"
 #include "selfcheck/ZebLiveReferences.h"
 #include "selfcheck/ZebSelfCheck.h"
+#include "selfcheck/ZebSelfCheckFrame.h"
 #include "selfcheck/ZebSelfCheckStore.h"
 
+#include <QScopeGuard>
 #include <QThread>
 
 #include <array>
@@ -19,13 +21,12 @@ using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
-constexpr int s_Buckets = 10;
 constexpr int s_Roots = 2;
 constexpr unsigned long s_ShortMs = 10;
 constexpr unsigned long s_WriteMs = 100;
 constexpr unsigned long s_CollectMs = 500;
 
-// A reference whose hash is known already.
+// A reference whose hash is already computed.
 ZebDataReference add(const QByteArray& bytes, ZebModifyAccessor::Caching caching)
 {
     const ZebDataReference reference =
@@ -34,7 +35,7 @@ ZebDataReference add(const QByteArray& bytes, ZebModifyAccessor::Caching caching
     return reference;
 }
 
-// Two do-not-cache blocks, two cached ones of the same byte, and one that fills the store.
+// Two uncached blocks and two cached blocks, all of the same byte, and one that fills the store.
 struct FiveBlocks
 {
     ZebDataReference m_A = add("a", ZebModifyAccessor::DontCache);
@@ -97,7 +98,7 @@ bool dontCacheWorks(const QStringList& roots)
             return false;
         blocks.m_E =
             add(QByteArray(static_cast<int>(s_BytesPerMegabyte), '\0'), ZebModifyAccessor::Cached);
-        // On a busy machine the writers may need longer than the sleep.
+        // On a busy machine the writers may take longer than the sleep.
         ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
         QThread::msleep(s_WriteMs);
         if (!residencyIsRight(blocks) || !filesAreOfCachedBlocks(blocks, roots))
@@ -121,19 +122,19 @@ bool hashesAre(int expected)
     return failure("[!!] Hash count is not %d", expected);
 }
 
-// The registry follows the references, and no write in flight holds a hash back.
+// The registry counts the references' hashes, and no pending write keeps a hash alive.
 bool registryFollowsReferences()
 {
     if (!hashesAre(0))
         return false;
-    constexpr int contents = 3;
+    constexpr int distinctBlocks = 3;
     std::array<ZebDataReference, 4> references = {
         add("a", ZebModifyAccessor::Cached), add("b", ZebModifyAccessor::Cached),
         add("b", ZebModifyAccessor::Cached), add("c", ZebModifyAccessor::Cached)};
     QThread::msleep(s_ShortMs);
-    if (!hashesAre(contents))
+    if (!hashesAre(distinctBlocks))
         return false;
-    // A queued write holds its hash, so the queues are emptied before the references go.
+    // A queued write holds its hash, so the queues are drained before the references are dropped.
     ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
     references[0] = ZebDataReference();
     references[1] = ZebDataReference();
@@ -178,37 +179,24 @@ bool collectionWorks(const QStringList& roots)
 
 bool TdxTester::testDontCacheTest()
 {
-    line("[ -- ] Start DontCache Test");
-    const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
-    ZebSelfCheckStore store(roots, s_BytesPerMegabyte, s_Buckets);
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    // Before the collection, which fixes the sub-cache.
-    manager.setSubCache(QLatin1String(ZebSelfCheck::s_SubCache));
-    manager.startGarbageCollection();
-    const bool works = dontCacheWorks(roots);
-    ZebLiveReferences::clear();
-    if (!works)
-        return false;
-    store.close();
-    line("[ OK ] Passed DontCache Test");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Start DontCache Test", "[ OK ] Passed DontCache Test"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
+    frame.m_MemoryBytes = s_BytesPerMegabyte;
+    frame.m_SubCache = QLatin1String(ZebSelfCheck::s_SubCache);
+    return frame.run([&frame] {
+        const auto clear = qScopeGuard(&ZebLiveReferences::clear);
+        return dontCacheWorks(frame.m_Roots);
+    });
 }
 
 bool TdxTester::testGarbageCollection()
 {
-    line("[ -- ] Start Garbage Collection Testing");
-    constexpr qint64 memory = 100 * s_BytesPerMegabyte;
-    const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
-    ZebSelfCheckStore store(roots, memory, s_Buckets);
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    // Before the collection, which fixes the sub-cache.
-    manager.setSubCache(QLatin1String(ZebSelfCheck::s_SubCache));
-    manager.startGarbageCollection();
-    const bool works = collectionWorks(roots);
-    ZebLiveReferences::clear();
-    if (!works)
-        return false;
-    store.close();
-    line("[ OK ] Passed Garbage Collection Testing");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Start Garbage Collection Testing",
+                               "[ OK ] Passed Garbage Collection Testing"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
+    frame.m_SubCache = QLatin1String(ZebSelfCheck::s_SubCache);
+    return frame.run([&frame] {
+        const auto clear = qScopeGuard(&ZebLiveReferences::clear);
+        return collectionWorks(frame.m_Roots);
+    });
 }

@@ -1,4 +1,4 @@
-// The checks on single images: tiles that fall together, inversion, hashing, preloading.
+// The checks on single images: duplicate tiles, inversion, hashing, preloading.
 
 #include "selfcheck/TdxTester.h"
 
@@ -7,6 +7,7 @@
 #include "manager/ZebDataBlockManager.h"
 #include "selfcheck/ZebImageTiles.h"
 #include "selfcheck/ZebSelfCheck.h"
+#include "selfcheck/ZebSelfCheckFrame.h"
 #include "selfcheck/ZebSelfCheckStore.h"
 
 #include <QDir>
@@ -25,10 +26,9 @@ using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
-constexpr int s_Buckets = 10;
 constexpr int s_SmallTile = 32;
 
-// The image that the inversion is put together in.
+// The size of the image that the inverted tiles are drawn into.
 constexpr int s_InvertedWidth = 2048;
 constexpr int s_InvertedHeight = 1024;
 
@@ -38,10 +38,11 @@ struct Count
     int m_Width;
 };
 
-// How many blocks an image is at this tile size; none when it cannot be loaded, which is told.
+// How many distinct blocks an image makes at this tile size; none, after a log line, when it cannot
+// be loaded.
 std::optional<Count> countBlocks(const QString& folder, const char* file, int tileSize)
 {
-    // Kept on purpose: the count is the constant -1, so the line always comes.
+    // Kept on purpose: the count is the constant -1, so this line is always printed.
     if (ZebSelfCheck::blockCount() != 0)
         line("Coming in Count Blocks with Non zero block count");
     const QImage image(folder + QLatin1String(file));
@@ -59,7 +60,7 @@ std::optional<Count> countBlocks(const QString& folder, const char* file, int ti
     return count;
 }
 
-// An image whose tiles are all the same; `format` is the words for any other.
+// Whether all tiles of the image are the same block; `name` is the image's name in the message.
 bool isOneBlock(const QString& folder, const char* file, int tileSize, const char* name)
 {
     const std::optional<Count> count = countBlocks(folder, file, tileSize);
@@ -71,7 +72,7 @@ bool isOneBlock(const QString& folder, const char* file, int tileSize, const cha
                    count->m_Distinct);
 }
 
-// Tells what an image costs at each tile size.
+// Logs how much memory an image needs at each tile size.
 bool report(const QString& folder, const char* file)
 {
     constexpr qint64 pixelBytes = 4;
@@ -95,7 +96,7 @@ bool report(const QString& folder, const char* file)
 
 bool countsAreRight(const QString& folder)
 {
-    // Kept on purpose: "Unifrom", and the small letter of "checker".
+    // Kept on purpose: "Unifrom", and the lower-case "checker".
     if (!isOneBlock(folder, "/Uniform.png", ZebImageTiles::s_TileSize, "Uniform") ||
         !isOneBlock(folder, "/Uniform.png", s_SmallTile, "Unifrom") ||
         !isOneBlock(folder, "/Checker.png", ZebImageTiles::s_TileSize, "checker"))
@@ -122,7 +123,7 @@ void addTile(QImage& image, const ZebImageTiles::Tile& tile)
 bool inversionIsRight(const QString& imagesFolder, const QString& outFolder)
 {
     const QImage image(imagesFolder + QStringLiteral("/Earth.png"));
-    // Kept on purpose: the words name another image.
+    // Kept on purpose: the message names another image.
     if (image.isNull())
         return failure("Cannot open test image Uniform.png");
     const ZebImageTiles::Map tiles = ZebImageTiles::dice(image, ZebImageTiles::s_TileSize);
@@ -180,7 +181,7 @@ ZebImageTiles::Map distinctTiles(const ZebImageTiles::Map& tiles)
     return distinct;
 }
 
-bool leavesMemory(const ZebImageTiles::Map& tiles)
+bool isEvicted(const ZebImageTiles::Map& tiles)
 {
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     manager.flush(true, ZebDataBlockManager::AllThreads);
@@ -199,7 +200,7 @@ bool leavesMemory(const ZebImageTiles::Map& tiles)
     return true;
 }
 
-// No accessor is taken: loading must end by the preloads alone.
+// Takes no accessor: the preloads alone must load all tiles.
 bool comesBackByPreloading(const ZebImageTiles::Map& tiles)
 {
     constexpr qint64 deadlineMs = 10000;
@@ -215,7 +216,7 @@ bool comesBackByPreloading(const ZebImageTiles::Map& tiles)
             if (waiting.at(i).second.isInMemory())
                 loaded.append(waiting.takeAt(i));
         }
-        // On one core the readers need it for themselves.
+        // On a single core the readers need the processor.
         QThread::yieldCurrentThread();
     }
     line("Pre Loaded %d tiles in %.2f seconds", loaded.size(),
@@ -228,7 +229,7 @@ bool comesBackByPreloading(const ZebImageTiles::Map& tiles)
 bool preloadingWorks(const QString& imagesFolder)
 {
     const QImage image(imagesFolder + QStringLiteral("/Earth.png"));
-    // Kept on purpose: the name as it is misspelt.
+    // Kept on purpose: the misspelt name.
     if (image.isNull())
         return failure("Cannot open test image Earch.png");
     const ZebImageTiles::Map tiles =
@@ -238,62 +239,41 @@ bool preloadingWorks(const QString& imagesFolder)
         if (!tile.second.isInMemory())
             return failure("Tiled report as not being in memory when it should be");
     }
-    return leavesMemory(tiles) && comesBackByPreloading(tiles);
+    return isEvicted(tiles) && comesBackByPreloading(tiles);
 }
 
 } // namespace
 
 bool TdxTester::testDataBlockManagerImagesMultiThreaded()
 {
-    line("[ -- ] Starting Image Dicing Tests");
-    constexpr qint64 memory = 100 * s_BytesPerMegabyte;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!countsAreRight(m_TestImagesDirectory))
-        return false;
-    store.close();
-    line("[ OK ] Passed Image Dicing Tests");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Image Dicing Tests",
+                               "[ OK ] Passed Image Dicing Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    return frame.run([] { return countsAreRight(m_TestImagesDirectory); });
 }
 
 bool TdxTester::testTileHash()
 {
-    line("[ -- ] Starting Tile Hash Tests");
-    constexpr qint64 memory = 100 * s_BytesPerMegabyte;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    if (!store.isReady())
-        return failure("[ !! ] Cannot initialize Data Block Manager");
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!tilesHashApart(m_TestTilesDirectory))
-        return false;
-    store.close();
-    line("[ OK ] Passed Tile Hash Tests");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Tile Hash Tests", "[ OK ] Passed Tile Hash Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_NotReadyLine = "[ !! ] Cannot initialize Data Block Manager";
+    return frame.run([] { return tilesHashApart(m_TestTilesDirectory); });
 }
 
 bool TdxTester::testProcessImage(int megabytes)
 {
-    line("[ -- ] Starting Image Process Tests");
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1),
-                            megabytes * s_BytesPerMegabyte, s_Buckets);
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!inversionIsRight(m_TestImagesDirectory, m_OutDirectory))
-        return false;
-    store.close();
-    line("[ OK ] Passed Image Process Tests");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Image Process Tests",
+                               "[ OK ] Passed Image Process Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_MemoryBytes = megabytes * s_BytesPerMegabyte;
+    return frame.run([] { return inversionIsRight(m_TestImagesDirectory, m_OutDirectory); });
 }
 
 bool TdxTester::testDataBlockLoadedTests()
 {
-    line("[ -- ] Starting Test Loaded State");
-    constexpr qint64 memory = 100 * s_BytesPerMegabyte;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!preloadingWorks(m_TestImagesDirectory))
-        return false;
-    store.close();
     // Kept on purpose: the last line is that of another check.
-    line("[ OK ] Passed Image Process Tests");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Test Loaded State",
+                               "[ OK ] Passed Image Process Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    return frame.run([] { return preloadingWorks(m_TestImagesDirectory); });
 }

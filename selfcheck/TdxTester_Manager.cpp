@@ -1,4 +1,4 @@
-// The checks of the store on one thread: its settings, its paths, one block after the other.
+// The checks of the store on one thread: its settings, its paths, and its blocks one by one.
 
 #include "selfcheck/TdxTester.h"
 
@@ -8,6 +8,7 @@
 #include "manager/ZebDataBlockManager.h"
 #include "selfcheck/ZebByteChain.h"
 #include "selfcheck/ZebSelfCheck.h"
+#include "selfcheck/ZebSelfCheckFrame.h"
 #include "selfcheck/ZebSelfCheckStore.h"
 
 #include <QDir>
@@ -19,11 +20,10 @@
 
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
+using ZebSelfCheck::s_Buckets;
 using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
-
-constexpr int s_Buckets = 10;
 
 constexpr int s_SampleFiles = 1000;
 constexpr int s_SampleBytes = 256 * 1024;
@@ -31,7 +31,7 @@ constexpr int s_SampleBytes = 256 * 1024;
 constexpr int s_BlockBytes = 2048;
 constexpr int s_Fill = 0x80;
 
-// The place of a file named by a hash of its own, made on disk.
+// Creates a file in the place of the block whose bytes are made from `index`.
 bool makeSampleFile(const QString& root, int index)
 {
     const ZebDataHash hash(ZebByteChain::bytes(static_cast<quint32>(index), s_SampleBytes),
@@ -47,6 +47,18 @@ bool makeSampleFile(const QString& root, int index)
     const QByteArray text = hash.toString().toUtf8();
     if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
         return failure("[!!] Cannot make Sample File %s", qUtf8Printable(file.fileName()));
+    return true;
+}
+
+bool makeSampleFiles(const QString& root)
+{
+    constexpr int step = 100;
+    for (int i = 0; i < s_SampleFiles; ++i) {
+        if (i % step == 0)
+            line("Run test %d of %d", i, s_SampleFiles);
+        if (!makeSampleFile(root, i))
+            return false;
+    }
     return true;
 }
 
@@ -115,7 +127,7 @@ unsigned char patternAt(int index)
     return static_cast<unsigned char>(index % modulus);
 }
 
-// A new block of the pattern, handed to the store.
+// Adds a new block of the pattern to the store.
 ZebDataReference addPattern()
 {
     ZebModifyAccessor accessor = ZebDataBlockManager::instance().createNewBlock(s_BlockBytes);
@@ -125,7 +137,7 @@ ZebDataReference addPattern()
     return accessor.release(ZebModifyAccessor::Cached, false);
 }
 
-// Two accessors of the first block and one of its twin; all are closed on return.
+// Opens two accessors of the block and one of an equal block; all are closed on return.
 bool accessorsAgree(const ZebDataReference& reference, ZebDataReference& twin)
 {
     const ZebConstAccessor first = reference.constAccessor();
@@ -147,9 +159,9 @@ bool accessorsAgree(const ZebDataReference& reference, ZebDataReference& twin)
             return failure("Second accesor invalid data at %d", i);
     }
     twin = addPattern();
-    // Equal bytes end as one block as soon as the twin's hash is known.
+    // Equal bytes become one block as soon as the twin's hash is computed.
     const ZebConstAccessor third = twin.constAccessor();
-    // Kept on purpose: blocks are not counted, and -1 stands for what the words call 1.
+    // Kept on purpose: blocks are not counted, and -1 takes the place of the 1 in the message.
     if (ZebSelfCheck::blockCount() != -1) {
         return failure("Block count failure, should be 1 is %d", ZebSelfCheck::blockCount());
     }
@@ -167,7 +179,7 @@ bool oneBlockIsLive()
     const ZebDataReference reference = addPattern();
     if (!accessorsAgree(reference, twin))
         return false;
-    // An open accessor keeps its block out of the live ones, so they are counted now.
+    // A block with an open accessor does not count as live, so the accessors are closed by now.
     const ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     if (manager.liveBlocks() != 1)
         return failure("Invalid Number of data blocks alive %lld", manager.liveBlocks());
@@ -182,14 +194,14 @@ bool oneBlockIsLive()
     return true;
 }
 
-bool settingsAreThose(const QStringList& roots, qint64 memory, int buckets)
+bool settingsAreThoseOf(const ZebSelfCheckFrame& frame)
 {
     const ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    if (manager.numBuckets() != buckets)
+    if (manager.numBuckets() != frame.m_Buckets)
         return failure("Num Buckets is different");
-    if (manager.maxDataCacheSize() != memory)
+    if (manager.maxDataCacheSize() != frame.m_MemoryBytes)
         return failure("Size of data cache is different");
-    if (manager.cacheRoots() != roots)
+    if (manager.cacheRoots() != frame.m_Roots)
         return failure("Cache Path is different");
     if (manager.managedBlocks() != 0)
         return failure("Managed Block Count is not 0");
@@ -222,80 +234,68 @@ bool nothingIsSet()
     return true;
 }
 
-} // namespace
-
-bool TdxTester::testfilenameBuilder()
+bool subCacheIsSet()
 {
-    line("[ -- ] Starting Filename Builder Test");
-    constexpr qint64 memory = 1024 * s_BytesPerMegabyte;
-    constexpr int step = 100;
-    const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    ZebSelfCheckStore store(roots, memory, s_Buckets);
-    ZebDataBlockManager::instance().startGarbageCollection();
-    for (int i = 0; i < s_SampleFiles; ++i) {
-        if (i % step == 0)
-            line("Run test %d of %d", i, s_SampleFiles);
-        if (!makeSampleFile(roots.first(), i))
-            return false;
-    }
-    if (!bucketsAreEven(roots.first()))
-        return false;
-    store.close();
-    line("[ OK ] Passed Filename Builder Test");
-    return true;
-}
-
-bool TdxTester::testSubCache()
-{
-    line("[ -- ] Starting Sub Cache Tests");
-    constexpr qint64 memory = 10 * s_BytesPerMegabyte;
     const QString name = QStringLiteral("Test1");
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    // The collection stays off: with it on, the sub-cache could not be changed.
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     if (!manager.subCache().isEmpty())
         return failure("Sub Cache path is not empty string");
     manager.setSubCache(name);
     if (manager.subCache() != name)
         return failure("Sub Cache path is not correct ");
-    store.close();
-    line("[ OK ] Passed Sub Cache Tests");
     return true;
+}
+
+bool nothingIsLeft()
+{
+    if (ZebDataHash::hashCount() != 0)
+        return failure("There are %d hashes left", ZebDataHash::hashCount());
+    // Kept on purpose: the count is the constant -1, so this never fails.
+    if (ZebSelfCheck::blockCount() > 0)
+        return failure("There are %d Blocks left", ZebSelfCheck::blockCount());
+    return true;
+}
+
+} // namespace
+
+bool TdxTester::testfilenameBuilder()
+{
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Filename Builder Test",
+                               "[ OK ] Passed Filename Builder Test"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_MemoryBytes = 1024 * s_BytesPerMegabyte;
+    const QString root = frame.m_Roots.first();
+    return frame.run([&root] { return makeSampleFiles(root) && bucketsAreEven(root); });
+}
+
+bool TdxTester::testSubCache()
+{
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Sub Cache Tests", "[ OK ] Passed Sub Cache Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_MemoryBytes = 10 * s_BytesPerMegabyte;
+    // With the collection on, the sub-cache could not be changed.
+    frame.m_IsCollecting = false;
+    return frame.run(&subCacheIsSet);
 }
 
 bool TdxTester::testDataBlockManagerBasic()
 {
-    line("[ -- ] Starting Data Block Manager Basic Tests");
-    constexpr qint64 memory = 2048 * s_BytesPerMegabyte;
-    constexpr int buckets = 20;
-    const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    ZebSelfCheckStore store(roots, memory, buckets);
-    if (!store.isReady())
-        return failure("Cannot Initialise Data Block Manager");
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!settingsAreThose(roots, memory, buckets))
-        return false;
-    store.close();
-    if (!nothingIsSet())
-        return false;
-    line("[ OK ] Passed Data Block Manager Basic Tests");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Data Block Manager Basic Tests",
+                               "[ OK ] Passed Data Block Manager Basic Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_MemoryBytes = 2048 * s_BytesPerMegabyte;
+    frame.m_Buckets = 20;
+    frame.m_NotReadyLine = "Cannot Initialise Data Block Manager";
+    return frame.run([&frame] { return settingsAreThoseOf(frame); }, &nothingIsSet);
 }
 
 bool TdxTester::testDataBlockManagerSingleThread()
 {
-    line("[ -- ] Started DataBlock Manager Single threaded test");
-    constexpr qint64 memory = 100 * s_BytesPerMegabyte;
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1), memory, s_Buckets);
-    if (!newBlockIsFilled() || !oneBlockIsLive())
-        return false;
-    store.close();
-    if (ZebDataHash::hashCount() != 0)
-        return failure("There are %d hashes left", ZebDataHash::hashCount());
-    if (ZebSelfCheck::blockCount() > 0)
-        return failure("There are %d Blocks left", ZebSelfCheck::blockCount());
-    line("[ OK ] DataBlock Manager Single threaded test passed");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Started DataBlock Manager Single threaded test",
+                               "[ OK ] DataBlock Manager Single threaded test passed"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_IsCollecting = false;
+    return frame.run([] { return newBlockIsFilled() && oneBlockIsLive(); }, &nothingIsLeft);
 }
 
 bool TdxTester::testDataBlockManagerDataStress()

@@ -1,4 +1,4 @@
-// The checks on sets of images: held in the store as a whole, and mixed by deferred blocks.
+// The checks on sets of images: stored and read back, and mixed by deferred blocks.
 
 #include "selfcheck/TdxTester.h"
 
@@ -10,6 +10,7 @@
 #include "selfcheck/ZebOverCompJobTest.h"
 #include "selfcheck/ZebRedBlock.h"
 #include "selfcheck/ZebSelfCheck.h"
+#include "selfcheck/ZebSelfCheckFrame.h"
 #include "selfcheck/ZebSelfCheckStore.h"
 
 #include <QDir>
@@ -26,7 +27,6 @@ using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
-constexpr int s_Buckets = 10;
 constexpr int s_CompositingRoots = 2;
 
 QString pathOf(const QString& folder, const QString& name)
@@ -82,7 +82,7 @@ QList<TextureRecord> usable(const QFuture<TextureRecord>& future)
     return records;
 }
 
-// The image as the store has it, or null when it is not that of the file.
+// The image from the store, or null when it differs from the file.
 QImage compared(const QString& folder, const TextureRecord& record)
 {
     if (record.m_Name.isEmpty()) {
@@ -152,8 +152,8 @@ bool texturesComeBack(const QString& folder)
     return true;
 }
 
-// The record half-way to red. Nothing waits here: its tiles are deferred blocks that refer to
-// deferred blocks.
+// The record mixed half and half with red. Nothing waits here: its tiles are deferred blocks that
+// refer to deferred blocks.
 TextureRecord towardsRed(const TextureRecord& record)
 {
     TextureRecord result = record;
@@ -184,8 +184,8 @@ bool compositingWorks(const QString& folder, const QString& outFolder, int megab
     line("        Made Comp Jobs %.2f", ZebSelfCheck::seconds(timer.elapsed()));
     for (const TextureRecord& result : qAsConst(results)) {
         const QImage image = assemble(result);
-        // Kept on purpose: no separator, so the files lie beside the folder, with its name in
-        // front.
+        // Kept on purpose: no separator, so the files are next to the folder, and their names
+        // begin with its name.
         image.save(QStringLiteral("%1").arg(outFolder + result.m_Name));
     }
     line("Did Over on %d images in %.2fs cache Size %dMb", results.size(),
@@ -197,30 +197,23 @@ bool compositingWorks(const QString& folder, const QString& outFolder, int megab
 
 bool TdxTester::testTextureSet(int megabytes)
 {
-    line("[ -- ] Starting Texture Set Tests");
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1),
-                            megabytes * s_BytesPerMegabyte, s_Buckets);
-    ZebDataBlockManager::instance().startGarbageCollection();
-    if (!texturesComeBack(m_TextureTestDirectory))
-        return false;
-    store.close();
-    line("[ OK ] Passed Texture Set Tests");
-    return true;
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Texture Set Tests",
+                               "[ OK ] Passed Texture Set Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
+    frame.m_MemoryBytes = megabytes * s_BytesPerMegabyte;
+    return frame.run([] { return texturesComeBack(m_TextureTestDirectory); });
 }
 
 bool TdxTester::testCompositingTest(int megabytes)
 {
-    line("[ -- ] Starting Compositing Tests");
-    ZebSelfCheckStore store(ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_CompositingRoots),
-                            megabytes * s_BytesPerMegabyte, s_Buckets);
-    if (!store.isReady())
-        return failure("Cannot Initialize Data Block Manager");
-    ZebDataBlockManager::instance().startGarbageCollection();
-    line("Setup complete");
-    if (!compositingWorks(m_TextureTestDirectory, m_OutDirectory, megabytes))
-        return false;
-    store.close();
-    // Kept on purpose: two blanks.
-    line("[ OK ]  Passed Compositing Tests");
-    return true;
+    // Kept on purpose: the last line has two blanks.
+    ZebSelfCheckFrame frame = {"[ -- ] Starting Compositing Tests",
+                               "[ OK ]  Passed Compositing Tests"};
+    frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_CompositingRoots);
+    frame.m_MemoryBytes = megabytes * s_BytesPerMegabyte;
+    frame.m_NotReadyLine = "Cannot Initialize Data Block Manager";
+    return frame.run([megabytes] {
+        line("Setup complete");
+        return compositingWorks(m_TextureTestDirectory, m_OutDirectory, megabytes);
+    });
 }

@@ -20,13 +20,13 @@
 
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
+using ZebSelfCheck::s_Buckets;
 using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
-constexpr int s_Buckets = 10;
 constexpr int s_Roots = 4;
-constexpr int s_DistinctContents = 255;
+constexpr int s_DistinctBlocks = 255;
 
 // 40 rounds of a creator, a reader and a modifier.
 void runRounds(int megabytes)
@@ -50,14 +50,14 @@ void runRounds(int megabytes)
          ZebSelfCheck::seconds(elapsed), ZebSelfCheck::perSecond(processed, elapsed), megabytes);
 }
 
-// Whether every content is there once and nobody else reads it.
-bool contentsAreThere()
+// Whether every distinct block is stored once and has no other accessor.
+bool blocksAreStoredOnce()
 {
-    if (ZebDataHash::hashCount() != s_DistinctContents) {
+    if (ZebDataHash::hashCount() != s_DistinctBlocks) {
         return failure("Hash Count is %d rather than 255", ZebDataHash::hashCount());
     }
     const QList<ZebDataReference> references = ZebLiveReferences::snapshot();
-    if (references.size() != s_DistinctContents)
+    if (references.size() != s_DistinctBlocks)
         return failure("Invalid Number of Data Refs");
     for (const ZebDataReference& reference : references) {
         const ZebConstAccessor accessor = reference.constAccessor();
@@ -81,7 +81,7 @@ bool noHashIsLeft()
     return failure("Hash Count is %d rather than 0", ZebDataHash::hashCount());
 }
 
-// How far testThreadedIo() has come.
+// Prints the progress of testThreadedIo().
 void stage(int number)
 {
     line("%d Hash Count %d   Ptr Count %d", number, ZebDataHash::hashCount(),
@@ -133,7 +133,7 @@ bool TdxTester::testDataBlockManagerMultiThread(int megabytes)
     m_Logging.store(true, std::memory_order_relaxed);
     ZebDataBlockManager::instance().startGarbageCollection();
     runRounds(megabytes);
-    if (!contentsAreThere()) {
+    if (!blocksAreStoredOnce()) {
         ZebLiveReferences::clear();
         return false;
     }
@@ -141,7 +141,7 @@ bool TdxTester::testDataBlockManagerMultiThread(int megabytes)
     ZebLiveReferences::clear();
     line("Cleaning up");
     store.cleanUp();
-    // Kept on purpose: blocks are not counted, so the line comes in every case and fails nothing.
+    // Kept on purpose: blocks are not counted, so this line is always printed and fails nothing.
     line("Block Count is %d rather than 255", ZebSelfCheck::blockCount());
     line("Active Thread Count %d", QThreadPool::globalInstance()->activeThreadCount());
     if (!noHashIsLeft())

@@ -6,8 +6,8 @@
 #include <QMutex>
 #include <QtGlobal>
 
-/// Bytes that look random and are the same on every machine: a generator whose each value seeds the
-/// next. Distinct seeds give distinct contents, and the process's rand() is left to the host.
+/// A linear congruential generator: pseudo-random bytes that are the same on every machine.
+/// Distinct seeds give distinct bytes. The process's rand() is left to the host.
 ///
 /// Thread safety: a value; sharedIndex() may be called from any thread.
 class ZebByteChain
@@ -28,7 +28,7 @@ public:
     /// The first `size` bytes of the chain of this seed.
     static QByteArray bytes(quint32 seed, int size);
 
-    /// A number below `count`, from one chain that all workers share.
+    /// A number below `count`, from a chain that all workers share.
     static int sharedIndex(int count);
 
 private:

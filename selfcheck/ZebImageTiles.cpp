@@ -12,14 +12,14 @@ namespace {
 
 using ImagePart = QPair<const QImage*, QRect>;
 
-// Gives the place of a pool task back for as long as it waits for other tasks of the pool.
-class FreedPlace
+// Gives up the pool thread of the current task while it waits for other tasks of the pool.
+class ReleasedThread
 {
 public:
-    FreedPlace() : m_Pool(QThreadPool::globalInstance()) { m_Pool->releaseThread(); }
-    ~FreedPlace() { m_Pool->reserveThread(); }
-    FreedPlace(const FreedPlace&) = delete;
-    FreedPlace& operator=(const FreedPlace&) = delete;
+    ReleasedThread() : m_Pool(QThreadPool::globalInstance()) { m_Pool->releaseThread(); }
+    ~ReleasedThread() { m_Pool->reserveThread(); }
+    ReleasedThread(const ReleasedThread&) = delete;
+    ReleasedThread& operator=(const ReleasedThread&) = delete;
 
 private:
     QThreadPool* m_Pool;
@@ -45,8 +45,8 @@ ZebImageTiles::Map ZebImageTiles::dice(const QImage& image, int tileSize)
     }
     QFuture<Tile> tiles = QtConcurrent::mapped(parts, &storeTile);
     {
-        // Also on a thread of the host's, where it costs a thread more for the moment.
-        const FreedPlace place;
+        // On a thread outside the pool, this only allows the pool one more thread for a moment.
+        const ReleasedThread released;
         tiles.waitForFinished();
     }
     return tiles.results();
@@ -65,7 +65,7 @@ void ZebImageTiles::draw(QImage& image, const Tile& tile)
 {
     const ZebConstAccessor accessor = tile.second.constAccessor();
     const qint64 rowBytes = (qint64(tile.first.width()) * image.depth() + 31) / 32 * 4;
-    // A damaged file may give a block that is too short to be drawn.
+    // A block from a damaged file may be too short to draw.
     if (accessor.isNull() || accessor.size() < rowBytes * tile.first.height())
         return;
     const QImage pixels(accessor.data(), tile.first.width(), tile.first.height(), image.format());

@@ -10,10 +10,10 @@
 #include <QRect>
 #include <QSize>
 
-/// Images cut into square tiles, each of which is a block of the store: the bytes of its pixels,
-/// rows on 32-bit bounds as QImage has them.
+/// Images cut into square tiles. Each tile is a block of the store: the bytes of its pixels, with
+/// rows aligned to 32 bits as in QImage.
 ///
-/// Thread safety: any thread may call every operation; an image must not change meanwhile.
+/// Thread safety: any thread may call every operation; an image must not change during a call.
 namespace ZebImageTiles {
 
 using Tile = QPair<QRect, ZebDataReference>;
@@ -23,23 +23,23 @@ using Map = QList<Tile>;
 
 constexpr int s_TileSize = 256;
 
-/// Cuts an image and stores its tiles, in parallel in Qt's global pool, and waits for that. The
-/// references may be pending. Inside a task of the global pool, the task's place in it is given
-/// back for the wait, so that no pool is too small.
+/// Cuts an image and stores its tiles, in parallel in Qt's global pool, and waits for the pool. The
+/// references may be pending. A task of the global pool gives up its thread during the wait, so
+/// that the call cannot deadlock in a small pool.
 ///
-/// Kept on purpose: as many rows of tiles are taken as the width asks for. What lies below a wide
-/// image is blank, and costs one block; what a tall image has below that is lost.
+/// Kept on purpose: the number of rows follows from the width. The tiles below a wide image are
+/// blank, and cost one block; the rows of a tall image below its width are lost.
 Map dice(const QImage& image, int tileSize);
 
-/// Draws the tiles together. The blocks are loaded as need be; one that cannot be had leaves its
-/// place blank. Pixels are copied and not blended.
+/// Draws the tiles into one image. Blocks are loaded as needed; a block that cannot be loaded
+/// leaves its area blank. Pixels are copied and not blended.
 QImage assemble(const Map& tiles, const QSize& size, QImage::Format format);
 
 /// Draws one tile into an image, in the image's format.
 void draw(QImage& image, const Tile& tile);
 
-/// The tile with every byte of its pixels inverted, as a new block. The block's bytes are taken
-/// three at a time, and the last step ends with the block.
+/// The tile with every byte of its pixels inverted, as a new block. Bytes are
+/// processed three at a time, and the last step ends with the block.
 Tile inverted(const Tile& tile);
 
 } // namespace ZebImageTiles

@@ -17,15 +17,14 @@ namespace {
 
 constexpr int s_BlockBytes = 256 * 1024;
 constexpr int s_DistinctBytes = 255;
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 int fillByte(int step)
 {
     return step % s_DistinctBytes;
 }
 
-// The collector and the looks of a check at the files must not meet writes that are still queued.
-// This is waited for as part of the work, so nothing is waited for after it.
+// Neither the collector nor a check that counts files may find writes still queued. The wait is
+// part of the work, so no wait follows it.
 void settle()
 {
     ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
@@ -57,7 +56,7 @@ void ZebLiveReferences::create()
     for (int step = 0; step < m_Iterations; ++step) {
         const QByteArray bytes(s_BlockBytes, static_cast<char>(fillByte(step)));
         insert(manager.addBlock(bytes, ZebModifyAccessor::Cached, false));
-        m_BytesProcessed.fetch_add(bytes.size(), s_Relaxed);
+        m_BytesProcessed.fetch_add(bytes.size(), std::memory_order_relaxed);
     }
 }
 
@@ -72,8 +71,8 @@ void ZebLiveReferences::read()
             continue;
         const unsigned char* const data = accessor.data();
         const qint64 sum = std::accumulate(data, data + accessor.size(), qint64(0));
-        m_BytesSummed.fetch_add(sum, s_Relaxed);
-        m_BytesProcessed.fetch_add(accessor.size(), s_Relaxed);
+        m_BytesSummed.fetch_add(sum, std::memory_order_relaxed);
+        m_BytesProcessed.fetch_add(accessor.size(), std::memory_order_relaxed);
     }
 }
 
@@ -86,9 +85,10 @@ void ZebLiveReferences::modify()
         ZebModifyAccessor accessor = reference.modifyAccessor();
         if (!accessor.isNull()) {
             std::memset(accessor.data(), fillByte(step), static_cast<size_t>(accessor.size()));
-            m_BytesProcessed.fetch_add(accessor.size(), s_Relaxed);
+            m_BytesProcessed.fetch_add(accessor.size(), std::memory_order_relaxed);
         }
-        // A block that could not be had gives a null reference, and the check misses a content.
+        // A block that could not be loaded gives a null reference, and the check finds a block
+        // missing.
         insert(accessor.release(ZebModifyAccessor::Cached, false));
     }
 }
@@ -96,7 +96,7 @@ void ZebLiveReferences::modify()
 void ZebLiveReferences::remove()
 {
     for (int step = 0; step < m_Iterations; ++step) {
-        // Holds the last reference until the mutex is given back.
+        // Keeps the last reference until the mutex is released.
         const ZebDataReference reference = pick();
         const QMutexLocker locker(&m_Mutex);
         m_References.remove(reference);
@@ -105,8 +105,8 @@ void ZebLiveReferences::remove()
 
 void ZebLiveReferences::runAll()
 {
-    // The remover is the first: in a small pool it would otherwise come last, when there is nobody
-    // left to make blocks again, and the collector would need another pass after it.
+    // The remover starts first: in a small pool it could otherwise run last, when no worker adds
+    // blocks again, and the collector would need another pass.
     QList<QFuture<void>> workers;
     workers.append(QtConcurrent::run(&ZebLiveReferences::remove));
     workers.append(QtConcurrent::run(&createAndSettle));
@@ -143,18 +143,18 @@ QList<ZebDataReference> ZebLiveReferences::snapshot()
 
 qint64 ZebLiveReferences::bytesProcessed()
 {
-    return m_BytesProcessed.load(s_Relaxed);
+    return m_BytesProcessed.load(std::memory_order_relaxed);
 }
 
 qint64 ZebLiveReferences::bytesSummed()
 {
-    return m_BytesSummed.load(s_Relaxed);
+    return m_BytesSummed.load(std::memory_order_relaxed);
 }
 
 void ZebLiveReferences::resetCounters()
 {
-    m_BytesProcessed.store(0, s_Relaxed);
-    m_BytesSummed.store(0, s_Relaxed);
+    m_BytesProcessed.store(0, std::memory_order_relaxed);
+    m_BytesSummed.store(0, std::memory_order_relaxed);
 }
 
 void ZebLiveReferences::insert(const ZebDataReference& reference)

@@ -12,11 +12,11 @@
 
 /// The map of live references that several workers share, and the workers: each is a pool task that
 /// takes 256 steps over blocks of 256 KiB. Step s fills a block with the byte s modulo 255, so that
-/// there are 255 distinct contents.
+/// there are 255 distinct blocks.
 ///
-/// A worker takes the map's mutex only to pick, insert or remove an entry. Its reference is
-/// resolved by then, so that no job is waited for with the mutex held, and it uses its own copy
-/// outside, so that the store works in parallel.
+/// A worker takes the map's mutex only to pick, insert or remove an entry. It resolves its
+/// reference before that, so that it waits for no job with the mutex held, and it uses its own copy
+/// without the mutex, so that the store works in parallel.
 ///
 /// Thread safety: any thread may call everything; one map for the process, as one check runs at a
 /// time.
@@ -36,10 +36,10 @@ public:
     static void remove();
 
     /// Runs two creators, two readers, a modifier and a remover in Qt's global pool, and waits for
-    /// them. What they have left is on disk then.
+    /// them and for the writes of their blocks.
     static void runAll();
 
-    /// Drops all references, with the delete lock held, so that no pass of a collector begins
+    /// Drops all references, with the delete lock held, so that no collection pass begins
     /// half-way through.
     static void clear();
 
@@ -49,7 +49,7 @@ public:
     static QList<ZebDataReference> snapshot();
 
     /// The bytes that creators and modifiers have written, and readers have read, since
-    /// resetCounters(). Good for reports only.
+    /// resetCounters(). For reports only.
     static qint64 bytesProcessed();
     static qint64 bytesSummed();
     static void resetCounters();

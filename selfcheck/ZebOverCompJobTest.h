@@ -7,22 +7,22 @@
 
 #include <QFuture>
 
-/// The block of the pixels half-way between those of two others, which may be deferred themselves.
-/// The work runs in Qt's global pool from the construction on.
+/// A block whose pixels are half-way between those of two other blocks, which may be deferred
+/// themselves. The work starts in Qt's global pool on construction.
 ///
-/// Of each pixel of four bytes the first three are half the sum, rounded down, and the fourth is
-/// that of the first block.
+/// The first three bytes of each four-byte pixel are half the sum, rounded down; the fourth is that
+/// of the first block.
 ///
 /// Thread safety: data() may be called from several threads at once. A thread that waits for work
-/// which has not begun does it itself, so no pool is too small.
+/// that has not begun does the work itself, so a small pool cannot deadlock.
 class ZebOverCompJobTest : public ZebBlockFuture
 {
 public:
-    /// The result is as large as `a`; where `b` has ended, zeros stand. A block that cannot be had
+    /// The result is as large as `a`, with zeros past the end of `b`. A block that cannot be loaded
     /// gives a null reference.
     ZebOverCompJobTest(const ZebDataReference& a, const ZebDataReference& b);
 
-    /// Drops the future; the work goes on if it has begun.
+    /// Drops the future; work that has begun continues.
     ~ZebOverCompJobTest() override;
 
     ZebDataReference data() override;

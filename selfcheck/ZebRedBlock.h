@@ -7,18 +7,18 @@
 
 #include <QFuture>
 
-/// A block of opaque red pixels that is as large as another block, and does not exist before its
-/// work has ended. The work runs in Qt's global pool from the construction on.
+/// A block of opaque red pixels that is as large as another block. It exists once its work is done.
+/// The work starts in Qt's global pool on construction.
 ///
 /// Thread safety: data() may be called from several threads at once. A thread that waits for work
-/// which has not begun does it itself, so no pool is too small.
+/// that has not begun does the work itself, so a small pool cannot deadlock.
 class ZebRedBlock : public ZebBlockFuture
 {
 public:
-    /// Of the source only the size is used; a source that cannot be had gives a null reference.
+    /// Only the size of the source is used; a source that cannot be loaded gives a null reference.
     explicit ZebRedBlock(const ZebDataReference& source);
 
-    /// Drops the future; the work goes on if it has begun.
+    /// Drops the future; work that has begun continues.
     ~ZebRedBlock() override;
 
     ZebDataReference data() override;

@@ -1,6 +1,6 @@
 #pragma once
 
-// Internal: the frame of a check. Not installed.
+// Internal: the store of a check. Not installed.
 
 #include <QFileInfo>
 #include <QList>
@@ -10,7 +10,7 @@
 /// The process's store for the length of one check: set up on empty cache roots, cleaned up at the
 /// end with the roots emptied again, however the check ends.
 ///
-/// Whatever may hold an accessor is declared after this object, so that it ends first.
+/// Declare everything that may hold an accessor after this object, so that it is destroyed first.
 ///
 /// Thread safety: belongs to the thread that runs the check.
 class ZebSelfCheckStore
@@ -24,23 +24,23 @@ public:
     ZebSelfCheckStore(const ZebSelfCheckStore&) = delete;
     ZebSelfCheckStore& operator=(const ZebSelfCheckStore&) = delete;
 
-    /// What setup() said.
+    /// What setup() returned.
     bool isReady() const { return m_IsReady; }
 
-    /// Cleans the store up, and leaves its files. Once is enough.
+    /// Cleans the store up, and leaves its files. Further calls do nothing.
     void cleanUp();
 
-    /// The same, and empties the roots. Once is enough.
+    /// The same, and empties the roots. Further calls do nothing.
     void close();
 
     /// The first `count` cache roots of a data folder.
     static QStringList rootsIn(const QString& dataDirectory, int count);
 
-    /// Removes all that lies in these folders and leaves them there. What cannot be removed is told
-    /// in the debug log. Links are removed and not followed.
+    /// Removes everything inside these folders, but not the folders. Logs what cannot be removed.
+    /// Removes links without following them.
     static void clear(const QStringList& folders);
 
-    /// The block files below these folders. Nothing else counts: the log lies among them.
+    /// The block files below these folders. Other files, such as the log, do not count.
     static QList<QFileInfo> blockFiles(const QStringList& folders);
 
 private:

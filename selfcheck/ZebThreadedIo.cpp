@@ -23,7 +23,6 @@ namespace {
 
 constexpr int s_LineStep = 100;
 constexpr int s_BlocksPerNewBlock = 10;
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 int liveBlocks()
 {
@@ -60,11 +59,12 @@ ZebDataReference ZebThreadedIo::createBlock(int index)
     const ZebDataReference reference =
         manager.addBlock(ZebByteChain::bytes(static_cast<quint32>(index), m_BlockBytes),
                          ZebModifyAccessor::Cached, false);
-    // One block at a time for each task, and no more than the disks take: neither the jobs nor the
-    // writers' queues may pile up all blocks in memory.
+    // Each task waits for its own block and for the disks, so that neither the jobs nor the
+    // writers' queues keep all blocks in memory.
     reference.resolveWork();
     manager.processIO();
-    const qint64 created = m_BytesCreated.fetch_add(m_BlockBytes, s_Relaxed) + m_BlockBytes;
+    const qint64 created =
+        m_BytesCreated.fetch_add(m_BlockBytes, std::memory_order_relaxed) + m_BlockBytes;
     if (index % s_LineStep == 0) {
         TdxTester::tdxLog("%d Create %.2fMb Live %d Block", index, ZebSelfCheck::megabytes(created),
                           liveBlocks());
@@ -83,7 +83,7 @@ bool ZebThreadedIo::restsOnDisk() const
     if (manager.liveBlocks() != 0)
         return failure("Num of live Blocks %lld not 0", manager.liveBlocks());
     // Kept on purpose: this counts the hashes, which live as long as the references do, so it is
-    // never 0 here. Nobody gets this far.
+    // never 0 here. No check gets this far.
     if (manager.managedBlocks() != 0)
         return failure("Num of Managed Blocks %lld", manager.managedBlocks());
     const int registered = ZebHashManager::instance().hashCount();
@@ -127,8 +127,9 @@ void ZebThreadedIo::readBlock(int index, const ZebDataReference& reference)
         return;
     const unsigned char* const data = accessor.data();
     const qint64 sum = std::accumulate(data, data + accessor.size(), qint64(0));
-    m_Sum.fetch_add(sum, s_Relaxed);
-    const qint64 read = m_BytesRead.fetch_add(accessor.size(), s_Relaxed) + accessor.size();
+    m_Sum.fetch_add(sum, std::memory_order_relaxed);
+    const qint64 read =
+        m_BytesRead.fetch_add(accessor.size(), std::memory_order_relaxed) + accessor.size();
     if (index % s_LineStep == 0) {
         TdxTester::tdxLog("%d Access %.2fMb Live %d Block", index, ZebSelfCheck::megabytes(read),
                           liveBlocks());
@@ -158,7 +159,7 @@ void ZebThreadedIo::mix()
     line("Accessed %lldMb   in %.2f Seconds  %.2fMbs  Sum %lld",
          bytesRead() / ZebSelfCheck::s_BytesPerMegabyte, ZebSelfCheck::seconds(elapsed),
          ZebSelfCheck::perSecond(ZebSelfCheck::megabytes(bytesRead()), elapsed),
-         m_Sum.load(s_Relaxed));
+         m_Sum.load(std::memory_order_relaxed));
     ZebDataBlockManager::instance().freeAllBlocks();
 }
 

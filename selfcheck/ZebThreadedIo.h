@@ -9,8 +9,8 @@
 
 #include <atomic>
 
-/// Many blocks through tasks of Qt's global pool: made, written, dropped from memory, and then
-/// preloaded, read and added to at one time. The store is set up.
+/// Tasks of Qt's global pool that create and write many blocks and, once those are evicted,
+/// preload, read and add blocks concurrently. The store must be set up.
 ///
 /// Thread safety: belongs to the thread that runs the check; its tasks end within each call.
 class ZebThreadedIo
@@ -21,7 +21,7 @@ public:
     /// Adds the blocks.
     void create();
 
-    /// Whether no block is resident while every reference lives; says what is not so.
+    /// Whether no block is resident while every reference lives; prints the first difference.
     bool restsOnDisk() const;
 
     /// Preloads, reads and adds blocks, in random order, and waits for the disk.
@@ -59,7 +59,7 @@ private:
     int m_BlockBytes;
     QVector<ZebDataReference> m_References;
 
-    // Counters of the tasks, good for reports only.
+    // Counters of the tasks, for reports only.
     std::atomic<qint64> m_BytesCreated;
     std::atomic<qint64> m_BytesRead;
     std::atomic<qint64> m_Sum;
