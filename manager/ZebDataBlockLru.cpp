@@ -87,7 +87,7 @@ QReadWriteLock& ZebDataBlockLru::lock() const
     return m_Lock;
 }
 
-// Puts a node that stands in no list at the newest end.
+// Links an unlinked node as the newest.
 void ZebDataBlockLru::link(ZebDataBlockLruNode* node)
 {
     node->m_Newer = nullptr;

@@ -8,8 +8,7 @@
 
 class ZebDataHash;
 
-/// One entry of the list. It holds no reference on its hash: a hash that ends has left the list
-/// before.
+/// One entry of the list. Holds no reference to its hash: an ending hash has been removed before.
 struct ZEBTDX_EXPORT ZebDataBlockLruNode
 {
     explicit ZebDataBlockLruNode(ZebDataHash* hash);
@@ -18,22 +17,22 @@ struct ZEBTDX_EXPORT ZebDataBlockLruNode
     ZebDataBlockLruNode& operator=(const ZebDataBlockLruNode&) = delete;
 
     ZebDataHash* m_Hash;
-    /// The neighbour toward the oldest end, null there.
+    /// The next entry toward the oldest; null for the oldest.
     ZebDataBlockLruNode* m_Older = nullptr;
-    /// The neighbour toward the newest end, null there.
+    /// The next entry toward the newest; null for the newest.
     ZebDataBlockLruNode* m_Newer = nullptr;
 };
 
 /// The resident blocks that may be evicted, from the most to the least recently used.
 ///
-/// Invariant: every hash of the side table has exactly one node in the list, and the list runs from
-/// m_Newest over m_Older to m_Oldest and back over m_Newer. All operations take constant time, but
-/// for clear().
+/// Invariant: every hash in m_Items has exactly one node in the list. The list runs from m_Newest
+/// along m_Older to m_Oldest, and back along m_Newer. Every operation but clear() takes constant
+/// time.
 ///
-/// Locks: m_Lock is level 5, the innermost of all: nothing else is taken or called inside it.
-/// contains(), count(), add() and touch() take it themselves; the others are for a caller that
-/// holds it, since eviction looks and removes under one hold. Changes run under the delete lock as
-/// well, so the read lock serves those who do not hold that one.
+/// Locks: m_Lock is level 5, the innermost: no other lock is taken and no other code called inside
+/// it. contains(), count(), add() and touch() take it. The other operations require the caller to
+/// hold it, since eviction looks and removes under one hold. All changes also happen under the
+/// delete lock, so only readers without that lock need the read lock.
 class ZEBTDX_EXPORT ZebDataBlockLru
 {
 public:
@@ -46,23 +45,23 @@ public:
     /// How many hashes are listed. Takes the read lock.
     int count() const;
 
-    /// Lists the hash as the newest; nothing when it is listed. Takes the write lock.
+    /// Adds the hash as the newest, unless it is listed. Takes the write lock.
     void add(ZebDataHash* hash);
 
-    /// Makes the hash the newest; nothing when it is not listed. Takes the write lock.
+    /// Makes a listed hash the newest; ignores any other. Takes the write lock.
     void touch(ZebDataHash* hash);
 
-    /// Takes the hash off the list; nothing when it is not listed. The caller holds the write lock.
+    /// Removes a listed hash; ignores any other. The caller holds the write lock.
     void remove(ZebDataHash* hash);
 
     /// Empties the list. The caller holds the write lock.
     void clear();
 
-    /// The next victim, null when the list is empty. The caller holds the lock, for reading at
-    /// least.
+    /// The next hash to evict, null when the list is empty. The caller holds at least the read
+    /// lock.
     ZebDataHash* oldest() const;
 
-    /// The lock that guards the list, for the operations that leave taking it to their caller.
+    /// The lock that guards the list, for the operations that require the caller to hold it.
     QReadWriteLock& lock() const;
 
 private:
@@ -79,5 +78,6 @@ private:
     mutable QReadWriteLock m_Lock;
 };
 
-/// How many nodes of all lists exist. Nothing reads it; it is there to be looked at.
+/// How many nodes exist, over all lists.
+/// Kept on purpose: nothing in the library reads it; hosts and debuggers may.
 extern ZEBTDX_EXPORT QAtomicInt m_LruNodeCount;

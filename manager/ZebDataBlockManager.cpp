@@ -1,4 +1,4 @@
-// The store's lifetime, its settings and its flag for the host.
+// The store's setup and cleanup, its settings, and its flag for the host.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -33,7 +33,7 @@ void printSize(const char* format, qint64 bytes)
                                            static_cast<long long>(bytes / s_BytesPerMegabyte)));
 }
 
-// Truncates toward zero, with the values that no 64-bit integer holds brought to the nearest end.
+// Truncates toward zero; values out of range become the nearest 64-bit integer.
 qint64 truncated(float value)
 {
     constexpr float end = 9223372036854775808.0F;
@@ -44,13 +44,14 @@ qint64 truncated(float value)
     return static_cast<qint64>(value);
 }
 
-// At process exit the pool may have gone before the store.
+// At process exit Qt may have destroyed the pool before the store.
 void waitForGlobalPool()
 {
     if (QThreadPool::globalInstance() != nullptr)
         QThreadPool::globalInstance()->waitForDone(-1);
 }
 
+// Kept on purpose: the misspelt and uneven lines, which hosts match.
 void warnOfMissingVirtualMemory()
 {
     static const char* const lines[] = {
@@ -90,8 +91,7 @@ ZebDataBlockManager::ZebDataBlockManager()
 {
     calcMaxWritePendingDataCacheSize();
     setTargetFreeMemorySize(defaultTargetFreeMemorySize());
-    // Built inside the store's own construction, the registry is destroyed after it at process
-    // exit.
+    // Constructed before the store is complete, the registry is destroyed after it at process exit.
     ZebHashManager::instance();
 }
 
@@ -141,8 +141,7 @@ void ZebDataBlockManager::cleanUp(bool processEvents)
         return;
     stopGarbageCollection();
     stopAllIoThreads();
-    // A decompression may still be under way, and must find the store set up when it hands its
-    // block over.
+    // A decompression in progress must find the store set up when it makes its block live.
     waitForGlobalPool();
     dropAllBlocks();
     setAllFreeBlocksFlushed(false);
@@ -153,11 +152,10 @@ void ZebDataBlockManager::cleanUp(bool processEvents)
 
 void ZebDataBlockManager::dropAllBlocks()
 {
-    // Held so that nobody else meets the tables half way. A last reference that another thread
-    // drops meanwhile breaks the contract of this operation, waits here, and finds no store any
-    // more, which ends the process.
+    // Keeps other threads from half-cleared tables. A thread that drops a last reference meanwhile
+    // breaks the contract of cleanUp(): it waits for this lock, and freeBlock() then aborts.
     const ZebTdxMutexLocker deleteLocker(&m_DeleteMutex);
-    // A shared copy is walked: deleting a block reaches no table.
+    // A copy of the table: it shares its data, and deleting a block changes no table.
     const QHash<ZebDataHash*, ZebDataBlock*> blocks = m_HashToBlockMap;
     qDeleteAll(blocks);
     m_MaxDataCacheSize.store(0, s_Relaxed);
@@ -220,7 +218,7 @@ void ZebDataBlockManager::setMaxWritePendingSizeFactor(float factor)
 void ZebDataBlockManager::calcMaxWritePendingDataCacheSize()
 {
     const qint64 limit = maxDataCacheSize();
-    // Kept on purpose: single precision, so a limit above 16 MiB counts with 24 bits only.
+    // Kept on purpose: single precision, so a limit above 16 MiB is rounded to 24 bits.
     const float product = static_cast<float>(limit) * maxWritePendingSizeFactor();
     const qint64 pending = std::max(s_MinWritePendingBytes, std::min(limit, truncated(product)));
     m_MaxWritePendingDataCacheSize.store(pending, s_Relaxed);

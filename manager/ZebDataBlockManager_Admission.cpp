@@ -1,4 +1,4 @@
-// How bytes become resident blocks of the store.
+// Admission: how bytes become resident blocks.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-// An identity that no other block has or will have, whatever its bytes.
+// A random identity for an uncached block, independent of its bytes.
 ZebSmartPointer<ZebDataHash> freshIdentity()
 {
     const QByteArray unique = QUuid::createUuid().toByteArray();
@@ -42,9 +42,9 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
     if (hash == nullptr)
         ZebTdxMessage::fatal(QStringLiteral("Null Value Passed For *Ptr"));
     std::unique_ptr<ZebDataBlock> owned(block);
-    // Here equal bytes become one block.
-    // Kept on purpose: the resident block does not count as used, and a duplicate is dropped
-    // before its size is looked at.
+    // Deduplication: the resident block stays and `owned` deletes the duplicate.
+    // Kept on purpose: this is no use of the resident block, and the duplicate's size is not
+    // checked.
     if (m_HashToBlockMap.contains(hash))
         return;
     if (block->size() > maxDataCacheSize()) {
@@ -55,17 +55,17 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
     }
     managePhysicalMemoryUse(static_cast<quint64>(block->size()), true);
     if (hash == nullptr) {
-        // Kept on purpose: a second guard, which the first one above makes unreachable.
+        // Kept on purpose: unreachable after the first check, and so is its message.
         ZebTdxMessage::fatal(QStringLiteral("Null Ptr"));
     }
-    // The entry comes before the sum, as a table that cannot grow must leave nothing half done.
+    // insert() may throw; until then nothing has changed.
     m_HashToBlockMap.insert(hash, block);
     static_cast<void>(owned.release());
     m_LiveBytes.fetch_add(block->size(), std::memory_order_relaxed);
     if (hash->isDontCache())
         return;
     m_Lru.add(hash);
-    // The disk copy is made now, long before eviction asks for it.
+    // Written at admission, so that eviction finds the file complete.
     queueWrite(hash, block, false, locker);
 }
 

@@ -1,5 +1,4 @@
-// The store's disk threads: starting them, finding the one of a root, waiting for them, ending
-// them.
+// The store's disk threads: how they start, serve a root, drain and end.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -15,7 +14,7 @@
 
 namespace {
 
-// Length of a reader's list from which requests of low priority are refused.
+// A reader with this many waiting requests refuses low-priority ones.
 constexpr int s_MaxLowPriorityRequests = 50;
 
 constexpr unsigned long s_FlushPauseMs = 1;
@@ -37,7 +36,7 @@ void ZebDataBlockManager::startIoThreads(const QString& root, int compressionThr
     auto* const reader =
         new ZebDataBlockReadThread(root, numBuckets(), s_MaxLowPriorityRequests, this);
     auto* const collector = new ZebGarbageCollectorThread(root, numBuckets(), this);
-    // Connected before the thread runs: it emits the signal.
+    // Connected before the thread starts, or its first signal could be lost.
     connect(writer, &ZebDataBlockWriteThread::writeError, this, &ZebDataBlockManager::writeError,
             Qt::AutoConnection);
     writer->start(QThread::InheritPriority);
@@ -52,10 +51,9 @@ void ZebDataBlockManager::stopAllIoThreads()
 {
     requireInitialized();
     flush(false, AllThreads);
-    // Waited for with no lock held: a thread may need the delete lock once more, to release its
-    // last reference on a hash, and a collector to ask for the sub-cache. The writers come last,
-    // since a load may still ask them to flush. The collectors are asked to end all at once, as
-    // each may sleep through a poll before it sees that.
+    // Waits with no lock held, since each thread may still need the delete lock. Writers end last:
+    // a load may still flush them. All collectors are asked before the first wait, so that their
+    // poll intervals overlap.
     for (ZebGarbageCollectorThread* const collector : qAsConst(m_GarbageCollectors))
         collector->closeDown();
     for (ZebGarbageCollectorThread* const collector : qAsConst(m_GarbageCollectors))
@@ -109,14 +107,15 @@ void ZebDataBlockManager::flush(bool writeUnwritten, ThreadType threads)
                 writer->flush();
         }
     };
-    // The queues are drained before the walk, outside the delete lock; the second pass waits for
-    // what the walk has queued.
+    // Drained before the walk, outside the delete lock; the second wait covers what the walk
+    // queues.
     waitForThreads();
     if (writeUnwritten) {
         {
             ZebTdxMutexLocker locker(&m_DeleteMutex);
             for (auto entry = m_HashToBlockMap.constBegin(); entry != m_HashToBlockMap.constEnd();
                  ++entry) {
+                // Kept on purpose: unreachable, since makeBlockLive() refuses a null hash.
                 if (entry.key() == nullptr)
                     ZebTdxMessage::fatal(QStringLiteral("Null Value in Hash to Block Map"));
                 if (!entry.key()->isDontCache())

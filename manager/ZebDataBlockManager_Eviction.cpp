@@ -1,4 +1,4 @@
-// How blocks are evicted: the two limits, the order of eviction, and the host's calls that evict.
+// Eviction: its two limits, its order, and the host's calls that evict.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -16,30 +16,29 @@ namespace {
 
 constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
-// Free memory is measured about once for so many bytes requested.
-constexpr qint32 s_MeasureInterval = 134217728;
+// Free memory is measured about once for this many bytes requested.
+constexpr qint32 s_MeasureIntervalBytes = 134217728;
 
-// A sum from which the very next request, of one byte or more, crosses a multiple of the interval.
-constexpr qint32 s_MeasureNext = s_MeasureInterval - 1;
+// A sum after which the next request of at least a byte crosses a multiple of the interval.
+constexpr qint32 s_MeasureNextBytes = s_MeasureIntervalBytes - 1;
 
-// Eviction continues down to this share of the limit.
+// Eviction stops at this share of the limit of resident bytes.
 constexpr double s_EvictionShare = 0.9;
 
-// The host's flag falls when more than this many blocks could be evicted.
+// The host's flag is cleared when more than this many blocks are evictable.
 constexpr int s_FlushedFlagBlocks = 16;
 
 constexpr quint64 s_FlushMemoryBytes = 536870912;
 constexpr quint64 s_HelpMeOutBytes = 1099511627776;
 
-// State of the process, not of the store: it survives cleanUp(), so a store that is set up again
-// goes on with the sum and the measure of the one before. Relaxed atomics, written by any thread
-// that admits a block; a stale value costs one measure more or less.
+// State of the process, not of the store: it survives cleanUp() into the next setup(). Relaxed
+// atomics, written by any admitting thread; a stale value costs a measurement too many or too few.
 namespace ProcessWide {
 
-// The sum of all bytes requested, in its low 32 bits; it wraps around.
+// The low 32 bits of the sum of all bytes requested.
 std::atomic<qint32> s_RequestedBytes{0};
 
-// The last measure of free physical memory in bytes, taken at first use.
+// The free physical memory in bytes, as last measured; first measured at first use.
 std::atomic<quint64>& freePhysicalMemory()
 {
     static std::atomic<quint64> measured{static_cast<quint64>(ZebGetFreePhysicalMemoryBytes())};
@@ -48,15 +47,15 @@ std::atomic<quint64>& freePhysicalMemory()
 
 } // namespace ProcessWide
 
-// Counts a request. Returns whether free memory must be measured for it.
+// Counts a request and returns whether it must measure free memory.
 bool countRequest(quint64 size)
 {
     const auto low = static_cast<quint32>(size);
     const qint32 before =
         ProcessWide::s_RequestedBytes.fetch_add(static_cast<qint32>(low), s_Relaxed);
     const auto after = static_cast<qint32>(static_cast<quint32>(before) + low);
-    return size >= static_cast<quint64>(s_MeasureInterval) ||
-           before / s_MeasureInterval != after / s_MeasureInterval;
+    return size >= static_cast<quint64>(s_MeasureIntervalBytes) ||
+           before / s_MeasureIntervalBytes != after / s_MeasureIntervalBytes;
 }
 
 } // namespace
@@ -81,7 +80,7 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
         measured.store(static_cast<quint64>(ZebGetFreePhysicalMemoryBytes()), s_Relaxed);
     const int freed = evict(size, measured.load(s_Relaxed), write);
     if (freed > 0) {
-        ProcessWide::s_RequestedBytes.store(s_MeasureNext, s_Relaxed);
+        ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, s_Relaxed);
         if (write && m_Lru.count() == 0)
             setAllFreeBlocksFlushed(true);
         return true;
@@ -109,8 +108,7 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
         if (hash == nullptr)
             return freed;
         if (!hash->tryLock()) {
-            // Another thread takes or releases a reference on it at this moment; eviction does not
-            // wait.
+            // Another thread is taking or releasing a reference to it; eviction does not wait.
             m_Lru.touch(hash);
             continue;
         }
@@ -119,7 +117,7 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
             m_Lru.remove(hash);
         }
         freeBlock(hash, write, true);
-        // Corrected by what was evicted; only the next measure makes it right again.
+        // An estimate until the next measurement.
         free += static_cast<quint64>(liveBefore - liveBytes());
         ++freed;
     }
@@ -127,7 +125,7 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
 
 void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLocked)
 {
-    // References may outlive the store, and their last release ends here.
+    // References may outlive the store, and their last release calls this.
     if (!isInitialized())
         return;
     ZebTdxMutexLocker locker(&m_DeleteMutex);
@@ -161,7 +159,7 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
 bool ZebDataBlockManager::flushMemory(bool force)
 {
     if (force)
-        ProcessWide::s_RequestedBytes.store(s_MeasureNext, s_Relaxed);
+        ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, s_Relaxed);
     return managePhysicalMemoryUse(s_FlushMemoryBytes, true);
 }
 

@@ -1,5 +1,5 @@
-// The store's side of garbage collection: the switch, the bracket around a pass, a pass for the
-// host, and the size of the disk cache.
+// The store's side of garbage collection: enabling it, the bracket of a pass, a pass for the host,
+// and the size of the disk cache.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -16,13 +16,13 @@ namespace {
 
 constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
-// A host that switches for ever counts past the end of an int; the counter goes on from below.
+// Wraps around instead of overflowing.
 void countUp(int& counter)
 {
     counter = static_cast<int>(static_cast<unsigned>(counter) + 1U);
 }
 
-// Asked anew on each call, so that a host may set it at any time.
+// Read on each call, so a host may set it at any time.
 bool isBlockedByEnvironment()
 {
     return qEnvironmentVariableIsSet("ZEBA_TDX_GARBAGE_COLLECTION_DISABLED");
@@ -47,8 +47,7 @@ void ZebDataBlockManager::startGarbageCollection()
 
 void ZebDataBlockManager::stopGarbageCollection()
 {
-    // Kept on purpose: asked before anything else, so a collection that is on stays on, even over
-    // cleanUp().
+    // Kept on purpose: checked first, so an enabled collection stays enabled, even over cleanUp().
     if (isBlockedByEnvironment()) {
         ZebTdxMessage::debug(QStringLiteral("[TDX] Stop garbage collection blocked by env"));
         return;
@@ -63,7 +62,7 @@ void ZebDataBlockManager::stopGarbageCollection()
     const QMutexLocker locker(&m_GarbageCollectionMutex);
     m_GarbageCollecting.store(false, s_Relaxed);
     countUp(m_GarbageCollectionChanges);
-    // The delete lock is held meanwhile: no pass asks for it once it is inside the bracket.
+    // Safe with the delete lock held: no pass takes it inside its bracket.
     while (m_GarbageCollectorsRunning != 0)
         m_GarbageCollectionDone.wait(&m_GarbageCollectionMutex);
 }
@@ -94,8 +93,8 @@ void ZebDataBlockManager::collectGarbage(ProgressReporter* reporter)
 {
     requireInitialized();
     if (reporter != nullptr) {
-        // Kept on purpose: the sub-cache directories are missing in the total and counted on the
-        // way, so the value goes past it by one for each root.
+        // Kept on purpose: the total omits the sub-cache directories, which the passes count, so
+        // the value exceeds it by one for each root.
         reporter->start(tr("Garbage Collecting"), m_GarbageCollectors.size() * numBuckets());
     }
     int count = 0;
@@ -109,7 +108,7 @@ void ZebDataBlockManager::cacheSizeRecord(ZebGarbageCollectorThread* thread, qin
 {
     const QMutexLocker locker(&m_CacheSizeMutex);
     m_CacheSizeRecords.insert(thread, size);
-    // Kept on purpose: told with the mutex held, so what hosts hear is in the order of the reports.
+    // Kept on purpose: emitted with the mutex held, so slots see the reports in order.
     Q_EMIT cacheSizeUpdate(currentCacheSizeInBytes());
 }
 

@@ -1,4 +1,4 @@
-// Lists of references that are kept as blocks.
+// Groups: lists of references, stored as blocks.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -15,7 +15,7 @@
 
 namespace {
 
-// The digests of a group, one after the other.
+// The digests of a group, stored contiguously.
 struct GroupDigests
 {
     qint64 m_Count = 0;
@@ -25,13 +25,13 @@ struct GroupDigests
     // The digest as a hash that is not interned. Requires an index below m_Count.
     ZebDataHash at(qint64 index) const
     {
-        // The hash only reads.
+        // The const_cast is safe: this form of the constructor only reads.
         return ZebDataHash(m_HashSize, const_cast<unsigned char*>(m_First) + index * m_HashSize);
     }
 };
 
-// The header bounds the list by the bytes that are there, so a damaged group is read to its last
-// whole digest and never past its end. None for a block that is no group.
+// Empty for a block that is no group. decode() bounds the count by `size`, so a damaged group is
+// read to its last whole digest.
 GroupDigests digestsOf(const unsigned char* bytes, qint64 size)
 {
     GroupDigests digests;
@@ -61,8 +61,8 @@ ZebDataReference ZebDataBlockManager::makeGroupBlock(const QVector<ZebDataRefere
         members.append(reference.hashPtr());
         const ZebDataHash& hash = *members.last();
         hash.requireDigest();
-        // Kept on purpose: the last member's size stands for all. The store makes every hash at
-        // one size, so nothing compares them.
+        // Kept on purpose: the last member's size stands for all, unchecked. The store makes every
+        // hash with one size.
         hashSize = hash.size();
         total += hashSize;
     }
@@ -87,13 +87,13 @@ QVector<ZebDataReference> ZebDataBlockManager::extractGroupBlock(const ZebDataRe
 void ZebDataBlockManager::extractGroupBlock(const ZebDataReference& group,
                                             QVector<ZebDataReference>& references)
 {
-    // Holds the bytes in memory to the end. The group itself is not looked at again, so it may
-    // stand in the vector that grows here.
+    // Pins the bytes until the end. `group` is not used below, so it may be an element of
+    // `references`, which grows here.
     const ZebConstAccessor accessor = group.constAccessor();
     const GroupDigests digests =
         digestsOf(accessor.isNull() ? nullptr : accessor.data(), storedBytes(accessor));
     references.reserve(references.size() + static_cast<int>(digests.m_Count));
-    // A digest that is listed twice is looked up in the registry once.
+    // Looks up a repeated digest in the registry only once.
     QMap<ZebDataHash, ZebDataReference> known;
     for (qint64 i = 0; i < digests.m_Count; ++i) {
         const ZebDataHash listed = digests.at(i);
@@ -118,5 +118,5 @@ void ZebDataBlockManager::extractGroupBlock(const ZebDataReference& group, QSet<
 
 void ZebDataBlockManager::clearGroupCache()
 {
-    // Kept on purpose: there is no cache of groups anywhere; hosts that call this go on working.
+    // Kept on purpose: no cache of groups exists, but hosts still call this.
 }

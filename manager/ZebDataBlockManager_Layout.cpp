@@ -1,4 +1,4 @@
-// Where the file of a block lies: its place follows from its hash alone.
+// Layout: where a block's file lies, which follows from its hash alone.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -42,7 +42,7 @@ int ZebDataBlockManager::cacheIndex(const ZebDataHash* hash)
         if (index >= 0)
             return index;
     }
-    // Only a fatal end is left, and its message needs the whole text.
+    // Always fatal; the message needs the whole text.
     return cacheIndex(hash->toString());
 }
 
@@ -51,6 +51,7 @@ QString ZebDataBlockManager::getBlockDestination(const QString& subCache, const 
     const ZebDataHash hash(hashText);
     requireInitialized();
     const int index = cacheIndex(hash.toString());
+    // Kept on purpose: unreachable, since a text without a root is fatal.
     if (index < 0)
         return {};
     QString directory;

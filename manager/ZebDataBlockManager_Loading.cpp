@@ -1,4 +1,4 @@
-// How a block that an accessor or a preload asks for is found in memory or fetched from disk.
+// Loading: how a block for an accessor or a preload is found resident or read from disk.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -23,12 +23,13 @@ ZebDataBlock* ZebDataBlockManager::getDataBlock(ZebDataHash* hash)
         return nullptr;
     if (!m_HashToBlockMap.contains(hash)) {
         const int index = cacheIndex(hash);
+        // Kept on purpose: always true, since only a null hash has no index.
         if (index != -1) {
             const ZebSmartPointer<ZebDataHash> held(hash);
             ZebDataBlock* const loaded = loadWithDeletesOpen(held, index);
             if (loaded == nullptr)
                 return nullptr;
-            // Of two threads that have loaded one block at once, the second drops its copy here.
+            // When two threads load one block, this deletes the copy of the second.
             makeBlockLive(hash, loaded);
         }
     }
@@ -38,8 +39,8 @@ ZebDataBlock* ZebDataBlockManager::getDataBlock(ZebDataHash* hash)
 ZebDataBlock* ZebDataBlockManager::loadWithDeletesOpen(const ZebSmartPointer<ZebDataHash>& hash,
                                                        int index)
 {
-    // One level is let go, so that writers, eviction and other readers can go on meanwhile. That
-    // truly opens the lock, since every caller holds it once; it is held again on every way out.
+    // Releases one level of the delete lock, so that writers, eviction and other loads can proceed.
+    // Every caller holds it exactly once, so this frees it.
     struct Opening
     {
         explicit Opening(ZebTdxMutex& mutex) : m_Mutex(mutex) { m_Mutex.unlock(); }
@@ -66,7 +67,7 @@ void ZebDataBlockManager::preloadData(const ZebDataReference& reference, Preload
 {
     if (reference.isNull())
         return;
-    // Before any lock, as the job itself needs the delete lock.
+    // Before any lock: the job needs the delete lock.
     reference.checkAndWaitJob();
     const ZebTdxMutexLocker locker(&m_DeleteMutex);
     requireInitialized();
@@ -76,6 +77,7 @@ void ZebDataBlockManager::preloadData(const ZebDataReference& reference, Preload
         return;
     }
     const int index = cacheIndex(hash);
+    // Kept on purpose: unreachable, since only a null hash has no index.
     if (index == -1)
         ZebTdxMessage::fatal(QStringLiteral("Invalid Cache Bucket"));
     readerOf(index, hash)->request(hash, priority);

@@ -1,4 +1,4 @@
-// What keeps a resident block in memory: accessors pin it, and use makes it younger.
+// Pinning: accessors pin a resident block, and each use makes it the newest.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -41,7 +41,7 @@ void ZebDataBlockManager::unlockBlock(ZebDataHash* hash)
             QStringLiteral("Lock Block %1 already contained in LRU").arg(addressOf(hash)));
     }
     m_Lru.add(hash);
-    // There is something to free again.
+    // There is an evictable block again.
     setAllFreeBlocksFlushed(false);
 }
 
@@ -69,7 +69,7 @@ bool ZebDataBlockManager::isInMemory(ZebDataHash* hash)
     requireInitialized();
     if (!m_HashToBlockMap.contains(hash))
         return false;
-    // Kept on purpose: asking counts as using, so a host that polls a block keeps it young.
+    // Kept on purpose: a query counts as a use, so a host that polls a block keeps it resident.
     if (!blockIsLocked(hash))
         blockUsed(hash);
     return true;

@@ -1,4 +1,4 @@
-// What the store tells about itself: by debug lines, and as references to all that is alive.
+// Diagnostics: figures as debug lines, and references to every interned hash.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -13,7 +13,7 @@ namespace {
 
 constexpr qint64 s_BytesPerMegabyte = 1048576;
 
-// Kept on purpose: holders of a job are not counted, and the line stands with this constant.
+// Kept on purpose: references to jobs are not counted; hosts expect the line all the same.
 constexpr int s_BlockFuturePointers = -1;
 
 QString megabytes(qint64 bytes)
@@ -51,6 +51,7 @@ qint64 ZebDataBlockManager::managedBlocks() const
 void ZebDataBlockManager::dumpStats()
 {
     const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    // Kept on purpose: "existant", since hosts parse these lines.
     ZebTdxMessage::debug(QStringLiteral("==== ZebTdx Block Stats ===="));
     ZebTdxMessage::debug(QStringLiteral("Max Cache Size ") + megabytes(maxDataCacheSize()));
     printCount("Number of managed blocks ", m_HashToBlockMap.size());
@@ -66,7 +67,7 @@ void ZebDataBlockManager::dumpStats()
                 .arg(m_CacheRoots.at(i), megabytes(m_ReadThreads.at(i)->bytesRead())));
     }
     for (int i = 0; i < m_WriteThreads.size(); ++i) {
-        // Kept on purpose: two blanks.
+        // Kept on purpose: the two blanks, since hosts parse these lines.
         ZebTdxMessage::debug(
             QStringLiteral("Written  %1 %2")
                 .arg(m_CacheRoots.at(i), megabytes(m_WriteThreads.at(i)->bytesWritten())));
@@ -86,7 +87,7 @@ void ZebDataBlockManager::snapshot(QList<ZebDataReference>& references) const
 {
     const ZebTdxMutexLocker locker(&m_DeleteMutex);
     requireInitialized();
-    // Released with the delete lock held, should one of these holders be the last.
+    // Destroyed with the delete lock held, since each may be the last reference to its hash.
     QList<ZebSmartPointer<ZebDataHash>> hashes;
     ZebHashManager::instance().snapshot(hashes);
     for (const ZebSmartPointer<ZebDataHash>& hash : qAsConst(hashes))

@@ -1,4 +1,4 @@
-// The sub-cache of the store: one name that all disk threads and the log share.
+// The sub-cache: one name for the store, all disk threads and the log.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -16,14 +16,14 @@ void ZebDataBlockManager::setSubCache(const QString& name)
     if (garbageCollecting())
         return;
     if (name == subCache()) {
-        // Kept on purpose: to standard output, past the message handler of the host.
+        // Kept on purpose: prints to standard output, bypassing the host's message handler.
         std::printf("%s\n",
                     QStringLiteral("Subcache Set to %1 twice").arg(name).toLocal8Bit().constData());
         std::fflush(stdout);
         return;
     }
-    // What is under way ends under the old name. Waited for with no lock held, since a writer takes
-    // the delete lock to finish a block.
+    // Work in progress completes under the old name. No lock held: a writer takes the delete lock
+    // to finish a block.
     flush(false, AllThreads);
     const ZebTdxMutexLocker locker(&m_DeleteMutex);
     m_SubCache = name;

@@ -1,5 +1,4 @@
-// How a block gets into a writer's queue, what the manager knows about writes in flight, and the
-// host's brake.
+// Writing: how a block is queued, the state of writes in flight, and the host's brake.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -15,7 +14,7 @@ namespace {
 
 constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
-constexpr unsigned long s_BrakeMs = 1000;
+constexpr unsigned long s_BrakeSleepMs = 1000;
 
 } // namespace
 
@@ -23,16 +22,16 @@ bool ZebDataBlockManager::queueWrite(ZebDataHash* hash, ZebDataBlock* block, boo
                                      ZebTdxMutexLocker& locker)
 {
     const int index = cacheIndex(hash);
+    // Kept on purpose: the index is never -1 here, since the hash is not null.
     if (index == -1 || block->cached() || m_BlocksBeingWritten.contains(block))
         return false;
     const ZebSmartPointer<ZebDataHash> held = hash->holdUnlessEnding();
-    // No caller can ask for the block of an ending hash again.
+    // No caller can request the block of an ending hash any more.
     if (held.isNull())
         return false;
     ZebDataBlockWriteThread* const writer = writerOf(index, hash);
     m_BlocksBeingWritten.insert(block);
-    // A block that goes with its request is out of the tables already, so nothing else needs the
-    // lock.
+    // The block is out of the tables already, so nothing below needs the lock.
     if (deleteBlock)
         locker.unlock();
     writer->writeBlock(PreloadNormal, held, block, deleteBlock);
@@ -88,7 +87,7 @@ void ZebDataBlockManager::processIO()
             "ZebDataBlockManager::processIO: Excessive data in the queue: %lld bytes (max = "
             "%lld): sleeping calling thread...",
             static_cast<long long>(queued), static_cast<long long>(limit)));
-        QThread::msleep(s_BrakeMs);
+        QThread::msleep(s_BrakeSleepMs);
     }
 }
 

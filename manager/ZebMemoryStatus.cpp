@@ -64,8 +64,8 @@ void ZebMemoryStatus::setSourceRoot(const QString& root)
 
 namespace {
 
-constexpr qint64 s_NoLimit = std::numeric_limits<qint64>::max();
-constexpr qint64 s_NoLimitFrom = 0x4000000000000000;
+constexpr qint64 s_NoLimitBytes = std::numeric_limits<qint64>::max();
+constexpr qint64 s_NoLimitFromBytes = 0x4000000000000000;
 constexpr qint64 s_BytesPerKilobyte = 1024;
 
 // The user half of a 48-bit address space.
@@ -98,7 +98,7 @@ std::optional<qint64> numberInFile(const QString& path)
     return contents ? numberIn(*contents) : std::nullopt;
 }
 
-// The value behind `key` in a file of lines of key, separators and number.
+// The number after `key`, in lines of key, separators and number.
 std::optional<qint64> valueOfKey(const QByteArray& contents, const QByteArray& key)
 {
     for (const QByteArray& line : contents.split('\n')) {
@@ -117,7 +117,7 @@ std::optional<qint64> memoryInfo(const QByteArray& key)
     return kilobytes ? std::optional<qint64>(*kilobytes * s_BytesPerKilobyte) : std::nullopt;
 }
 
-// The names that one generation of control groups uses.
+// The file names of one version of control groups.
 struct GroupFiles
 {
     QString m_Mount;
@@ -128,17 +128,16 @@ struct GroupFiles
 
 struct GroupMemory
 {
-    qint64 m_Limit = s_NoLimit;
-    qint64 m_Free = s_NoLimit;
+    qint64 m_Limit = s_NoLimitBytes;
+    qint64 m_Free = s_NoLimitBytes;
 };
 
 void narrow(GroupMemory& memory, const GroupFiles& files, const QString& directory)
 {
-    // An unlimited group has a word here, and no number.
+    // An unlimited group of version 2 has a word here; one of version 1 the largest number of whole
+    // pages. Usage and statistics are then not read: a full store measures at each admission.
     const auto limit = numberInFile(directory + files.m_Limit);
-    // One generation writes no limit as the largest number of whole pages. Usage and statistics are
-    // not read then: a full store measures on each admission.
-    if (!limit || *limit < 0 || *limit >= s_NoLimitFrom)
+    if (!limit || *limit < 0 || *limit >= s_NoLimitFromBytes)
         return;
     memory.m_Limit = std::min(memory.m_Limit, *limit);
     const qint64 usage = numberInFile(directory + files.m_Usage).value_or(0);
@@ -149,8 +148,8 @@ void narrow(GroupMemory& memory, const GroupFiles& files, const QString& directo
     memory.m_Free = std::min(memory.m_Free, std::max<qint64>(0, *limit - used));
 }
 
-// The tightest of the limits of the group and of all groups above it. A group that is not to be
-// seen from here, as inside a container, is looked for at the mount point itself.
+// The lowest limits of the group and its parents, up to the mount point. In a container the group's
+// own directory may not be visible; the mount point then is the group.
 GroupMemory memoryOfGroup(const GroupFiles& files, QString group)
 {
     GroupMemory memory;
@@ -177,7 +176,7 @@ GroupMemory memoryOfControlGroup()
         contentsOf(QStringLiteral("/proc/self/cgroup")).value_or(QByteArray());
     GroupMemory memory;
     for (const QByteArray& line : groups.split('\n')) {
-        // Number, controllers, path; the path may hold further colons.
+        // Number, controllers, path, separated by colons; the path may contain colons.
         const int first = line.indexOf(':');
         const int second = first < 0 ? -1 : line.indexOf(':', first + 1);
         if (second < 0)

@@ -9,9 +9,10 @@ namespace {
 
 constexpr qint64 s_GuessedPhysicalBytes = 0x200000000;
 constexpr qint64 s_GuessedSwapBytes = 1;
-constexpr qint64 s_FreeShare = 5;
+constexpr qint64 s_FreeDivisor = 5;
 
-// The lines carry fixed positions, by which hosts tell the probes apart.
+// Kept on purpose: the file name and the line numbers below are fixed, since hosts identify the
+// failed probe by them.
 void reportFailure(int line, const char* words)
 {
     ZebTdxMessage::debug(QString::asprintf("%s:%i:[ !! ] %s", "ZebSystemMemory.cpp", line, words));
@@ -43,7 +44,7 @@ qint64 ZebGetFreePhysicalMemoryBytes()
     if (free)
         return *free;
     reportFailure(232, "Error retrieving memory information.");
-    return ZebGetTotalPhysicalMemoryBytes() / s_FreeShare;
+    return ZebGetTotalPhysicalMemoryBytes() / s_FreeDivisor;
 }
 
 qint64 ZebGetFreeVirtualMemoryBytes()
@@ -52,7 +53,7 @@ qint64 ZebGetFreeVirtualMemoryBytes()
     if (free)
         return *free;
     reportFailure(337, "Error retrieving virtual memory information.");
-    return ZebGetTotalSwapMemoryBytes() / s_FreeShare;
+    return ZebGetTotalSwapMemoryBytes() / s_FreeDivisor;
 }
 
 bool ZebSystemHasVirtualMemory()
