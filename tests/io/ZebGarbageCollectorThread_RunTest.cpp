@@ -1,10 +1,10 @@
-// A collector's passes that are cut short, what they hold meanwhile, and the collector as a thread.
+// A collector's passes that are stopped early, the locks that they hold, and the collector as a
+// thread.
 
-#include "io/CollectorKit.h"
+#include "support/CollectorStation.h"
+#include "support/SequencePoints.h"
 
 #include <QFile>
-#include <QSemaphore>
-#include <QThread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,8 +15,7 @@
 #include <stdexcept>
 #include <thread>
 
-using CollectionInside::passesRunning;
-using CollectionInside::sizeFound;
+using StoreInside::passesRunning;
 using testing::ElementsAre;
 
 namespace {
@@ -25,11 +24,22 @@ std::atomic<bool> s_WalkIsOutOfMemory{false};
 std::atomic<int> s_Walks{0};
 
 class ZebGarbageCollectorThreadRun : public CollectorStation
-{};
+{
+protected:
+    // Stops the collection from another thread, which may have to wait for a pass.
+    static std::thread stopElsewhere()
+    {
+        std::thread stopping([] { manager().stopGarbageCollection(); });
+        EXPECT_TRUE(waitUntil([] { return !manager().garbageCollecting(); }));
+        return stopping;
+    }
+
+    std::atomic<bool>& exitMark() { return CollectorInside::exit(m_Collector); }
+};
 
 } // namespace
 
-// Stands before the system's own.
+// Replaces the system's function.
 extern "C" void* opendir(const char* path)
 {
     ++s_Walks;
@@ -40,86 +50,80 @@ extern "C" void* opendir(const char* path)
     return system(path);
 }
 
-// A pass that is cut short, and its bracket
+// A pass that is stopped early, and what it holds
 
-TEST_F(ZebGarbageCollectorThreadRun, SwitchedOffDuringTheWalkItLeavesBeforeTheNextDirectory)
+TEST_F(ZebGarbageCollectorThreadRun, StoppedDuringTheWalkItReturnsBeforeTheNextDirectory)
 {
     const QString dead = writeDead("0");
     const QString live = writeLive("1", 10);
     setSizeFound(s_UnlikelySize);
-    Reporter reporter;
+    RecordingReporter reporter;
     std::thread stopping;
-    reporter.m_OnUpdate = [&](int) {
-        stopping = stopElsewhere();
-    };
+    reporter.onUpdate([&](int) { stopping = stopElsewhere(); });
     int count = 0;
     pass(&reporter, &count);
     stopping.join();
-    EXPECT_THAT(reporter.m_Values, ElementsAre(1));
+    EXPECT_THAT(reporter.values(), ElementsAre(1));
     EXPECT_TRUE(QFile::exists(dead));
-    EXPECT_EQ(sizeFound(m_Collector), s_UnlikelySize) << "nothing was judged";
-    EXPECT_EQ((m_Collector.*privateMember(CollectorFreedTag())).load(), StoreInside::blocksFreed())
-        << "the pass has ended all the same";
-    EXPECT_TRUE((m_Collector.*privateMember(CollectorTimerTag())).isValid());
+    EXPECT_EQ(sizeFound(), s_UnlikelySize) << "no file was looked up";
+    EXPECT_EQ(CollectorInside::lastBlocksFreedCount(m_Collector), StoreInside::blocksFreed())
+        << "it counts as a pass";
+    EXPECT_TRUE(CollectorInside::passTimer(m_Collector).isValid());
 }
 
-TEST_F(ZebGarbageCollectorThreadRun, SwitchedOffDuringTheJudgementItLeavesAtTheNextDeadFile)
+TEST_F(ZebGarbageCollectorThreadRun, StoppedDuringTheSweepItReturnsAtTheNextOrphanedFile)
 {
     const QStringList dead = {writeDead("0"), writeDead("0"), writeDead("1")};
     std::thread stopping;
-    actBeforeJudgement([&] { stopping = stopElsewhere(); });
+    actBeforeSweep([&] { stopping = stopElsewhere(); });
     stopping.join();
     for (const QString& file : dead)
         EXPECT_TRUE(QFile::exists(file));
-    EXPECT_EQ(sizeFound(m_Collector), 0);
+    EXPECT_EQ(sizeFound(), 0);
 }
 
-TEST_F(ZebGarbageCollectorThreadRun, SwitchedOffAmongLiveFilesItGoesThroughToTheEnd)
+TEST_F(ZebGarbageCollectorThreadRun, StoppedAmongLiveFilesItFinishesTheSweep)
 {
     writeLive("0", 10);
     writeLive("0", 20);
     writeLive("1", 30);
     std::thread stopping;
-    actBeforeJudgement([&] { stopping = stopElsewhere(); });
+    actBeforeSweep([&] { stopping = stopElsewhere(); });
     stopping.join();
-    EXPECT_EQ(sizeFound(m_Collector), 60);
+    EXPECT_EQ(sizeFound(), 60);
 }
 
-TEST_F(ZebGarbageCollectorThreadRun, InsideItsBracketAPassNeedsNoLockThatOthersHold)
+TEST_F(ZebGarbageCollectorThreadRun, ARunningPassNeedsNeitherTheDeleteLockNorBlocksItsOwn)
 {
     const QString dead = writeDead("0");
     const QString live = writeLive("0", 10);
-    Reporter reporter;
-    QSemaphore letGo;
+    RecordingReporter reporter;
+    SequencePoints points;
     std::thread holding;
-    reporter.m_OnUpdate = [&](int value) {
+    reporter.onUpdate([&](int value) {
         if (value != 1)
             return;
         EXPECT_GE(passesRunning(), 1);
-        QSemaphore held;
         holding = std::thread([&] {
-            m_Collector.setSubCache("Other"); // its own lock is free
+            m_Collector.setSubCache("Other"); // takes the collector's own lock
             const ZebTdxMutexLocker locker(&StoreInside::deleteLock());
-            held.release();
-            letGo.acquire();
+            points.reachedThenWait("held", "pass ended");
         });
-        held.acquire();
-    };
+        points.wait("held");
+    });
     int count = 0;
     manager().startGarbageCollection();
     m_Collector.collect(&reporter, &count);
-    EXPECT_FALSE(QFile::exists(dead)) << "although the delete lock was taken all the time";
-    EXPECT_EQ(sizeFound(m_Collector), 10);
-    letGo.release();
+    EXPECT_FALSE(QFile::exists(dead)) << "another thread held the delete lock all the time";
+    EXPECT_EQ(sizeFound(), 10);
+    points.reached("pass ended");
     holding.join();
 }
 
-TEST_F(ZebGarbageCollectorThreadRun, AHostThatThrowsLeavesNoPassBehind)
+TEST_F(ZebGarbageCollectorThreadRun, AReporterThatThrowsEndsThePass)
 {
-    Reporter reporter;
-    reporter.m_OnUpdate = [](int) {
-        throw std::runtime_error("the host's own");
-    };
+    RecordingReporter reporter;
+    reporter.onUpdate([](int) { throw std::runtime_error("the host's own"); });
     int count = 0;
     EXPECT_THROW(pass(&reporter, &count), std::runtime_error);
     manager().stopGarbageCollection();
@@ -131,10 +135,10 @@ TEST_F(ZebGarbageCollectorThreadRun, AHostThatThrowsLeavesNoPassBehind)
 
 TEST_F(ZebGarbageCollectorThreadRun, AFreshCollectorHasFoundNothing)
 {
-    EXPECT_EQ(sizeFound(m_Collector), 0);
-    EXPECT_EQ((m_Collector.*privateMember(CollectorFreedTag())).load(), -1);
-    EXPECT_FALSE((m_Collector.*privateMember(CollectorTimerTag())).isValid());
-    EXPECT_FALSE((m_Collector.*privateMember(CollectorExitTag())).load());
+    EXPECT_EQ(sizeFound(), 0);
+    EXPECT_EQ(CollectorInside::lastBlocksFreedCount(m_Collector), -1);
+    EXPECT_FALSE(CollectorInside::passTimer(m_Collector).isValid());
+    EXPECT_FALSE(exitMark());
     EXPECT_EQ(m_Collector.subCache(), QString());
     EXPECT_EQ(m_Collector.objectName(), QString());
     EXPECT_EQ(m_Collector.parent(), nullptr);
@@ -153,7 +157,7 @@ TEST_F(ZebGarbageCollectorThreadRun, AsAThreadItPollsUntilItIsAskedToEnd)
     EXPECT_TRUE(m_Collector.wait(20000));
 }
 
-TEST_F(ZebGarbageCollectorThreadRun, AskedToEndBeforeItBeginsItMakesNoPass)
+TEST_F(ZebGarbageCollectorThreadRun, AskedToEndBeforeItStartsItMakesNoPass)
 {
     manager().startGarbageCollection();
     const QString dead = writeDead("0");
@@ -163,13 +167,13 @@ TEST_F(ZebGarbageCollectorThreadRun, AskedToEndBeforeItBeginsItMakesNoPass)
     EXPECT_TRUE(QFile::exists(dead));
 }
 
-TEST_F(ZebGarbageCollectorThreadRun, AWalkWithoutMemoryDoesNotEndTheThread)
+TEST_F(ZebGarbageCollectorThreadRun, AWalkThatRunsOutOfMemoryDoesNotEndTheThread)
 {
     s_WalkIsOutOfMemory = true;
     const int walks = s_Walks;
     m_Collector.start();
     manager().startGarbageCollection();
-    EXPECT_TRUE(waitUntil([walks] { return s_Walks > walks + 1; })) << "the store's own and this";
+    EXPECT_TRUE(waitUntil([walks] { return s_Walks > walks + 1; })) << "the store's and this one";
     EXPECT_TRUE(waitUntil([] { return passesRunning() == 0; }));
     s_WalkIsOutOfMemory = false;
     const QString dead = writeDead("0");
@@ -178,42 +182,35 @@ TEST_F(ZebGarbageCollectorThreadRun, AWalkWithoutMemoryDoesNotEndTheThread)
     EXPECT_TRUE(m_Collector.wait(20000));
 }
 
-TEST_F(ZebGarbageCollectorThreadRun, ClosingDownForgetsTheSizeAndLeavesAPassAlone)
+TEST_F(ZebGarbageCollectorThreadRun, ClosingDownResetsTheSizeAndDoesNotStopAPass)
 {
     const QString dead = writeDead("0");
     const QString live = writeLive("0", 10);
-    Reporter reporter;
-    reporter.m_OnUpdate = [this](int) {
+    RecordingReporter reporter;
+    reporter.onUpdate([this](int) {
         setSizeFound(s_UnlikelySize);
         m_Collector.closeDown();
-        EXPECT_EQ(sizeFound(m_Collector), 0);
-    };
+        EXPECT_EQ(sizeFound(), 0);
+    });
     int count = 0;
     pass(&reporter, &count);
-    EXPECT_TRUE((m_Collector.*privateMember(CollectorExitTag())).load());
+    EXPECT_TRUE(exitMark());
     EXPECT_FALSE(QFile::exists(dead));
-    EXPECT_EQ(sizeFound(m_Collector), 10);
+    EXPECT_EQ(sizeFound(), 10);
 }
 
 TEST_F(ZebGarbageCollectorThreadRun, ClosingDownWaitsForAChangeOfTheSubCacheButForNoReader)
 {
-    QReadWriteLock& lock = m_Collector.*privateMember(CollectorLockTag());
-    lock.lockForRead();
-    std::thread([this] { m_Collector.closeDown(); }).join();
-    EXPECT_TRUE((m_Collector.*privateMember(CollectorExitTag())).load());
-    lock.unlock();
+    QReadWriteLock& lock = CollectorInside::lock(m_Collector);
+    EXPECT_FALSE(waitsForReader(lock, [this] { m_Collector.closeDown(); }));
+    EXPECT_TRUE(exitMark());
 
-    m_Collector.*privateMember(CollectorExitTag()) = false;
+    exitMark() = false;
     lock.lockForWrite();
-    std::atomic<bool> closed{false};
-    std::thread closing([&] {
-        m_Collector.closeDown();
-        closed = true;
-    });
-    QThread::msleep(50);
-    EXPECT_FALSE(closed);
-    EXPECT_FALSE((m_Collector.*privateMember(CollectorExitTag())).load());
+    const BlockedThread closing([this] { m_Collector.closeDown(); });
+    EXPECT_TRUE(closing.waitsFor(lock));
+    EXPECT_FALSE(exitMark());
     lock.unlock();
-    closing.join();
-    EXPECT_TRUE((m_Collector.*privateMember(CollectorExitTag())).load());
+    EXPECT_TRUE(closing.ends());
+    EXPECT_TRUE(exitMark());
 }

@@ -1,22 +1,20 @@
 #pragma once
 
+#include "data/ZebDataBlock.h"
 #include "io/ZebDataBlockCompressionThread.h"
 #include "io/ZebDataBlockWriteRequest.h"
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "support/PrivateAccess.h"
 #include "support/WaitUntil.h"
-#include "support/WriterStation.h"
 
 #include <QMutexLocker>
 #include <QObject>
 #include <QQueue>
-#include <QSemaphore>
 #include <QVector>
+#include <QWaitCondition>
 
-#include <gtest/gtest.h>
-
-#include <memory>
 #include <string>
+#include <vector>
 
 using RequestQueue = QQueue<ZebDataBlockWriteRequest*>;
 using Pattern2WorkersMember =
@@ -31,7 +29,20 @@ ZEBTDX_ACCESS(Pattern2QueueMutexTag, ZebDataBlockWriteThread_Pattern2,
 ZEBTDX_ACCESS(Pattern2QueueConditionTag, ZebDataBlockWriteThread_Pattern2,
               QWaitCondition ZebDataBlockWriteThread_Pattern2::*, m_CompressionCondition)
 
-/// What a writer with workers keeps to itself, for tests that must see it.
+ZEBTDX_ACCESS(Pattern2WriteQueueTag, ZebDataBlockWriteThread_Pattern2,
+              RequestQueue ZebDataBlockWriteThread_Pattern2::*, m_WriteQueue)
+ZEBTDX_ACCESS(Pattern2WriteQueueMutexTag, ZebDataBlockWriteThread_Pattern2,
+              QMutex ZebDataBlockWriteThread_Pattern2::*, m_WriteQueueMutex)
+ZEBTDX_ACCESS(Pattern2FenceMutexTag, ZebDataBlockWriteThread_Pattern2,
+              QMutex ZebDataBlockWriteThread_Pattern2::*, m_FenceMutex)
+ZEBTDX_ACCESS(Pattern2FenceConditionTag, ZebDataBlockWriteThread_Pattern2,
+              QWaitCondition ZebDataBlockWriteThread_Pattern2::*, m_FenceCondition)
+ZEBTDX_ACCESS(Pattern2FlushMutexTag, ZebDataBlockWriteThread_Pattern2,
+              QMutex ZebDataBlockWriteThread_Pattern2::*, m_FlushMutex)
+ZEBTDX_ACCESS(Pattern2FlushConditionTag, ZebDataBlockWriteThread_Pattern2,
+              QWaitCondition ZebDataBlockWriteThread_Pattern2::*, m_FlushCondition)
+
+/// The private state of a writer with workers, for tests that must see it.
 namespace Pattern2Inside {
 
 inline const QVector<ZebDataBlockCompressionThread*>&
@@ -40,7 +51,40 @@ workers(ZebDataBlockWriteThread_Pattern2& writer)
     return writer.*privateMember(Pattern2WorkersTag());
 }
 
-/// How many requests lie in the queue for the workers.
+/// Guards the fences.
+inline QMutex& fenceMutex(ZebDataBlockWriteThread_Pattern2& writer)
+{
+    return writer.*privateMember(Pattern2FenceMutexTag());
+}
+
+/// Where the flush of a hash waits.
+inline QWaitCondition& fenceCondition(ZebDataBlockWriteThread_Pattern2& writer)
+{
+    return writer.*privateMember(Pattern2FenceConditionTag());
+}
+
+/// Where the flush of everything waits.
+inline QWaitCondition& flushCondition(ZebDataBlockWriteThread_Pattern2& writer)
+{
+    return writer.*privateMember(Pattern2FlushConditionTag());
+}
+
+/// Wakes the flushes of everything, as the end of a pass does.
+inline void endPass(ZebDataBlockWriteThread_Pattern2& writer)
+{
+    const QMutexLocker locker(&(writer.*privateMember(Pattern2FlushMutexTag())));
+    flushCondition(writer).wakeAll();
+}
+
+/// Calls `action` with the queue of requests to be written, which is locked meanwhile.
+template <typename Action>
+auto withWriteQueue(ZebDataBlockWriteThread_Pattern2& writer, Action action)
+{
+    const QMutexLocker locker(&(writer.*privateMember(Pattern2WriteQueueMutexTag())));
+    return action(writer.*privateMember(Pattern2WriteQueueTag()));
+}
+
+/// How many requests are in the queue for the workers.
 inline int queued(ZebDataBlockWriteThread_Pattern2& writer)
 {
     const QMutexLocker locker(&(writer.*privateMember(Pattern2QueueMutexTag())));
@@ -71,54 +115,3 @@ inline ZebDataBlockCompressionThread* makeWorker(ZebDataBlockWriteThread_Pattern
 }
 
 } // namespace Pattern2Inside
-
-/// Holds the worker that has the block of this name, its payload made, until release(). Other
-/// blocks pass. Made before the station is started; its end releases, too.
-class HeldWorker
-{
-public:
-    HeldWorker(Pattern2Station& station, const std::string& name) : m_Station(station)
-    {
-        ZebDataBlockWriteThread_Pattern2* const writer = &station.writer();
-        const ZebDataHash* const hash = station.hash(name).data();
-        // Shared with the connections, which last as long as the workers.
-        const auto pass = [state = m_State, writer, hash](ZebDataBlockWriteRequest* request) {
-            if (request->hash().data() == hash) {
-                state->m_Held.release();
-                state->m_GoOn.acquire();
-            }
-            writer->pushWrite(request);
-        };
-        for (ZebDataBlockCompressionThread* const worker : Pattern2Inside::workers(*writer)) {
-            QObject::disconnect(worker, &ZebDataBlockCompressionThread::compressed, writer,
-                                nullptr);
-            QObject::connect(worker, &ZebDataBlockCompressionThread::compressed, writer, pass,
-                             Qt::DirectConnection);
-        }
-    }
-    ~HeldWorker() { release(); }
-    HeldWorker(const HeldWorker&) = delete;
-    HeldWorker& operator=(const HeldWorker&) = delete;
-
-    /// Whether the worker is held within the deadline; the station's thread is kept awake
-    /// meanwhile.
-    bool isHeld()
-    {
-        return m_Station.waitFor([this] { return m_State->m_Held.available() > 0; });
-    }
-
-    /// Lets it go on, now and every time after; any thread may call it.
-    void release() { m_State->m_GoOn.release(s_EveryTime); }
-
-private:
-    static constexpr int s_EveryTime = 1000000;
-
-    struct State
-    {
-        QSemaphore m_Held;
-        QSemaphore m_GoOn;
-    };
-
-    Pattern2Station& m_Station;
-    std::shared_ptr<State> m_State = std::make_shared<State>();
-};

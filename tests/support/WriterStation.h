@@ -7,38 +7,34 @@
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
+#include "support/BlockedThread.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
+#include "support/Pattern2Inside.h"
 #include "support/WaitUntil.h"
 #include "support/Wakes.h"
+#include "support/WriterInside.h"
 
+#include <QMutexLocker>
 #include <QReadLocker>
 #include <QTemporaryDir>
+#include <QWriteLocker>
 
 #include <atomic>
-#include <future>
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-using WriterList = ZebPriorityList<ZebDataBlockWriteRequest*>;
+#include <sys/syscall.h>
 
-ZEBTDX_ACCESS(WriterListTag, ZebDataBlockWriteThread, WriterList ZebDataBlockWriteThread::*,
-              m_Requests)
-ZEBTDX_ACCESS(WriterLockTag, ZebDataBlockWriteThread, QReadWriteLock ZebDataBlockWriteThread::*,
-              m_Lock)
-ZEBTDX_ACCESS(WriterWaitMutexTag, ZebDataBlockWriteThread, QMutex ZebDataBlockWriteThread::*,
-              m_WaitMutex)
-ZEBTDX_ACCESS(WriterConditionTag, ZebDataBlockWriteThread,
-              QWaitCondition ZebDataBlockWriteThread::*, m_WaitCondition)
-ZEBTDX_ACCESS(BlockCachedMarkTag, ZebDataBlock, std::atomic<bool> ZebDataBlock::*, m_Cached)
-
-/// A writer that works alone on a root of its own, for blocks whose names are their contents. It is
-/// not started at first, so that its list can be looked at.
+/// A writer on a root of its own, without a store, for blocks whose names are their bytes. It is
+/// not started at first, so that a test can look at its list.
 ///
-/// Its idle thread sees work without a wake only after a second; wait by waitFor(), which wakes it.
+/// An idle writer that is not woken sees new work only after a second, so tests wait with
+/// waitFor(), which wakes it.
 template <typename Writer>
 class WriterStationOf
 {
@@ -46,21 +42,24 @@ public:
     /// So many that no two of a test's blocks share a bucket.
     static constexpr int s_Buckets = 100000000;
 
-    /// @param arguments what the writer wants beside root, buckets and parent
+    /// A call of flush() on a thread of its own.
+    using Flush = std::unique_ptr<BlockedThread>;
+
+    /// @param arguments what the writer's constructor takes between the buckets and the parent
     template <typename... Arguments>
     explicit WriterStationOf(Arguments... arguments)
         : m_Writer(m_Directory.path(), s_Buckets, arguments..., nullptr)
     {
-        // The store belongs to the thread that asks for it first; that must not be the writer. What
-        // it says when it is built belongs to no test.
+        // The store belongs to the thread that asks for it first; that must not be the writer. Its
+        // messages are of no interest.
         ZebDataBlockManager::instance();
         m_Messages.clear();
     }
     ~WriterStationOf()
     {
         stop();
-        // A writer leaves what is still queued.
-        WriterList& list = m_Writer.*privateMember(WriterListTag());
+        // A writer does not delete what is still queued.
+        WriterInsideList& list = WriterInside::requests(m_Writer);
         while (!list.isEmpty())
             delete list.takeFirst();
     }
@@ -93,11 +92,11 @@ public:
                             &block(name), false);
     }
 
-    /// What waits: each entry as its priority and its name or "fence" and its number.
+    /// The waiting requests, each as its priority and its name or "fence" and its number.
     std::vector<std::string> list()
     {
-        const QReadLocker locker(&(m_Writer.*privateMember(WriterLockTag())));
-        const WriterList& requests = m_Writer.*privateMember(WriterListTag());
+        const QReadLocker locker(&WriterInside::lock(m_Writer));
+        const WriterInsideList& requests = WriterInside::requests(m_Writer);
         std::vector<std::string> entries;
         for (int i = 0; i < requests.size(); ++i) {
             ZebDataBlockWriteRequest& request = *requests.valueAt(i);
@@ -108,12 +107,50 @@ public:
         return entries;
     }
 
+    /// Waits until the list has this length, without waking the writer.
+    bool hasEntries(size_t count)
+    {
+        return waitUntil([&] { return list().size() == count; });
+    }
+
+    /// Calls `action` with what guards the fences held.
+    template <typename Action>
+    auto withFences(Action action)
+    {
+        const auto locker = lockFences(m_Writer);
+        return action();
+    }
+
+    int nextFence()
+    {
+        return withFences([this] { return WriterInside::nextFenceId(m_Writer); });
+    }
+    QSet<int> fencesReached()
+    {
+        return withFences([this] { return WriterInside::fencesReached(m_Writer); });
+    }
+    QVector<int> freeFences()
+    {
+        return withFences([this] { return WriterInside::freeFenceIds(m_Writer); });
+    }
+
+    /// Calls `action` on the writer's thread for each failed attempt to write, with the number of
+    /// failures so far, this one included, and the text of the failure.
+    void onEachFailure(std::function<void(int, const QString&)> action)
+    {
+        auto failures = std::make_shared<int>(0);
+        QObject::connect(&m_Writer, &ZebDataBlockWriteThread::writeError,
+                         [failures, action = std::move(action)](const QString& text) {
+                             action(++*failures, text);
+                         });
+    }
+
     void start() { m_Writer.start(); }
 
     /// Wakes the thread as new work does.
-    void wake() { (m_Writer.*privateMember(WriterConditionTag())).wakeAll(); }
+    void wake() { WriterInside::waitCondition(m_Writer).wakeAll(); }
 
-    /// waitUntil(), with the thread kept awake.
+    /// waitUntil() that keeps the thread awake.
     template <typename Condition>
     bool waitFor(Condition condition)
     {
@@ -123,32 +160,44 @@ public:
         });
     }
 
-    /// Waits for a call on another thread.
-    bool waitFor(const std::future<void>& call)
+    /// Waits until a flush has returned, and keeps the thread awake.
+    bool waitFor(const Flush& flush)
     {
-        return waitFor([&] { return isReady(call); });
+        return waitFor([&] { return flush->hasEnded(); });
     }
 
-    static bool isReady(const std::future<void>& call)
+    Flush beginFlush(const std::string& name)
     {
-        return call.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        return std::make_unique<BlockedThread>(
+            [this, wanted = hash(name)] { m_Writer.flush(wanted); });
     }
 
-    std::future<void> beginFlush(const std::string& name)
+    Flush beginFlush()
     {
-        const ZebSmartPointer<ZebDataHash> wanted = hash(name);
-        return std::async(std::launch::async, [this, wanted] { m_Writer.flush(wanted); });
+        return std::make_unique<BlockedThread>([this] { m_Writer.flush(); });
     }
 
-    std::future<void> beginFlush()
-    {
-        return std::async(std::launch::async, [this] { m_Writer.flush(); });
-    }
+    /// Whether the flush of a hash waits. It has been seen asleep in its wait, or it has returned.
+    bool waitsForFence(const Flush& flush) { return waitsAtFence(m_Writer, *flush); }
+
+    /// waitsForFence() for the flush of everything.
+    bool waitsForTheEnd(const Flush& flush) { return waitsForDrain(m_Writer, *flush); }
 
     /// Waits until everything is written.
     bool drain() { return waitFor(beginFlush()); }
 
-    /// Ends the thread, once it has worked its list off.
+    /// The running writer's thread.
+    ThreadWatch watch() const
+    {
+        std::vector<pid_t> threads;
+        EXPECT_TRUE(pollUntil([&] {
+            threads = ThreadWatch::threadsNamed("TDX Write");
+            return threads.size() == 1;
+        }));
+        return ThreadWatch(threads.empty() ? 0 : threads.front());
+    }
+
+    /// Ends the thread once its list is empty.
     void stop()
     {
         if (!m_Writer.isRunning())
@@ -160,10 +209,10 @@ public:
 
     /// Whether `action` wakes an idle writer. Not for a started one.
     template <typename Action>
-    bool actionWakes(Action action, int deadlineMs)
+    bool actionWakes(Action action)
     {
-        return wakes(m_Writer.*privateMember(WriterWaitMutexTag()),
-                     m_Writer.*privateMember(WriterConditionTag()), action, deadlineMs);
+        return wakes(WriterInside::waitMutex(m_Writer), WriterInside::waitCondition(m_Writer),
+                     action);
     }
 
 private:
@@ -176,6 +225,39 @@ private:
         ZebSmartPointer<ZebDataHash> m_Hash;
         ZebDataBlock m_Block;
     };
+
+    static std::unique_ptr<QWriteLocker> lockFences(ZebDataBlockWriteThread_Pattern1& writer)
+    {
+        return std::make_unique<QWriteLocker>(&WriterInside::lock(writer));
+    }
+    static std::unique_ptr<QMutexLocker> lockFences(ZebDataBlockWriteThread_Pattern2& writer)
+    {
+        return std::make_unique<QMutexLocker>(&Pattern2Inside::fenceMutex(writer));
+    }
+
+    // The writer without workers lets its callers poll.
+    static bool polls(const BlockedThread& flush)
+    {
+        EXPECT_TRUE(pollUntil(
+            [&] { return flush.hasEnded() || flush.watch().isInCall(SYS_clock_nanosleep); }));
+        return !flush.hasEnded();
+    }
+    static bool waitsAtFence(ZebDataBlockWriteThread_Pattern1&, const BlockedThread& flush)
+    {
+        return polls(flush);
+    }
+    static bool waitsForDrain(ZebDataBlockWriteThread_Pattern1&, const BlockedThread& flush)
+    {
+        return polls(flush);
+    }
+    static bool waitsAtFence(ZebDataBlockWriteThread_Pattern2& writer, const BlockedThread& flush)
+    {
+        return flush.waitsFor(Pattern2Inside::fenceCondition(writer));
+    }
+    static bool waitsForDrain(ZebDataBlockWriteThread_Pattern2& writer, const BlockedThread& flush)
+    {
+        return flush.waitsFor(Pattern2Inside::flushCondition(writer));
+    }
 
     Work& work(const std::string& name) { return m_Work.try_emplace(name, name).first->second; }
 
@@ -196,10 +278,10 @@ private:
 
 using WriterStation = WriterStationOf<ZebDataBlockWriteThread_Pattern1>;
 
-/// A station whose writer has workers: how many, its constructor takes.
+/// A station whose writer has workers; the constructor takes their number.
 using Pattern2Station = WriterStationOf<ZebDataBlockWriteThread_Pattern2>;
 
-/// Keeps a station's thread awake for the length of a scope.
+/// Keeps a station's thread awake for the duration of a scope.
 template <typename Station>
 class SleeplessWriter
 {
