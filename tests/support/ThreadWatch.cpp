@@ -73,11 +73,13 @@ bool ThreadWatch::standsStill(int deadlineMs) const
 bool ThreadWatch::isInCall(long call) const
 {
     long seen = -1;
-    return (std::istringstream(read("syscall")) >> seen) && seen == call;
+    return isAsleep() && (std::istringstream(read("syscall")) >> seen) && seen == call;
 }
 
 quintptr ThreadWatch::futexAddress() const
 {
+    if (!isAsleep())
+        return 0;
     const std::string line = read("syscall");
     // An ended thread has no line, one that could run has the word "running".
     std::istringstream words(line);
@@ -86,6 +88,14 @@ quintptr ThreadWatch::futexAddress() const
     if (!(words >> call) || call != SYS_futex || !(words >> std::hex >> address))
         return 0;
     return address;
+}
+
+bool ThreadWatch::isAsleep() const
+{
+    // The state follows the name, which is in parentheses and may contain any character.
+    const std::string line = read("stat");
+    const size_t end = line.rfind(')');
+    return end != std::string::npos && line.compare(end, 4, ") S ") == 0;
 }
 
 std::string ThreadWatch::timesRun() const

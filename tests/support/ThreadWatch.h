@@ -13,9 +13,10 @@
 /// sleeps and where, instead of waiting for a while and hoping.
 ///
 /// /proc/self/task/<thread>/syscall gives the system call in which a thread sleeps, with its
-/// arguments, and "running" for a thread that could run. A thread that another one has woken counts
-/// as running before the call that woke it returns. So a thread that is seen asleep at a lock which
-/// the test holds cannot pass it before the test unlocks.
+/// arguments. While a thread is being woken this file may still show the call, so the state in
+/// /proc/self/task/<thread>/stat is read before it: a thread that another one has woken counts as
+/// running there before the call that woke it returns. So a thread that is seen asleep at a lock
+/// which the test holds cannot pass it before the test unlocks.
 class ThreadWatch
 {
 public:
@@ -50,6 +51,9 @@ public:
     bool isInCall(long call) const;
 
 private:
+    // Whether the thread sleeps, and is not being woken.
+    bool isAsleep() const;
+
     // The address of the futex at which the thread sleeps, 0 if it does not.
     quintptr futexAddress() const;
 
