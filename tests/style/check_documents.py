@@ -138,6 +138,18 @@ def check_api(text, library):
         yield f"{len(headers)} headers are installed"
 
 
+def check_damage(text, source):
+    """The table of OPERATIONS.md lists the tool's codes of damage, and no other."""
+    codes = re.findall(r'case BlockFinding::(\w+):\s*return \{"(\w+)"', source)
+    names = [name for name, _ in codes]
+    damage = {code for name, code in codes
+              if names.index("NoPlace") <= names.index(name) <= names.index("Unreadable")}
+    rows = table_after(text, "## After a crash, and now and then")
+    named = {span for row in rows for span in CODE_SPAN.findall(row[0])}
+    if named != damage:
+        yield f"the codes of verify differ in {sorted(named ^ damage)}"
+
+
 def worked_file(text):
     """The bytes of the worked file in FORMAT.md."""
     section = text[text.index("## A worked file"):]
@@ -213,6 +225,8 @@ def findings(root, tool):
     yield from of("docs/ARCHITECTURE.md", check_component(architecture, sources))
     yield from of("docs/API.md", check_api(documents["docs/API.md"], library))
     yield from of("docs/FORMAT.md", check_worked_file(documents["docs/FORMAT.md"]))
+    yield from of("docs/OPERATIONS.md", check_damage(documents["docs/OPERATIONS.md"],
+                                                     sources["tools/cache/BlockFinding.cpp"]))
     if tool:
         yield from check_tool(documents, str(Path(tool).resolve()))
 
@@ -228,6 +242,9 @@ def self_test():
     numbers = "the singleton in 1 places and has {} friends"
     presets = {"configure": {"dev"}, "test": {"dev"}}
     table = "\n## Build and test\n\n| P | W |\n|---|---|\n| `dev` | x |\n\n--preset {}\n"
+    damage = "\n## After a crash, and now and then\n\n| R | W |\n|---|---|\n| {}, `no` | x |\n"
+    codes = "".join(f'case BlockFinding::{name}:\n        return {{"{code}", ""}};'
+                    for name, code in (("Sound", "ok"), ("NoPlace", "no"), ("Unreadable", "bad")))
     worked = (b"\xe8\3" + bytes(6)).hex(" ")
     stream = zlib.compress(plain_example())
     body = (len(stream) + 4).to_bytes(4, "little") + (1000).to_bytes(4, "big") + stream
@@ -245,6 +262,7 @@ def self_test():
         ("presets", lambda t: check_presets({"CONTRIBUTING.md": table.format(t)}, presets),
          "dev", "fast"),
         ("api", lambda t: check_api(api.format(t), library), "| `a/B.h` | y |\n", ""),
+        ("damage", lambda t: check_damage(damage.format(t), codes), "`bad`", "`bad`, `worse`"),
         ("worked file", lambda t: check_worked_file(page.replace("e8 03", t)), "e8 03", "e9 03"),
     )
     failures = 0
