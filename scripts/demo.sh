@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Builds the command-line tool and shows it at work: puts files into a cache on disk with a memory
-# limit far below their size, brings them back in a second process from that cache alone, and
-# compares the two trees.
+# Builds the command-line tool and demonstrates it: stores files in a cache on disk with a memory
+# limit far below their size, restores them in a second process from that cache alone, and compares
+# the two trees.
 #
-#   scripts/demo.sh            files that every machine has
-#   scripts/demo.sh PATH...    these files and folders
+#   scripts/demo.sh            stores files that every Debian system has
+#   scripts/demo.sh PATH...    stores these files and folders
 #
-# Prepares a Debian 12 system by itself, and may be run again.
+# Installs the packages it needs on Debian 12. May be run again.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -17,7 +17,7 @@ source "$root/scripts/lib/packages.sh"
 sample_mib=400
 memory_mib=64
 
-# Runs a command quietly; its output shows when it fails.
+# Runs a command without its output, which is printed only if the command fails.
 quietly() {
     local log=$build/demo.log
     if ! "$@" >"$log" 2>&1; then
@@ -37,7 +37,7 @@ build_tool() {
     quietly cmake --build "$build" --target zebtdx
 }
 
-# Whether all of a folder can be read as files and folders.
+# Whether this user can read everything in a folder, and all of it is files and folders.
 readable() {
     local obstacle
     obstacle=$(find "$1" \( -type d ! \( -readable -executable \) -o -type f ! -readable \
@@ -45,8 +45,8 @@ readable() {
     [ -z "$obstacle" ]
 }
 
-# Fills sample_paths with /usr/include and the folders of /usr/share, in the order of their names;
-# leaves out what would take the sum past the bound, and what this user may not read.
+# Fills sample_paths with /usr/include and the folders of /usr/share, in the order of their names,
+# except those that would exceed the size limit and those that this user may not read.
 choose_sample() {
     local folder kib left_kib=$((sample_mib * 1024))
     sample_paths=()
@@ -55,7 +55,7 @@ choose_sample() {
         if [ -L "$folder" ] || ! [ -d "$folder" ]; then
             continue
         fi
-        # What cannot be measured cannot be read either.
+        # A folder that du cannot measure cannot be read either.
         kib=$(du -sk --apparent-size "$folder" 2>/dev/null | cut -f1) || continue
         if [ "$kib" -le "$left_kib" ] && readable "$folder"; then
             sample_paths+=("$folder")
@@ -63,15 +63,15 @@ choose_sample() {
         fi
     done
     if [ "${#sample_paths[@]}" -eq 0 ]; then
-        echo "Found nothing to show below /usr; give files or folders." >&2
+        echo "Found no readable sample below /usr; name files or folders as arguments." >&2
         exit 1
     fi
-    echo "Taking ${#sample_paths[@]} folders of /usr/include and /usr/share," \
-        "$((sample_mib - left_kib / 1024)) MiB together."
+    echo "Using ${#sample_paths[@]} folders of /usr/include and /usr/share," \
+        "$((sample_mib - left_kib / 1024)) MiB in total."
 }
 
-# The checksums of all files below the folders, by their paths from the top folder, which is given
-# first. Of symbolic links, only those given are followed, as the tool has it.
+# checksums TOP FOLDER...: prints the checksums of all files in the folders, with their paths
+# relative to TOP. Follows only the symbolic links that are named, as the tool does.
 checksums() {
     local top=$1
     shift
@@ -82,7 +82,7 @@ checksums() {
     )
 }
 
-# Where the tool restores a path to: it is made to lead to no other place.
+# Prints the name under which the tool restores a path: relative, without dots or links.
 restored_name() {
     realpath --no-symlinks --relative-to=/ "$1"
 }
@@ -101,23 +101,23 @@ main() {
     fi
     for path in "${given[@]}"; do
         if ! [ -e "$path" ]; then
-            echo "There is no $path." >&2
+            echo "$path does not exist." >&2
             exit 1
         fi
-        # From the root folder, so that every path has a name of its own.
+        # Relative to the root folder, so that no two paths have the same name.
         names+=("$(restored_name "$path")")
     done
-    # Beside the build, where there is room; gone at the end.
+    # Next to the build, where there is room; removed at the end.
     cd "$root"
     work=$(mktemp -d build/demo/run-XXXXXX)
     trap 'rm -rf "$work"' EXIT
 
-    printf '\nIngesting, with %s MiB of memory for the blocks.\n\n' "$memory_mib"
+    printf '\nStoring the files, with %s MiB of memory for blocks:\n\n' "$memory_mib"
     "$tool" ingest --memory "${memory_mib}M" --root "$work/cache1" --root "$work/cache2" \
         --manifest "$work/manifest" -- "${names[@]/#//}"
     printf '\nThe cache on disk:\n\n'
     "$tool" stat --root "$work/cache1" --root "$work/cache2"
-    printf '\nRestoring in a second process.\n\n'
+    printf '\nRestoring the files in a second process:\n\n'
     "$tool" restore "$work/manifest" --out "$work/out" --memory "${memory_mib}M"
     printf '\nComparing the trees.\n'
     checksums / "${names[@]}" >"$work/before"
@@ -126,7 +126,7 @@ main() {
         echo "The restored tree differs." >&2
         exit 1
     fi
-    echo "$(tr -cd '\0' <"$work/before" | wc -c) files, and every one has come back as it was."
+    echo "$(tr -cd '\0' <"$work/before" | wc -c) files, all restored unchanged."
 }
 
 main "$@"

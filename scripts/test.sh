@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# Everything that must hold before a change goes in, on a fresh Debian 12: installs what it needs,
-# then checks the format, builds and tests the optimised and the sanitized build. May be run again,
-# from any directory. The last lines are what ctest says of the two builds.
+# Everything that a change must pass, on a fresh Debian 12: installs the packages it needs, checks
+# the format, the shell scripts and clang-tidy, and builds and tests the optimised and the sanitized
+# build. May be run again, from any directory. The last lines are ctest's results for both builds.
 #
-#   scripts/test.sh            what every change has to pass
-#   scripts/test.sh --heavy    also the rows of the self-check that take minutes and gigabytes
+# scripts/soak.sh runs the tests that take longer.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -37,7 +36,7 @@ print_results() {
 }
 trap print_results EXIT
 
-# Configures and builds a preset. A directory that was configured before keeps its generator.
+# Configures and builds a preset. A configured directory keeps its generator.
 build() {
     local preset=$1
     local options=("-DCMAKE_CXX_COMPILER_LAUNCHER=$(command -v ccache || true)")
@@ -58,28 +57,23 @@ run_tests() {
     return "$status"
 }
 
-# Runs each benchmark as briefly as can be: they must work, their figures do not count here.
+# Runs each benchmark as briefly as possible: they must work; their figures do not count here.
 run_benchmarks() {
     local log=build/dev/bench.log
-    # The ones left out take gigabytes of memory and disk, or make many files.
+    # The excluded ones need gigabytes of memory and disk, or make many files.
     local large='admissionWithManyResident/(200000|1000000)/|Collector/.*:100000'
     build/dev/bench/zebtdx_bench --benchmark_min_time=0.001 --benchmark_filter="-$large" 2>&1 |
         tee "$log"
     build/dev/bench/zebtdx_tool_bench --benchmark_min_time=0.001 2>&1 | tee -a "$log"
-    # A benchmark that gives up does not change the exit status.
+    # A benchmark that reports an error does not change the exit status.
     if grep -E 'ERROR OCCURRED|Failed to match any benchmarks' "$log" >&2; then
         return 1
     fi
 }
 
-heavy=false
-if [[ ${1:-} == --heavy ]]; then
-    heavy=true
-    shift
-fi
 if (($# > 0)); then
     step="options"
-    echo "usage: scripts/test.sh [--heavy]" >&2
+    echo "usage: scripts/test.sh" >&2
     exit 2
 fi
 
@@ -107,11 +101,6 @@ scripts/check_tidy.sh
 
 headline "Tests of the optimised build"
 run_tests dev
-
-if "$heavy"; then
-    headline "Heavy tests of the optimised build"
-    ctest --preset heavy --output-on-failure --no-tests=error
-fi
 
 headline "Benchmarks, once each"
 run_benchmarks

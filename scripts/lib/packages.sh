@@ -1,20 +1,20 @@
 # shellcheck shell=bash
 # Installs Debian packages for the scripts of the folder above, which source this file.
 
-# Ends the script on a system that these scripts cannot prepare.
+# Ends the script on a system without the Debian package tools.
 require_debian() {
     local tool
     for tool in apt-get dpkg-query; do
         if ! command -v "$tool" >/dev/null 2>&1; then
-            echo "This script prepares Debian 12 and systems like it, and '$tool' is not here." >&2
-            echo "Elsewhere, install a C++17 compiler, CMake, Ninja, pkg-config, Qt 5.15, zlib" >&2
-            echo "and CLI11, and build with CMake." >&2
+            echo "This script needs Debian 12 or a similar system: '$tool' is missing." >&2
+            echo "On other systems install a C++17 compiler, CMake, Ninja, pkg-config, Qt 5.15," >&2
+            echo "zlib and CLI11, and build with CMake." >&2
             exit 1
         fi
     done
 }
 
-# missing_packages PACKAGE...: prints those that are not installed.
+# missing_packages PACKAGE...: prints the packages that are not installed.
 missing_packages() {
     local package status
     for package in "$@"; do
@@ -26,18 +26,18 @@ missing_packages() {
     done
 }
 
-# install_packages PACKAGE...: installs what is missing, and touches nothing when all is there.
+# install_packages PACKAGE...: installs the missing packages; changes nothing if there are none.
 install_packages() {
     local missing=() as_root=()
     mapfile -t missing < <(missing_packages "$@")
     if [ "${#missing[@]}" -eq 0 ]; then
-        echo "All needed packages are there."
+        echo "All required packages are installed."
         return
     fi
     if [ "$(id -u)" -ne 0 ]; then
         if ! command -v sudo >/dev/null 2>&1; then
-            echo "These packages are missing: ${missing[*]}" >&2
-            echo "Install them as root, or install sudo, and start again." >&2
+            echo "Missing packages: ${missing[*]}" >&2
+            echo "Install them as root, or install sudo, and run this script again." >&2
             exit 1
         fi
         as_root=(sudo)
