@@ -1,7 +1,7 @@
 # Warnings and sanitizers for the targets of this project. They are private to each target, so that
 # a host that links the library never inherits a warning flag.
 
-# zebtdx_compile_options(TARGET): what every target of ours is compiled with.
+# zebtdx_compile_options(TARGET): sets the options of every target of this project.
 function(zebtdx_compile_options target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wconversion)
   if(ZEBTDX_WARNINGS_AS_ERRORS)
@@ -14,7 +14,7 @@ function(zebtdx_compile_options target)
     target_compile_options(${target} PRIVATE -fsanitize=${sanitizers} -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=${sanitizers})
     if("undefined" IN_LIST ZEBTDX_SANITIZE)
-      # A finding must end the test that made it, or nobody sees it.
+      # A finding must end the test that made it; otherwise it goes unnoticed.
       target_compile_options(${target} PRIVATE -fno-sanitize-recover=all)
     endif()
   endif()

@@ -1,5 +1,5 @@
-# What a host finds after installation: headers under include/ZebTdx/, a CMake package with its
-# dependencies, and a pkg-config file.
+# Installs the headers below include/ZebTdx/, a CMake package with its dependencies, and a
+# pkg-config file.
 include(CMakePackageConfigHelpers)
 
 set(ZEBTDX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ZebTdx)
@@ -28,7 +28,7 @@ install(FILES
   ${PROJECT_BINARY_DIR}/ZebTdxConfigVersion.cmake
   DESTINATION ${ZEBTDX_CMAKE_DIR})
 
-# The prefix is told from the place of the file itself, so that an installed tree may be moved.
+# The file computes the prefix from its own place, so that an installed tree may be moved.
 file(RELATIVE_PATH ZEBTDX_PC_PREFIX
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/zebtdx.pc.in ${PROJECT_BINARY_DIR}/zebtdx.pc @ONLY)
