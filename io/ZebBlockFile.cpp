@@ -6,7 +6,7 @@
 
 namespace {
 
-// Equal blocks give equal files in every version, so that a host may compare caches.
+// Fixed, so that equal blocks give equal files in every version and hosts can compare caches.
 constexpr int s_CompressionLevel = 2;
 
 } // namespace

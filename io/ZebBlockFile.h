@@ -1,9 +1,9 @@
 #pragma once
 
-// Internal: the bytes of a block file, for every part that writes, reads or checks one. Not
+// Internal: the format of a block file, for all code that writes, reads or checks one. Not
 // installed.
 //
-// A block file holds one block. Its name and its directory follow from the digest of the block's
+// A block file contains one block. Its name and its directory follow from the digest of the block's
 // bytes (hash/ZebHashText.h, io/ZebBlockPlace.h). Its bytes:
 //
 //   offset  bytes  what
@@ -12,18 +12,18 @@
 //       12      N  the payload as qCompress() makes it at level 2: the size of the plain block in
 //                  4 bytes, big-endian, then a zlib stream
 //
-// Size and N are in the byte order of the machine. There is no magic number, no version and no
-// checksum: the name is the only check of what comes out.
+// Size and N are in the byte order of the machine. There is no magic number, version or
+// checksum: only the name can verify the bytes.
 //
-//  - A file of 12 bytes or less is incomplete. The writer replaces it, and takes any longer file
-//    for the whole block, whatever it holds.
-//  - N = 0 makes an empty block, also in a file of 12 bytes.
-//  - N below 0, or above what the file still holds, makes the file unreadable. Nothing is
-//    allocated for it.
-//  - The reader never looks at bytes after the payload.
-//  - The reader does not compare the size with what comes out, and takes a payload that does not
-//    decompress for an empty block.
-//  - The payload of a block that the host has compressed itself has the level of the host's choice.
+//  - The writer replaces a file of 12 bytes or less, and treats any longer file as complete,
+//    whatever it contains.
+//  - The reader reads N = 0 as an empty block, even in a file of 12 bytes.
+//  - A file whose N is negative or exceeds the rest of the file is unreadable. The reader
+//    allocates nothing for it.
+//  - The reader ignores bytes after the payload.
+//  - The reader does not compare the size with the decompressed bytes, and reads a payload that
+//    does not decompress as an empty block.
+//  - A host that compresses a block itself chooses the level of its payload.
 
 #include <QByteArray>
 
@@ -32,21 +32,21 @@
 /// Thread safety: every function uses its arguments only.
 namespace ZebBlockFile {
 
-/// The two fields of the header, and where the payload begins.
+/// The two fields of the header, and the offset of the payload.
 constexpr int s_BlockSizeBytes = 8;
 constexpr int s_PayloadSizeBytes = 4;
 constexpr int s_HeaderBytes = s_BlockSizeBytes + s_PayloadSizeBytes;
 
-/// The bytes in front of the zlib stream, inside the payload: the size of the plain block.
+/// The part of the payload before the zlib stream: the size of the plain block.
 constexpr int s_PlainSizeBytes = 4;
 
-/// The largest block, in bytes: what a QByteArray holds.
+/// The largest block in bytes: the capacity of a QByteArray.
 constexpr qint64 s_MaxBlockBytes = 0x7FFFFFFF;
 
-/// No zlib stream decompresses to more than this many times its bytes.
+/// The upper bound of zlib's expansion: plain bytes for each compressed byte.
 constexpr qint64 s_MaxExpansion = 1040;
 
-/// The twelve bytes that a block file begins with.
+/// The first twelve bytes of a block file.
 struct Header
 {
     /// The size of the plain block in bytes.
@@ -59,21 +59,21 @@ struct Header
     /// @param bytes at least s_HeaderBytes of them
     static Header decode(const char* bytes);
 
-    /// Whether the payload lies within the `available` bytes after the header. False means that the
-    /// file is unreadable.
+    /// Whether the payload fits the `available` bytes after the header. The file is unreadable
+    /// otherwise.
     bool isPayloadWithin(qint64 available) const;
 };
 
-/// Whether a writer takes a file of this size for the whole block and leaves it alone.
+/// Whether a file of this size counts as complete; a writer replaces any other.
 bool isComplete(qint64 fileBytes);
 
-/// The payload for these bytes. Empty when zlib has no memory.
+/// The payload for these bytes. Empty when zlib runs out of memory.
 QByteArray encodePayload(const QByteArray& plain);
 
-/// The plain bytes of a payload; empty, with a line of Qt's own, when it does not decompress.
+/// The plain bytes of a payload. Empty when it does not decompress; Qt then logs a line.
 QByteArray decodePayload(const QByteArray& payload);
 
-/// The size that the payload itself names for the plain block.
+/// The size of the plain block according to the payload.
 ///
 /// @param payload at least s_PlainSizeBytes
 qint64 plainSizeOf(const char* payload);

@@ -10,7 +10,7 @@ QString ZebBlockFilePath(const ZebDataHash* hash, const QString& root, const QSt
     QString directory;
     QString fileName;
     ZebBuildFilename(hash, root, subCache, bucketCount, directory, fileName);
-    // Made from the working directory: a QDir on a relative path would make it below itself.
+    // Not QDir(directory).mkpath(): with a relative path that would create it below itself.
     if (!QDir(directory).exists())
         QDir().mkpath(directory);
     return directory + QDir::separator() + fileName;

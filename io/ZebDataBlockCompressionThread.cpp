@@ -11,12 +11,11 @@ namespace {
 
 constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
-// Guards s_PermitsOwed, and every change of the count but a writer's acquire. Innermost: nothing is
-// taken inside it.
+// Guards s_PermitsOwed and every change of the permits but a writer's acquisition. A leaf lock.
 std::mutex s_PermitMutex;
 
-// Permits of ended workers that a writer had acquired just then. They are taken from the next ones
-// that are given, so that the count is 0 again when no worker lives.
+// Permits of ended workers that a writer had already acquired. Deducted from the next releases, so
+// that no permit is left when no worker is.
 int s_PermitsOwed = 0;
 
 } // namespace
@@ -35,7 +34,7 @@ ZebDataBlockCompressionThread::~ZebDataBlockCompressionThread()
 {
     m_Exit.store(true, s_Relaxed);
     {
-        // With the mutex held the worker is either in its wait, or will look at the mark first.
+        // With the mutex held, the worker is either waiting or about to check m_Exit.
         const QMutexLocker locker(m_Mutex);
         m_Condition->wakeAll();
     }
@@ -45,8 +44,8 @@ ZebDataBlockCompressionThread::~ZebDataBlockCompressionThread()
 void ZebDataBlockCompressionThread::run()
 {
     QMutexLocker locker(m_Mutex);
-    // Given with the mutex held, which the wait gives up: whoever gets the permit can queue its
-    // request only once this worker waits, so that its wake is not missed.
+    // Released with the mutex held until the wait: the writer that acquires the permit can queue
+    // its request only once this worker waits, so the wake-up is not missed.
     givePermits(1);
     while (!m_Exit.load(s_Relaxed)) {
         m_Condition->wait(m_Mutex);

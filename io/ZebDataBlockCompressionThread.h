@@ -12,53 +12,53 @@
 
 class ZebDataBlockWriteRequest;
 
-/// A worker that compresses blocks for one writer: it takes requests from the writer's queue, first
-/// in first out, and hands each back by its signal.
+/// A worker that compresses blocks for one writer. It takes requests from the writer's queue, first
+/// in, first out, and returns each by its signal.
 ///
-/// It looks at the queue only after a wake, so whoever queues a request wakes a worker as well.
+/// It checks the queue only after a wake-up, so a thread that queues a request must wake a worker.
 ///
-/// Ownership: condition, mutex and queue are the writer's and outlive the worker. A request belongs
-/// to the worker from the queue to the signal.
+/// Ownership: the writer owns condition, mutex and queue, which outlive the worker. The worker owns
+/// a request from the queue to the signal.
 ///
-/// Locks: the queue's mutex stands inside a writer's m_Lock, at level 4. It is held neither across
-/// a compression nor while the signal is emitted.
+/// Locks: the queue's mutex is level 4, inside a writer's m_Lock. It is not held during a
+/// compression or while the signal is emitted.
 class ZEBTDX_EXPORT ZebDataBlockCompressionThread : public QThread
 {
     Q_OBJECT
 
 public:
     /// @param condition where the worker waits for requests
-    /// @param mutex what guards the queue
-    /// @param queue where requests come from
+    /// @param mutex guards the queue
+    /// @param queue the requests to compress
     ZebDataBlockCompressionThread(QWaitCondition* condition, QMutex* mutex,
                                   QQueue<ZebDataBlockWriteRequest*>* queue, QObject* parent);
 
-    /// Ends the thread once it has finished what it has in hand. What is queued stays there.
+    /// Ends the thread after its current request. Queued requests stay in the queue.
     ~ZebDataBlockCompressionThread() override;
 
     /// Waits for requests and compresses them, until the worker is destroyed.
     void run() override;
 
-    /// One permit for each worker of the process that is free to take a request; a writer acquires
-    /// one before it queues a request.
+    /// One permit for each free worker of the process. A writer acquires a permit before it queues
+    /// a request.
     ///
-    /// Kept on purpose: all writers share the count, while each has its own queue. A permit may
-    /// come from another writer's worker, so a request may lie in a queue that no wake will come
-    /// for; writers wake their workers again for that.
+    /// Kept on purpose: all writers share the permits, but each has its own queue. A permit may
+    /// come from another writer's worker, and the wake-up may find every own worker busy; so
+    /// writers repeat their wake-ups.
     static QSemaphore AvailableThreads;
 
 Q_SIGNALS:
-    /// The payload of the request is made. Emitted on the worker's thread, with no lock held.
+    /// The request's payload is ready. Emitted on the worker's thread with no lock held.
     void compressed(ZebDataBlockWriteRequest* request);
 
 private:
     friend class ZebDataBlockWriteThread_Pattern2;
 
-    /// Counts `count` workers more as free. Permits that an ended worker could not take back are
-    /// settled first.
+    /// Releases `count` permits, less those that ended workers still owe.
     static void givePermits(int count);
 
-    /// Counts one worker less, now or as soon as there is a permit to take.
+    /// Acquires the permit of an ending worker; when none is available, the next givePermits()
+    /// does.
     static void takePermitBack();
 
     std::atomic<bool> m_Exit;

@@ -51,7 +51,7 @@ void ZebDataBlockReadThread::request(ZebDataHash* hash,
             promote(hash);
         return;
     }
-    // Outlives the lock below, so that it is never the last reference that goes inside it.
+    // Outlives the lock below, so that no last reference is released inside it.
     const ZebSmartPointer<ZebDataHash> held(hash);
     {
         const QWriteLocker locker(&m_Lock);
@@ -66,7 +66,7 @@ void ZebDataBlockReadThread::request(ZebDataHash* hash,
 
 void ZebDataBlockReadThread::promote(ZebDataHash* hash)
 {
-    // Every attempt counts, also one that finds nothing to do.
+    // Every attempt counts, even without effect.
     const qint64 attempts = m_PromotionCount.fetch_add(1, s_Relaxed) + 1;
     {
         const QWriteLocker locker(&m_Lock);
@@ -75,8 +75,8 @@ void ZebDataBlockReadThread::promote(ZebDataHash* hash)
             ++index;
         if (index == 0 || index == m_Requests.size())
             return;
-        // Kept on purpose: the entry stays where it is, and its number may fall below 0. Only the
-        // rare sort brings the list in order.
+        // Kept on purpose: the entry keeps its position, and its priority may become negative. Only
+        // the rare sort restores the order.
         m_Requests.lowerPriorityAt(index);
         if (attempts % s_PromotionsPerSort == 0)
             m_Requests.sort();
@@ -103,8 +103,7 @@ void ZebDataBlockReadThread::run()
             locker.unlock();
             if (!hash.isNull())
                 loadBlock(hash, true);
-            // Released with the list's lock free: it may be the last reference, and ending a hash
-            // starts at the outermost lock.
+            // Released without m_Lock: a last reference takes the delete lock, the outermost.
             hash = ZebSmartPointer<ZebDataHash>();
             locker.relock();
         }
@@ -118,7 +117,7 @@ try {
     std::array<char, ZebBlockFile::s_HeaderBytes> bytes = {};
     const bool hasHeader = file.read(bytes.data(), bytes.size()) == ZebBlockFile::s_HeaderBytes;
     const auto header = ZebBlockFile::Header::decode(bytes.data());
-    // Nothing is allocated without checking the length against the file.
+    // Checked against the file before allocating.
     bool complete = hasHeader && header.isPayloadWithin(file.bytesAvailable());
     if (complete) {
         QByteArray payload(header.m_PayloadBytes, Qt::Uninitialized);
@@ -131,7 +130,7 @@ try {
     file.close();
     return complete;
 } catch (const std::bad_alloc&) {
-    // A failed attempt like any other: the reader's thread goes on.
+    // A failed read never ends the thread.
     file.close();
     return false;
 }
@@ -144,8 +143,7 @@ QFuture<ZebDataBlock*> ZebDataBlockReadThread::loadBlock(const ZebSmartPointer<Z
     QByteArray data;
     int attempt = 0;
     while (!readFile(file, &size, &data)) {
-        // The block may be queued or half written: once the writers have passed a fence behind it,
-        // its file is complete.
+        // The block may be queued or half written; after the flush its file is complete.
         ZebDataBlockManager::instance().flushWrite(hash);
         if (++attempt == s_Attempts) {
             ZebTdxMessage::debug(
@@ -154,7 +152,7 @@ QFuture<ZebDataBlock*> ZebDataBlockReadThread::loadBlock(const ZebSmartPointer<Z
         }
     }
     QThreadPool* const pool = QThreadPool::globalInstance();
-    // At process exit the pool may have gone before the store.
+    // At process exit Qt may have destroyed the pool before the store.
     if (pool == nullptr)
         return QFuture<ZebDataBlock*>();
     m_BytesRead.fetch_add(size, s_Relaxed);
@@ -164,17 +162,16 @@ QFuture<ZebDataBlock*> ZebDataBlockReadThread::loadBlock(const ZebSmartPointer<Z
 }
 
 ZebDataBlock* ZebDataBlockReadThread::decompressAndMakeBlock(
-    // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is settled.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is fixed.
     QByteArray data, const ZebSmartPointer<ZebDataHash>& hash, bool makeLive, qint64 size)
 {
-    // Kept on purpose: the size that the file tells is not compared with what comes out, and a
-    // damaged payload goes on as an empty block.
+    // Kept on purpose: the size in the header is not compared with the decompressed bytes, and a
+    // damaged payload becomes an empty block.
     Q_UNUSED(size)
     QByteArray plain = ZebBlockFile::decodePayload(data);
     if (plain.isEmpty())
         ZebTdxMessage::debug(QStringLiteral("Failed to decompress block data."));
-    // Nobody else has these bytes, so the block takes them over: a copy would take longer than
-    // reading the file does.
+    // Moved, since a copy would take longer than reading the file.
     auto block = std::make_unique<ZebDataBlock>(QByteArray());
     block->m_Size = plain.size();
     block->m_Data = std::move(plain);
@@ -192,7 +189,7 @@ void ZebDataBlockReadThread::killRequests()
     ZebPriorityList<ZebSmartPointer<ZebDataHash>> killed;
     {
         const QWriteLocker locker(&m_Lock);
-        // The references go with the list's lock free, as the last one ends its hash.
+        // Released without m_Lock: a last reference takes the delete lock, the outermost.
         std::swap(killed, m_Requests);
     }
 }

@@ -19,66 +19,63 @@
 class QFile;
 class ZebDataBlock;
 
-/// The reader of one cache root. As a thread it works off a list of preloads, so that blocks come
-/// back before anybody asks for them. As a plain object it offers loadBlock(), which reads one file
-/// on the calling thread and has it decompressed on Qt's global pool.
+/// The reader of one cache root. Its thread works through a list of preloads. loadBlock() reads a
+/// file on the calling thread and decompresses it on Qt's global pool.
 ///
 /// A failed read never ends the thread.
 ///
 /// Thread safety: any thread may call every operation.
 ///
-/// Locks: m_Lock stands at level 4 of the lock order; it is never held across file I/O, a
-/// decompression or a call to the manager.
+/// Locks: m_Lock is level 4. It is never held across file I/O, a decompression or a call to the
+/// manager.
 class ZEBTDX_EXPORT ZebDataBlockReadThread : public QThread
 {
 public:
     /// @param root the cache root to serve
-    /// @param bucketCount directories below it
-    /// @param maxLowPriorityRequests length of the list from which PreloadLow is refused
+    /// @param bucketCount number of buckets in the root
+    /// @param maxLowPriorityRequests drops a PreloadLow request when this many are waiting
     ZebDataBlockReadThread(const QString& root, int bucketCount, int maxLowPriorityRequests,
                            QObject* parent);
     ~ZebDataBlockReadThread() override;
 
-    /// Asks for a preload. A hash whose preload is under way gets no second entry; with promotion
-    /// on, asking again makes its entry one step more urgent, and `priority` plays no part then. A
-    /// PreloadLow request is dropped while the list is long.
+    /// Requests a preload. A hash that is already preloading gets no second entry: with promotion
+    /// enabled, its entry becomes one step more urgent, whatever `priority` is. A PreloadLow
+    /// request is dropped while the list is long.
     void request(ZebDataHash* hash, ZebDataBlockManager::PreloadPriority priority);
 
-    /// Reads the block's file and starts its decompression. When the file can't be read, the
-    /// writers are asked for it and it is tried once more; after that the future comes back
-    /// cancelled, with no result. The caller must not hold the delete lock.
+    /// Reads the block's file and starts its decompression. When it cannot read the file, it
+    /// flushes the block's writes and retries once; then it returns a cancelled future, without a
+    /// result. A damaged payload gives an empty block. The caller must not hold the delete lock.
     ///
-    /// A damaged payload gives an empty block.
-    ///
-    /// @param makeLive whether the task hands the block to the manager; otherwise it belongs to
-    ///        whoever takes the result
+    /// @param makeLive whether the task hands the block to the manager; otherwise the caller owns
+    ///        the result
     QFuture<ZebDataBlock*> loadBlock(const ZebSmartPointer<ZebDataHash>& hash, bool makeLive);
 
-    /// Forgets all requests in the list.
-    /// Kept on purpose: their hashes stay marked as preloading, and are refused until a load of
-    /// them succeeds.
+    /// Drops all requests in the list.
+    /// Kept on purpose: their hashes stay marked as preloading, so request() ignores them until a
+    /// load succeeds.
     void killRequests();
 
-    /// Waits until the list is empty. The load in hand may still be under way.
+    /// Waits until the list is empty. The last load may still be in progress.
     void flush();
 
-    /// Flushes, and asks the thread to end. Does not wait for that.
+    /// Flushes, then asks the thread to end. Does not wait for its end.
     void closeDown();
 
     /// How many requests wait in the list.
     int requests() const;
 
-    /// How many requests were taken from the list.
+    /// How many requests have been taken from the list.
     int requestsHandled() const;
 
-    /// The sizes of all blocks read, in bytes, as their files' headers tell.
+    /// The sum of the sizes in the headers of all files read, in bytes.
     qint64 bytesRead() const;
 
-    /// Whether asking again for a block makes its preload more urgent. Starts off.
+    /// Whether a repeated request makes a preload more urgent. Disabled at first.
     void setRequestPromotionEnabled(bool enabled);
     bool requestPromotionEnabled() const;
 
-    /// The sub-cache that files are read from, empty at first.
+    /// The sub-cache to read from, empty at first.
     void setSubCache(const QString& subCache);
     QString subCache() const;
 
@@ -86,22 +83,22 @@ protected:
     void run() override;
 
 private:
-    /// The task on the pool: decompresses, makes the block, and ends the preload of its hash.
+    /// The task on the pool: decompresses, makes the block, and marks its hash as not preloading.
     static ZebDataBlock* decompressAndMakeBlock(QByteArray data,
                                                 const ZebSmartPointer<ZebDataHash>& hash,
                                                 bool makeLive, qint64 size);
 
-    /// Makes the entry of a hash one step more urgent.
+    /// Makes a hash's entry one step more urgent.
     void promote(ZebDataHash* hash);
 
-    /// One attempt to read a whole block file. False when it is missing, short or unreadable, or
-    /// names more bytes than it has.
+    /// One attempt to read a block file. False when it is missing, truncated or unreadable, or its
+    /// header claims more bytes than it has.
     static bool readFile(QFile& file, qint64* size, QByteArray* data);
 
     const QString m_CacheRoot;
 
-    // Paired with m_WaitCondition and guards nothing. A wake can fall between two waits; the time
-    // limit of the wait bounds what that costs.
+    // Paired with m_WaitCondition; guards nothing. A wake-up between two waits is missed, and the
+    // timeout of the wait bounds the delay.
     QMutex m_WaitMutex;
     QWaitCondition m_WaitCondition;
 

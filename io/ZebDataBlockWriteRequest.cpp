@@ -89,7 +89,7 @@ void ZebDataBlockWriteRequest::compress()
         return;
     if (m_Block->m_Compressed) {
         m_CompressedData = m_Block->m_Data;
-        // Kept on purpose: only this branch reports an empty payload.
+        // Kept on purpose: only this branch logs an empty payload.
         if (m_CompressedData.isEmpty())
             ZebTdxMessage::debug(QStringLiteral("Failed to compress data block."));
         return;
@@ -109,7 +109,8 @@ int ZebDataBlockWriteRequest::write(QString* errorString)
     header.m_BlockBytes = m_Block->size();
     if (!writePiece(header.encode().data(), ZebBlockFile::s_BlockSizeBytes, &failure))
         return fail(failure, errorString);
-    // The file is open meanwhile, with its first field.
+    // Kept on purpose: compresses with the file open, so a truncated file of 8 bytes is visible
+    // meanwhile.
     compress();
     const qint32 length = m_CompressedData.size();
     header.m_PayloadBytes = length;
@@ -117,7 +118,7 @@ int ZebDataBlockWriteRequest::write(QString* errorString)
                     ZebBlockFile::s_PayloadSizeBytes, &failure) ||
         !writePiece(m_CompressedData.constData(), length, &failure))
         return fail(failure, errorString);
-    // Closing the file would lose buffered bytes without an error.
+    // close() would lose buffered bytes without an error.
     if (!m_File.flush())
         return fail(shortWriteText(-1, length), errorString);
     m_File.close();
@@ -146,8 +147,7 @@ int ZebDataBlockWriteRequest::fail(const QString& text, QString* errorString)
     ZebTdxMessage::debug(text);
     if (errorString != nullptr)
         *errorString = text;
-    // Closed first and removed by its name: an open file whose bytes cannot be flushed refuses to
-    // be removed.
+    // Closes first and removes by name: an open QFile that cannot flush refuses to be removed.
     m_File.close();
     QFile::remove(m_File.fileName());
     return 0;

@@ -37,6 +37,7 @@ ZebDataBlockWriteThread::ZebDataBlockWriteThread(const QString& root, int bucket
 ZebDataBlockWriteThread::~ZebDataBlockWriteThread() = default;
 
 void ZebDataBlockWriteThread::writeBlock(ZebDataBlockManager::PreloadPriority priority,
+                                         // The signature is fixed.
                                          // NOLINTNEXTLINE(performance-unnecessary-value-param)
                                          ZebSmartPointer<ZebDataHash> hash, ZebDataBlock* block,
                                          bool deleteBlock)
@@ -117,8 +118,7 @@ void ZebDataBlockWriteThread::idle()
 
 void ZebDataBlockWriteThread::endWrite(ZebDataBlockWriteRequest* request)
 {
-    // One hold for both steps: no other block may take the address in between and be mistaken for
-    // this one.
+    // One hold for both steps, or a new block at the same address could be mistaken for this one.
     const ZebDataDeleteLocker deleteLocker;
     ZebDataBlockManager::instance().flagWritingBlockFinished(request->block());
     delete request;

@@ -3,10 +3,10 @@
 #include "io/ZebDataBlockWriteThread.h"
 #include "support/ZebTdxExport.h"
 
-/// The writer that does everything itself, in the order of its queue, compression included. A block
-/// waits until it leaves the list, and one that found a file counts as handled.
+/// The writer without workers: it compresses and writes one block after another. A block counts in
+/// bytesInQueue() until it leaves the list. A write that found a complete file counts as handled.
 ///
-/// Thread safety and locks: those of the base class; m_Lock guards the fences as well.
+/// Thread safety and locks: those of the base class; m_Lock guards the fences, too.
 class ZEBTDX_EXPORT ZebDataBlockWriteThread_Pattern1 : public ZebDataBlockWriteThread
 {
     Q_OBJECT
@@ -17,29 +17,29 @@ public:
 
     void run() override;
 
-    /// Moves the waiting write of this hash ahead of everything less urgent than a fence, and waits
-    /// until the writer has come past it. Gives the thread no wake: an idle writer sees the fence
-    /// when its timed wait ends.
+    /// Moves the waiting write of this hash to the fences, adds a fence after it, and waits until
+    /// the writer has passed the fence. Sends no wake-up: an idle writer sees the fence when its
+    /// wait times out. A write that fails is queued after its fence and not waited for.
     void flush(const ZebSmartPointer<ZebDataHash>& hash) override;
     void flush() override;
     void closeDown() override;
 
 private:
-    /// Works the list off until it is empty.
+    /// Processes the list until it is empty.
     void drain();
 
-    /// Writes one block, or puts its request back at `priority`.
+    /// Writes one block, or returns its request to the list at `priority`.
     void handleWrite(int priority, ZebDataBlockWriteRequest* request);
 
-    /// Notes a fence as reached.
+    /// Marks a fence as reached.
     void handleFence(ZebDataBlockWriteRequest* request);
 
-    /// Ends the request of a block that has its file, and counts it as handled.
+    /// Deletes the request of a block that has its file, and counts it as handled.
     void finish(ZebDataBlockWriteRequest* request);
 
-    /// Puts a fence behind the hash's write, both at the head of the list, and returns its number.
+    /// Moves the hash's write to the fences, adds a fence after it, and returns its number.
     int insertFence(const ZebDataHash* hash);
 
-    /// Collects a fence that was reached; its number is free again then. False when it was not.
+    /// Frees the number of a fence if the writer has reached it; false otherwise.
     bool collectFence(int fence);
 };

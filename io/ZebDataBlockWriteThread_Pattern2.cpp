@@ -39,7 +39,7 @@ ZebDataBlockWriteThread_Pattern2::ZebDataBlockWriteThread_Pattern2(const QString
 ZebDataBlockWriteThread_Pattern2::~ZebDataBlockWriteThread_Pattern2()
 {
     qDeleteAll(m_CompressionThreads);
-    // Nobody will take these requests up and give their permits back.
+    // No worker is left to release the permits of these requests.
     ZebDataBlockCompressionThread::givePermits(m_CompressionQueue.size());
 }
 
@@ -55,7 +55,7 @@ void ZebDataBlockWriteThread_Pattern2::run()
 
 void ZebDataBlockWriteThread_Pattern2::drain()
 {
-    // Takes turns: one block written, one given to the workers, so that both go on side by side.
+    // Alternates between writing and queueing, so that the workers stay busy.
     int fence = s_NoFence;
     do {
         writeNext();
@@ -78,7 +78,7 @@ bool ZebDataBlockWriteThread_Pattern2::writeNext()
     ZebDataBlockWriteRequest* const request = popWrite();
     if (request == nullptr)
         return false;
-    // The name is kept from attempt to attempt, so nothing else would make its directory again.
+    // A retry keeps its path, so nothing else would create a removed directory again.
     request->makeDirectory();
     QString error;
     const int written = request->write(&error);
@@ -118,7 +118,7 @@ void ZebDataBlockWriteThread_Pattern2::handleWrite(ZebDataBlockWriteRequest* req
 {
     request->setFileName(m_CacheRoot, subCache(), m_BucketCount);
     if (request->fileExits()) {
-        // Kept on purpose: neither in progress nor handled.
+        // Kept on purpose: counts neither as in progress nor as handled.
         lowerBytesInQueue(request);
         endWrite(request);
         releaseTaken();
@@ -130,9 +130,9 @@ void ZebDataBlockWriteThread_Pattern2::handleWrite(ZebDataBlockWriteRequest* req
 
 void ZebDataBlockWriteThread_Pattern2::passFence(int fence)
 {
-    // A barrier: the payloads come back in any order, so everything in progress has to be through.
+    // A barrier: workers finish in any order, so everything in progress must be written.
     while (m_RequestsInProgress.loadAcquire() > 0) {
-        // Also beside a write that fails, and comes back at once: the others must get through.
+        // Needed even while a failing write keeps the write queue busy: other blocks must progress.
         wakeWorkersAgain();
         if (writeNext())
             continue;
@@ -168,15 +168,15 @@ ZebDataBlockWriteRequest* ZebDataBlockWriteThread_Pattern2::popWrite()
 
 void ZebDataBlockWriteThread_Pattern2::pushWrite(ZebDataBlockWriteRequest* request)
 {
-    // No wake: the thread polls as long as a block is with the workers.
+    // No wake-up: the writer polls while a block is in progress.
     const QMutexLocker locker(&m_WriteQueueMutex);
     m_WriteQueue.enqueue(request);
 }
 
 void ZebDataBlockWriteThread_Pattern2::pushCompression(ZebDataBlockWriteRequest* request)
 {
-    // All writers share the permits. What keeps this one waiting may be its own queue, when the
-    // wake for a request in it was lost.
+    // All writers share the permits, and this writer's own workers may have missed a wake-up for a
+    // queued request.
     while (!ZebDataBlockCompressionThread::AvailableThreads.tryAcquire(1, s_PermitWaitMs))
         wakeWorkersAgain();
     {
@@ -226,8 +226,7 @@ void ZebDataBlockWriteThread_Pattern2::flush()
         if (m_RequestsInProgress.loadAcquire() < 1 && m_RequestsTaken == 0 &&
             m_Requests.isEmpty() && m_WriteQueue.isEmpty() && m_CompressionQueue.isEmpty())
             return;
-        // Taken before the others are let go: the end of the pass that finishes this work cannot
-        // slip by.
+        // Locked before the others are released, so that the wake-up is not missed.
         const QMutexLocker flushLocker(&m_FlushMutex);
         compressionLocker.unlock();
         writeLocker.unlock();

@@ -43,8 +43,7 @@ void ZebGarbageCollectorThread::run()
         try {
             collect(nullptr, nullptr);
         } catch (const std::bad_alloc&) {
-            // The lists of a pass grow with the tree. The thread goes on, as with every other
-            // failure of a pass.
+            // A pass never fails; its lists grow with the tree.
         }
         const qint64 size = m_CacheSize.load(s_Relaxed);
         if (size != sizeBefore)
@@ -55,12 +54,12 @@ void ZebGarbageCollectorThread::run()
 
 void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* reporter, int* count)
 {
-    // Waits for whoever is changing the sub-cache, and holds nothing afterwards.
+    // Waits for a change of the sub-cache in progress, and holds nothing afterwards.
     m_Lock.lockForRead();
     m_Lock.unlock();
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    // Read before the bracket: stopGarbageCollection() waits for its end with the delete lock held,
-    // which this takes. The name does not change while the collection is on.
+    // Takes the delete lock, so it must precede the bracket. The name cannot change while the
+    // collection is enabled.
     const QString subCache = manager.subCache();
     if (subCache.isEmpty()) {
         m_CacheSize.store(0, s_Relaxed);
@@ -69,7 +68,7 @@ void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* r
     if (isGateClosed())
         return;
     if (!manager.garbageCollectingThreadStarted()) {
-        // Kept on purpose: the files are there, but with the collection off they count as nothing.
+        // Kept on purpose: the size is 0 while the collection is disabled, whatever files exist.
         m_CacheSize.store(0, s_Relaxed);
         return;
     }
@@ -119,8 +118,8 @@ void ZebGarbageCollectorThread::sweep(const QStringList& files)
     m_CacheSize.store(0, s_Relaxed);
     for (const QString& path : files) {
         const QFileInfo file(path);
-        // Asked for each file just before its end: whoever has come to hold the hash since the walk
-        // keeps the file. A request, a read or a write under way holds its hash.
+        // Checked just before the removal, so a reference taken since the walk keeps the file. A
+        // queued request, a read or a write in progress holds one.
         if (registry.isHashLive(file.fileName())) {
             m_CacheSize.fetch_add(file.size(), s_Relaxed);
             continue;
@@ -134,8 +133,8 @@ void ZebGarbageCollectorThread::sweep(const QStringList& files)
 void ZebGarbageCollectorThread::endPass()
 {
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    // Kept on purpose: read at the end, so a block freed during the pass does not open the gate for
-    // the next one; its file may stay until another block is freed, or for a minute.
+    // Kept on purpose: read at the end, so a block freed during the pass does not open the gate.
+    // Its file may stay until another block is freed, or for a minute.
     m_LastBlocksFreedCount.store(manager.m_BlocksFreedCount.load(s_Relaxed), s_Relaxed);
     {
         const QMutexLocker locker(&m_PassTimerMutex);
@@ -144,7 +143,7 @@ void ZebGarbageCollectorThread::endPass()
     manager.garbageCollectingThreadFinished();
 }
 
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static): the interface is settled.
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): the interface is fixed.
 void ZebGarbageCollectorThread::deleteBlock(const QString& path)
 {
     QFile file(path);
@@ -154,8 +153,8 @@ void ZebGarbageCollectorThread::deleteBlock(const QString& path)
 
 void ZebGarbageCollectorThread::closeDown()
 {
-    // Kept on purpose: the read lock although this writes, so it waits for a change of the
-    // sub-cache only. What is written is safe without a lock.
+    // Kept on purpose: a read lock although this writes, so it only waits for setSubCache(). Both
+    // fields are atomic.
     const QReadLocker locker(&m_Lock);
     m_Exit.store(true, s_Relaxed);
     m_CacheSize.store(0, s_Relaxed);

@@ -12,47 +12,47 @@
 
 #include <atomic>
 
-/// The garbage collector of one cache root. A pass walks the root's current sub-cache, removes the
-/// block files whose hash nobody holds any more, and adds up the sizes of the others. As a thread
-/// it polls ten times a second; collect() makes one pass on the calling thread.
+/// The garbage collector of one cache root. A pass walks the root's current sub-cache, removes
+/// orphaned files, whose hash no reference holds, and sums up the sizes of the others. The thread
+/// polls ten times a second; collect() makes a pass on the calling thread.
 ///
-/// What is a block file is told by the name alone, sixteen numbers with "-" between them. Whatever
-/// else lies in the tree is neither removed nor counted, and so are hidden files.
+/// The name alone identifies a block file: sixteen numbers joined by "-". A pass neither removes
+/// nor counts unexpected and hidden files.
 ///
-/// A pass never fails: a directory that can't be read yields nothing, and a file that can't be
-/// removed is tried again in the next pass.
+/// A pass never fails: a directory that cannot be read counts as empty, and the next pass retries a
+/// file that cannot be removed.
 ///
-/// Thread safety: any thread may call every operation. Two passes at one time over the same root do
-/// no harm, but the size they find can be wrong until the next pass.
+/// Thread safety: any thread may call every operation. Concurrent passes over one root are safe,
+/// but the size they find can be wrong until the next pass.
 ///
-/// Locks: m_Lock and m_PassTimerMutex stand at level 4 of the lock order. A pass holds none of
-/// them, and takes the delete lock for a moment before its bracket, never inside: who switches the
-/// collection off waits for the bracket's end with that lock held.
+/// Locks: m_Lock is level 4; m_PassTimerMutex is a leaf lock. A pass holds neither across a file
+/// operation. It takes the delete lock briefly before its bracket, never inside:
+/// ZebDataBlockManager::stopGarbageCollection() waits for the bracket's end with that lock held.
 class ZEBTDX_EXPORT ZebGarbageCollectorThread : public QThread
 {
 public:
     /// @param root the cache root to serve
-    /// @param bucketCount directories below it
+    /// @param bucketCount number of buckets in the root
     ZebGarbageCollectorThread(const QString& root, int bucketCount, QObject* parent);
     ~ZebGarbageCollectorThread() override;
 
-    /// Makes one pass, unless there is no sub-cache, the collection is switched off, or no block
-    /// has left memory since the last pass and that one ended less than a minute ago. The caller
-    /// must not hold the delete lock.
+    /// Makes one pass, unless there is no sub-cache, the collection is disabled, or the last pass
+    /// ended less than a minute ago and no block has been freed since. The caller must not hold the
+    /// delete lock.
     ///
-    /// @param reporter told of each directory visited; null for none, and then `count` is left
-    ///        alone
-    /// @param count the directories visited so far, counted on; null for no reports
+    /// @param reporter receives each directory visited; null for no reports
+    /// @param count the number of directories visited so far, which a report increments; null for
+    ///        no reports
     void collect(ZebDataBlockManager::ProgressReporter* reporter, int* count);
 
-    /// Removes the file if it exists; a failure is not told.
+    /// Removes the file if it exists. Ignores a failure.
     void deleteBlock(const QString& path);
 
-    /// Asks the thread to end, and forgets the size found. Does not wait, and does not stop a pass
-    /// that is under way: ZebDataBlockManager::stopGarbageCollection() does.
+    /// Asks the thread to end and resets the size found. Does not wait, and does not stop a running
+    /// pass: ZebDataBlockManager::stopGarbageCollection() does.
     void closeDown();
 
-    /// The name that the store has told; empty at first.
+    /// The sub-cache, empty at first.
     /// Kept on purpose: a pass does not use it, but asks the store.
     void setSubCache(const QString& subCache);
     QString subCache() const;
@@ -61,38 +61,38 @@ protected:
     void run() override;
 
 private:
-    /// Whether a pass would find what the last one found, as far as can be told without looking.
+    /// Whether a pass can be skipped: no block was freed since the last one, which is recent.
     bool isGateClosed() const;
 
-    /// The block files below `directory`, breadth-first; those seen so far when the collection is
-    /// switched off meanwhile.
+    /// The block files below `directory`, breadth-first. Stops early when the collection is
+    /// disabled.
     static QStringList findBlockFiles(const QString& directory,
                                       ZebDataBlockManager::ProgressReporter* reporter, int* count);
 
-    /// Removes the dead ones of these files, and sets m_CacheSize to the size of the others.
+    /// Removes the orphaned ones of these files, and sets m_CacheSize to the size of the others.
     void sweep(const QStringList& files);
 
-    /// What ends a pass: closes the gate behind it, and leaves the bracket.
+    /// Closes the gate and ends the bracket of a pass.
     void endPass();
 
     const QString m_CacheRoot;
 
-    // Guards m_SubCache and the moment of asking the thread to end. Recursive.
+    // Guards m_SubCache. closeDown() and collect() take it to wait for setSubCache(). Recursive.
     mutable QReadWriteLock m_Lock;
 
-    // Kept on purpose: the walk finds the buckets by itself and does not use it.
+    // Kept on purpose: unused, since the walk finds the buckets itself.
     [[maybe_unused]] const int m_BucketCount;
 
-    // Three values that the thread and a host in collect() share with no lock: they need no order
-    // between them, and what a stale one costs is a pass more or less.
-    std::atomic<qint64> m_LastBlocksFreedCount; // the store's count at the end of the last pass
+    // Shared without a lock between the thread and a host in collect(). The values need no order
+    // between them; a stale one costs a pass too many or too few.
+    std::atomic<qint64> m_LastBlocksFreedCount; // the store's, at the end of the last pass
     std::atomic<bool> m_Exit;
     std::atomic<qint64> m_CacheSize; // bytes of the live files that the last pass found
 
-    // Guards m_PassTimer, which is two words. Nothing else is taken inside it.
+    // Guards m_PassTimer, which is not atomic. A leaf lock.
     mutable QMutex m_PassTimerMutex;
 
-    // Runs since the end of the last pass; invalid until then.
+    // Started at the end of each pass; invalid before the first.
     QElapsedTimer m_PassTimer;
 
     QString m_SubCache;

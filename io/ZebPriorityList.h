@@ -5,21 +5,20 @@
 #include <algorithm>
 #include <utility>
 
-/// A list of requests in ascending order of priority, a lower number being more urgent; requests of
-/// equal priority stand in order of arrival.
+/// A list of requests in ascending order of priority; a lower number is more urgent. Requests of
+/// equal priority are in order of arrival.
 ///
-/// Invariant: the list is in order, but for what lowerPriorityAt() has put out of order and sort()
-/// has not repaired yet. While it is in order, adding behind equals and taking the head cost no
-/// walk, so a long queue of equals stays cheap; out of order, insert() walks from the head.
+/// Invariant: the list is sorted, except after lowerPriorityAt() until the next sort(). While it is
+/// sorted, appending after equals and taking the head take no walk; otherwise insert() walks from
+/// the head.
 ///
 /// Thread safety: none. The owner of the list guards it with its own lock.
 template <typename T>
 class ZebPriorityList
 {
 public:
-    /// Places a new entry before the first one, seen from the head, whose priority number is
-    /// greater, or at the end. On a list out of order, a smaller entry further along is not looked
-    /// at.
+    /// Inserts an entry before the first entry with a greater priority number, or at the end. On an
+    /// unsorted list, smaller entries may follow.
     void insert(int priority, const T& value)
     {
         m_Entries.insert(positionFor(priority), Entry{priority, value});
@@ -29,16 +28,16 @@ public:
 
     int size() const { return m_Entries.size(); }
 
-    /// Requires a valid index, as do all operations that take one.
+    /// Requires a valid index, like all operations that take an index.
     int priorityAt(int index) const { return m_Entries.at(index).priority; }
 
     const T& valueAt(int index) const { return m_Entries.at(index).value; }
 
-    /// Subtracts 1 from the priority number of an entry and leaves the entry where it is, so the
-    /// list may be out of order afterwards.
+    /// Subtracts 1 from the priority number of an entry without moving it, so the list may be
+    /// unsorted afterwards.
     void lowerPriorityAt(int index)
     {
-        // Promotion has no end; the number wraps rather than overflow.
+        // Wraps around instead of overflowing.
         int& priority = m_Entries[index].priority;
         priority = static_cast<int>(static_cast<unsigned>(priority) - 1U);
         const bool isBelowBefore = index > 0 && m_Entries.at(index - 1).priority > priority;
@@ -48,7 +47,7 @@ public:
             m_InOrder = false;
     }
 
-    /// Removes the head and returns its value. Requires that there is one.
+    /// Removes the head and returns its value. The list must not be empty.
     T takeFirst()
     {
         T value = m_Entries.takeFirst().value;
@@ -62,15 +61,14 @@ public:
         noteRemoval();
     }
 
-    /// Removes all entries; what they point at stays.
+    /// Removes all entries, without deleting what pointers point to.
     void clear()
     {
         m_Entries.clear();
         m_InOrder = true;
     }
 
-    /// Brings the list in order again. Entries of equal priority may change places here, and only
-    /// here.
+    /// Sorts the list. Entries of equal priority may change their order.
     void sort()
     {
         std::sort(m_Entries.begin(), m_Entries.end(),
@@ -93,7 +91,7 @@ private:
         const auto begin = m_Entries.cbegin();
         const auto end = m_Entries.cend();
         if (m_InOrder) {
-            // The end first: most requests come at the priority of those that wait already.
+            // The common case: equal priorities.
             if (m_Entries.isEmpty() || m_Entries.last().priority <= priority)
                 return m_Entries.size();
             return static_cast<int>(std::upper_bound(begin, end, priority, isGreater) - begin);
@@ -111,7 +109,7 @@ private:
 
     QList<Entry> m_Entries;
 
-    // Whether the whole list is known to be in order. May be false for a list that is so again by
-    // the removal of the offending entry: that costs walks, never a wrong place.
+    // Whether the list is known to be sorted. May stay false after the offending entry has been
+    // removed: that costs walks, never a wrong position.
     bool m_InOrder = true;
 };
