@@ -159,8 +159,8 @@ TEST(ZebBlockPlace, AgreesWithTheRulesOnRandomDigests)
             for (const int buckets : {1, 10, 1000}) {
                 const ZebBlockPlace place = placeOf(text, roots, buckets);
                 ASSERT_EQ(place.m_Root, rootByTheText(text, roots)) << text;
-                ASSERT_EQ(BlockFiles::bucketOf(hash, "/root", "sub", buckets),
-                          "/root/sub/" + QString::number(place.m_Bucket))
+                ASSERT_EQ(BlockFiles::bucketOf(hash, "/cache", "sub", buckets),
+                          "/cache/sub/" + QString::number(place.m_Bucket))
                     << text;
                 withoutRoot += place.m_Root < 0 ? 1 : 0;
             }
