@@ -150,6 +150,25 @@ def check_damage(text, source):
         yield f"the codes of verify differ in {sorted(named ^ damage)}"
 
 
+def check_ten_numbers(text):
+    """Each of the ten numbers is in the section that the row names, or is the ratio of two that
+    are."""
+    rows = table_after(text, "## The ten numbers that matter")
+    if len(rows) != 10:
+        yield f"{len(rows)} numbers, not ten"
+    for what, number, source in rows:
+        sections = re.findall(r"^#+ ([^\n]*)\n(.*?)(?=^#|\Z)", text, re.S | re.M)
+        name = source.split(",")[0]
+        section = "".join(body for heading, body in sections if heading.startswith(name))
+        if not section:
+            yield f"{what}: there is no section {name}"
+        pair = re.search(r"\((\d+) µs, (\d+) µs\)", number)
+        ratio = f"{int(pair.group(1)) / int(pair.group(2)):.2f}" if pair else ""
+        for figure in re.findall(r"\d[\d.,]*\d", number):
+            if figure != ratio and figure not in section:
+                yield f"{what}: {figure} is not in the section {name}"
+
+
 def worked_file(text):
     """The bytes of the worked file in FORMAT.md."""
     section = text[text.index("## A worked file"):]
@@ -226,7 +245,8 @@ def findings(root, tool):
     yield from of("docs/API.md", check_api(documents["docs/API.md"], library))
     yield from of("docs/FORMAT.md", check_worked_file(documents["docs/FORMAT.md"]))
     yield from of("docs/OPERATIONS.md", check_damage(documents["docs/OPERATIONS.md"],
-                                                     sources["tools/cache/BlockFinding.cpp"]))
+                                                     sources.get("tools/cache/BlockFinding.cpp", "")))
+    yield from of("docs/PERFORMANCE.md", check_ten_numbers(documents["docs/PERFORMANCE.md"]))
     if tool:
         yield from check_tool(documents, str(Path(tool).resolve()))
 
@@ -245,6 +265,8 @@ def self_test():
     damage = "\n## After a crash, and now and then\n\n| R | W |\n|---|---|\n| {}, `no` | x |\n"
     codes = "".join(f'case BlockFinding::{name}:\n        return {{"{code}", ""}};'
                     for name, code in (("Sound", "ok"), ("NoPlace", "no"), ("Unreadable", "bad")))
+    ten = ("\n## The ten numbers that matter\n\n| W | N | F |\n|---|---|---|\n" +
+           "| a | {} (300 µs, 200 µs) | Speed, row |\n" * 10 + "\n## Speed\n\n300 µs and 200 µs\n")
     worked = (b"\xe8\3" + bytes(6)).hex(" ")
     stream = zlib.compress(plain_example())
     body = (len(stream) + 4).to_bytes(4, "little") + (1000).to_bytes(4, "big") + stream
@@ -263,6 +285,7 @@ def self_test():
          "dev", "fast"),
         ("api", lambda t: check_api(api.format(t), library), "| `a/B.h` | y |\n", ""),
         ("damage", lambda t: check_damage(damage.format(t), codes), "`bad`", "`bad`, `worse`"),
+        ("ten numbers", lambda t: check_ten_numbers(ten.replace("{}", t)), "1.50", "1.51"),
         ("worked file", lambda t: check_worked_file(page.replace("e8 03", t)), "e8 03", "e9 03"),
     )
     failures = 0
