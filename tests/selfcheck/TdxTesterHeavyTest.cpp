@@ -1,4 +1,4 @@
-// The rows of the self-check that take longest, and the whole run. Left out by the presets.
+// The rows of the self-check that take minutes, and the whole run. The test presets exclude them.
 
 #include "support/NoBlocks.h"
 #include "support/SelfCheckRows.h"
@@ -19,7 +19,7 @@ INSTANTIATE_TEST_SUITE_P(SelfCheck, TdxTesterHeavy,
                          ::testing::ValuesIn(SelfCheckRows::numbers(true)),
                          SelfCheckRows::testName);
 
-TEST(TdxTesterHeavyRun, AllRowsEndAtTheReleaseOfBlocks)
+TEST(TdxTesterHeavyRun, TheRunEndsAtTheReleaseOfBlocks)
 {
     const SampleFolder folder;
     TdxTester tester;
@@ -31,12 +31,12 @@ TEST(TdxTesterHeavyRun, AllRowsEndAtTheReleaseOfBlocks)
     EXPECT_EQ(messages.count(QStringLiteral("Run 0/1")), 0);
     EXPECT_EQ(messages.debugLines().filter(QStringLiteral("Ran In ")).size(), 17);
     EXPECT_TRUE(messages.contains(QStringLiteral("[ OK ] Passed Datablock Data Stress Test")));
-    // Switched on by one check, and never off: the image check's lines show.
+    // One check switches the log on and never off, so the lines of the image check show.
     EXPECT_FALSE(
         messages.debugLines().filter(QStringLiteral("[ LOG ] /Earth.png Count at")).isEmpty());
 }
 
-TEST(TdxTesterHeavyRun, TheReleaseOfBlocksPassesWhereNoBlockIsLeft)
+TEST(TdxTesterHeavyRun, TheReleaseOfBlocksPassesWhenNoBlockIsLeft)
 {
     const SampleFolder folder(0);
     TdxTester tester;

@@ -1,4 +1,4 @@
-// What the image checks say when their data are not as they must be, and what they leave.
+// The messages of the image checks when their data is wrong, and the files that they leave.
 
 #include "selfcheck/TdxTester.h"
 
@@ -33,7 +33,7 @@ void expectNothingLeft(const SampleFolder& folder)
     EXPECT_EQ(folder.leftInRoots().join(' ').toStdString(), "");
 }
 
-// Qt's global pool with one thread, for the length of a scope.
+// Gives Qt's global pool a single thread during a scope.
 class OneThread
 {
 public:
@@ -71,7 +71,7 @@ TEST(TdxTesterImages, MissingImagesAreNamed)
     expectNothingLeft(folder);
 }
 
-TEST(TdxTesterImages, ImagesThatAreNoOneBlockAreTold)
+TEST(TdxTesterImages, ImagesOfMoreThanOneBlockAreReported)
 {
     const SampleFolder folder(SampleData::Images);
     const QString uniform = folder.path(QStringLiteral("/TestImages/Uniform.png"));
@@ -105,7 +105,7 @@ TEST(TdxTesterImages, CountsAreReportedForEachTileSize)
     Logging tester;
     const MessageCapture messages;
     EXPECT_TRUE(tester.testDataBlockManagerImagesMultiThreaded());
-    // 33 distinct tiles of 262144 bytes and 64 places of 32 bytes, of 16 MiB.
+    // 33 distinct tiles of 262144 bytes and 64 references of 32 bytes, out of 16 MiB.
     EXPECT_TRUE(messages.contains(
         QStringLiteral("[ LOG ] /Earth.png Count at 256x256 = 33 down from 64 51.57%")));
     EXPECT_TRUE(messages.contains(
@@ -172,7 +172,7 @@ TEST(TdxTesterImages, ATallImageLosesItsLowerPart)
     expectNothingLeft(folder);
 }
 
-TEST(TdxTesterImages, HashesOfTheHostsFailTheTextureChecks)
+TEST(TdxTesterImages, HashesThatTheHostKeepsFailTheTextureChecks)
 {
     const SampleFolder folder(SampleData::Textures | SampleData::Tiles);
     const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(QByteArray("x"));
@@ -186,7 +186,7 @@ TEST(TdxTesterImages, HashesOfTheHostsFailTheTextureChecks)
     EXPECT_EQ(lastOf(messages), "Hash Manager has hashes before testing");
 }
 
-TEST(TdxTesterImages, CompositingWritesBesideTheFolder)
+TEST(TdxTesterImages, CompositingWritesNextToTheFolder)
 {
     const SampleFolder folder(SampleData::Textures);
     TdxTester tester;
@@ -206,7 +206,7 @@ TEST(TdxTesterImages, CompositingWritesBesideTheFolder)
     EXPECT_FALSE(messages.debugLines().filter(QStringLiteral("        Made Records ")).isEmpty());
     EXPECT_FALSE(messages.debugLines().filter(QStringLiteral("        Made Comp Jobs ")).isEmpty());
     EXPECT_TRUE(messages.contains(QStringLiteral("Setup complete")));
-    // Half-way to red, pixel by pixel.
+    // Each pixel is half-way to red.
     const QImage before(folder.path(QStringLiteral("/TextureTest/bark.tif")));
     const QImage after(folder.path(QStringLiteral("/outbark.tif")));
     ASSERT_EQ(after.size(), before.size());
@@ -230,7 +230,7 @@ TEST(TdxTesterImages, OneThreadInThePoolIsEnough)
     EXPECT_TRUE(tester.testProcessImage(1));
 }
 
-TEST(TdxTesterImages, PreloadingPassesWhereNoBlockIsLeft)
+TEST(TdxTesterImages, PreloadingPassesWhenNoBlockIsLeft)
 {
     const SampleFolder folder(SampleData::Images);
     TdxTester tester;
@@ -241,12 +241,12 @@ TEST(TdxTesterImages, PreloadingPassesWhereNoBlockIsLeft)
     EXPECT_TRUE(messages.contains(QStringLiteral("Created 33 Tiles")));
     EXPECT_TRUE(messages.contains(QStringLiteral("Preloaded 33 Tiles")));
     EXPECT_EQ(messages.debugLines().filter(QStringLiteral("Pre Loaded 33 tiles in ")).size(), 1);
-    // The words of another check.
+    // The last line is that of another check.
     EXPECT_EQ(lastOf(messages), "[ OK ] Passed Image Process Tests");
     expectNothingLeft(folder);
 }
 
-TEST(TdxTesterImages, TilesHashApartWhereNoBlockIsLeft)
+TEST(TdxTesterImages, TilesHashApartWhenNoBlockIsLeft)
 {
     const SampleFolder folder(SampleData::Tiles);
     TdxTester tester;

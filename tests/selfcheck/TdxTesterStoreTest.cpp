@@ -1,4 +1,4 @@
-// What the store checks say when something is not as it must be, and their workers by themselves.
+// The messages of the store checks when they fail, and their workers on their own.
 
 #include "selfcheck/TdxTester.h"
 
@@ -38,7 +38,7 @@ std::string lastOf(const MessageCapture& messages)
 
 } // namespace
 
-TEST(TdxTesterStore, AMissingCorpusIsTold)
+TEST(TdxTesterStore, AMissingCorpusIsReported)
 {
     const SampleFolder folder(0);
     TdxTester tester;
@@ -63,7 +63,7 @@ TEST(TdxTesterStore, EveryLevelOfCompressionIsMeasured)
     }
 }
 
-TEST(TdxTesterStore, ThreeSizesOfHashAreTold)
+TEST(TdxTesterStore, ThreeSizesOfHashArePrinted)
 {
     TdxTester tester;
     const MessageCapture messages;
@@ -76,7 +76,7 @@ TEST(TdxTesterStore, ThreeSizesOfHashAreTold)
     EXPECT_EQ(found, 3);
 }
 
-TEST(TdxTesterStore, TheRegistryIsToldStepByStepWithTheLogOn)
+TEST(TdxTesterStore, TheLogFollowsTheRegistryStepByStep)
 {
     const SampleFolder folder(0);
     Logging tester;
@@ -88,7 +88,7 @@ TEST(TdxTesterStore, TheRegistryIsToldStepByStepWithTheLogOn)
     EXPECT_TRUE(messages.contains(QStringLiteral("==== ZebTdx Hash Stats ====")));
 }
 
-TEST(TdxTesterStore, TheRegistrysFiguresStayAwayWithTheLogOff)
+TEST(TdxTesterStore, WithTheLogOffTheRegistryPrintsNoFigures)
 {
     const SampleFolder folder(0);
     TdxTester tester;
@@ -98,7 +98,7 @@ TEST(TdxTesterStore, TheRegistrysFiguresStayAwayWithTheLogOff)
     EXPECT_TRUE(messages.debugLines().filter(QStringLiteral("LOG")).isEmpty());
 }
 
-TEST(TdxTesterStore, HashesOfTheHostsAreFound)
+TEST(TdxTesterStore, HashesThatTheHostKeepsFailTheChecks)
 {
     const SampleFolder folder(0);
     const ZebSmartPointer<ZebDataHash> left = ZebHashManager::instance().getHash(QByteArray("x"));
@@ -119,7 +119,7 @@ TEST(TdxTesterStore, HashesOfTheHostsAreFound)
     EXPECT_FALSE(ZebDataBlockManager::instance().isInitialized());
 }
 
-TEST(TdxTesterStore, TheSingleThreadCheckWantsTheConstantCount)
+TEST(TdxTesterStore, TheSingleThreadCheckRequiresTheConstantCount)
 {
     const SampleFolder folder(0);
     TdxTester tester;
@@ -142,19 +142,19 @@ TEST(TdxTesterStore, TheChecksOfFilesNeedOneThreadOnly)
     pool->setMaxThreadCount(before);
 }
 
-TEST(ZebByteChain, IsTheSameEverywhereAndDiffersBySeed)
+TEST(ZebByteChain, IsTheSameOnEveryMachineAndDiffersBySeed)
 {
-    // 0 * 214013 + 2531011 is 0x269EC3, of which 0x26 are the low bits from bit 16 on.
+    // 0 * 214013 + 2531011 is 0x269EC3, whose bits from bit 16 on are 0x26.
     ZebByteChain chain(0);
     EXPECT_EQ(chain.next(), 0x26U);
     EXPECT_EQ(ZebByteChain(0).nextByte(), 0x26);
-    QSet<QByteArray> contents;
+    QSet<QByteArray> distinct;
     for (quint32 seed = 0; seed < 11000; ++seed)
-        contents.insert(ZebByteChain::bytes(seed, 64));
-    EXPECT_EQ(contents.size(), 11000);
+        distinct.insert(ZebByteChain::bytes(seed, 64));
+    EXPECT_EQ(distinct.size(), 11000);
 }
 
-TEST(ZebLiveReferences, ACreatorMakes255Contents)
+TEST(ZebLiveReferences, ACreatorAdds255DistinctBlocks)
 {
     const TemporaryStore store;
     ZebLiveReferences::resetCounters();
@@ -187,8 +187,8 @@ TEST(ZebLiveReferences, WorkersOnAnEmptyMapDoNothing)
     EXPECT_EQ(ZebLiveReferences::bytesProcessed(), 0);
 }
 
-// Behind the comparisons that never hold, so no check gets there.
-TEST(ZebThreadedIo, BlocksAreReadAgainAmongNewOnes)
+// No check gets this far, because the comparisons before it never hold.
+TEST(ZebThreadedIo, ReadsEvictedBlocksWhileNewBlocksAreAdded)
 {
     TemporaryStore::Options options;
     options.m_Roots = 2;

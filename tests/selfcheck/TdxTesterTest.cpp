@@ -19,7 +19,7 @@
 
 namespace {
 
-// What a derived class sees.
+// A derived class has access to the protected members.
 class OpenTester : public TdxTester
 {
 public:
@@ -52,7 +52,7 @@ std::string withoutTimes(const QStringList& lines)
 
 } // namespace
 
-TEST(TdxTester, TheFoldersFollowFromTheDataFolderAndNothingIsMade)
+TEST(TdxTester, TheFoldersFollowFromTheDataFolderAndNoneIsCreated)
 {
     const QTemporaryDir top;
     const QString folder = top.path() + QStringLiteral("/data");
@@ -65,7 +65,7 @@ TEST(TdxTester, TheFoldersFollowFromTheDataFolderAndNothingIsMade)
     EXPECT_FALSE(QDir(folder).exists());
 }
 
-TEST(TdxTester, AssignmentLeavesAllAsItIs)
+TEST(TdxTester, AssignmentChangesNothing)
 {
     OpenTester first;
     OpenTester second;
@@ -98,7 +98,7 @@ TEST(TdxTester, TheLogIsSilentUntilItIsSwitchedOn)
     EXPECT_FALSE(messages.messages().first().m_HasContext);
 }
 
-TEST(TdxTester, ALineOfTheLogIsCutAtItsBuffer)
+TEST(TdxTester, ALogLineIsTruncatedToTheBuffer)
 {
     const OpenTester tester;
     OpenTester::setLogging(true);
@@ -115,7 +115,7 @@ TEST(TdxTester, ALineOfTheLogIsCutAtItsBuffer)
     EXPECT_EQ(lengths, (std::vector<int>{2046, 2047, 2047, 2047}));
 }
 
-TEST(TdxTesterRun, NoRunsCheckNothingAndPass)
+TEST(TdxTesterRun, WithoutRunsNothingIsCheckedAndTheResultIsTrue)
 {
     OpenTester tester;
     OpenTester::setLogging(true);
@@ -129,9 +129,9 @@ TEST(TdxTesterRun, NoRunsCheckNothingAndPass)
     EXPECT_EQ(withoutTimes(messages.debugLines()), text(once + once));
 }
 
-TEST(TdxTesterRun, EachRowRunsAsOftenAsAskedBeforeTheNext)
+TEST(TdxTesterRun, EachRowRunsTheGivenNumberOfTimesBeforeTheNext)
 {
-    // Its first use has lines of its own.
+    // The first use of the store logs lines of its own.
     ZebDataBlockManager::instance();
     TdxTester tester;
     const MessageCapture messages;
@@ -151,7 +151,7 @@ TEST(TdxTesterRun, EachRowRunsAsOftenAsAskedBeforeTheNext)
     EXPECT_EQ(withoutTimes(messages.debugLines()), text(expected));
 }
 
-TEST(TdxTesterRun, TheFirstFailureEndsTheRunAndIsNamed)
+TEST(TdxTesterRun, TheFirstFailureEndsTheRunAndPrintsTheName)
 {
     TdxTester tester;
     const MessageCapture messages;
@@ -263,7 +263,7 @@ TEST(TdxTesterFinal, AHashThatIsLeftFails)
     EXPECT_EQ(messages.debugLines(), QStringList{QStringLiteral("Hashes Left Over 1")});
 }
 
-TEST(TdxTesterFinal, TheBlockCountFailsWhereItCannotBeKnown)
+TEST(TdxTesterFinal, TheBlockCountFailsBecauseBlocksAreNotCounted)
 {
     TdxTester tester;
     const MessageCapture messages;
@@ -274,7 +274,7 @@ TEST(TdxTesterFinal, TheBlockCountFailsWhereItCannotBeKnown)
 TEST(TdxTesterFinal, NothingLeftPasses)
 {
     TdxTester tester;
-    // Both say something of their own when they are built.
+    // Both log lines of their own on construction.
     ZebHashManager::instance();
     ZebDataBlockManager::instance();
     const MessageCapture messages;

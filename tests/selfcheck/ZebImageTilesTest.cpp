@@ -41,7 +41,7 @@ TEST(ZebImageTiles, AWideImageGetsBlankTilesBelowIt)
     const QImage image = SampleData::noise(1, QSize(256, 128));
     const ZebImageTiles::Map tiles = ZebImageTiles::dice(image, 64);
     ASSERT_EQ(tiles.size(), 16);
-    // Columns first, each as high as the image is wide.
+    // Column by column, each as high as the image is wide.
     EXPECT_EQ(tiles.at(0).first, QRect(0, 0, 64, 64));
     EXPECT_EQ(tiles.at(1).first, QRect(0, 64, 64, 64));
     EXPECT_EQ(tiles.at(3).first, QRect(0, 192, 64, 64));
@@ -67,10 +67,10 @@ TEST(ZebImageTiles, AUniformImageIsOneBlockAtAnyTileSize)
     }
 }
 
-TEST(ZebImageTiles, TilesComeTogetherAgain)
+TEST(ZebImageTiles, TilesAssembleToTheSameImage)
 {
     const TemporaryStore store;
-    // No multiple of the tile size, and with half transparent pixels.
+    // Not a multiple of the tile size, with semi-transparent pixels.
     QImage image = SampleData::noise(2, QSize(100, 90)).convertToFormat(QImage::Format_ARGB32);
     for (int x = 0; x < 100; ++x)
         image.setPixel(x, 40, qRgba(200, 100, 50, x));
@@ -78,7 +78,7 @@ TEST(ZebImageTiles, TilesComeTogetherAgain)
     EXPECT_EQ(ZebImageTiles::assemble(tiles, image.size(), image.format()), image);
 }
 
-TEST(ZebImageTiles, ATallImageLosesWhatLiesBelowItsWidth)
+TEST(ZebImageTiles, ATallImageLosesItsRowsBelowItsWidth)
 {
     const TemporaryStore store;
     const QImage image = SampleData::noise(2, QSize(64, 128));
@@ -102,9 +102,9 @@ TEST(ZebImageTiles, ABlockThatIsTooShortIsNotDrawn)
     EXPECT_EQ(image, before);
 }
 
-// With a size that is no multiple of three, the last step would leave the block; the sanitized
-// build would see it.
-TEST(ZebImageTiles, InversionTurnsEveryByteAndStaysInTheBlock)
+// With a size that is not a multiple of three, a full last step would write past the end of the
+// block, which the sanitizers detect.
+TEST(ZebImageTiles, InversionInvertsEveryByteAndStaysInTheBlock)
 {
     const TemporaryStore store;
     for (const int size : {1, 2, 3, 4, 5, 64, 65}) {
@@ -136,7 +136,7 @@ TEST(ZebRedBlock, IsOpaqueRedAndAsLargeAsItsSource)
     EXPECT_FALSE(red.hasHashJob());
 }
 
-TEST(ZebRedBlock, LeavesBytesBehindTheLastWholePixel)
+TEST(ZebRedBlock, LeavesTheBytesAfterTheLastWholePixel)
 {
     const TemporaryStore store;
     const std::string bytes = bytesOf(deferred(new ZebRedBlock(add(QByteArray(6, 'x')))));
@@ -183,6 +183,6 @@ TEST(ZebOverCompJobTest, AChainOfDeferredBlocksNeedsOneThreadOnly)
     }
     const std::string bytes = bytesOf(last);
     pool->setMaxThreadCount(before);
-    // Blue and green have gone to nothing, red comes as near as rounding down allows.
+    // Blue and green are 0; red is as near as rounding down allows.
     EXPECT_EQ(bytes.substr(0, 4), std::string("\0\0\xFE\x08", 4));
 }

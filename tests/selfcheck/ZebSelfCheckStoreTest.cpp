@@ -56,7 +56,7 @@ TEST(ZebSelfCheckStore, TheRootsAreNumberedFromOne)
     EXPECT_TRUE(ZebSelfCheckStore::rootsIn(QStringLiteral("data"), 0).isEmpty());
 }
 
-TEST(ZebSelfCheckStore, ClearingRemovesAllBelowAndTellsEachFolder)
+TEST(ZebSelfCheckStore, ClearingRemovesEverythingBelowAndLogsEachFolder)
 {
     const QTemporaryDir top;
     const QString root = top.path() + QStringLiteral("/root");
@@ -77,7 +77,7 @@ TEST(ZebSelfCheckStore, ClearingRemovesAllBelowAndTellsEachFolder)
     EXPECT_EQ(messages.debugLines().join('\n').toStdString(), expected.join('\n').toStdString());
 }
 
-TEST(ZebSelfCheckStore, ClearingFollowsNoLink)
+TEST(ZebSelfCheckStore, ClearingFollowsNoLinks)
 {
     const QTemporaryDir top;
     const QString root = top.path() + QStringLiteral("/root");
@@ -91,13 +91,13 @@ TEST(ZebSelfCheckStore, ClearingFollowsNoLink)
     EXPECT_TRUE(QFile::exists(outside + QStringLiteral("/kept")));
 }
 
-TEST(ZebSelfCheckStore, WhatCannotBeRemovedIsToldAndTheWorkGoesOn)
+TEST(ZebSelfCheckStore, ClearingReportsWhatItCannotRemoveAndContinues)
 {
     const QTemporaryDir top;
     const QString sub = top.path() + QStringLiteral("/sub");
     ASSERT_TRUE(QDir().mkpath(sub));
     writeFile(sub + QStringLiteral("/other"));
-    // A name that Qt cannot spell, and so does not see.
+    // Qt cannot decode this name, so it does not list the file.
     const std::string path = sub.toStdString() + "/\xFF";
     FILE* const file = std::fopen(path.c_str(), "w");
     ASSERT_NE(file, nullptr);
@@ -142,7 +142,7 @@ TEST(ZebSelfCheckStore, TheStoreIsSetUpAndCleanedUpOnce)
         EXPECT_TRUE(QFile::exists(roots.last() + QStringLiteral("/file")));
         store.close();
         EXPECT_TRUE(entriesOf(roots.last()).isEmpty());
-        // From here on, the store may be another's.
+        // After close(), the store may have another owner.
         manager.setup(roots, 1 << 20, 7, 0);
     }
     EXPECT_TRUE(manager.isInitialized());

@@ -2,8 +2,8 @@
 
 #include "selfcheck/ZebSelfCheck.h"
 
-/// Lets the checks believe that no block exists, for the length of a scope, so that they go on
-/// behind the comparisons that never hold.
+/// Makes the checks see a block count of 0 during a scope, so that they continue after the
+/// comparisons that never hold.
 class NoBlocks
 {
 public:
