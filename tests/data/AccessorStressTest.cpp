@@ -3,7 +3,8 @@
 
 #include "data/ZebDataReference.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
+#include "support/Manager.h"
+#include "support/RunTogether.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
 
@@ -14,7 +15,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -25,26 +25,21 @@ namespace {
 
 constexpr int s_Threads = 4;
 constexpr int s_Slots = 8;
-constexpr int s_SharedContents = 16;
+constexpr int s_SharedBlobs = 16;
 
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
-
-// The bytes of content number `number`: of 1 byte up to about 20 KiB, with the number inside.
-QByteArray contentOf(quint32 number)
+// Blob number `number`, of 1 byte to about 20 KiB, with the number at its end.
+QByteArray blobOf(quint32 number)
 {
     std::minstd_rand random(number + 1);
     const int size = 1 + static_cast<int>(random() % 20000);
     QByteArray bytes(size, '\0');
     for (int i = 0; i < size; i += 61)
         bytes[i] = static_cast<char>(random() >> 8);
-    // Contents of one size still differ.
+    // So blobs of one size differ, too.
     return bytes + QByteArray::number(number);
 }
 
-// What must be as before once everything has been dropped.
+// The counts that must be as before after everything has been dropped.
 struct Counts
 {
     qint64 m_LiveBytes = manager().liveBytes();
@@ -88,7 +83,7 @@ struct Slot
 class Exchange
 {
 public:
-    /// Leaves a copy of `slot` in a random place and gives what was there.
+    /// Stores a copy of `slot` in a random place and returns what was there.
     Slot swap(const Slot& slot, quint32 random)
     {
         const QMutexLocker locker(&m_Mutex);
@@ -124,7 +119,7 @@ public:
             check(opened);
     }
 
-    /// What went wrong first, empty when nothing did.
+    /// The first error, empty if there was none.
     const std::string& error() const { return m_Error; }
 
 private:
@@ -169,10 +164,10 @@ private:
 
     void add()
     {
-        // Half of the blocks are the same for all threads, the others are nobody else's.
+        // Half of the blocks are common to all threads, the others belong to one thread.
         const bool own = random() % 2 == 0;
-        const quint32 number = own ? (m_Seed << 20) + ++m_OwnBlocks : random() % s_SharedContents;
-        const auto bytes = std::make_shared<const QByteArray>(contentOf(number));
+        const quint32 number = own ? (m_Seed << 20) + ++m_OwnBlocks : random() % s_SharedBlobs;
+        const auto bytes = std::make_shared<const QByteArray>(blobOf(number));
         Slot& slot = anySlot();
         slot.m_Bytes = bytes;
         switch (random() % 5) {
@@ -251,26 +246,9 @@ private:
     std::string m_Error;
 };
 
-// Runs `work` with the numbers 0 to `count` less one on a thread each, all starting at once.
-void runTogether(int count, const std::function<void(int)>& work)
-{
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back([&, i] {
-            ready.fetch_add(1);
-            while (ready.load() < count)
-                std::this_thread::yield();
-            work(i);
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
 } // namespace
 
-TEST(AccessorStress, RandomWalksLeaveNothingBehind)
+TEST(AccessorStress, RandomWalksRestoreAllCounts)
 {
     const TemporaryStore store;
     const Counts before;
@@ -285,7 +263,7 @@ TEST(AccessorStress, RandomWalksLeaveNothingBehind)
     expectCounts(before);
 }
 
-TEST(AccessorStress, OneBlockIsOpenedAndClosedByAll)
+TEST(AccessorStress, AllThreadsOpenAndCloseOneBlock)
 {
     const TemporaryStore store;
     const Counts before;
@@ -311,14 +289,14 @@ TEST(AccessorStress, OneBlockIsOpenedAndClosedByAll)
     expectCounts(before);
 }
 
-TEST(AccessorStress, LastReleaseMeetsTheNextAdmissionOfTheSameBytes)
+TEST(AccessorStress, LastReleaseRacesWithAdmissionOfTheSameBytes)
 {
     const TemporaryStore store;
     const Counts before;
     std::atomic<int> wrong{0};
     runTogether(s_Threads, [&](int thread) {
         for (int round = 0; round < 3000; ++round) {
-            // All threads add, read and drop the same few contents at about the same time.
+            // All threads add, read and drop the same few blobs at about the same time.
             const QByteArray bytes = "contended " + QByteArray::number(round % 3);
             const bool immediate = (round + thread) % 2 == 0;
             const ZebDataReference reference =
@@ -342,8 +320,7 @@ TEST(AccessorStress, CopiesOfPendingReferencesResolveEverywhere)
     for (int round = 0; round < 150; ++round) {
         std::vector<ZebDataReference> references;
         for (int i = 0; i < 4; ++i) {
-            references.push_back(
-                manager().addBlock(contentOf(static_cast<quint32>(round * 4 + i))));
+            references.push_back(manager().addBlock(blobOf(static_cast<quint32>(round * 4 + i))));
         }
         std::vector<std::vector<ZebDataReference>> copies(s_Threads, references);
         references.clear();
@@ -352,11 +329,11 @@ TEST(AccessorStress, CopiesOfPendingReferencesResolveEverywhere)
             for (int i = 0; i < 4; ++i) {
                 const ZebDataReference& reference = mine[static_cast<size_t>((i + thread) % 4)];
                 const int number = round * 4 + (i + thread) % 4;
-                // Every other one is dropped as it is, pending.
+                // Every other reference is dropped while it is pending.
                 if ((i + thread + round) % 2 == 0 && !reference.isInMemory())
                     wrong.fetch_add(1);
-                if ((i + round) % 3 == 0 && reference.constAccessor().size() !=
-                                                contentOf(static_cast<quint32>(number)).size())
+                if ((i + round) % 3 == 0 &&
+                    reference.constAccessor().size() != blobOf(static_cast<quint32>(number)).size())
                     wrong.fetch_add(1);
             }
             mine.clear();

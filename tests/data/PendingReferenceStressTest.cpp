@@ -1,9 +1,10 @@
-// Very many pending references that several threads make, copy, resolve and drop, in every order.
+// Many pending references, which several threads make, copy, resolve and drop in random order.
 // Each test is bounded by a number of references and ends with every count back where it was.
 
 #include "data/ZebDataReference.h"
 #include "data/ZebHashingJob.h"
-#include "manager/ZebDataBlockManager.h"
+#include "support/Manager.h"
+#include "support/RunTogether.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
 #include "support/WaitUntil.h"
@@ -15,7 +16,6 @@
 
 #include <array>
 #include <atomic>
-#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -29,19 +29,14 @@ constexpr int s_ReferencesInAll = 100000;
 constexpr int s_Slots = 16;
 constexpr int s_Block = 64;
 
-// How many contents all threads have in common. Few, so that a content often ends on one thread
+// How many blobs all threads have in common. Few, so that a block is often released by one thread
 // while another adds it.
 constexpr quint32 s_Shared = 24;
 
-// Each block with a content of its own leaves a file, so only one in so many has one.
+// Each distinct block leaves a file, so only one in so many blocks is distinct.
 constexpr quint32 s_OwnInterval = 40;
 
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
-
-// What must be as before once everything has been dropped.
+// The counts that must be as before after everything has been dropped.
 std::array<qint64, 8> counts()
 {
     return {manager().liveBytes(),
@@ -54,11 +49,11 @@ std::array<qint64, 8> counts()
             ZebHashingJob::liveHashJobCount() + ZebHashingJob::unfinishedHashJobCount()};
 }
 
-// A reference and the content that it must lead to.
+// A reference and the blob that it must lead to.
 struct Slot
 {
     ZebDataReference m_Reference;
-    quint32 m_Content = 0;
+    quint32 m_Blob = 0;
 };
 
 // Slots that threads hand to each other, pending or not.
@@ -70,7 +65,7 @@ public:
         const QMutexLocker locker(&m_Mutex);
         Slot& place = m_Slots[random % s_Slots];
         place.m_Reference.swap(slot->m_Reference);
-        std::swap(place.m_Content, slot->m_Content);
+        std::swap(place.m_Blob, slot->m_Blob);
     }
 
 private:
@@ -86,7 +81,7 @@ public:
         : m_Random(number + 1), m_Number(number), m_Exchange(exchange)
     {}
 
-    // Makes that many references, and some steps of other kinds beside each.
+    // Makes that many references, and after each some steps of other kinds.
     void walk(int references)
     {
         for (int i = 0; i < references && m_Error.empty(); ++i) {
@@ -96,7 +91,7 @@ public:
         }
     }
 
-    // What went wrong first, empty when nothing did.
+    // The first error, empty if there was none.
     const std::string& error() const { return m_Error; }
 
 private:
@@ -108,9 +103,9 @@ private:
         // The old reference of the slot is dropped here, pending or not.
         Slot& slot = anySlot();
         const bool own = random() % s_OwnInterval == 0;
-        slot.m_Content = own ? (m_Number + 1) * s_ReferencesInAll + ++m_Own : random() % s_Shared;
+        slot.m_Blob = own ? (m_Number + 1) * s_ReferencesInAll + ++m_Own : random() % s_Shared;
         slot.m_Reference =
-            manager().addBlock(testBytes(s_Block, slot.m_Content), ZebModifyAccessor::Cached);
+            manager().addBlock(testBytes(s_Block, slot.m_Blob), ZebModifyAccessor::Cached);
         if (!slot.m_Reference.hasHashJob())
             m_Error = "a new reference is not pending";
     }
@@ -152,12 +147,11 @@ private:
     void read()
     {
         const Slot& slot = anySlot();
-        if (!slot.m_Reference.isNull() &&
-            !holdsTestBytes(slot.m_Reference, s_Block, slot.m_Content))
+        if (!slot.m_Reference.isNull() && !holdsTestBytes(slot.m_Reference, s_Block, slot.m_Blob))
             m_Error = "a block shows other bytes";
     }
 
-    // Two copies of one pending reference resolve apart and become equal.
+    // Two copies of one pending reference resolve separately and become equal.
     void compare()
     {
         const Slot& slot = anySlot();
@@ -178,55 +172,38 @@ private:
     std::string m_Error;
 };
 
-// Runs `work` with the numbers from 0 on, a thread each, all starting at once.
-void runTogether(const std::function<void(int)>& work)
-{
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < s_Threads; ++i) {
-        threads.emplace_back([&, i] {
-            ready.fetch_add(1);
-            while (ready.load() < s_Threads)
-                std::this_thread::yield();
-            work(i);
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
 } // namespace
 
-TEST(PendingReferenceStress, HundredThousandOnRandomWaysLeaveNothingBehind)
+TEST(PendingReferenceStress, HundredThousandRandomStepsRestoreAllCounts)
 {
     const TemporaryStore store;
     const auto before = counts();
     {
         Exchange exchange;
-        runTogether([&](int i) {
+        runTogether(s_Threads, [&](int i) {
             Walker walker(static_cast<quint32>(i), &exchange);
             walker.walk(s_ReferencesInAll / s_Threads);
             EXPECT_EQ(walker.error(), "") << "thread " << i;
         });
     }
-    // Whoever drops a pending reference waits for its job, so no task is left; only a writer may
-    // hold a hash for a little longer.
+    // Dropping a pending reference waits for its job, so no task is left. A writer may still hold a
+    // hash.
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), before[5]);
     manager().flush();
     waitUntil([&] { return counts() == before; });
     EXPECT_EQ(counts(), before);
 }
 
-TEST(PendingReferenceStress, DroppedUnresolvedByTheThreadThatMadeThem)
+TEST(PendingReferenceStress, DroppedUnresolvedByTheirThread)
 {
     constexpr int perThread = 10000;
     const TemporaryStore store;
     const auto before = counts();
-    runTogether([&](int thread) {
+    runTogether(s_Threads, [&](int thread) {
         for (int i = 0; i < perThread; ++i) {
-            // Two threads at a time add the same content.
-            const auto content = static_cast<quint32>(thread / 2 * 8 + i % 8);
-            manager().addBlock(testBytes(s_Block, content));
+            // Two threads at a time add the same blob.
+            const auto blob = static_cast<quint32>(thread / 2 * 8 + i % 8);
+            manager().addBlock(testBytes(s_Block, blob));
         }
     });
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), before[5]);
@@ -244,12 +221,12 @@ TEST(PendingReferenceStress, MadeInABatchAndResolvedByAnotherThread)
     std::atomic<int> wrong{0};
     for (int round = 0; round < rounds; ++round) {
         std::vector<std::vector<ZebDataReference>> batches(s_Threads);
-        runTogether([&](int thread) {
+        runTogether(s_Threads, [&](int thread) {
             for (int i = 0; i < perBatch; ++i)
                 batches[static_cast<std::size_t>(thread)].push_back(
                     manager().addBlock(testBytes(s_Block, static_cast<quint32>(i))));
         });
-        runTogether([&](int thread) {
+        runTogether(s_Threads, [&](int thread) {
             auto& theirs = batches[static_cast<std::size_t>((thread + 1) % s_Threads)];
             for (int i = 0; i < perBatch; ++i) {
                 if (!holdsTestBytes(theirs[static_cast<std::size_t>(i)], s_Block,
@@ -257,7 +234,7 @@ TEST(PendingReferenceStress, MadeInABatchAndResolvedByAnotherThread)
                     ++wrong;
             }
         });
-        // Equal bytes are one block, however many jobs brought them.
+        // Equal bytes are one block, however many jobs added them.
         for (const auto& batch : batches)
             wrong += batch == batches.front() ? 0 : 1;
         EXPECT_EQ(manager().managedBlocks(), perBatch);

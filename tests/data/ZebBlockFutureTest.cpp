@@ -4,7 +4,8 @@
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/Fatal.h"
-#include "support/PrivateAccess.h"
+#include "support/FutureInside.h"
+#include "support/RunTogether.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
 
@@ -18,20 +19,18 @@
 #include <utility>
 #include <vector>
 
-ZEBTDX_ACCESS(AliveCounter, ZebBlockFuture, QAtomicInt*, m_NumHashJobs)
-
 namespace {
 
 constexpr int s_DeadlineMs = 20000;
 
-// What became of a GivenFuture, for who outlives it.
+// What happened to a GivenFuture, which the record outlives.
 struct Record
 {
     std::atomic<int> m_DataCalls{0};
     std::atomic<int> m_Destroyed{0};
 };
 
-// A host's own future: yields the reference that it was given.
+// A host's own future: yields the reference of its constructor.
 class GivenFuture : public ZebBlockFuture
 {
 public:
@@ -57,7 +56,7 @@ private:
     ZebDataReference m_Reference;
 };
 
-// A host's own future whose work ends when the test says so.
+// A host's own future whose work ends when the test opens the gate.
 class HeldFuture : public ZebBlockFuture
 {
 public:
@@ -70,7 +69,7 @@ public:
     {
         m_Record->m_DataCalls.fetch_add(1);
         if (!m_Gate->tryAcquire(1, s_DeadlineMs))
-            ADD_FAILURE() << "nobody has opened the gate";
+            ADD_FAILURE() << "the gate stayed shut";
         return m_Reference;
     }
 
@@ -105,7 +104,7 @@ TEST(ZebBlockFuture, IsAnAbstractBaseForHosts)
     EXPECT_EQ(record.m_DataCalls.load(), 1);
 }
 
-TEST(ZebBlockFuture, ANewOneIsAliveAndHeldByNobody)
+TEST(ZebBlockFuture, ANewFutureIsAliveAndHasNoHolder)
 {
     const int alive = ZebBlockFuture::numHashJobs();
     Record record;
@@ -148,7 +147,7 @@ TEST(ZebBlockFuture, ReferencesHoldIt)
     EXPECT_EQ(future->refCount(), 1);
 }
 
-TEST(ZebBlockFuture, HoldersAreCountedWhateverTheArgument)
+TEST(ZebBlockFuture, HoldersAreCountedForAnyArgument)
 {
     Record record;
     GivenFuture future(&record);
@@ -193,12 +192,12 @@ TEST(ZebBlockFuture, CopyTakesTheCountOfHoldersAndIsNotCountedAsAlive)
             EXPECT_EQ(copy.refCount(), 2);
             EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + 1);
         }
-        // The end of the copy has counted down what its beginning never counted up.
+        // The copy's destructor lowered a count that its constructor had not raised.
         EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
         EXPECT_EQ(held->refCount(), 2);
     }
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive - 1);
-    privateMember(AliveCounter())->fetchAndAddOrdered(1);
+    FutureInside::aliveCount().fetchAndAddOrdered(1);
 }
 
 TEST(ZebBlockFuture, AssignmentTakesTheCountOfHoldersAndNothingElse)
@@ -227,31 +226,21 @@ TEST(ZebBlockFuture, IsDeletedOnceWhenManyThreadsDropIt)
 {
     Record record;
     for (int round = 0; round < 200; ++round) {
-        FuturePointer future(new GivenFuture(&record));
-        std::atomic<int> ready{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&ready, mine = ZebDataReference(future)]() mutable {
-                ready.fetch_add(1);
-                while (ready.load() < 5)
-                    std::this_thread::yield();
-                for (int copies = 0; copies < 20; ++copies) {
-                    const ZebDataReference copy(mine);
-                    ASSERT_TRUE(copy.hasHashJob());
-                }
-                mine = ZebDataReference();
-            });
-        }
-        future = FuturePointer();
-        ready.fetch_add(1);
-        for (std::thread& thread : threads)
-            thread.join();
+        std::vector<ZebDataReference> references(4, pending(new GivenFuture(&record)));
+        runTogether(4, [&references](int i) {
+            ZebDataReference& mine = references[static_cast<std::size_t>(i)];
+            for (int copies = 0; copies < 20; ++copies) {
+                const ZebDataReference copy(mine);
+                ASSERT_TRUE(copy.hasHashJob());
+            }
+            mine = ZebDataReference();
+        });
         ASSERT_EQ(record.m_Destroyed.load(), round + 1);
     }
     EXPECT_EQ(record.m_DataCalls.load(), 0);
 }
 
-// A host's future behind a reference
+// References on a host's future
 
 TEST(ZebBlockFuture, ReferenceResolvesToWhatAHostsFutureYields)
 {
@@ -329,7 +318,7 @@ TEST(ZebBlockFuture, ChainThatEndsInNullIsFatal)
         "Null Value for m_DataHash");
 }
 
-TEST(ZebBlockFuture, EveryOperationThatWaitsReportsANullYield)
+TEST(ZebBlockFuture, EveryWaitingOperationReportsANullYield)
 {
     const std::pair<const char*, void (*)(const ZebDataReference&)> operations[] = {
         {"hash",

@@ -3,43 +3,38 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
+#include "support/AccessorInside.h"
+#include "support/BlockInside.h"
+#include "support/BlockedThread.h"
 #include "support/Fatal.h"
-#include "support/PrivateAccess.h"
+#include "support/IsFree.h"
+#include "support/RegistryInside.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
-#include "support/ZebDataDeleteLocker.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
-ZEBTDX_ACCESS(AccessCount, ZebDataBlock, QAtomicInt ZebDataBlock::*, m_AccessCount)
-ZEBTDX_ACCESS(BlockMutex, ZebDataBlock, QMutex ZebDataBlock::*, m_Mutex)
-ZEBTDX_ACCESS(BlockField, ZebConstAccessor, ZebDataBlock* ZebConstAccessor::*, m_Block)
-ZEBTDX_ACCESS(ManagerLru, ZebDataBlockManager, ZebDataBlockLru ZebDataBlockManager::*, m_Lru)
-ZEBTDX_ACCESS(DeleteMutex, ZebDataBlockManager, ZebTdxMutex ZebDataBlockManager::*, m_DeleteMutex)
-ZEBTDX_ACCESS(RegistryMutex, ZebHashManager, QMutex ZebHashManager::*, m_Mutex)
+using AccessorInside::block;
+using BlockInside::accessCount;
 
 namespace {
 
 using HashPointer = ZebSmartPointer<ZebDataHash>;
 
-// Opens an accessor by hand.
+// Constructs an accessor directly, as only the library does.
 struct OpenAccessor : ZebConstAccessor
 {
     OpenAccessor(const HashPointer& hash, ZebDataBlock* block) : ZebConstAccessor(hash, block) {}
 };
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
 
 ZebDataReference resolved(const QByteArray& bytes)
 {
@@ -51,45 +46,15 @@ HashPointer interned(const QByteArray& bytes)
     return ZebHashManager::instance().getHash(bytes);
 }
 
-QAtomicInt& accessCount(ZebDataBlock& block)
+// Whether `work`, on another thread, waits for the delete lock while the calling thread holds it.
+bool waitsForTheDeleteLock(const std::function<void()>& work)
 {
-    return block.*privateMember(AccessCount());
-}
-
-ZebDataBlock* blockOf(const ZebConstAccessor& accessor)
-{
-    return accessor.*privateMember(BlockField());
-}
-
-// Runs `work` on a thread while the calling thread holds the delete lock, and tells whether it
-// waited for that lock.
-template <typename Work>
-bool waitsForTheDeleteLock(Work work)
-{
-    std::atomic<bool> begun{false};
-    std::atomic<bool> given{false};
-    std::atomic<bool> waited{false};
-    std::thread thread;
-    {
-        const ZebDataDeleteLocker deleteLocker;
-        thread = std::thread([&] {
-            begun.store(true);
-            work();
-            waited.store(given.load());
-        });
-        EXPECT_TRUE(waitUntil([&] { return begun.load(); }));
-        // Room to get past the lock, for an operation that does not take it.
-        for (int i = 0; i < 1000; ++i)
-            std::this_thread::yield();
-        given.store(true);
-    }
-    thread.join();
-    return waited.load();
+    return waitsForLock(StoreInside::deleteLock(), work);
 }
 
 } // namespace
 
-TEST(ZebConstAccessor, HostsGetOneFromAReferenceOnly)
+TEST(ZebConstAccessor, HostsGetAnAccessorFromAReferenceOnly)
 {
     static_assert(!std::is_polymorphic_v<ZebConstAccessor>);
     static_assert(!std::is_default_constructible_v<ZebConstAccessor>);
@@ -143,13 +108,13 @@ TEST(ZebConstAccessor, SecondAccessorShowsTheSameAddress)
 TEST(ZebConstAccessor, CountIsThatOfTheBlockAcrossReferences)
 {
     const TemporaryStore store;
-    const ZebDataReference a = resolved("one content");
-    const ZebDataReference b = manager().addBlock("one content");
+    const ZebDataReference a = resolved("some bytes");
+    const ZebDataReference b = manager().addBlock("some bytes");
     const ZebConstAccessor first = a.constAccessor();
     const ZebConstAccessor second = b.constAccessor();
     EXPECT_EQ(first.count(), 2);
     EXPECT_EQ(first.data(), second.data());
-    const ZebDataReference other = resolved("another content");
+    const ZebDataReference other = resolved("other bytes");
     EXPECT_EQ(other.constAccessor().count(), 1);
 }
 
@@ -170,7 +135,7 @@ TEST(ZebConstAccessor, EqualBuffersReleasedTwiceAreOneBlock)
 
 // The evictable set
 
-TEST(ZebConstAccessor, FirstTakesTheBlockOutOfTheEvictableOnesAndLastPutsItBack)
+TEST(ZebConstAccessor, FirstPinsTheBlockAndLastMakesItEvictable)
 {
     const TemporaryStore store;
     const ZebDataReference reference = resolved(QByteArray(100, 'e'));
@@ -192,10 +157,10 @@ TEST(ZebConstAccessor, FirstTakesTheBlockOutOfTheEvictableOnesAndLastPutsItBack)
     EXPECT_EQ(manager().liveBlocks(), evictable);
 }
 
-TEST(ZebConstAccessor, BlockComesBackAsTheNewest)
+TEST(ZebConstAccessor, UnpinnedBlockIsTheMostRecentlyUsed)
 {
     const TemporaryStore store;
-    ZebDataBlockLru& lru = manager().*privateMember(ManagerLru());
+    const ZebDataBlockLru& lru = StoreInside::lru();
     const ZebDataReference first = resolved("first");
     const ZebDataReference second = resolved("second");
     ASSERT_EQ(lru.oldest(), first.hashPtr().data());
@@ -240,7 +205,7 @@ TEST(ZebConstAccessor, FirstAndLastEnterTheManager)
         words);
 }
 
-TEST(ZebConstAccessor, DontCacheBlockNeverBecomesEvictable)
+TEST(ZebConstAccessor, UncachedBlockNeverBecomesEvictable)
 {
     const TemporaryStore store;
     const qint64 evictable = manager().liveBlocks();
@@ -254,7 +219,7 @@ TEST(ZebConstAccessor, DontCacheBlockNeverBecomesEvictable)
     EXPECT_EQ(reference.constAccessor().count(), 1);
 }
 
-TEST(ZebConstAccessor, LastOneTellsThatThereIsSomethingToFreeAgain)
+TEST(ZebConstAccessor, LastAccessorClearsTheAllFreeBlocksFlushedFlag)
 {
     const TemporaryStore store;
     const ZebDataReference reference = resolved("freed once more");
@@ -283,7 +248,7 @@ TEST(ZebConstAccessor, NullBlockWithAHashGivesANullAccessorThatKeepsTheHash)
     EXPECT_EQ(hash->refCount(), 1);
 }
 
-TEST(ZebConstAccessor, BlockThatCannotBeHadGivesANullAccessor)
+TEST(ZebConstAccessor, BlockThatCannotBeLoadedGivesANullAccessor)
 {
     const TemporaryStore store;
     const HashPointer hash = interned("no such block");
@@ -314,10 +279,10 @@ TEST(ZebConstAccessor, CopyOfANullAccessorIsFatal)
 
 // Copies and assignment
 
-TEST(ZebConstAccessor, CopyHoldsTheBlockOnceMore)
+TEST(ZebConstAccessor, CopyPinsTheBlockOnceMore)
 {
     const TemporaryStore store;
-    // Never written, so nobody else holds the hash for a while.
+    // Never written, so no write request holds the hash.
     const ZebDataReference reference =
         manager().addBlock("copied accessor", ZebModifyAccessor::DontCache);
     const ZebDataHash* const hash = reference.hashPtr().data();
@@ -337,7 +302,7 @@ TEST(ZebConstAccessor, AssignmentMovesNoCount)
 {
     const HashPointer hashA = interned("a");
     const HashPointer hashB = interned("b");
-    // Blocks that others hold as well, so that the wrong counts end nothing.
+    // The counts start above 0, so that the wrong counts delete nothing.
     ZebDataBlock blockA(16, 1);
     ZebDataBlock blockB(32, 2);
     accessCount(blockA).storeRelaxed(10);
@@ -355,7 +320,7 @@ TEST(ZebConstAccessor, AssignmentMovesNoCount)
         EXPECT_EQ(hashA->refCount(), 3);
         EXPECT_EQ(hashB->refCount(), 1);
     }
-    // Both ends were counted on the one block.
+    // Both destructors lowered the count of the same block.
     EXPECT_EQ(accessCount(blockA).loadRelaxed(), 9);
     EXPECT_EQ(accessCount(blockB).loadRelaxed(), 21);
 }
@@ -386,7 +351,7 @@ TEST(ZebConstAccessor, SelfAssignmentChangesNothing)
 
 // What an accessor keeps alive
 
-TEST(ZebConstAccessor, KeepsTheBlockWhenTheLastReferenceGoes)
+TEST(ZebConstAccessor, KeepsTheBlockAfterTheLastReferenceIsDropped)
 {
     const TemporaryStore store;
     const int registered = ZebHashManager::instance().hashCount();
@@ -396,7 +361,7 @@ TEST(ZebConstAccessor, KeepsTheBlockWhenTheLastReferenceGoes)
         EXPECT_EQ(manager().liveBytes(), 64);
         for (int i = 0; i < 64; ++i)
             ASSERT_EQ(accessor.data()[i], 'k');
-        // Who adds the bytes again finds the very block.
+        // Adding the bytes again finds the same block.
         EXPECT_EQ(resolved(QByteArray(64, 'k')).constAccessor().data(), accessor.data());
     }
     EXPECT_TRUE(waitUntil([&] { return manager().liveBytes() == 0; }));
@@ -422,7 +387,7 @@ TEST(ZebConstAccessor, NullAccessorKeepsTheHashOnly)
 TEST(ZebConstAccessor, OpeningCopyingAndClosingWaitForTheDeleteLock)
 {
     const TemporaryStore store;
-    const ZebDataReference reference = resolved("behind the delete lock");
+    const ZebDataReference reference = resolved("guarded by the delete lock");
     std::unique_ptr<ZebConstAccessor> opened;
     std::unique_ptr<ZebConstAccessor> copy;
     EXPECT_TRUE(waitsForTheDeleteLock(
@@ -438,26 +403,15 @@ TEST(ZebConstAccessor, DeleteLockIsTakenBeforeTheBlocksMutex)
     const TemporaryStore store;
     const ZebDataReference reference = resolved("ordered locks");
     const ZebConstAccessor accessor = reference.constAccessor();
-    QMutex& blockMutex = blockOf(accessor)->*privateMember(BlockMutex());
-    ZebTdxMutex& deleteMutex = manager().*privateMember(DeleteMutex());
+    QMutex& blockMutex = BlockInside::mutex(*block(accessor));
     blockMutex.lock();
-    std::atomic<bool> done{false};
-    std::thread thread([&] {
-        const ZebConstAccessor copy(accessor);
-        done.store(true);
-    });
-    // The copy stops at the block's mutex, with the delete lock taken.
-    EXPECT_TRUE(waitUntil([&] {
-        if (!deleteMutex.tryLock())
-            return true;
-        deleteMutex.unlock();
-        return false;
-    }));
-    EXPECT_FALSE(done.load());
+    BlockedThread thread([&] { const ZebConstAccessor copy(accessor); });
+    // The copy waits for the block's mutex while it holds the delete lock.
+    EXPECT_TRUE(thread.waitsFor(blockMutex));
+    EXPECT_FALSE(isFree(StoreInside::deleteLock()));
     EXPECT_EQ(accessor.count(), 1);
     blockMutex.unlock();
-    thread.join();
-    EXPECT_TRUE(done.load());
+    EXPECT_TRUE(thread.ends());
     EXPECT_EQ(accessor.count(), 1);
 }
 
@@ -467,21 +421,18 @@ TEST(ZebConstAccessor, HashIsReleasedAfterTheDeleteLock)
     // Never written, so no disk thread takes part.
     auto accessor = std::make_unique<ZebConstAccessor>(
         manager().addBlock("last holder", ZebModifyAccessor::DontCache).constAccessor());
-    ZebDataBlock* const block = blockOf(*accessor);
+    ZebDataBlock* const held = block(*accessor);
     ASSERT_EQ(accessor->count(), 1);
-    QMutex& registryMutex = ZebHashManager::instance().*privateMember(RegistryMutex());
-    ZebTdxMutex& deleteMutex = manager().*privateMember(DeleteMutex());
 
-    // Holds the release of the hash up, which needs the registry.
+    // The release of the hash waits for the registry.
+    QMutex& registryMutex = RegistryInside::mutex();
     registryMutex.lock();
-    std::thread thread([&] { accessor.reset(); });
-    EXPECT_TRUE(waitUntil([&] { return accessCount(*block).loadRelaxed() == 0; }));
-    const bool free = waitUntil([&] { return deleteMutex.tryLock(); });
-    if (free)
-        deleteMutex.unlock();
+    BlockedThread thread([&] { accessor.reset(); });
+    EXPECT_TRUE(thread.waitsFor(registryMutex));
+    EXPECT_EQ(accessCount(*held).loadRelaxed(), 0);
+    EXPECT_TRUE(isFree(StoreInside::deleteLock()));
     registryMutex.unlock();
-    thread.join();
-    EXPECT_TRUE(free);
+    EXPECT_TRUE(thread.ends());
     EXPECT_EQ(manager().liveBytes(), 0);
 }
 

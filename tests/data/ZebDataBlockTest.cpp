@@ -2,44 +2,23 @@
 
 #include "hash/ZebDataHash.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
-#include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
+#include "support/BlockFiles.h"
+#include "support/BlockInside.h"
+#include "support/Manager.h"
 #include "support/TemporaryStore.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
-#include <dlfcn.h>
 #include <initializer_list>
-#include <memory>
 #include <numeric>
-#include <string>
 #include <type_traits>
 #include <vector>
 
-ZEBTDX_ACCESS(StoredBytes, ZebDataBlock, QByteArray ZebDataBlock::*, m_Data)
-ZEBTDX_ACCESS(AccessCount, ZebDataBlock, QAtomicInt ZebDataBlock::*, m_AccessCount)
-ZEBTDX_ACCESS(CachedMark, ZebDataBlock, std::atomic<bool> ZebDataBlock::*, m_Cached)
-ZEBTDX_ACCESS(BlockMutex, ZebDataBlock, QMutex ZebDataBlock::*, m_Mutex)
+using BlockInside::accessCount;
+using BlockInside::storedBytes;
 
 namespace {
-
-QByteArray& storedBytes(ZebDataBlock& block)
-{
-    return block.*privateMember(StoredBytes());
-}
-
-QAtomicInt& accessCount(ZebDataBlock& block)
-{
-    return block.*privateMember(AccessCount());
-}
-
-std::atomic<bool>& cachedMark(ZebDataBlock& block)
-{
-    return block.*privateMember(CachedMark());
-}
 
 std::vector<unsigned char> counting(size_t size)
 {
@@ -53,48 +32,7 @@ QByteArray asArray(const std::vector<unsigned char>& bytes)
     return {reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())};
 }
 
-// Some text, long and regular enough to shrink, with no long run of one byte.
-QByteArray corpus()
-{
-    QByteArray text;
-    for (int line = 0; line < 1500; ++line) {
-        text += "line " + QByteArray::number(line) + " of the corpus, the square of which is " +
-                QByteArray::number(line * line) + ".\n";
-    }
-    return text;
-}
-
-const QString s_CompressFailed = QStringLiteral("Failed to compress data block.");
-const QString s_DecompressFailed = QStringLiteral("Failed to decompress data block.");
-
-std::atomic<bool> s_CodecIsOutOfMemory{false};
-
-// Lets the codec fail as it does without memory, for the length of a scope.
-class CodecOutOfMemory
-{
-public:
-    CodecOutOfMemory() { s_CodecIsOutOfMemory.store(true); }
-    ~CodecOutOfMemory() { s_CodecIsOutOfMemory.store(false); }
-    CodecOutOfMemory(const CodecOutOfMemory&) = delete;
-    CodecOutOfMemory& operator=(const CodecOutOfMemory&) = delete;
-};
-
 } // namespace
-
-// Stands before zlib's own function for everything that this program loads.
-extern "C" __attribute__((visibility("default"))) int compress2(unsigned char* out,
-                                                                unsigned long* outLength,
-                                                                const unsigned char* in,
-                                                                unsigned long inLength, int level)
-{
-    constexpr int outOfMemory = -4;
-    if (s_CodecIsOutOfMemory.load())
-        return outOfMemory;
-    using Function =
-        int (*)(unsigned char*, unsigned long*, const unsigned char*, unsigned long, int);
-    static const auto zlib = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "compress2"));
-    return zlib(out, outLength, in, inLength, level);
-}
 
 // Construction
 
@@ -104,15 +42,16 @@ TEST(ZebDataBlock, HasAVirtualDestructorAndMayBeDerivedFrom)
     static_assert(!std::is_final_v<ZebDataBlock>);
     struct Derived : ZebDataBlock
     {
-        explicit Derived(bool* gone) : ZebDataBlock(QByteArray("abc")), m_Gone(gone) {}
-        ~Derived() override { *m_Gone = true; }
-        bool* m_Gone;
+        explicit Derived(bool* isDeleted) : ZebDataBlock(QByteArray("abc")), m_IsDeleted(isDeleted)
+        {}
+        ~Derived() override { *m_IsDeleted = true; }
+        bool* m_IsDeleted;
     };
-    bool gone = false;
-    const ZebDataBlock* const block = new Derived(&gone);
+    bool isDeleted = false;
+    const ZebDataBlock* const block = new Derived(&isDeleted);
     EXPECT_EQ(block->size(), 3);
     delete block;
-    EXPECT_TRUE(gone);
+    EXPECT_TRUE(isDeleted);
 }
 
 TEST(ZebDataBlock, FillConstructorMakesEveryByteTheFill)
@@ -126,7 +65,7 @@ TEST(ZebDataBlock, FillConstructorMakesEveryByteTheFill)
 
 TEST(ZebDataBlock, SizeZeroMakesAnEmptyBlock)
 {
-    // Plain zeros mean a size and a fill, not a null pointer and a size.
+    // Two literal zeros are a size and a fill, not a null pointer and a size.
     ZebDataBlock block(0, 0);
     EXPECT_EQ(block.size(), 0);
     EXPECT_TRUE(storedBytes(block).isEmpty());
@@ -194,7 +133,7 @@ TEST(ZebDataBlock, StorageIsPrivateOverRawData)
     EXPECT_EQ(block.constData()[511], 0xFF);
 }
 
-TEST(ZebDataBlock, SizeKeeps64BitsWhileTheArrayIsCutTo32)
+TEST(ZebDataBlock, SizeHas64BitsWhileTheArrayHas32)
 {
     const std::vector<unsigned char> bytes = counting(16);
     const qint64 size = (1LL << 32) + 16;
@@ -233,7 +172,7 @@ TEST(ZebDataBlock, StartsPlainUncachedAndWithoutAccessors)
         EXPECT_FALSE(block->isCompressed());
         EXPECT_FALSE(block->cached());
         EXPECT_EQ(accessCount(*block).loadRelaxed(), 0);
-        EXPECT_TRUE((block->*privateMember(BlockMutex())).isRecursive());
+        EXPECT_TRUE(BlockInside::mutex(*block).isRecursive());
     }
 }
 
@@ -252,7 +191,7 @@ TEST(ZebDataBlock, CopyHasStorageOfItsOwn)
 TEST(ZebDataBlock, CopyTakesNeitherTheCachedMarkNorTheAccessCount)
 {
     ZebDataBlock block(16, 1);
-    cachedMark(block).store(true);
+    BlockInside::cached(block).store(true);
     accessCount(block).storeRelaxed(3);
     ZebDataBlock copy(block);
     EXPECT_FALSE(copy.cached());
@@ -263,7 +202,7 @@ TEST(ZebDataBlock, CopyTakesNeitherTheCachedMarkNorTheAccessCount)
 
 TEST(ZebDataBlock, CopyOfACompressedBlockIsCompressed)
 {
-    const QByteArray text = corpus();
+    const QByteArray text = BlockFiles::text(1500);
     ZebDataBlock block(text);
     ASSERT_TRUE(block.compress(4));
     ZebDataBlock copy(block);
@@ -279,7 +218,7 @@ TEST(ZebDataBlock, CopyOfACompressedBlockIsCompressed)
 
 TEST(ZebDataBlock, AssignmentTakesBytesSizeAndCompression)
 {
-    const QByteArray text = corpus();
+    const QByteArray text = BlockFiles::text(1500);
     ZebDataBlock source(text);
     ASSERT_TRUE(source.compress(4));
     ZebDataBlock target(16, 1);
@@ -300,7 +239,7 @@ TEST(ZebDataBlock, AssignmentTakesBytesSizeAndCompression)
 TEST(ZebDataBlock, AssignmentKeepsTheTargetsCachedMarkAndAccessCount)
 {
     ZebDataBlock source(16, 1);
-    cachedMark(source).store(true);
+    BlockInside::cached(source).store(true);
     accessCount(source).storeRelaxed(5);
     ZebDataBlock target(16, 2);
     accessCount(target).storeRelaxed(2);
@@ -308,7 +247,7 @@ TEST(ZebDataBlock, AssignmentKeepsTheTargetsCachedMarkAndAccessCount)
     EXPECT_FALSE(target.cached());
     EXPECT_EQ(accessCount(target).loadRelaxed(), 2);
 
-    cachedMark(target).store(true);
+    BlockInside::cached(target).store(true);
     target = ZebDataBlock(4, 3);
     EXPECT_TRUE(target.cached());
 }
@@ -347,7 +286,7 @@ TEST(ZebDataBlock, ComparisonsAgreeOnEqualAndDifferentBytes)
     EXPECT_TRUE(ZebDataBlock(QByteArray()) == ZebDataBlock(QByteArray("")));
 }
 
-TEST(ZebDataBlock, ComparisonLooksAtStoredBytesAndNotAtTheSize)
+TEST(ZebDataBlock, ComparisonUsesStoredBytesAndNotTheSize)
 {
     EXPECT_TRUE(ZebDataBlock(nullptr, 256) == ZebDataBlock(nullptr, 0));
     EXPECT_TRUE(ZebDataBlock(nullptr, 256) != ZebDataBlock(256, 0));
@@ -395,7 +334,7 @@ TEST(ZebDataBlock, HashIsAFreshUninternedDigestOf64Bytes)
 
 TEST(ZebDataBlock, HashOfACompressedBlockIsThatOfItsStoredBytes)
 {
-    const QByteArray text = corpus();
+    const QByteArray text = BlockFiles::text(1500);
     ZebDataBlock block(text);
     ASSERT_TRUE(block.compress(4));
     const ZebSmartPointer<ZebDataHash> hash = block.hash();
@@ -413,7 +352,6 @@ TEST(ZebDataBlock, BlocksAreNotCounted)
 TEST(ZebDataBlock, MaxBlockSizeIsTheMemoryLimitOrWhatAnArrayHolds)
 {
     TemporaryStore store;
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     const struct
     {
         qint64 m_Limit;
@@ -425,176 +363,9 @@ TEST(ZebDataBlock, MaxBlockSizeIsTheMemoryLimitOrWhatAnArrayHolds)
                 {0x80000000LL, 0x7FFFFFFFLL},
                 {0x100000000LL, 0x7FFFFFFFLL}};
     for (const auto& row : rows) {
-        manager.setMaxDataCacheSize(row.m_Limit);
+        manager().setMaxDataCacheSize(row.m_Limit);
         EXPECT_EQ(ZebDataBlock::maxBlockSize(), row.m_Expected) << row.m_Limit;
     }
     store.cleanUp();
     EXPECT_EQ(ZebDataBlock::maxBlockSize(), 0);
-}
-
-// Compression
-
-TEST(ZebDataBlockCompression, RoundTripGivesTheCorpusBack)
-{
-    const QByteArray text = corpus();
-    ZebDataBlock block(text);
-    const ZebDataBlock twin(text);
-    EXPECT_TRUE(block.compress(4));
-    EXPECT_TRUE(block.isCompressed());
-    EXPECT_LT(storedBytes(block).size(), text.size());
-    EXPECT_TRUE(block.uncompress());
-    EXPECT_EQ(block.size(), text.size());
-    EXPECT_FALSE(block.isCompressed());
-    EXPECT_TRUE(block == twin);
-}
-
-TEST(ZebDataBlockCompression, LevelGoesToTheCodecAsItStands)
-{
-    const QByteArray text = corpus();
-    const ZebDataBlock twin(text);
-    // 10 is none of zlib's levels: what becomes of it is the codec's to decide.
-    for (int level = -1; level <= 10; ++level) {
-        ZebDataBlock block(twin);
-        ASSERT_TRUE(block.compress(level)) << level;
-        EXPECT_EQ(storedBytes(block), qCompress(text, level)) << level;
-        EXPECT_EQ(block.size(), text.size());
-        ASSERT_TRUE(block.uncompress()) << level;
-        EXPECT_TRUE(block == twin) << level;
-    }
-    EXPECT_NE(qCompress(text, 1), qCompress(text, 9));
-}
-
-TEST(ZebDataBlockCompression, DefaultLevelIsTheCodecsOwn)
-{
-    const QByteArray text = corpus();
-    ZebDataBlock block(text);
-    ASSERT_TRUE(block.compress());
-    EXPECT_EQ(storedBytes(block), qCompress(text, -1));
-}
-
-TEST(ZebDataBlockCompression, CompressingTwiceChangesNothing)
-{
-    ZebDataBlock block(corpus());
-    ASSERT_TRUE(block.compress(1));
-    const QByteArray stored = storedBytes(block);
-    EXPECT_TRUE(block.compress(9));
-    EXPECT_EQ(storedBytes(block), stored);
-    EXPECT_TRUE(block.isCompressed());
-}
-
-TEST(ZebDataBlockCompression, UncompressingAPlainBlockChangesNothing)
-{
-    const MessageCapture messages;
-    const QByteArray text = corpus();
-    ZebDataBlock block(text);
-    const unsigned char* const address = block.constData();
-    EXPECT_TRUE(block.uncompress());
-    EXPECT_EQ(block.constData(), address);
-    EXPECT_EQ(storedBytes(block), text);
-    EXPECT_FALSE(block.isCompressed());
-    EXPECT_TRUE(ZebDataBlock(QByteArray()).uncompress());
-    EXPECT_TRUE(messages.messages().isEmpty());
-}
-
-TEST(ZebDataBlockCompression, CompressedBlockKeepsItsSizeAndDiffersFromItsTwin)
-{
-    const QByteArray text = corpus();
-    ZebDataBlock block(text);
-    const ZebDataBlock twin(text);
-    ASSERT_TRUE(block.compress(4));
-    EXPECT_EQ(block.size(), text.size());
-    EXPECT_FALSE(block == twin);
-    EXPECT_TRUE(block != twin);
-}
-
-TEST(ZebDataBlockCompression, ConstDataGivesTheStoredBytes)
-{
-    const QByteArray text = corpus();
-    ZebDataBlock block(text);
-    ASSERT_TRUE(block.compress(4));
-    const QByteArray expected = qCompress(text, 4);
-    EXPECT_EQ(
-        std::memcmp(block.constData(), expected.constData(), static_cast<size_t>(expected.size())),
-        0);
-    EXPECT_TRUE(block.isCompressed());
-}
-
-TEST(ZebDataBlockCompression, DataLeavesTheBlockPlain)
-{
-    const QByteArray text = corpus();
-    ZebDataBlock block(text);
-    ASSERT_TRUE(block.compress(4));
-    const unsigned char* const bytes = block.data();
-    ASSERT_NE(bytes, nullptr);
-    EXPECT_FALSE(block.isCompressed());
-    EXPECT_EQ(std::memcmp(bytes, text.constData(), static_cast<size_t>(text.size())), 0);
-    EXPECT_EQ(block.size(), text.size());
-}
-
-TEST(ZebDataBlockCompression, EmptyBlockCompressesToFourBytesAndDoesNotComeBack)
-{
-    const MessageCapture messages;
-    ZebDataBlock block{QByteArray()};
-    EXPECT_TRUE(block.compress(4));
-    EXPECT_TRUE(block.isCompressed());
-    EXPECT_EQ(storedBytes(block), QByteArray(4, '\0'));
-    EXPECT_FALSE(block.uncompress());
-    EXPECT_EQ(messages.count(s_DecompressFailed), 1);
-    for (const MessageCapture::Message& message : messages.messages())
-        EXPECT_FALSE(message.m_Text == s_DecompressFailed && message.m_HasContext);
-    EXPECT_EQ(storedBytes(block), QByteArray(4, '\0'));
-    EXPECT_TRUE(block.isCompressed());
-    EXPECT_EQ(block.data(), nullptr);
-}
-
-TEST(ZebDataBlockCompression, CorruptedBytesAreRefusedAndKept)
-{
-    const MessageCapture messages;
-    const QByteArray text = corpus();
-    ZebDataBlock block(text);
-    ASSERT_TRUE(block.compress(4));
-    const QByteArray good = storedBytes(block);
-    QByteArray bad = good;
-    bad[bad.size() / 2] = static_cast<char>(~bad.at(bad.size() / 2));
-    storedBytes(block) = bad;
-
-    EXPECT_FALSE(block.uncompress());
-    EXPECT_EQ(messages.count(s_DecompressFailed), 1);
-    EXPECT_EQ(block.data(), nullptr);
-    EXPECT_EQ(messages.count(s_DecompressFailed), 2);
-    EXPECT_TRUE(block.isCompressed());
-    EXPECT_EQ(block.size(), text.size());
-    EXPECT_EQ(storedBytes(block), bad);
-
-    storedBytes(block) = good;
-    EXPECT_TRUE(block.uncompress());
-    EXPECT_EQ(storedBytes(block), text);
-    EXPECT_EQ(messages.count(s_DecompressFailed), 2);
-}
-
-TEST(ZebDataBlockCompression, PlainSizeIsNotComparedWithTheBlocksSize)
-{
-    ZebDataBlock block(corpus());
-    ASSERT_TRUE(block.compress(4));
-    const QByteArray other(100, 'x');
-    storedBytes(block) = qCompress(other, 4);
-    EXPECT_TRUE(block.uncompress());
-    EXPECT_EQ(storedBytes(block), other);
-    EXPECT_EQ(block.size(), corpus().size());
-}
-
-TEST(ZebDataBlockCompression, FailureToCompressLosesTheBytesAndKeepsTheSize)
-{
-    const MessageCapture messages;
-    const QByteArray text = corpus();
-    ZebDataBlock block(text);
-    {
-        const CodecOutOfMemory outOfMemory;
-        ASSERT_TRUE(qCompress(text, 4).isEmpty()) << "the codec cannot be made to fail here";
-        EXPECT_FALSE(block.compress(4));
-    }
-    EXPECT_EQ(messages.count(s_CompressFailed), 1);
-    EXPECT_FALSE(block.isCompressed());
-    EXPECT_TRUE(storedBytes(block).isEmpty());
-    EXPECT_EQ(block.size(), text.size());
 }

@@ -1,4 +1,4 @@
-// Hashing jobs beside a flush of the store. What jobs do by themselves is in ZebHashingJobTest.
+// Hashing jobs during a flush of the store. ZebHashingJobTest tests jobs without one.
 
 #include "data/ZebHashingJob.h"
 
@@ -29,7 +29,7 @@ std::vector<ZebDataReference> startJobs(int count)
 
 } // namespace
 
-TEST(ZebHashingJobFlush, ResolvedBlocksAreInMemoryAtOnceAndNoJobIsLeft)
+TEST(ZebHashingJobFlush, ResolvedBlocksAreInMemoryAtOnceAndNoJobRemains)
 {
     const TemporaryStore store;
     const int jobs = ZebBlockFuture::numHashJobs();

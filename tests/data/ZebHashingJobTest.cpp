@@ -3,15 +3,18 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
+#include "support/BlockedThread.h"
 #include "support/BusyHashingPool.h"
+#include "support/BytesOf.h"
+#include "support/CountedBlock.h"
 #include "support/Fatal.h"
-#include "support/PrivateAccess.h"
+#include "support/FutureInside.h"
+#include "support/Manager.h"
+#include "support/RunTogether.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
 #include "support/ZebDataDeleteLocker.h"
 
-#include <QElapsedTimer>
 #include <QRunnable>
 #include <QThreadPool>
 
@@ -23,17 +26,10 @@
 #include <type_traits>
 #include <vector>
 
-ZEBTDX_ACCESS(AliveCounter, ZebBlockFuture, QAtomicInt*, m_NumHashJobs)
-
 namespace {
 
 using HashPointer = ZebSmartPointer<ZebDataHash>;
 using FuturePointer = ZebSmartPointer<ZebBlockFuture>;
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
 
 ZebHashManager& registry()
 {
@@ -45,26 +41,11 @@ QThreadPool& hashingPool()
     return *ZebThreadPoolManager::instance().threadPool(ZebThreadPoolManager::HashingThreadPool);
 }
 
-// The work of a job, by hand.
+// Opens the work of a job to the test.
 struct OpenJob : ZebHashingJob
 {
     using ZebHashingJob::processBlock;
     using ZebHashingJob::processBlockByteArray;
-};
-
-using BusyPool = BusyHashingPool;
-
-// A block that tells when it ends.
-class WatchedBlock : public ZebDataBlock
-{
-public:
-    WatchedBlock(const QByteArray& bytes, std::atomic<int>* ended)
-        : ZebDataBlock(bytes), m_Ended(ended)
-    {}
-    ~WatchedBlock() override { m_Ended->fetch_add(1); }
-
-private:
-    std::atomic<int>* m_Ended;
 };
 
 ZebDataReference pending(const QByteArray& bytes)
@@ -80,14 +61,6 @@ ZebDataReference immediate(const QByteArray& bytes)
 QString textOf(const QByteArray& bytes)
 {
     return ZebDataHash(bytes, ZebDataHash::Hash512).toString();
-}
-
-QByteArray bytesOf(const ZebDataReference& reference)
-{
-    const ZebConstAccessor accessor = reference.constAccessor();
-    if (accessor.isNull())
-        return "no block";
-    return {reinterpret_cast<const char*>(accessor.data()), static_cast<int>(accessor.size())};
 }
 
 void expectIdleCounters()
@@ -115,25 +88,25 @@ TEST(ZebHashingJob, JobOfBytesYieldsAReferenceOfTheirBlock)
 TEST(ZebHashingJob, JobOfABlockMakesThatVeryBlockResident)
 {
     const TemporaryStore store;
-    auto* const block = new ZebDataBlock(QByteArray("a block of its own"));
+    auto* const block = new ZebDataBlock(QByteArray("a given block"));
     const unsigned char* const address = block->constData();
     const ZebDataReference reference{FuturePointer(new ZebHashingJob(block))};
     EXPECT_EQ(reference.constAccessor().data(), address);
-    EXPECT_EQ(reference.hash(), textOf("a block of its own"));
+    EXPECT_EQ(reference.hash(), textOf("a given block"));
 }
 
-TEST(ZebHashingJob, ResidentBlockOfEqualContentWins)
+TEST(ZebHashingJob, ResidentBlockOfEqualBytesIsKept)
 {
     const TemporaryStore store;
-    std::atomic<int> ended{0};
-    const ZebDataReference first = immediate("equal content");
+    std::atomic<int> deleted{0};
+    const ZebDataReference first = immediate("equal bytes..");
     const unsigned char* const address = first.constAccessor().data();
     const ZebDataReference second{
-        FuturePointer(new ZebHashingJob(new WatchedBlock("equal content", &ended)))};
+        FuturePointer(new ZebHashingJob(new CountedBlock("equal bytes..", &deleted)))};
     second.resolveWork();
     EXPECT_TRUE(first == second);
     EXPECT_EQ(second.constAccessor().data(), address);
-    EXPECT_EQ(ended.load(), 1);
+    EXPECT_EQ(deleted.load(), 1);
     EXPECT_EQ(manager().liveBytes(), 13);
 }
 
@@ -154,18 +127,18 @@ TEST(ZebHashingJob, BytesAreSharedUntilTheBlockMakesItsCopy)
     QByteArray bytes(5000, 's');
     ZebDataReference reference;
     {
-        const BusyPool busy;
+        const BusyHashingPool busy;
         reference = pending(bytes);
         EXPECT_FALSE(bytes.isDetached());
         reference.resolveWork();
-        // Once the job has ended, nothing of it keeps the caller's storage.
+        // A job that has ended no longer shares the caller's storage.
         EXPECT_TRUE(bytes.isDetached());
     }
     bytes.fill('x');
     EXPECT_EQ(bytesOf(reference), QByteArray(5000, 's'));
 }
 
-TEST(ZebHashingJob, WorkByHandDoesWhatTheJobDoes)
+TEST(ZebHashingJob, WorkCalledDirectlyDoesWhatTheJobDoes)
 {
     const TemporaryStore store;
     const ZebDataReference ofBytes = OpenJob::processBlockByteArray("by hand");
@@ -212,20 +185,20 @@ TEST(ZebHashingJob, JobOfABlockAboveTheLimitIsFatal)
 
 // When it runs
 
-TEST(ZebHashingJob, RunsWithNobodyWaiting)
+TEST(ZebHashingJob, RunsWithoutAWaitingThread)
 {
     const TemporaryStore store;
-    const ZebDataReference reference = pending("nobody asks");
-    EXPECT_TRUE(waitUntil([] { return manager().liveBytes() == 11; }));
+    const ZebDataReference reference = pending("no waiters");
+    EXPECT_TRUE(waitUntil([] { return manager().liveBytes() == 10; }));
     EXPECT_TRUE(reference.hasHashJob());
-    EXPECT_TRUE(registry().isHashLive(textOf("nobody asks")));
+    EXPECT_TRUE(registry().isHashLive(textOf("no waiters")));
 }
 
 TEST(ZebHashingJob, BlockIsUnknownUntilItsTaskHasRun)
 {
     const TemporaryStore store;
     const int registered = registry().hashCount();
-    BusyPool busy;
+    BusyHashingPool busy;
     const ZebDataReference reference = manager().addBlock("still unknown");
     EXPECT_TRUE(reference.hasHashJob());
     EXPECT_FALSE(reference.isNull());
@@ -238,26 +211,26 @@ TEST(ZebHashingJob, BlockIsUnknownUntilItsTaskHasRun)
     EXPECT_EQ(manager().liveBytes(), 13);
 }
 
-TEST(ZebHashingJob, ThreadThatWaitsRunsAJobThatHasNotBegun)
+TEST(ZebHashingJob, WaitingThreadRunsAJobThatHasNotBegun)
 {
     const TemporaryStore store;
-    const BusyPool busy;
-    const ZebDataReference first = manager().addBlock("run by who waits");
+    const BusyHashingPool busy;
+    const ZebDataReference first = manager().addBlock("run by the waiting thread");
     const ZebDataReference second = manager().addBlock("left in the pool");
     EXPECT_TRUE(first.isInMemory());
     EXPECT_FALSE(first.hasHashJob());
-    EXPECT_EQ(bytesOf(first), "run by who waits");
-    // Only what was waited for has run.
+    EXPECT_EQ(bytesOf(first), "run by the waiting thread");
+    // The other job has not run.
     EXPECT_FALSE(registry().isHashLive(textOf("left in the pool")));
 }
 
-TEST(ZebHashingJob, TaskOfTheOneThreadMayWaitForAJob)
+TEST(ZebHashingJob, TaskInAPoolOfOneThreadMayWaitForAJob)
 {
     const TemporaryStore store;
     ZebDataReference reference;
     bool resident = false;
     {
-        BusyPool busy;
+        BusyHashingPool busy;
         reference = manager().addBlock("waited for inside the pool");
         hashingPool().start(
             [&] { resident = manager().addBlock("added inside the pool").isInMemory(); }, 1);
@@ -267,10 +240,10 @@ TEST(ZebHashingJob, TaskOfTheOneThreadMayWaitForAJob)
     EXPECT_TRUE(reference.isInMemory());
 }
 
-TEST(ZebHashingJob, RunsAtPriorityZeroInItsTurn)
+TEST(ZebHashingJob, RunsAtPriorityZeroInQueueOrder)
 {
     const TemporaryStore store;
-    const QByteArray bytes("in its turn");
+    const QByteArray bytes("in queue order");
     const HashPointer hash = registry().getHash(bytes);
     struct
     {
@@ -280,7 +253,7 @@ TEST(ZebHashingJob, RunsAtPriorityZeroInItsTurn)
         bool m_LessUrgent = false;
     } resident;
     {
-        BusyPool busy;
+        BusyHashingPool busy;
         const auto look = [&](bool* seen, int priority) {
             hashingPool().start([&hash, seen] { *seen = manager().isInMemory(hash.data()); },
                                 priority);
@@ -301,7 +274,7 @@ TEST(ZebHashingJob, RunsAtPriorityZeroInItsTurn)
 TEST(ZebHashingJob, CleanUpDoesNotWaitForTheHashingPool)
 {
     TemporaryStore store;
-    BusyPool busy;
+    BusyHashingPool busy;
     std::atomic<bool> ran{false};
     hashingPool().start([&] { ran.store(true); });
     store.cleanUp();
@@ -311,7 +284,7 @@ TEST(ZebHashingJob, CleanUpDoesNotWaitForTheHashingPool)
     EXPECT_TRUE(ran.load());
 }
 
-// Asking for the result
+// Waiting for the result
 
 TEST(ZebHashingJob, ResolvingEndsTheJob)
 {
@@ -325,43 +298,34 @@ TEST(ZebHashingJob, ResolvingEndsTheJob)
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
 }
 
-TEST(ZebHashingJob, EveryAnswerIsTheSame)
+TEST(ZebHashingJob, EveryCallReturnsTheSameResult)
 {
     const TemporaryStore store;
-    const FuturePointer job(new ZebHashingJob(QByteArray("asked twice")));
+    const FuturePointer job(new ZebHashingJob(QByteArray("called twice")));
     const ZebDataReference first = job->data();
     EXPECT_FALSE(first.hasHashJob());
     EXPECT_FALSE(first.isNull());
     EXPECT_TRUE(job->data() == first);
 }
 
-TEST(ZebHashingJob, SeveralThreadsMayAskAtOnce)
+TEST(ZebHashingJob, SeveralThreadsMayWaitAtOnce)
 {
     const TemporaryStore store;
     const int references = ZebDataReference::referenceCount();
     for (int round = 0; round < 50; ++round) {
         const QByteArray bytes = "round " + QByteArray::number(round);
         const QString text = textOf(bytes);
-        std::unique_ptr<BusyPool> busy;
-        // In every other round nothing has begun, and one of the askers does the work.
+        std::unique_ptr<BusyHashingPool> busy;
+        // In every other round the job has not begun, and a waiting thread does the work.
         if (round % 2 == 0)
-            busy = std::make_unique<BusyPool>();
+            busy = std::make_unique<BusyHashingPool>();
         const FuturePointer job(new ZebHashingJob(bytes));
-        std::atomic<int> ready{0};
         std::atomic<int> right{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                ready.fetch_add(1);
-                while (ready.load() < 4)
-                    std::this_thread::yield();
-                const ZebDataReference mine = job->data();
-                if (!mine.hasHashJob() && mine.hash() == text && mine == job->data())
-                    right.fetch_add(1);
-            });
-        }
-        for (std::thread& thread : threads)
-            thread.join();
+        runTogether(4, [&](int) {
+            const ZebDataReference mine = job->data();
+            if (!mine.hasHashJob() && mine.hash() == text && mine == job->data())
+                right.fetch_add(1);
+        });
         ASSERT_EQ(right.load(), 4) << round;
         busy.reset();
         ASSERT_FALSE(HasFailure()) << round;
@@ -399,8 +363,8 @@ TEST(ZebHashingJob, DroppingAPendingReferenceAdmitsTheBlock)
     const int alive = ZebBlockFuture::numHashJobs();
     const HashPointer hash = registry().getHash(QByteArray("dropped"));
     {
-        // The job cannot have begun by itself when the reference goes.
-        const BusyPool busy;
+        // The job cannot begin in the pool before the reference is dropped.
+        const BusyHashingPool busy;
         ZebDataReference reference = manager().addBlock("dropped");
         ASSERT_FALSE(manager().isInMemory(hash.data()));
         reference = ZebDataReference();
@@ -416,30 +380,27 @@ TEST(ZebHashingJob, DroppingAPendingReferenceWaitsForARunningJob)
     const int alive = ZebBlockFuture::numHashJobs();
     const HashPointer hash = registry().getHash(QByteArray("dropped while it runs"));
     const int holders = hash->refCount();
-    std::atomic<bool> begun{false};
     std::atomic<bool> admitted{false};
-    std::thread thread;
+    auto reference = std::make_unique<ZebDataReference>();
+    std::unique_ptr<BlockedThread> thread;
     {
         // The job needs this lock to admit the block.
         const ZebDataDeleteLocker deleteLocker;
-        auto reference = std::make_unique<ZebDataReference>(pending("dropped while it runs"));
-        EXPECT_TRUE(waitUntil([&] { return hash->refCount() > holders; }));
-        thread = std::thread([&admitted, &begun, &hash, mine = std::move(reference)]() mutable {
-            begun.store(true);
-            mine.reset();
+        *reference = pending("dropped while it runs");
+        EXPECT_TRUE(pollUntil([&] { return hash->refCount() > holders; }));
+        thread = std::make_unique<BlockedThread>([&] {
+            reference.reset();
             admitted.store(manager().isInMemory(hash.data()));
         });
-        EXPECT_TRUE(waitUntil([&] { return begun.load(); }));
-        for (int i = 0; i < 1000; ++i)
-            std::this_thread::yield();
+        EXPECT_TRUE(thread->standsStill());
         EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + 1);
     }
-    thread.join();
+    EXPECT_TRUE(thread->ends());
     EXPECT_TRUE(admitted.load());
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
 }
 
-TEST(ZebHashingJob, DroppedBlockGoesWhenNobodyHoldsItsHash)
+TEST(ZebHashingJob, DroppedBlockIsFreedWithTheLastHolderOfItsHash)
 {
     const TemporaryStore store;
     const int registered = registry().hashCount();
@@ -449,13 +410,12 @@ TEST(ZebHashingJob, DroppedBlockGoesWhenNobodyHoldsItsHash)
         const QByteArray bytes = "dropped at once " + QByteArray::number(i);
         const QString text = textOf(bytes);
         FuturePointer job(new ZebHashingJob(bytes));
-        // Most of the time the job is under way by now, and its task ends about when we do.
-        QElapsedTimer timer;
-        timer.start();
-        while (i % 4 != 0 && !registry().isHashLive(text) && timer.elapsed() < 20000)
-            std::this_thread::yield();
+        // In three of four rounds the task has registered the hash, and ends about now.
+        if (i % 4 != 0) {
+            EXPECT_TRUE(pollUntil([&] { return registry().isHashLive(text); }));
+        }
         job = FuturePointer();
-        // The task keeps neither bytes nor result once the wait for it is over.
+        // The task keeps neither bytes nor result after the wait for it.
         ASSERT_TRUE(bytes.isDetached()) << i;
         ASSERT_EQ(ZebDataReference::referenceCount(), references) << i;
     }
@@ -465,7 +425,7 @@ TEST(ZebHashingJob, DroppedBlockGoesWhenNobodyHoldsItsHash)
     EXPECT_TRUE(waitUntil([] { return manager().liveBlocks() == 0; }));
 }
 
-TEST(ZebHashingJob, JobKeepsTheBlockRegisteredUntilItGoes)
+TEST(ZebHashingJob, JobKeepsTheBlockRegisteredUntilItIsDropped)
 {
     const TemporaryStore store;
     const int registered = registry().hashCount();
@@ -478,16 +438,16 @@ TEST(ZebHashingJob, JobKeepsTheBlockRegisteredUntilItGoes)
     EXPECT_TRUE(waitUntil([] { return manager().liveBytes() == 0; }));
 }
 
-TEST(ZebHashingJob, DroppingAQueuedJobOfABlockTakesTheBlockAlong)
+TEST(ZebHashingJob, DroppingAQueuedJobOfABlockDeletesTheBlock)
 {
     const TemporaryStore store;
-    std::atomic<int> ended{0};
+    std::atomic<int> deleted{0};
     {
-        const BusyPool busy;
-        const FuturePointer job(new ZebHashingJob(new WatchedBlock("queued block", &ended)));
-        EXPECT_EQ(ended.load(), 0);
+        const BusyHashingPool busy;
+        const FuturePointer job(new ZebHashingJob(new CountedBlock("queued block", &deleted)));
+        EXPECT_EQ(deleted.load(), 0);
     }
-    EXPECT_TRUE(waitUntil([&] { return ended.load() == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return deleted.load() == 1; }));
 }
 
 // Copies and counters
@@ -497,7 +457,7 @@ TEST(ZebHashingJob, CopySharesTheRunningWork)
     const TemporaryStore store;
     const int alive = ZebBlockFuture::numHashJobs();
     {
-        const BusyPool busy;
+        const BusyHashingPool busy;
         ZebHashingJob job(QByteArray("shared work"));
         ZebHashingJob copy(job);
         EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + 1);
@@ -505,12 +465,12 @@ TEST(ZebHashingJob, CopySharesTheRunningWork)
         const ZebDataReference ofCopy = copy.data();
         EXPECT_EQ(ofCopy.hash(), textOf("shared work"));
         EXPECT_TRUE(job.data() == ofCopy);
-        // What has been asked for is copied as well.
+        // A result that has been fetched is copied as well.
         ZebHashingJob second(job);
         EXPECT_TRUE(second.data() == ofCopy);
     }
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive - 2);
-    privateMember(AliveCounter())->fetchAndAddOrdered(2);
+    FutureInside::aliveCount().fetchAndAddOrdered(2);
 }
 
 TEST(ZebHashingJob, AssignmentTakesWorkAndResult)
@@ -535,12 +495,12 @@ TEST(ZebHashingJob, AssignmentTakesWorkAndResult)
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
 }
 
-TEST(ZebHashingJob, IdleCountersNeverMove)
+TEST(ZebHashingJob, IdleCountersStayZero)
 {
     const TemporaryStore store;
     expectIdleCounters();
     {
-        BusyPool busy;
+        BusyHashingPool busy;
         const ZebDataReference queued = pending("queued");
         expectIdleCounters();
         busy.release();
@@ -553,8 +513,8 @@ TEST(ZebHashingJob, IsAFutureThatHostsMayMake)
 {
     static_assert(std::is_base_of_v<ZebBlockFuture, ZebHashingJob>);
     const TemporaryStore store;
-    // By the base: data() is virtual.
+    // Through the base: data() is virtual.
     const std::unique_ptr<ZebBlockFuture> job =
-        std::make_unique<ZebHashingJob>(QByteArray("by the base"));
-    EXPECT_EQ(job->data().hash(), textOf("by the base"));
+        std::make_unique<ZebHashingJob>(QByteArray("through the base"));
+    EXPECT_EQ(job->data().hash(), textOf("through the base"));
 }

@@ -16,8 +16,8 @@ using TaskPointer = ZebHashingQueue::TaskPointer;
 
 constexpr std::size_t s_Most = 8;
 
-// A pool of one thread that is busy, so that every task that is started on it waits. What waits is
-// taken by the test, and so never done.
+// A pool of one thread that is busy, so that every task started on it waits. The test takes the
+// waiting tasks, which therefore never run.
 class QueueOfTasks
 {
 public:
@@ -36,12 +36,12 @@ public:
     {
         release();
         for (QFuture<ZebDataReference>& future : m_Futures)
-            EXPECT_FALSE(future.isFinished()) << "a task has run that was taken";
+            EXPECT_FALSE(future.isFinished()) << "a taken task has run";
     }
     QueueOfTasks(const QueueOfTasks&) = delete;
     QueueOfTasks& operator=(const QueueOfTasks&) = delete;
 
-    /// Has the pool run what it has queued.
+    /// Lets the pool run its queue.
     void release()
     {
         m_Gate.release();
@@ -95,7 +95,7 @@ TEST(ZebHashingQueue, TaskIsTakenOnce)
     EXPECT_EQ(takeWaiting(1, s_Most).size(), 1U);
 }
 
-TEST(ZebHashingQueue, PoolHoldsATaskUntilItHasRunIt)
+TEST(ZebHashingQueue, PoolKeepsATaskUntilItHasRunIt)
 {
     QueueOfTasks queue(1);
     std::vector<TaskPointer> taken = takeWaiting(1, 1);
@@ -107,7 +107,7 @@ TEST(ZebHashingQueue, PoolHoldsATaskUntilItHasRunIt)
     EXPECT_TRUE(task.expired());
 }
 
-TEST(ZebHashingQueue, WhoTakesATaskHoldsIt)
+TEST(ZebHashingQueue, TakingATaskKeepsItAlive)
 {
     QueueOfTasks queue(1);
     std::vector<TaskPointer> taken = takeWaiting(1, 1);

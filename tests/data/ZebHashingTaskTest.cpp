@@ -4,8 +4,10 @@
 #include "data/ZebHashingJob.h"
 #include "hash/SkeinLaneForm.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
+#include "support/BlockedThread.h"
 #include "support/BusyHashingPool.h"
+#include "support/BytesOf.h"
+#include "support/Manager.h"
 #include "support/MessageCapture.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
@@ -19,6 +21,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <random>
 #include <thread>
 #include <utility>
@@ -28,11 +31,6 @@ namespace {
 
 using HashPointer = ZebSmartPointer<ZebDataHash>;
 using FuturePointer = ZebSmartPointer<ZebBlockFuture>;
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
 
 ZebHashManager& registry()
 {
@@ -69,18 +67,10 @@ QString textOf(const QByteArray& bytes)
     return ZebDataHash(bytes, ZebDataHash::Hash512).toString();
 }
 
-QByteArray bytesOf(const ZebDataReference& reference)
-{
-    const ZebConstAccessor accessor = reference.constAccessor();
-    if (accessor.isNull())
-        return "no block";
-    return {reinterpret_cast<const char*>(accessor.data()), static_cast<int>(accessor.size())};
-}
-
-// Adds `count` contents while the pool is busy, with a look behind the first of them: the texts of
-// those that were live by then are counted. A task of the pool that goes alone leaves all others
-// for later.
-int liveBehindTheFirst(int count)
+// Adds `count` distinct blocks while the pool is busy, and queues a check after the first of them,
+// which counts the hashes that are live by then. A task that runs alone leaves all others for
+// later.
+int liveAfterTheFirst(int count)
 {
     std::vector<QString> texts;
     for (int i = 0; i < count; ++i)
@@ -109,31 +99,31 @@ int liveBehindTheFirst(int count)
     if (ZebSkein::SkeinLaneForm::best().absorb == nullptr)                                         \
     GTEST_SKIP() << "this processor has no lanes"
 
-// Who goes with whom
+// Which tasks run together
 
-TEST(ZebHashingTask, TasksThatWaitGoAlongWithTheOneThatBegins)
+TEST(ZebHashingTask, WaitingTasksRunTogetherWithTheTaskThatBegins)
 {
     SKIP_WITHOUT_LANES();
     const TemporaryStore store;
-    EXPECT_EQ(liveBehindTheFirst(lanes()), lanes());
+    EXPECT_EQ(liveAfterTheFirst(lanes()), lanes());
 }
 
-TEST(ZebHashingTask, NoMoreThanALaneSetGoesTogether)
+TEST(ZebHashingTask, NoMoreThanALaneSetRunsTogether)
 {
     SKIP_WITHOUT_LANES();
     const TemporaryStore store;
-    EXPECT_EQ(liveBehindTheFirst(2 * lanes() + 1), lanes());
+    EXPECT_EQ(liveAfterTheFirst(2 * lanes() + 1), lanes());
 }
 
-TEST(ZebHashingTask, TooFewForTheLanesGoOneByOne)
+TEST(ZebHashingTask, TooFewForTheLanesRunOneByOne)
 {
     SKIP_WITHOUT_LANES();
     const TemporaryStore store;
-    EXPECT_EQ(liveBehindTheFirst(fewest() - 1), 1);
-    EXPECT_EQ(liveBehindTheFirst(fewest()), fewest());
+    EXPECT_EQ(liveAfterTheFirst(fewest() - 1), 1);
+    EXPECT_EQ(liveAfterTheFirst(fewest()), fewest());
 }
 
-TEST(ZebHashingTask, ThreadThatWaitsTakesNoOthersAlong)
+TEST(ZebHashingTask, WaitingThreadRunsItsOwnTaskOnly)
 {
     const TemporaryStore store;
     const BusyHashingPool busy;
@@ -143,13 +133,13 @@ TEST(ZebHashingTask, ThreadThatWaitsTakesNoOthersAlong)
     const int registered = registry().hashCount();
     EXPECT_EQ(bytesOf(references[7]), numbered(7));
     EXPECT_EQ(registry().hashCount(), registered + 1);
-    // The same by dropping a reference: when its block has been written, its hash goes again, and
-    // no other one has come.
+    // The same for a dropped reference: when its block has been written, its hash is released
+    // again, and no other hash has been registered.
     references[3] = ZebDataReference();
     EXPECT_TRUE(waitUntil([&] { return registry().hashCount() == registered + 1; }));
 }
 
-TEST(ZebHashingTask, TasksThatHaveAThreadGoAlone)
+TEST(ZebHashingTask, TasksWithAThreadEachRunAlone)
 {
     const TemporaryStore store;
     hashingPool().waitForDone();
@@ -158,8 +148,8 @@ TEST(ZebHashingTask, TasksThatHaveAThreadGoAlone)
     std::vector<HashPointer> hashes;
     std::vector<ZebDataReference> references;
     {
-        // Each waits for this lock to admit its block. One that goes along with another would not
-        // come so far, as those of a set are admitted one behind the other.
+        // Each task waits for this lock to admit its block. The blocks of a set are admitted one
+        // after the other, so only tasks that run alone all get there.
         const ZebDataDeleteLocker deleteLocker;
         for (int i = 0; i < 4; ++i)
             hashes.push_back(registry().getHash(numbered(i)));
@@ -174,30 +164,30 @@ TEST(ZebHashingTask, TasksThatHaveAThreadGoAlone)
     hashingPool().setMaxThreadCount(threads);
 }
 
-// Each as if it had run alone
+// The results are those of tasks that run alone
 
-TEST(ZebHashingTask, EveryOneOfASetYieldsItsOwnBlock)
+TEST(ZebHashingTask, EveryTaskOfASetYieldsItsOwnBlock)
 {
     const TemporaryStore store;
     const int alive = ZebBlockFuture::numHashJobs();
-    std::vector<QByteArray> contents = {QByteArray(), "x", QByteArray(64, 'b'),
-                                        QByteArray(100000, 'l')};
+    std::vector<QByteArray> blobs = {QByteArray(), "x", QByteArray(64, 'b'),
+                                     QByteArray(100000, 'l')};
     for (int i = 0; i < 40; ++i)
-        contents.push_back(numbered(i % 30));
+        blobs.push_back(numbered(i % 30));
     std::vector<ZebDataReference> references;
     {
         const BusyHashingPool busy;
-        for (std::size_t i = 0; i < contents.size(); ++i) {
-            // By bytes and by blocks in turns.
-            references.push_back(i % 2 == 0 ? manager().addBlock(contents[i])
-                                            : pending(new ZebDataBlock(contents[i])));
+        for (std::size_t i = 0; i < blobs.size(); ++i) {
+            // Alternately by bytes and by block.
+            references.push_back(i % 2 == 0 ? manager().addBlock(blobs[i])
+                                            : pending(new ZebDataBlock(blobs[i])));
         }
     }
-    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + static_cast<int>(contents.size()));
-    for (std::size_t i = 0; i < contents.size(); ++i) {
+    EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + static_cast<int>(blobs.size()));
+    for (std::size_t i = 0; i < blobs.size(); ++i) {
         EXPECT_TRUE(references[i].hasHashJob()) << i;
-        EXPECT_EQ(references[i].hash(), textOf(contents[i])) << i;
-        EXPECT_EQ(bytesOf(references[i]), contents[i]) << i;
+        EXPECT_EQ(references[i].hash(), textOf(blobs[i])) << i;
+        EXPECT_EQ(bytesOf(references[i]), blobs[i]) << i;
         EXPECT_FALSE(references[i].hasHashJob()) << i;
     }
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);
@@ -238,7 +228,7 @@ TEST(ZebHashingTask, CompressedBlockInASetKeepsTheDigestOfItsStoredBytes)
         EXPECT_EQ(references[i].hash(), expected[i]) << i;
 }
 
-TEST(ZebHashingTask, NullBlocksAmongThemYieldNull)
+TEST(ZebHashingTask, NullBlocksInASetYieldNull)
 {
     const TemporaryStore store;
     std::vector<FuturePointer> jobs;
@@ -284,7 +274,7 @@ TEST(ZebHashingTask, NothingOfAFinishedTaskIsKeptInThePool)
         FuturePointer first(new ZebHashingJob(numbered(0)));
         FuturePointer second(new ZebHashingJob(bytes));
         FuturePointer third(new ZebHashingJob(numbered(2)));
-        // The pool is done with the first only; the others lie in its queue, finished.
+        // The pool has ended the first only; the others are in its queue, finished.
         hashingPool().start(
             [&] {
                 first = FuturePointer();
@@ -300,16 +290,16 @@ TEST(ZebHashingTask, NothingOfAFinishedTaskIsKeptInThePool)
     EXPECT_TRUE(resultHasGone);
 }
 
-// Waiting for one of a set
+// Waiting for a task of a set
 
-TEST(ZebHashingTask, DroppingOneThatIsUnderWayWithOthersWaitsForIt)
+TEST(ZebHashingTask, DroppingAReferenceWaitsForItsRunningSet)
 {
     const TemporaryStore store;
     const int alive = ZebBlockFuture::numHashJobs();
     std::vector<HashPointer> hashes;
     std::vector<ZebDataReference> references;
     std::atomic<int> admitted{0};
-    std::vector<std::thread> threads;
+    std::deque<BlockedThread> threads;
     {
         BusyHashingPool busy;
         for (int i = 0; i < 8; ++i) {
@@ -317,7 +307,7 @@ TEST(ZebHashingTask, DroppingOneThatIsUnderWayWithOthersWaitsForIt)
             references.push_back(manager().addBlock(numbered(i)));
         }
         {
-            // The one that begins needs this lock, and so holds up those that it has taken along.
+            // The task that begins needs this lock, so its whole set waits.
             const ZebDataDeleteLocker deleteLocker;
             const int holders = hashes.front()->refCount();
             busy.open();
@@ -332,12 +322,12 @@ TEST(ZebHashingTask, DroppingOneThatIsUnderWayWithOthersWaitsForIt)
                     admitted.fetch_add(manager().isInMemory(hashes[i].data()) ? 1 : 0);
                 });
             }
-            for (int i = 0; i < 1000; ++i)
-                std::this_thread::yield();
+            for (const BlockedThread& thread : threads)
+                EXPECT_TRUE(thread.standsStill());
             EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive + 8);
         }
-        for (std::thread& thread : threads)
-            thread.join();
+        for (const BlockedThread& thread : threads)
+            EXPECT_TRUE(thread.ends());
     }
     EXPECT_EQ(admitted.load(), 8);
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), alive);

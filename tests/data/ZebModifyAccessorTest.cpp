@@ -3,59 +3,34 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
+#include "support/AccessorInside.h"
+#include "support/BlockInside.h"
+#include "support/BlockedThread.h"
+#include "support/BytesOf.h"
+#include "support/CountedBlock.h"
 #include "support/Fatal.h"
-#include "support/PrivateAccess.h"
+#include "support/IsFree.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
-#include "support/ZebDataDeleteLocker.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <thread>
 #include <type_traits>
 
-ZEBTDX_ACCESS(AccessCount, ZebDataBlock, QAtomicInt ZebDataBlock::*, m_AccessCount)
-ZEBTDX_ACCESS(BlockMutex, ZebDataBlock, QMutex ZebDataBlock::*, m_Mutex)
-ZEBTDX_ACCESS(StoredBytes, ZebDataBlock, QByteArray ZebDataBlock::*, m_Data)
-ZEBTDX_ACCESS(BlockField, ZebModifyAccessor, ZebDataBlock* ZebModifyAccessor::*, m_Block)
+using AccessorInside::block;
+using BlockInside::accessCount;
 
 namespace {
 
-// Opens an accessor by hand.
+// Constructs an accessor directly, as only the library does.
 struct OpenAccessor : ZebModifyAccessor
 {
     explicit OpenAccessor(ZebDataBlock* block) : ZebModifyAccessor(block) {}
 };
-
-// A block that tells when it ends.
-class WatchedBlock : public ZebDataBlock
-{
-public:
-    WatchedBlock(qint64 size, int* ended) : ZebDataBlock(size, 1), m_Ended(ended) {}
-    ~WatchedBlock() override { ++*m_Ended; }
-
-private:
-    int* m_Ended;
-};
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
-
-QAtomicInt& accessCount(ZebDataBlock& block)
-{
-    return block.*privateMember(AccessCount());
-}
-
-ZebDataBlock* blockOf(const ZebModifyAccessor& accessor)
-{
-    return accessor.*privateMember(BlockField());
-}
 
 QByteArray pattern(int size, int seed = 0)
 {
@@ -68,14 +43,6 @@ QByteArray pattern(int size, int seed = 0)
 void fill(const ZebModifyAccessor& accessor, const QByteArray& bytes)
 {
     std::memcpy(accessor.data(), bytes.constData(), static_cast<size_t>(bytes.size()));
-}
-
-QByteArray bytesOf(const ZebDataReference& reference)
-{
-    const ZebConstAccessor accessor = reference.constAccessor();
-    if (accessor.isNull())
-        return "no block";
-    return {reinterpret_cast<const char*>(accessor.data()), static_cast<int>(accessor.size())};
 }
 
 } // namespace
@@ -171,7 +138,7 @@ TEST(ZebModifyAccessor, NewBlocksNeedTheStore)
     const char* const words = "Data Block Manager Not Initialized. Aborting";
     EXPECT_FATAL(manager().createNewBlock(16, 1), words);
     EXPECT_FATAL(manager().createNewBlock(QByteArray("x")), words);
-    // What is missing comes before what is wrong.
+    // The missing store is reported before the wrong size.
     EXPECT_FATAL(manager().createNewBlock(-1, 1), words);
 }
 
@@ -255,7 +222,7 @@ TEST(ZebModifyAccessor, EqualBlocksReleasedAreOneBlock)
     EXPECT_EQ(manager().liveBytes(), 2048);
 }
 
-TEST(ZebModifyAccessor, EqualDontCacheBlocksReleasedStayTwo)
+TEST(ZebModifyAccessor, EqualUncachedBlocksReleasedStayTwo)
 {
     const TemporaryStore store;
     ZebModifyAccessor first = manager().createNewBlock(pattern(100));
@@ -288,25 +255,25 @@ TEST(ZebModifyAccessor, ReleaseOfANullAccessorNeedsNoStore)
     EXPECT_TRUE(accessor.release(ZebModifyAccessor::DontCache, true).isNull());
 }
 
-TEST(ZebModifyAccessor, ReleaseLowersTheCountAndDoesNotTellTheCopies)
+TEST(ZebModifyAccessor, ReleaseLowersTheCountAndLeavesTheCopiesAsTheyAre)
 {
     const TemporaryStore store;
     ZebModifyAccessor accessor = manager().createNewBlock(pattern(64));
     auto copy = std::make_unique<ZebModifyAccessor>(accessor);
-    ZebDataBlock* const block = blockOf(accessor);
+    ZebDataBlock* const released = block(accessor);
     ASSERT_EQ(copy->count(), 2);
     const ZebDataReference reference = accessor.release(ZebModifyAccessor::Cached, true);
     EXPECT_TRUE(accessor.isNull());
     EXPECT_FALSE(copy->isNull());
     EXPECT_EQ(copy->count(), 1);
-    EXPECT_EQ(blockOf(*copy), block);
+    EXPECT_EQ(block(*copy), released);
 
-    // The copy still lowers the count of a block that is not its own any more. One holder more
-    // keeps it from ending that block, and is then taken back.
-    accessCount(*block).fetchAndAddOrdered(1);
+    // The copy still lowers the count of a block that it no longer owns. One accessor more keeps it
+    // from deleting that block, and is then taken away again.
+    accessCount(*released).fetchAndAddOrdered(1);
     copy.reset();
-    EXPECT_EQ(accessCount(*block).loadRelaxed(), 1);
-    accessCount(*block).fetchAndAddOrdered(-1);
+    EXPECT_EQ(accessCount(*released).loadRelaxed(), 1);
+    accessCount(*released).fetchAndAddOrdered(-1);
     EXPECT_EQ(bytesOf(reference), pattern(64));
 }
 
@@ -330,9 +297,9 @@ TEST(ZebModifyAccessor, AccessorDroppedWithoutReleaseChangesNothing)
 
 TEST(ZebModifyAccessor, LastAccessorDeletesTheBlockThroughItsVirtualDestructor)
 {
-    int ended = 0;
+    std::atomic<int> deleted{0};
     {
-        const OpenAccessor accessor(new WatchedBlock(16, &ended));
+        const OpenAccessor accessor(new CountedBlock(qint64(16), &deleted));
         EXPECT_EQ(accessor.count(), 1);
         {
             const ZebModifyAccessor copy(accessor);
@@ -341,9 +308,9 @@ TEST(ZebModifyAccessor, LastAccessorDeletesTheBlockThroughItsVirtualDestructor)
             EXPECT_EQ(copy.size(), 16);
         }
         EXPECT_EQ(accessor.count(), 1);
-        EXPECT_EQ(ended, 0);
+        EXPECT_EQ(deleted.load(), 0);
     }
-    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(deleted.load(), 1);
 }
 
 TEST(ZebModifyAccessor, NullAccessorIsGuarded)
@@ -360,7 +327,7 @@ TEST(ZebModifyAccessor, NullAccessorIsGuarded)
 
 TEST(ZebModifyAccessor, AssignmentMovesNoCount)
 {
-    // Others hold the blocks as well, so that the wrong counts end nothing.
+    // The counts start above 0, so that the wrong counts delete nothing.
     ZebDataBlock blockA(16, 1);
     ZebDataBlock blockB(32, 2);
     accessCount(blockA).storeRelaxed(10);
@@ -383,26 +350,16 @@ TEST(ZebModifyAccessor, AssignmentMovesNoCount)
 
 TEST(ZebModifyAccessor, CountChangesUnderTheBlocksMutex)
 {
-    ZebDataBlock block(16, 1);
-    accessCount(block).storeRelaxed(1);
-    QMutex& mutex = block.*privateMember(BlockMutex());
-    const OpenAccessor accessor(&block);
-    std::atomic<bool> begun{false};
-    std::atomic<bool> done{false};
+    ZebDataBlock held(16, 1);
+    accessCount(held).storeRelaxed(1);
+    const OpenAccessor accessor(&held);
+    QMutex& mutex = BlockInside::mutex(held);
     mutex.lock();
-    std::thread thread([&] {
-        begun.store(true);
-        const ZebModifyAccessor copy(accessor);
-        done.store(true);
-    });
-    EXPECT_TRUE(waitUntil([&] { return begun.load(); }));
-    for (int i = 0; i < 1000; ++i)
-        std::this_thread::yield();
-    EXPECT_FALSE(done.load());
+    BlockedThread thread([&] { const ZebModifyAccessor copy(accessor); });
+    EXPECT_TRUE(thread.waitsFor(mutex));
     EXPECT_EQ(accessor.count(), 2);
     mutex.unlock();
-    thread.join();
-    EXPECT_TRUE(done.load());
+    EXPECT_TRUE(thread.ends());
     EXPECT_EQ(accessor.count(), 2);
 }
 
@@ -411,15 +368,15 @@ TEST(ZebModifyAccessor, DataDecompressesWhenNeeded)
     const TemporaryStore store;
     const QByteArray bytes(5000, 'c');
     const ZebModifyAccessor accessor = manager().createNewBlock(bytes);
-    ZebDataBlock& block = *blockOf(accessor);
-    ASSERT_TRUE(block.compress(9));
+    ZebDataBlock& stored = *block(accessor);
+    ASSERT_TRUE(stored.compress(9));
     EXPECT_EQ(accessor.size(), 5000);
     ASSERT_NE(accessor.data(), nullptr);
-    EXPECT_FALSE(block.isCompressed());
+    EXPECT_FALSE(stored.isCompressed());
     EXPECT_EQ(std::memcmp(accessor.data(), bytes.constData(), 5000), 0);
 
-    ASSERT_TRUE(block.compress(9));
-    block.*privateMember(StoredBytes()) = QByteArray("\0\0\0\x10no zlib", 11);
+    ASSERT_TRUE(stored.compress(9));
+    BlockInside::storedBytes(stored) = QByteArray("\0\0\0\x10no zlib", 11);
     EXPECT_EQ(accessor.data(), nullptr);
     EXPECT_FALSE(accessor.isNull());
 }
@@ -438,8 +395,8 @@ TEST(ZebModifyAccessor, CopyOfABlockIsPrivateAndPlain)
     EXPECT_EQ(accessor.size(), 4096);
     EXPECT_NE(accessor.data(), source.data());
     EXPECT_EQ(std::memcmp(accessor.data(), bytes.constData(), 4096), 0);
-    EXPECT_FALSE(blockOf(accessor)->isCompressed());
-    EXPECT_FALSE(blockOf(accessor)->cached());
+    EXPECT_FALSE(block(accessor)->isCompressed());
+    EXPECT_FALSE(block(accessor)->cached());
     EXPECT_EQ(source.count(), 1);
     EXPECT_EQ(manager().liveBytes(), 4096);
 }
@@ -483,7 +440,7 @@ TEST(ZebModifyAccessor, CopyOutlivesTheReference)
     EXPECT_EQ(bytesOf(accessor.release()), pattern(256));
 }
 
-TEST(ZebModifyAccessor, CopyOfADontCacheBlockMayBeCached)
+TEST(ZebModifyAccessor, CopyOfAnUncachedBlockMayBeCached)
 {
     const TemporaryStore store;
     const ZebDataReference kept = manager().addBlock(pattern(200), ZebModifyAccessor::DontCache);
@@ -493,7 +450,7 @@ TEST(ZebModifyAccessor, CopyOfADontCacheBlockMayBeCached)
     EXPECT_EQ(bytesOf(cached), pattern(200));
 }
 
-TEST(ZebModifyAccessor, BlockThatCannotBeHadGivesANullAccessor)
+TEST(ZebModifyAccessor, BlockThatCannotBeLoadedGivesANullAccessor)
 {
     const TemporaryStore store;
     const ZebDataReference reference(ZebHashManager::instance().getHash(pattern(9)));
@@ -508,39 +465,22 @@ TEST(ZebModifyAccessor, NullReferenceGivesANullAccessorAndNoMessage)
     EXPECT_TRUE(store.messages().messages().isEmpty());
 }
 
-TEST(ZebModifyAccessor, NullReferenceNeedsTheStoreAllTheSame)
+TEST(ZebModifyAccessor, NullReferenceNeedsTheStoreToo)
 {
     EXPECT_FATAL(ZebDataReference().modifyAccessor(),
                  "Data Block Manager Not Initialized. Aborting");
 }
 
-TEST(ZebModifyAccessor, CopyingABlockWaitsForTheDeleteLockAndGivesItBack)
+TEST(ZebModifyAccessor, CopyingABlockTakesTheDeleteLockAndReleasesIt)
 {
     const TemporaryStore store;
     const ZebDataReference reference =
         manager().addBlock(pattern(64), ZebModifyAccessor::Cached, true);
-    std::atomic<bool> begun{false};
-    std::atomic<bool> given{false};
-    std::atomic<bool> waited{false};
-    std::thread thread;
-    {
-        const ZebDataDeleteLocker deleteLocker;
-        thread = std::thread([&] {
-            begun.store(true);
-            const ZebModifyAccessor accessor = reference.modifyAccessor();
-            waited.store(given.load() && !accessor.isNull());
-        });
-        EXPECT_TRUE(waitUntil([&] { return begun.load(); }));
-        for (int i = 0; i < 1000; ++i)
-            std::this_thread::yield();
-        given.store(true);
-    }
-    thread.join();
-    EXPECT_TRUE(waited.load());
+    EXPECT_TRUE(waitsForLock(StoreInside::deleteLock(),
+                             [&reference] { EXPECT_FALSE(reference.modifyAccessor().isNull()); }));
 
     const ZebModifyAccessor held = reference.modifyAccessor();
     const ZebModifyAccessor heldNull = ZebDataReference().modifyAccessor();
-    std::thread other([] { const ZebDataDeleteLocker deleteLocker; });
-    other.join();
+    EXPECT_TRUE(isFree(StoreInside::deleteLock()));
     EXPECT_FALSE(held.isNull());
 }

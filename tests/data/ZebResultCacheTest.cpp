@@ -2,27 +2,21 @@
 
 #include "data/ZebHashingJob.h"
 #include "hash/ZebHashManager.h"
-#include "support/PrivateAccess.h"
+#include "support/BlockedThread.h"
+#include "support/ResultCacheInside.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
 
-#include <QMap>
 #include <QReadLocker>
 #include <QSemaphore>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 #include <memory>
 #include <thread>
 #include <type_traits>
 #include <vector>
-
-using ResultMap = QMap<QString, ZebDataReference>;
-
-ZEBTDX_ACCESS(CacheLockTag, ZebResultCache, QReadWriteLock ZebResultCache::*, m_Lock)
-ZEBTDX_ACCESS(CacheResultsTag, ZebResultCache, ResultMap ZebResultCache::*, m_Results)
 
 namespace {
 
@@ -35,7 +29,7 @@ ZebDataReference resolved(const char* content)
     return ZebDataReference(ZebHashManager::instance().getHash(QByteArray(content)));
 }
 
-// A future that is told when to end.
+// A future whose work ends when the test calls end().
 class HeldFuture : public ZebBlockFuture
 {
 public:
@@ -43,37 +37,36 @@ public:
 
     ZebDataReference data() override
     {
-        m_Asked = true;
+        m_WasCalled = true;
         m_MayEnd.acquire();
         m_MayEnd.release();
         return m_Yield;
     }
 
     void end() { m_MayEnd.release(); }
-    bool asked() const { return m_Asked; }
+    bool wasCalled() const { return m_WasCalled; }
 
 private:
     ZebDataReference m_Yield;
     QSemaphore m_MayEnd;
-    std::atomic<bool> m_Asked{false};
+    std::atomic<bool> m_WasCalled{false};
 };
 
-// Whether a reader that comes now would have to wait, which means that a writer waits already.
-bool readersWait(QReadWriteLock& lock)
+// Whether another thread gets the lock for reading at this moment.
+bool isFreeForReading(QReadWriteLock& lock)
 {
-    return std::async(std::launch::async,
-                      [&lock] {
-                          if (!lock.tryLockForRead())
-                              return true;
-                          lock.unlock();
-                          return false;
-                      })
-        .get();
+    bool taken = false;
+    std::thread([&lock, &taken] {
+        taken = lock.tryLockForRead();
+        if (taken)
+            lock.unlock();
+    }).join();
+    return taken;
 }
 
 } // namespace
 
-TEST(ZebResultCache, IsAPlainObjectThatNobodyCopies)
+TEST(ZebResultCache, CannotBeCopied)
 {
     EXPECT_TRUE(std::is_default_constructible_v<ZebResultCache>);
     EXPECT_FALSE(std::is_copy_constructible_v<ZebResultCache>);
@@ -108,7 +101,7 @@ TEST(ZebResultCache, FindsWhatWasStored)
     EXPECT_EQ(cache.resultCount(), 2);
 }
 
-TEST(ZebResultCache, KeysAreComparedAsTheyStand)
+TEST(ZebResultCache, KeysAreComparedExactly)
 {
     ZebResultCache cache;
     ZebDataReference one = resolved("one");
@@ -132,21 +125,21 @@ TEST(ZebResultCache, FirstResultUnderAKeyStays)
     EXPECT_EQ(later, resolved("later"));
 }
 
-TEST(ZebResultCache, ResultThatAppearsBetweenTheLooksIsReplaced)
+TEST(ZebResultCache, ResultAddedBetweenLookupAndInsertionIsReplaced)
 {
     ZebResultCache cache;
-    QReadWriteLock& lock = cache.*privateMember(CacheLockTag());
+    QReadWriteLock& lock = ResultCacheInside::lock(cache);
     ZebDataReference earlier = resolved("earlier");
     ZebDataReference later = resolved("later");
-    std::future<bool> added;
+    std::unique_ptr<BlockedThread> adding;
     {
         const QReadLocker locker(&lock);
-        added = std::async(std::launch::async, [&] { return cache.addResult(s_A, later); });
-        // It has looked by now and waits to write; nobody else reads.
-        ASSERT_TRUE(waitUntil([&] { return readersWait(lock); }));
-        (cache.*privateMember(CacheResultsTag())).insert(s_A, earlier);
+        adding = std::make_unique<BlockedThread>([&] { EXPECT_TRUE(cache.addResult(s_A, later)); });
+        // It has found no result and waits to write.
+        EXPECT_TRUE(adding->waitsFor(lock));
+        ResultCacheInside::results(cache).insert(s_A, earlier);
     }
-    EXPECT_TRUE(added.get());
+    EXPECT_TRUE(adding->ends());
     EXPECT_EQ(cache.lookup(s_A), later);
     EXPECT_EQ(cache.resultCount(), 1);
 }
@@ -154,15 +147,15 @@ TEST(ZebResultCache, ResultThatAppearsBetweenTheLooksIsReplaced)
 TEST(ZebResultCache, DropsWhatItReplacesWithItsLockFree)
 {
     ZebResultCache cache;
-    QReadWriteLock& lock = cache.*privateMember(CacheLockTag());
-    // A future that looks at the lock in its end.
+    QReadWriteLock& lock = ResultCacheInside::lock(cache);
+    // A future whose destructor checks the lock.
     class LastFuture : public ZebBlockFuture
     {
     public:
         LastFuture(QReadWriteLock* guard, std::atomic<bool>* wasFree)
             : m_Guard(guard), m_WasFree(wasFree)
         {}
-        ~LastFuture() override { *m_WasFree = !readersWait(*m_Guard); }
+        ~LastFuture() override { *m_WasFree = isFreeForReading(*m_Guard); }
         ZebDataReference data() override { return {}; }
 
     private:
@@ -171,20 +164,20 @@ TEST(ZebResultCache, DropsWhatItReplacesWithItsLockFree)
     };
     std::atomic<bool> wasFree{false};
     ZebDataReference later = resolved("later");
-    std::future<bool> added;
+    std::unique_ptr<BlockedThread> adding;
     {
         const QReadLocker locker(&lock);
-        added = std::async(std::launch::async, [&] { return cache.addResult(s_A, later); });
-        ASSERT_TRUE(waitUntil([&] { return readersWait(lock); }));
-        (cache.*privateMember(CacheResultsTag()))
-            .insert(s_A, ZebDataReference(
-                             ZebSmartPointer<ZebBlockFuture>(new LastFuture(&lock, &wasFree))));
+        adding = std::make_unique<BlockedThread>([&] { EXPECT_TRUE(cache.addResult(s_A, later)); });
+        EXPECT_TRUE(adding->waitsFor(lock));
+        ResultCacheInside::results(cache).insert(
+            s_A,
+            ZebDataReference(ZebSmartPointer<ZebBlockFuture>(new LastFuture(&lock, &wasFree))));
     }
-    EXPECT_TRUE(added.get());
+    EXPECT_TRUE(adding->ends());
     EXPECT_TRUE(wasFree);
 }
 
-TEST(ZebResultCache, DisabledItBehavesAsEmptyAndKeepsItsResults)
+TEST(ZebResultCache, DisabledCacheBehavesAsEmptyAndKeepsItsResults)
 {
     ZebResultCache cache;
     ZebDataReference one = resolved("one");
@@ -228,13 +221,13 @@ TEST(ZebResultCache, PendingResultStaysPendingUntilItsCopyResolvesIt)
     const ZebDataReference copy = cache.lookup(s_A);
     EXPECT_TRUE(copy.hasHashJob());
     EXPECT_EQ(copy, pending);
-    // Nothing so far has asked the future, so nothing can have waited for it.
-    EXPECT_FALSE(future->asked());
+    // No operation so far has called data(), so none can have waited for it.
+    EXPECT_FALSE(future->wasCalled());
     future->end();
     copy.resolveWork();
     EXPECT_FALSE(copy.hasHashJob());
     EXPECT_EQ(copy, resolved("held"));
-    // Copies resolve apart: the passed one and the stored one are as they were.
+    // Each copy resolves on its own: the passed and the stored reference are unchanged.
     EXPECT_TRUE(pending.hasHashJob());
     EXPECT_TRUE(cache.lookup(s_A).hasHashJob());
     EXPECT_EQ(cache.lookup(s_A).hash(), copy.hash());
@@ -248,7 +241,7 @@ TEST(ZebResultCache, ResolvedResultIsStoredResolved)
     EXPECT_FALSE(cache.lookup(s_A).hasHashJob());
 }
 
-TEST(ZebResultCache, PinsTheIdentityUntilItEnds)
+TEST(ZebResultCache, KeepsTheHashRegisteredUntilItsEnd)
 {
     const int hashes = ZebHashManager::instance().hashCount();
     const int references = ZebDataReference::referenceCount();
@@ -287,7 +280,7 @@ TEST(ZebResultCache, LeavesTheMemoryOfABlockToTheStore)
     EXPECT_EQ(accessor.data()[999], 'r');
 }
 
-TEST(ZebResultCache, EndWaitsForTheJobsThatItAloneHolds)
+TEST(ZebResultCache, DestructorWaitsForJobsThatOnlyTheCacheHolds)
 {
     const TemporaryStore store;
     const int jobs = ZebBlockFuture::numHashJobs();
@@ -303,27 +296,27 @@ TEST(ZebResultCache, EndWaitsForTheJobsThatItAloneHolds)
     EXPECT_EQ(ZebBlockFuture::numHashJobs(), jobs);
 }
 
-TEST(ZebResultCache, ThreadThatReadsMayReadAgain)
+TEST(ZebResultCache, ReadingThreadMayReadAgainWhileAWriterWaits)
 {
     ZebResultCache cache;
     ZebDataReference one = resolved("one");
     ASSERT_TRUE(cache.addResult(s_A, one));
-    QReadWriteLock& lock = cache.*privateMember(CacheLockTag());
-    std::future<bool> added;
+    QReadWriteLock& lock = ResultCacheInside::lock(cache);
+    std::unique_ptr<BlockedThread> adding;
     {
         const QReadLocker locker(&lock);
-        added = std::async(std::launch::async, [&] { return cache.addResult(s_B, one); });
-        ASSERT_TRUE(waitUntil([&] { return readersWait(lock); }));
-        // A writer waits, and this thread gets the lock once more all the same.
+        adding = std::make_unique<BlockedThread>([&] { EXPECT_TRUE(cache.addResult(s_B, one)); });
+        EXPECT_TRUE(adding->waitsFor(lock));
+        // A writer waits, and this thread still gets the lock once more.
         EXPECT_TRUE(cache.contains(s_A));
         EXPECT_EQ(cache.lookup(s_A), one);
         EXPECT_EQ(cache.resultCount(), 1);
     }
-    EXPECT_TRUE(added.get());
+    EXPECT_TRUE(adding->ends());
     EXPECT_EQ(cache.resultCount(), 2);
 }
 
-TEST(ZebResultCache, ManyThreadsShareIt)
+TEST(ZebResultCache, ManyThreadsShareACache)
 {
     constexpr int threadCount = 4;
     constexpr int keys = 200;
@@ -338,7 +331,7 @@ TEST(ZebResultCache, ManyThreadsShareIt)
         threads.emplace_back([&, thread] {
             for (int step = 0; step < keys; ++step) {
                 const int i = (step + thread * keys / threadCount) % keys;
-                // A copy of its own, as one reference belongs to one thread.
+                // One reference belongs to one thread, so this one works on a copy.
                 ZebDataReference mine(results[static_cast<std::size_t>(i)]);
                 if (!cache.addResult(QString::number(i), mine))
                     ++wrong;

@@ -25,7 +25,7 @@ QThreadPool* pool(int type)
         static_cast<ZebThreadPoolManager::ZebThreadPoolType>(type));
 }
 
-// A task that ends once the process is on its way out.
+// A task that ends during the exit of the process.
 class LastTask : public QRunnable
 {
 public:
@@ -45,9 +45,9 @@ private:
 
 QSemaphore LastTask::s_Exiting;
 
-// Ends the process with a task under way in each own pool. Exit handlers run last in, first out:
-// the tasks go on before the pools end, and the last word comes after.
-[[noreturn]] void exitWithTasksUnderWay()
+// Ends the process while a task runs in each own pool. Exit handlers run last in, first out: the
+// tasks continue before the pools are destroyed, and the last line is printed after that.
+[[noreturn]] void exitWhileTasksRun()
 {
     std::atexit([] { std::fprintf(stderr, "<pools gone>"); });
     QThreadPool* const hashing = pool(ZebThreadPoolManager::HashingThreadPool);
@@ -96,7 +96,7 @@ TEST(ZebThreadPoolManager, OwnPoolsAreTwoAndStayTheSame)
     EXPECT_EQ(hashing->parent(), nullptr);
 }
 
-TEST(ZebThreadPoolManager, HashingPoolStandsBehindThePrivateOneAndSoEndsFirst)
+TEST(ZebThreadPoolManager, HashingPoolIsTheLaterMemberAndIsDestroyedFirst)
 {
     EXPECT_TRUE(std::less<>()(pool(ZebThreadPoolManager::PrivateThreadPool),
                               pool(ZebThreadPoolManager::HashingThreadPool)));
@@ -118,7 +118,7 @@ TEST(ZebThreadPoolManager, OwnPoolsKeepQtsDefaults)
     }
 }
 
-TEST(ZebThreadPoolManager, ManyThreadsGetTheSameOne)
+TEST(ZebThreadPoolManager, ManyThreadsGetTheSameManager)
 {
     std::vector<ZebThreadPoolManager*> seen(8);
     std::vector<std::thread> threads;
@@ -129,7 +129,7 @@ TEST(ZebThreadPoolManager, ManyThreadsGetTheSameOne)
     EXPECT_EQ(std::set<ZebThreadPoolManager*>(seen.begin(), seen.end()).size(), 1U);
 }
 
-TEST(ZebThreadPoolManager, APoolThatIsBusyDoesNotHoldUpTheOther)
+TEST(ZebThreadPoolManager, ABusyPoolDoesNotBlockTheOther)
 {
     QThreadPool* const own = pool(ZebThreadPoolManager::PrivateThreadPool);
     QThreadPool* const hashing = pool(ZebThreadPoolManager::HashingThreadPool);
@@ -141,7 +141,7 @@ TEST(ZebThreadPoolManager, APoolThatIsBusyDoesNotHoldUpTheOther)
         hashing->start([&] {
             busy.release();
             if (!gate.tryAcquire(1, s_DeadlineMs))
-                ADD_FAILURE() << "nobody has opened the gate";
+                ADD_FAILURE() << "the gate stayed shut";
         });
     }
     EXPECT_TRUE(busy.tryAcquire(count, s_DeadlineMs));
@@ -154,7 +154,7 @@ TEST(ZebThreadPoolManager, APoolThatIsBusyDoesNotHoldUpTheOther)
 
 TEST(ZebThreadPoolManager, ProcessExitWaitsForTheTasksOfBothOwnPools)
 {
-    EXPECT_EXIT(exitWithTasksUnderWay(), ::testing::ExitedWithCode(0),
+    EXPECT_EXIT(exitWhileTasksRun(), ::testing::ExitedWithCode(0),
                 ::testing::AnyOf(::testing::HasSubstr("<hashing done><private done><pools gone>"),
                                  ::testing::HasSubstr("<private done><hashing done><pools gone>")));
 }

@@ -19,7 +19,7 @@ using Bytes = std::vector<unsigned char>;
 using ZebSkein::SkeinBatch;
 using ZebSkein::SkeinLaneForm;
 
-// Lengths about the ends of one, two and three blocks, and some way in.
+// Lengths around the boundaries of one, two and three blocks, and beyond.
 constexpr std::size_t s_EdgeLengths[] = {0,   1,   7,   8,   63,  64,  65,  127,  128,
                                          129, 191, 192, 193, 255, 256, 257, 1000, 1024};
 
@@ -31,7 +31,7 @@ Bytes randomBytes(std::mt19937_64& random, std::size_t count)
     return bytes;
 }
 
-// The digest by the form for one message, which SkeinTest holds against vectors and a reference.
+// The digest by the code for one message, which SkeinTest compares with vectors and a reference.
 std::string digestAlone(const unsigned char* bytes, std::size_t count)
 {
     unsigned char digest[SkeinBatch::s_DigestBytes] = {};
@@ -39,34 +39,33 @@ std::string digestAlone(const unsigned char* bytes, std::size_t count)
     return {std::begin(digest), std::end(digest)};
 }
 
-std::vector<SkeinBatch::Content> contentsOf(const std::vector<Bytes>& messages)
+std::vector<SkeinBatch::Content> inputsOf(const std::vector<Bytes>& messages)
 {
-    std::vector<SkeinBatch::Content> contents;
+    std::vector<SkeinBatch::Content> inputs;
     for (const Bytes& message : messages)
-        contents.push_back({message.data(), message.size()});
-    return contents;
+        inputs.push_back({message.data(), message.size()});
+    return inputs;
 }
 
-// Digests all of them together and compares each with its digest alone. The order in which they
-// came is returned.
+// Digests all inputs together and compares each with its digest alone. Returns the order in which
+// the digests were reported.
 std::vector<std::size_t> expectDigests(const SkeinLaneForm& form,
-                                       const std::vector<SkeinBatch::Content>& contents)
+                                       const std::vector<SkeinBatch::Content>& inputs)
 {
     std::vector<std::size_t> order;
-    std::vector<std::string> digests(contents.size());
-    SkeinBatch::digest(form, contents, [&](std::size_t index, const unsigned char* digest) {
+    std::vector<std::string> digests(inputs.size());
+    SkeinBatch::digest(form, inputs, [&](std::size_t index, const unsigned char* digest) {
         order.push_back(index);
         digests.at(index).assign(digest, digest + SkeinBatch::s_DigestBytes);
     });
-    for (std::size_t i = 0; i < contents.size(); ++i) {
-        const auto count = static_cast<std::size_t>(contents[i].byteCount);
-        EXPECT_EQ(digests[i], digestAlone(contents[i].bytes, count))
-            << form.name << ": content " << i << " of " << contents.size() << ", " << count
-            << " bytes";
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+        const auto count = static_cast<std::size_t>(inputs[i].byteCount);
+        EXPECT_EQ(digests[i], digestAlone(inputs[i].bytes, count))
+            << form.name << ": input " << i << " of " << inputs.size() << ", " << count << " bytes";
     }
     std::vector<std::size_t> each = order;
     std::sort(each.begin(), each.end());
-    std::vector<std::size_t> expected(contents.size());
+    std::vector<std::size_t> expected(inputs.size());
     std::iota(expected.begin(), expected.end(), std::size_t{0});
     EXPECT_EQ(each, expected) << form.name;
     return order;
@@ -74,13 +73,13 @@ std::vector<std::size_t> expectDigests(const SkeinLaneForm& form,
 
 } // namespace
 
-TEST(SkeinBatch, NoContentsAreNoCalls)
+TEST(SkeinBatch, NoInputsCauseNoCalls)
 {
     for (const SkeinLaneForm& form : LaneForms::all())
         EXPECT_TRUE(expectDigests(form, {}).empty());
 }
 
-TEST(SkeinBatch, EqualLengthsAboutBlockEnds)
+TEST(SkeinBatch, EqualLengthsAroundBlockBoundaries)
 {
     std::mt19937_64 random(1);
     for (const SkeinLaneForm& form : LaneForms::all()) {
@@ -89,13 +88,13 @@ TEST(SkeinBatch, EqualLengthsAboutBlockEnds)
                 std::vector<Bytes> messages;
                 for (std::size_t i = 0; i < count; ++i)
                     messages.push_back(randomBytes(random, length));
-                expectDigests(form, contentsOf(messages));
+                expectDigests(form, inputsOf(messages));
             }
         }
     }
 }
 
-TEST(SkeinBatch, UnequalLengthsAboutBlockEndsInOneSet)
+TEST(SkeinBatch, UnequalLengthsAroundBlockBoundariesInOneSet)
 {
     std::mt19937_64 random(2);
     std::vector<Bytes> messages;
@@ -104,7 +103,7 @@ TEST(SkeinBatch, UnequalLengthsAboutBlockEndsInOneSet)
     for (const SkeinLaneForm& form : LaneForms::all()) {
         for (int round = 0; round < 20; ++round) {
             std::shuffle(messages.begin(), messages.end(), random);
-            expectDigests(form, contentsOf(messages));
+            expectDigests(form, inputsOf(messages));
         }
     }
 }
@@ -118,33 +117,33 @@ TEST(SkeinBatch, SetsOfAnySizeRefillTheirLanes)
             std::vector<Bytes> messages;
             for (std::size_t i = 0; i < count; ++i)
                 messages.push_back(randomBytes(random, lengths(random)));
-            expectDigests(form, contentsOf(messages));
+            expectDigests(form, inputsOf(messages));
         }
     }
 }
 
-TEST(SkeinBatch, AnyAlignmentWillDo)
+TEST(SkeinBatch, AlignmentDoesNotMatter)
 {
     std::mt19937_64 random(4);
     const Bytes bytes = randomBytes(random, 64 + 500);
     for (const SkeinLaneForm& form : LaneForms::all()) {
         for (std::size_t offset = 0; offset < 64; ++offset) {
-            std::vector<SkeinBatch::Content> contents;
+            std::vector<SkeinBatch::Content> inputs;
             for (std::size_t i = 0; i < 8; ++i)
-                contents.push_back({bytes.data() + (offset + i * 7) % 64, 500 - i});
-            expectDigests(form, contents);
+                inputs.push_back({bytes.data() + (offset + i * 7) % 64, 500 - i});
+            expectDigests(form, inputs);
         }
     }
 }
 
-TEST(SkeinBatch, NullWithoutBytesIsTheEmptyContent)
+TEST(SkeinBatch, NullWithoutBytesIsTheEmptyInput)
 {
     const unsigned char some[] = {1, 2, 3};
     for (const SkeinLaneForm& form : LaneForms::all())
         expectDigests(form, {{nullptr, 0}, {some, 3}, {nullptr, 0}, {some, 1}, {nullptr, 0}});
 }
 
-TEST(SkeinBatch, OneContentMayStandInASetSeveralTimes)
+TEST(SkeinBatch, AnInputMayBeInASetSeveralTimes)
 {
     std::mt19937_64 random(5);
     const Bytes bytes = randomBytes(random, 777);
@@ -152,24 +151,24 @@ TEST(SkeinBatch, OneContentMayStandInASetSeveralTimes)
         expectDigests(form, std::vector<SkeinBatch::Content>(11, {bytes.data(), bytes.size()}));
 }
 
-TEST(SkeinBatch, ByItselfItTakesTheBestForm)
+TEST(SkeinBatch, TheBestFormIsTheDefault)
 {
     std::mt19937_64 random(6);
     std::vector<Bytes> messages;
     for (std::size_t i = 0; i < 20; ++i)
         messages.push_back(randomBytes(random, 100 * i));
     std::vector<std::size_t> order;
-    SkeinBatch::digest(contentsOf(messages), [&](std::size_t index, const unsigned char* digest) {
+    SkeinBatch::digest(inputsOf(messages), [&](std::size_t index, const unsigned char* digest) {
         order.push_back(index);
         EXPECT_EQ(std::string(digest, digest + SkeinBatch::s_DigestBytes),
                   digestAlone(messages.at(index).data(), messages.at(index).size()));
     });
-    EXPECT_EQ(order, expectDigests(SkeinLaneForm::best(), contentsOf(messages)));
+    EXPECT_EQ(order, expectDigests(SkeinLaneForm::best(), inputsOf(messages)));
 }
 
-// When they come
+// The order of the reports
 
-TEST(SkeinBatch, OfThoseKnownTogetherTheFirstComesLast)
+TEST(SkeinBatch, DigestsThatEndTogetherAreReportedInReverseOrder)
 {
     std::mt19937_64 random(7);
     for (const SkeinLaneForm& form : LaneForms::all()) {
@@ -181,11 +180,11 @@ TEST(SkeinBatch, OfThoseKnownTogetherTheFirstComesLast)
             for (std::size_t i = form.lanes; i-- > 0;)
                 expected.push_back(begin + i);
         }
-        EXPECT_EQ(expectDigests(form, contentsOf(messages)), expected) << form.name;
+        EXPECT_EQ(expectDigests(form, inputsOf(messages)), expected) << form.name;
     }
 }
 
-TEST(SkeinBatch, ShortOnesDoNotWaitForALongOne)
+TEST(SkeinBatch, ShortInputsDoNotWaitForALongInput)
 {
     std::mt19937_64 random(8);
     for (const SkeinLaneForm& form : LaneForms::all()) {
@@ -194,75 +193,75 @@ TEST(SkeinBatch, ShortOnesDoNotWaitForALongOne)
         std::vector<Bytes> messages = {randomBytes(random, 100000)};
         for (std::size_t i = 1; i < form.lanes; ++i)
             messages.push_back(randomBytes(random, 300));
-        EXPECT_EQ(expectDigests(form, contentsOf(messages)).back(), 0U) << form.name;
+        EXPECT_EQ(expectDigests(form, inputsOf(messages)).back(), 0U) << form.name;
     }
 }
 
-TEST(SkeinBatch, ALongOneBeginsFirst)
+TEST(SkeinBatch, ALongInputBeginsFirst)
 {
     std::mt19937_64 random(9);
     for (const SkeinLaneForm& form : LaneForms::all()) {
         if (form.absorb == nullptr)
             continue;
-        // Had it to wait for a free lane, it would come behind the last of the short ones.
+        // If the long input waited for a free lane, it would be reported after all short inputs.
         std::vector<Bytes> messages;
         for (std::size_t i = 0; i < 10 * form.lanes; ++i)
             messages.push_back(randomBytes(random, 300));
         messages.push_back(randomBytes(random, 1000));
-        const std::vector<std::size_t> order = expectDigests(form, contentsOf(messages));
+        const std::vector<std::size_t> order = expectDigests(form, inputsOf(messages));
         EXPECT_NE(order.back(), messages.size() - 1) << form.name;
     }
 }
 
-TEST(SkeinBatch, TooFewForTheLanesGoOneByOneInTheirOrder)
+TEST(SkeinBatch, TooFewForTheLanesAreDigestedOneByOneInOrder)
 {
     std::mt19937_64 random(10);
     for (const SkeinLaneForm& form : LaneForms::all()) {
         std::vector<Bytes> messages;
         for (std::size_t i = 0; i + 1 < std::max<std::size_t>(form.fewest, 2); ++i)
             messages.push_back(randomBytes(random, 100 + 100 * i));
-        const std::vector<std::size_t> order = expectDigests(form, contentsOf(messages));
+        const std::vector<std::size_t> order = expectDigests(form, inputsOf(messages));
         EXPECT_TRUE(std::is_sorted(order.begin(), order.end())) << form.name;
     }
 }
 
 // What a receiver may do
 
-TEST(SkeinBatch, ContentMayGoInItsOwnCall)
+TEST(SkeinBatch, AnInputMayBeFreedInItsOwnCall)
 {
     std::mt19937_64 random(11);
     for (const SkeinLaneForm& form : LaneForms::all()) {
         std::vector<std::unique_ptr<Bytes>> messages;
-        std::vector<SkeinBatch::Content> contents;
+        std::vector<SkeinBatch::Content> inputs;
         std::vector<std::string> expected;
         for (std::size_t i = 0; i < 30; ++i) {
             messages.push_back(std::make_unique<Bytes>(randomBytes(random, 2000 - 61 * i)));
-            contents.push_back({messages.back()->data(), messages.back()->size()});
-            expected.push_back(digestAlone(contents.back().bytes, messages.back()->size()));
+            inputs.push_back({messages.back()->data(), messages.back()->size()});
+            expected.push_back(digestAlone(inputs.back().bytes, messages.back()->size()));
         }
         std::size_t right = 0;
-        SkeinBatch::digest(form, contents, [&](std::size_t index, const unsigned char* digest) {
-            // Whoever reads them after this reads something else.
+        SkeinBatch::digest(form, inputs, [&](std::size_t index, const unsigned char* digest) {
+            // A later read of the input would find other bytes.
             std::fill(messages[index]->begin(), messages[index]->end(), '\0');
             messages[index].reset();
             if (std::string(digest, digest + SkeinBatch::s_DigestBytes) == expected[index])
                 ++right;
         });
-        EXPECT_EQ(right, contents.size()) << form.name;
+        EXPECT_EQ(right, inputs.size()) << form.name;
     }
 }
 
-TEST(SkeinBatch, ExceptionOfAReceiverEndsTheWork)
+TEST(SkeinBatch, AnExceptionOfTheReceiverEndsTheWork)
 {
     const Bytes bytes(500, 1);
-    const std::vector<SkeinBatch::Content> contents(20, {bytes.data(), bytes.size()});
+    const std::vector<SkeinBatch::Content> inputs(20, {bytes.data(), bytes.size()});
     for (const SkeinLaneForm& form : LaneForms::all()) {
         std::size_t calls = 0;
         const auto receive = [&calls](std::size_t, const unsigned char*) {
             if (++calls == 5)
                 throw std::runtime_error("enough");
         };
-        EXPECT_THROW(SkeinBatch::digest(form, contents, receive), std::runtime_error);
+        EXPECT_THROW(SkeinBatch::digest(form, inputs, receive), std::runtime_error);
         EXPECT_EQ(calls, 5U) << form.name;
     }
 }

@@ -19,7 +19,7 @@ using ZebSkein::Word;
 constexpr std::size_t s_BlockBytes = 64;
 constexpr std::size_t s_Lanes = SkeinLaneSet::s_MostLanes;
 
-// A set with something else in every word, and data of its own for each lane.
+// A set with different words everywhere, and separate data for each lane.
 struct RandomSet
 {
     RandomSet(std::mt19937_64& random, std::size_t blockCount)
@@ -31,7 +31,7 @@ struct RandomSet
             m_Set.flags[lane] = ZebSkein::s_TypeMessage | (random() & ZebSkein::s_FlagFirst) |
                                 (random() & ZebSkein::s_FlagFinal);
             m_Set.bytesPerBlock[lane] = 1 + random() % s_BlockBytes;
-            // Each of these ends where the blocks end, and begins at an alignment of its own.
+            // Each buffer ends where the blocks end, and begins at a different alignment.
             m_Bytes.emplace_back(lane + blockCount * s_BlockBytes);
             for (unsigned char& byte : m_Bytes.back())
                 byte = static_cast<unsigned char>(random() & 0xFF);
@@ -43,7 +43,7 @@ struct RandomSet
     std::vector<std::vector<unsigned char>> m_Bytes;
 };
 
-// What one lane becomes when it goes alone.
+// The result of one lane by the code for one message.
 std::vector<Word> chainAlone(const SkeinLaneSet& set, std::size_t lane, std::size_t blockCount)
 {
     std::vector<Word> chain;
@@ -65,7 +65,7 @@ std::vector<Word> column(const SkeinLaneSet& set, std::size_t lane)
 
 } // namespace
 
-TEST(SkeinLaneForm, ScalarIsAlwaysThereAndComesFirst)
+TEST(SkeinLaneForm, ScalarIsAlwaysAvailableAndFirst)
 {
     const std::vector<SkeinLaneForm>& forms = SkeinLaneForm::available();
     ASSERT_FALSE(forms.empty());
@@ -75,7 +75,7 @@ TEST(SkeinLaneForm, ScalarIsAlwaysThereAndComesFirst)
     EXPECT_EQ(&SkeinLaneForm::best(), &forms.back());
 }
 
-TEST(SkeinLaneForm, EveryFormButScalarHasLanesThatPay)
+TEST(SkeinLaneForm, EveryFormButScalarNeedsSeveralInputs)
 {
     const std::vector<SkeinLaneForm>& forms = SkeinLaneForm::available();
     for (std::size_t i = 1; i < forms.size(); ++i) {
@@ -87,7 +87,7 @@ TEST(SkeinLaneForm, EveryFormButScalarHasLanesThatPay)
     }
 }
 
-TEST(SkeinLaneForm, TakesWhatTheProcessorSays)
+TEST(SkeinLaneForm, UsesWhatTheProcessorSupports)
 {
     std::vector<std::string> expected = {"scalar"};
 #if defined(ZEB_SKEIN_HAS_VECTORS) && defined(__x86_64__)
@@ -103,7 +103,7 @@ TEST(SkeinLaneForm, TakesWhatTheProcessorSays)
     EXPECT_EQ(names, expected);
 }
 
-TEST(SkeinLaneForm, EveryLaneGoesAsIfAlone)
+TEST(SkeinLaneForm, EveryLaneMatchesTheCodeForOneMessage)
 {
     std::mt19937_64 random(1);
     for (const SkeinLaneForm& form : LaneForms::all()) {
@@ -121,7 +121,7 @@ TEST(SkeinLaneForm, EveryLaneGoesAsIfAlone)
     }
 }
 
-TEST(SkeinLaneForm, NothingButTheChainsOfItsLanesChanges)
+TEST(SkeinLaneForm, OnlyTheChainsOfItsLanesChange)
 {
     std::mt19937_64 random(2);
     for (const SkeinLaneForm& form : LaneForms::all()) {

@@ -20,8 +20,8 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using Word = ZebSkein::Word;
 
-// A second form of the digest, told in loops and tables, to compare the unrolled one with. It
-// shares nothing with the code under test.
+// A second implementation of the digest, in loops and tables, with which the unrolled code is
+// compared. It shares nothing with the code under test.
 namespace reference {
 
 constexpr std::size_t s_MaxWords = 16;
@@ -183,7 +183,7 @@ Bytes digest(int digestBits, const Bytes& message)
 
 constexpr int s_StateBits[] = {256, 512, 1024};
 
-// Lengths about the ends of the blocks of all three states.
+// Lengths around the block boundaries of all three state sizes.
 constexpr std::size_t s_EdgeLengths[] = {0,   1,   7,   8,   9,   31,  32,  33,  63,  64,
                                          65,  95,  96,  97,  127, 128, 129, 191, 192, 193,
                                          255, 256, 257, 383, 384, 385, 511, 512, 513, 1000};
@@ -196,7 +196,7 @@ Bytes randomBytes(std::mt19937_64& random, std::size_t count)
     return bytes;
 }
 
-// The digest by the code under test, with a check that it keeps to the room it was given.
+// The digest by the code under test, with a check that it writes only into its buffer.
 Bytes digestOf(int digestBits, const unsigned char* data, std::size_t byteCount)
 {
     constexpr unsigned char guard = 0xA5;
@@ -250,7 +250,7 @@ std::vector<Vector> readVectors()
     return vectors;
 }
 
-// The input that a line of the table names; empty and a failure for a name that is not known.
+// The input that a line of the table names; a failure and an empty input for an unknown name.
 Bytes namedInput(const std::string& name, std::size_t length)
 {
     Bytes bytes;
@@ -279,7 +279,7 @@ ProcessBlocks processBlocksFor(int stateBits)
     return stateBits == 512 ? &ZebSkein::processBlocks512 : &ZebSkein::processBlocks1024;
 }
 
-// Whether this build is fast enough to digest half a GiB in passing.
+// Whether this build is fast enough to digest half a GiB in every run.
 constexpr bool isFastBuild()
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__OPTIMIZE__)
@@ -330,7 +330,7 @@ TEST(Skein, ComputesTheInitialChainingValueOfAnyLength)
     }
 }
 
-TEST(Skein, MatchesTheReferenceAboutBlockEnds)
+TEST(Skein, MatchesTheReferenceAroundBlockBoundaries)
 {
     std::mt19937_64 random(1);
     for (const int stateBits : s_StateBits) {
@@ -355,7 +355,7 @@ TEST(Skein, MatchesTheReferenceOnRandomLengths)
     }
 }
 
-TEST(Skein, GivesEveryWholeWordDigestLength)
+TEST(Skein, SupportsEveryWholeWordDigestLength)
 {
     std::mt19937_64 random(3);
     const Bytes message = randomBytes(random, 200);
@@ -374,7 +374,7 @@ TEST(Skein, RoundsAnOddDigestLengthUpToBytes)
             << digestBits;
 }
 
-TEST(Skein, ALongDigestTakesDifferentOutputBlocks)
+TEST(Skein, ALongDigestHasDifferentOutputBlocks)
 {
     constexpr std::size_t blockSize = 128;
     const Bytes digest = digestOf(3 * 1024, namedInput("count", 100));
@@ -434,7 +434,7 @@ TEST(Skein, NullDataOfNoLengthIsTheEmptyInput)
         EXPECT_EQ(digestOf(stateBits, nullptr, 0), reference::digest(stateBits, Bytes()));
 }
 
-TEST(Skein, RefusesADigestLengthBelowOne)
+TEST(Skein, RejectsADigestLengthBelowOne)
 {
     const unsigned char data[] = {1, 2, 3};
     unsigned char digest[] = {9, 9, 9, 9};
@@ -447,7 +447,7 @@ TEST(Skein, RefusesADigestLengthBelowOne)
     EXPECT_EQ(Bytes(std::begin(digest), std::end(digest)), untouched);
 }
 
-TEST(Skein, RefusesArgumentsItCannotUse)
+TEST(Skein, RejectsInvalidArguments)
 {
     const unsigned char data[] = {1, 2, 3};
     unsigned char digest[32] = {};
@@ -459,7 +459,7 @@ TEST(Skein, RefusesArgumentsItCannotUse)
     EXPECT_EQ(Bytes(std::begin(digest), std::end(digest)), Bytes(sizeof(digest), 0));
 }
 
-TEST(Skein, ReturnValuesAreThoseOfTheCall)
+TEST(Skein, ReturnValuesHaveTheirNumbers)
 {
     EXPECT_EQ(static_cast<int>(ZebSkein::Success), 0);
     EXPECT_EQ(static_cast<int>(ZebSkein::Fail), 1);
@@ -506,7 +506,7 @@ TEST(Skein, NoBlocksChangeNothing)
     }
 }
 
-// Contents of several GiB are too long for a test, the count of their bytes is not.
+// Inputs of several GiB take too long for a test; a count of so many bytes does not.
 TEST(Skein, CountsBytesBeyond32Bits)
 {
     std::mt19937_64 random(6);
@@ -532,14 +532,14 @@ TEST(Skein, CountsBytesBeyond32Bits)
     }
 }
 
-// 513 MiB are more than 2^32 bits. The reference above takes too long for that in every run; it
-// gave the digest that stands here once.
+// 513 MiB are more than 2^32 bits. The reference above is too slow for every run; the expected
+// digest was computed with it once.
 TEST(Skein, DigestsMoreThan32BitsOfLength)
 {
     if (!isFastBuild())
         GTEST_SKIP() << "too slow in a sanitized or unoptimized build";
     constexpr std::size_t byteCount = std::size_t{513} << 20;
-    // Memory from calloc that is only read takes no room of its own.
+    // Memory from calloc that is only read occupies no memory.
     const std::unique_ptr<void, decltype(&std::free)> zeros(std::calloc(byteCount, 1), &std::free);
     ASSERT_NE(zeros, nullptr);
     EXPECT_EQ(hex(digestOf(512, static_cast<const unsigned char*>(zeros.get()), byteCount)),

@@ -2,54 +2,35 @@
 
 #include "data/ZebDataReference.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
+#include "support/BlockedThread.h"
 #include "support/Fatal.h"
+#include "support/HashInside.h"
+#include "support/IsFree.h"
+#include "support/Manager.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
-
-#include <QSemaphore>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <memory>
-#include <thread>
-
-ZEBTDX_ACCESS(IncRefTag, ZebDataHash, void (ZebDataHash::*)(void*), incRef)
-ZEBTDX_ACCESS(DecRefTag, ZebDataHash, void (ZebDataHash::*)(void*), decRef)
-ZEBTDX_ACCESS(SwapTag, ZebDataHash, void (ZebDataHash::*)(void*, void*), swap)
 
 namespace {
 
 using Pointer = ZebSmartPointer<ZebDataHash>;
 
-constexpr int s_DeadlineMs = 20000;
-constexpr int s_ShortWaitMs = 50;
-
 void incRef(ZebDataHash& hash)
 {
-    (hash.*privateMember(IncRefTag()))(nullptr);
+    HashInside::incRef(hash, nullptr);
 }
+
 void decRef(ZebDataHash& hash)
 {
-    (hash.*privateMember(DecRefTag()))(nullptr);
+    HashInside::decRef(hash, nullptr);
 }
 
-// Whether another thread finds the hash's own mutex free at this moment.
-bool isFree(ZebDataHash& hash)
-{
-    bool taken = false;
-    std::thread([&] {
-        taken = hash.tryLock();
-        if (taken)
-            hash.unlock();
-    }).join();
-    return taken;
-}
-
-// Sends a fatal message to standard error together with the count of objects at that moment.
+// Prints a fatal message to standard error, and the count of objects at that moment.
 void reportFatalWithHashCount(QtMsgType type, const QMessageLogContext& context,
                               const QString& text)
 {
@@ -118,7 +99,7 @@ TEST(ZebDataHashLife, SwapMovesNoCount)
     const Pointer holder(hash);
     int from = 1;
     int to = 2;
-    (hash->*privateMember(SwapTag()))(&from, &to);
+    HashInside::swap(*hash, &from, &to);
     EXPECT_EQ(hash->refCount(), 1);
     EXPECT_EQ(from, 1);
     EXPECT_EQ(to, 2);
@@ -147,11 +128,11 @@ TEST(ZebDataHashLife, TheFatalDeleteHasLoweredTheCountOfObjects)
             std::fprintf(stderr, "{before:%d}\n", before);
             deleteWhileHeld();
         },
-        // One object stands on the stack; the one that is being deleted is gone from the count.
+        // One object is on the stack; the object that is being deleted no longer counts.
         ::testing::AllOf(::testing::HasSubstr("{before:1}"), ::testing::HasSubstr("{hashes:1}")));
 }
 
-TEST(ZebDataHashLife, DeletingAHeldObjectWithoutADigestEndsWithTheWordsOfItsText)
+TEST(ZebDataHashLife, DeletingAHeldObjectWithoutADigestReportsItsLength)
 {
     EXPECT_FATAL(
         {
@@ -199,25 +180,14 @@ TEST(ZebDataHashLife, APinnedHashKeepsItsCount)
     auto dropped = std::make_unique<Pointer>(held);
     std::unique_ptr<Pointer> taken;
     ASSERT_TRUE(held->tryLock());
-    QSemaphore started;
-    QSemaphore ended;
-    std::thread dropper([&] {
-        started.release();
-        dropped.reset();
-        ended.release();
-    });
-    std::thread taker([&] {
-        started.release();
-        taken = std::make_unique<Pointer>(held);
-        ended.release();
-    });
-    started.acquire(2);
-    EXPECT_FALSE(ended.tryAcquire(1, s_ShortWaitMs));
+    BlockedThread dropper([&] { dropped.reset(); });
+    BlockedThread taker([&] { taken = std::make_unique<Pointer>(held); });
+    EXPECT_TRUE(dropper.waitsFor(HashInside::mutex(*held)));
+    EXPECT_TRUE(taker.waitsFor(HashInside::mutex(*held)));
     EXPECT_EQ(held->refCount(), 2);
     held->unlock();
-    EXPECT_TRUE(ended.tryAcquire(2, s_DeadlineMs));
-    dropper.join();
-    taker.join();
+    EXPECT_TRUE(dropper.ends());
+    EXPECT_TRUE(taker.ends());
     EXPECT_EQ(held->refCount(), 2);
     taken.reset();
     EXPECT_EQ(held->refCount(), 1);
@@ -252,39 +222,36 @@ TEST(ZebDataHashLife, AHeapObjectLivesAsLongAsItsHolders)
 TEST(ZebDataHashLife, TheLastReleaseFreesTheBlock)
 {
     const TemporaryStore store;
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    // A block that goes to no disk: the request of a write would be one more holder for a while.
+    // An uncached block: the write request of a cached block would be a holder, too.
     ZebDataReference reference =
-        manager.addBlock(QByteArray("a block"), ZebModifyAccessor::DontCache, true);
+        manager().addBlock(QByteArray("a block"), ZebModifyAccessor::DontCache, true);
     Pointer hash = reference.hashPtr();
-    ASSERT_EQ(manager.liveBytes(), 7);
+    ASSERT_EQ(manager().liveBytes(), 7);
     reference = ZebDataReference();
-    EXPECT_EQ(manager.liveBytes(), 7);
+    EXPECT_EQ(manager().liveBytes(), 7);
     EXPECT_EQ(hash->refCount(), 1);
     hash = Pointer();
-    EXPECT_EQ(manager.liveBytes(), 0);
+    EXPECT_EQ(manager().liveBytes(), 0);
 }
 
-TEST(ZebDataHashLife, TheEndOfATwinLeavesTheBlockAlone)
+TEST(ZebDataHashLife, TheEndOfATwinLeavesTheBlockResident)
 {
     const TemporaryStore store;
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     const ZebDataReference reference =
-        manager.addBlock(QByteArray("a block"), ZebModifyAccessor::Cached, true);
+        manager().addBlock(QByteArray("a block"), ZebModifyAccessor::Cached, true);
     {
         const Pointer twin(new ZebDataHash(QByteArray("a block"), ZebDataHash::Hash512));
         ASSERT_TRUE(*twin == *reference.hashPtr());
     }
-    EXPECT_EQ(manager.liveBytes(), 7);
+    EXPECT_EQ(manager().liveBytes(), 7);
     EXPECT_TRUE(reference.isInMemory());
 }
 
 TEST(ZebDataHashLife, AReferenceThatSurvivesACleanUpKeepsItsHash)
 {
     TemporaryStore store;
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     const QByteArray bytes("survivor");
-    ZebDataReference reference = manager.addBlock(bytes, ZebModifyAccessor::Cached, true);
+    ZebDataReference reference = manager().addBlock(bytes, ZebModifyAccessor::Cached, true);
     reference.setUserId(42);
     const ZebDataHash* const hash = reference.hashPtr().data();
 
@@ -293,13 +260,13 @@ TEST(ZebDataHashLife, AReferenceThatSurvivesACleanUpKeepsItsHash)
     EXPECT_EQ(reference.hashPtr().data(), hash);
     store.setupAgain();
     {
-        const ZebDataReference again = manager.addBlock(bytes, ZebModifyAccessor::Cached, true);
+        const ZebDataReference again = manager().addBlock(bytes, ZebModifyAccessor::Cached, true);
         EXPECT_EQ(again.hashPtr().data(), hash);
         EXPECT_EQ(again.userId(), 42);
     }
     reference = ZebDataReference();
-    // The request of a write may hold the hash a little longer.
+    // A write request may still hold the hash.
     ASSERT_TRUE(waitUntil([] { return ZebHashManager::instance().hashCount() == 0; }));
-    const ZebDataReference fresh = manager.addBlock(bytes, ZebModifyAccessor::Cached, true);
+    const ZebDataReference fresh = manager().addBlock(bytes, ZebModifyAccessor::Cached, true);
     EXPECT_EQ(fresh.userId(), 0);
 }

@@ -1,30 +1,25 @@
 #include "hash/ZebDataHash.h"
 
+#include "support/BlockedThread.h"
 #include "support/Fatal.h"
+#include "support/HashInside.h"
+#include "support/IsFree.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
 
 #include <QFile>
-#include <QSemaphore>
 #include <QSet>
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
-ZEBTDX_ACCESS(SizeTag, ZebDataHash, ZebDataHash::Size ZebDataHash::*, m_Size)
-ZEBTDX_ACCESS(DataTag, ZebDataHash, QByteArray ZebDataHash::*, m_Data)
-ZEBTDX_ACCESS(CalculateTag, ZebDataHash, void (ZebDataHash::*)(const unsigned char*, qint64),
-              calculate)
+using HashInside::sizeField;
 
 namespace {
 
 using Pointer = ZebSmartPointer<ZebDataHash>;
-
-constexpr int s_DeadlineMs = 20000;
 
 constexpr ZebDataHash::Size s_Sizes[] = {ZebDataHash::Hash256, ZebDataHash::Hash512,
                                          ZebDataHash::Hash1024};
@@ -32,7 +27,7 @@ constexpr ZebDataHash::Size s_Sizes[] = {ZebDataHash::Hash256, ZebDataHash::Hash
 constexpr auto s_Zero = static_cast<ZebDataHash::Size>(0);
 constexpr auto s_Negative = static_cast<ZebDataHash::Size>(-4);
 
-const unsigned char* bytesOf(const QByteArray& array)
+const unsigned char* pointerTo(const QByteArray& array)
 {
     return reinterpret_cast<const unsigned char*>(array.constData());
 }
@@ -47,18 +42,6 @@ ZebDataHash fromDigest(const QByteArray& digest)
     QByteArray copy = digest;
     return ZebDataHash(static_cast<ZebDataHash::Size>(digest.size()),
                        reinterpret_cast<unsigned char*>(copy.data()));
-}
-
-// Whether another thread finds the hash's own mutex free at this moment.
-bool isFree(ZebDataHash& hash)
-{
-    bool taken = false;
-    std::thread([&] {
-        taken = hash.tryLock();
-        if (taken)
-            hash.unlock();
-    }).join();
-    return taken;
 }
 
 struct Vector
@@ -128,11 +111,11 @@ TEST(ZebDataHash, HasNoVirtualOperations)
 
 // Constructors
 
-TEST(ZebDataHash, ANewHashStartsWithNothing)
+TEST(ZebDataHash, ANewHashHasNoDigestAndNoMarks)
 {
     const ZebDataHash hash;
     EXPECT_EQ(hash.size(), ZebDataHash::Hash256);
-    EXPECT_TRUE((hash.*privateMember(DataTag())).isEmpty());
+    EXPECT_TRUE(HashInside::digest(hash).isEmpty());
     EXPECT_EQ(hash.refCount(), 0);
     EXPECT_EQ(hash.userId(), 0);
     EXPECT_FALSE(hash.isDontCache());
@@ -144,12 +127,12 @@ TEST(ZebDataHash, EveryConstructorStartsTheFieldsAlike)
     const QByteArray bytes("content");
     QByteArray digest(64, 'd');
     const ZebDataHash fromArray(bytes, ZebDataHash::Hash512);
-    const ZebDataHash fromPointer(bytesOf(bytes), bytes.size(), ZebDataHash::Hash512);
+    const ZebDataHash fromPointer(pointerTo(bytes), bytes.size(), ZebDataHash::Hash512);
     const ZebDataHash taken(ZebDataHash::Hash512, reinterpret_cast<unsigned char*>(digest.data()));
     const ZebDataHash fromText(fromArray.toString());
     for (const ZebDataHash* hash : {&fromArray, &fromPointer, &taken, &fromText}) {
         EXPECT_EQ(hash->size(), ZebDataHash::Hash512);
-        EXPECT_EQ((hash->*privateMember(DataTag())).size(), 64);
+        EXPECT_EQ(HashInside::digest(*hash).size(), 64);
         EXPECT_EQ(hash->refCount(), 0);
         EXPECT_EQ(hash->userId(), 0);
         EXPECT_FALSE(hash->isDontCache());
@@ -167,7 +150,7 @@ TEST(ZebDataHash, DigestsAndTextsAreThoseOfExistingCaches)
         EXPECT_EQ(digestOf(hash).toHex(), vector.m_Digest.toHex()) << what;
         EXPECT_EQ(hash.size(), vector.m_Size) << what;
         EXPECT_EQ(hash.toString(), vector.m_Text) << what;
-        EXPECT_TRUE(ZebDataHash(bytesOf(vector.m_Input), vector.m_Input.size(), vector.m_Size) ==
+        EXPECT_TRUE(ZebDataHash(pointerTo(vector.m_Input), vector.m_Input.size(), vector.m_Size) ==
                     hash)
             << what;
         EXPECT_TRUE(ZebDataHash(vector.m_Text) == hash) << what;
@@ -190,11 +173,11 @@ TEST(ZebDataHash, EmptyInputHasADigest)
     EXPECT_TRUE(messages.messages().isEmpty());
 }
 
-TEST(ZebDataHash, APointerIsReadForItsLengthOnly)
+TEST(ZebDataHash, OnlyLengthBytesOfAPointerAreRead)
 {
     const QByteArray bytes("the content and what stands behind it");
     for (const ZebDataHash::Size size : s_Sizes) {
-        const ZebDataHash hash(bytesOf(bytes), 11, size);
+        const ZebDataHash hash(pointerTo(bytes), 11, size);
         EXPECT_TRUE(hash == ZebDataHash(QByteArray("the content"), size));
         EXPECT_FALSE(hash == ZebDataHash(bytes, size));
     }
@@ -224,18 +207,18 @@ TEST(ZebDataHash, ASizeOfZeroIsFatal)
     EXPECT_FATAL(ZebDataHash(s_Zero, bytes), "Hash Size is Zero");
 }
 
-TEST(ZebDataHash, OnlyZeroIsTestedAmongSizes)
+TEST(ZebDataHash, OnlyASizeOfZeroIsRejected)
 {
     const MessageCapture messages;
     const ZebDataHash hash(QByteArray("bytes"), s_Negative);
     EXPECT_EQ(hash.size(), s_Negative);
-    EXPECT_TRUE((hash.*privateMember(DataTag())).isEmpty());
+    EXPECT_TRUE(HashInside::digest(hash).isEmpty());
     EXPECT_EQ(messages.debugLines(), QStringList{"Hashing Failed - Invalid Hash Length"});
 
     unsigned char digest[4] = {1, 2, 3, 4};
     const ZebDataHash taken(s_Negative, digest);
     EXPECT_EQ(taken.size(), s_Negative);
-    EXPECT_TRUE((taken.*privateMember(DataTag())).isEmpty());
+    EXPECT_TRUE(HashInside::digest(taken).isEmpty());
     EXPECT_EQ(messages.messages().size(), 1);
 }
 
@@ -258,22 +241,21 @@ TEST(ZebDataHash, InputThatCannotBeDigestedLeavesTheZeroes)
 TEST(ZebDataHash, AFailedCalculationLeavesTheDigestAsItIs)
 {
     const MessageCapture messages;
-    const auto calculate = privateMember(CalculateTag());
     const unsigned char bytes[4] = {1, 2, 3, 4};
     ZebDataHash hash(QByteArray("first"), ZebDataHash::Hash256);
     const QByteArray before = digestOf(hash);
-    (hash.*calculate)(bytes, -1);
+    HashInside::calculate(hash, bytes, -1);
     EXPECT_EQ(messages.debugLines(), QStringList{"Hashing Failed"});
     EXPECT_EQ(digestOf(hash), before);
 
-    hash.*privateMember(SizeTag()) = s_Zero;
-    (hash.*calculate)(bytes, 4);
+    sizeField(hash) = s_Zero;
+    HashInside::calculate(hash, bytes, 4);
     EXPECT_EQ(messages.debugLines(),
               (QStringList{"Hashing Failed", "Hashing Failed - Invalid Hash Length"}));
-    hash.*privateMember(SizeTag()) = ZebDataHash::Hash256;
+    sizeField(hash) = ZebDataHash::Hash256;
     EXPECT_EQ(digestOf(hash), before);
 
-    (hash.*calculate)(bytes, 4);
+    HashInside::calculate(hash, bytes, 4);
     EXPECT_EQ(messages.messages().size(), 2);
     EXPECT_TRUE(hash == ZebDataHash(bytes, 4, ZebDataHash::Hash256));
 }
@@ -282,15 +264,8 @@ TEST(ZebDataHash, CalculationTakesNoLock)
 {
     ZebDataHash hash(QByteArray("first"), ZebDataHash::Hash512);
     const unsigned char bytes[4] = {1, 2, 3, 4};
-    ASSERT_TRUE(hash.tryLock());
-    QSemaphore done;
-    std::thread thread([&] {
-        (hash.*privateMember(CalculateTag()))(bytes, 4);
-        done.release();
-    });
-    EXPECT_TRUE(done.tryAcquire(1, s_DeadlineMs));
-    hash.unlock();
-    thread.join();
+    EXPECT_FALSE(
+        waitsForLock(HashInside::mutex(hash), [&] { HashInside::calculate(hash, bytes, 4); }));
     EXPECT_TRUE(hash == ZebDataHash(bytes, 4, ZebDataHash::Hash512));
 }
 
@@ -377,7 +352,7 @@ TEST(ZebDataHash, AssignmentKeepsPreloadingMarkCountAndMutexOfTheTarget)
 
 // Comparison
 
-TEST(ZebDataHash, EqualityIsThatOfTheDigestAlone)
+TEST(ZebDataHash, EqualityComparesTheDigestOnly)
 {
     ZebDataHash one(QByteArray("bytes"), ZebDataHash::Hash512);
     ZebDataHash other(QByteArray("bytes"), ZebDataHash::Hash512);
@@ -403,20 +378,20 @@ TEST(ZebDataHash, EqualityNeedsEqualSizesAndEqualLengths)
     EXPECT_FALSE(one == fromDigest(QByteArray(64, 'a')));
 
     ZebDataHash other(one);
-    other.*privateMember(SizeTag()) = ZebDataHash::Hash512;
+    sizeField(other) = ZebDataHash::Hash512;
     EXPECT_FALSE(one == other);
     EXPECT_TRUE(one != other);
 
-    other.*privateMember(SizeTag()) = ZebDataHash::Hash256;
+    sizeField(other) = ZebDataHash::Hash256;
     ASSERT_TRUE(one == other);
-    (other.*privateMember(DataTag())).chop(1);
+    HashInside::digest(other).chop(1);
     EXPECT_FALSE(one == other);
-    (other.*privateMember(DataTag())).clear();
+    HashInside::digest(other).clear();
     EXPECT_FALSE(one == other);
     EXPECT_TRUE(ZebDataHash() == ZebDataHash());
 }
 
-TEST(ZebDataHash, OrderIsBySizeWhateverTheBytes)
+TEST(ZebDataHash, OrderIsBySizeFirst)
 {
     const ZebDataHash small = fromDigest(QByteArray(32, '\xff'));
     const ZebDataHash middle = fromDigest(QByteArray(64, '\x01'));
@@ -429,13 +404,13 @@ TEST(ZebDataHash, OrderIsBySizeWhateverTheBytes)
     EXPECT_FALSE(large < small);
 }
 
-TEST(ZebDataHash, OrderOfEqualSizesIsThatOfUnsignedBytes)
+TEST(ZebDataHash, OrderOfEqualSizesComparesUnsignedBytes)
 {
     QByteArray low(64, '\0');
     QByteArray high(64, '\0');
     low[3] = '\x7f';
     high[3] = '\x80';
-    // The first byte that differs decides, so what follows must not.
+    // The first differing byte decides; later bytes have no effect.
     low[4] = '\xff';
     EXPECT_TRUE(fromDigest(low) < fromDigest(high));
     EXPECT_FALSE(fromDigest(high) < fromDigest(low));
@@ -467,7 +442,7 @@ TEST(ZebDataHash, TheHashOfTheDigestIsQts)
     EXPECT_EQ(ZebDataHash().qhash(), qHash(QByteArray(), 0));
 }
 
-TEST(ZebDataHash, TheHashOfAPointerIsThatOfItsAddress)
+TEST(ZebDataHash, TheHashOfAPointerDependsOnItsAddress)
 {
     const Pointer one(new ZebDataHash(QByteArray("twin"), ZebDataHash::Hash512));
     const Pointer twin(new ZebDataHash(QByteArray("twin"), ZebDataHash::Hash512));
@@ -486,7 +461,7 @@ TEST(ZebDataHash, DataDoesNotDetach)
 {
     const ZebDataHash hash(QByteArray("bytes"), ZebDataHash::Hash512);
     const ZebDataHash copy(hash);
-    const auto* stored = (hash.*privateMember(DataTag())).constData();
+    const auto* stored = HashInside::digest(hash).constData();
     EXPECT_EQ(reinterpret_cast<const char*>(hash.data()), stored);
     EXPECT_EQ(copy.data(), hash.data());
     static_assert(std::is_same<decltype(hash.data()), unsigned char*>::value,
@@ -517,9 +492,7 @@ TEST(ZebDataHash, UserIdAndMarksAreWhatWasSet)
 TEST(ZebDataHash, UserIdAndMarksNeedNoLock)
 {
     ZebDataHash hash;
-    ASSERT_TRUE(hash.tryLock());
-    QSemaphore done;
-    std::thread thread([&] {
+    EXPECT_FALSE(waitsForLock(HashInside::mutex(hash), [&hash] {
         hash.setUserId(3);
         hash.setDontCache(true);
         hash.setPreloading(true);
@@ -527,9 +500,5 @@ TEST(ZebDataHash, UserIdAndMarksNeedNoLock)
         EXPECT_TRUE(hash.isDontCache());
         EXPECT_TRUE(hash.isPreloading());
         EXPECT_EQ(hash.refCount(), 0);
-        done.release();
-    });
-    EXPECT_TRUE(done.tryAcquire(1, s_DeadlineMs));
-    hash.unlock();
-    thread.join();
+    }));
 }

@@ -2,8 +2,8 @@
 
 #include "hash/ZebHashManager.h"
 #include "support/Fatal.h"
+#include "support/HashInside.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
 
 #include <QLocale>
 #include <QStringList>
@@ -16,9 +16,8 @@
 #include <random>
 #include <string>
 
-ZEBTDX_ACCESS(SizeTag, ZebDataHash, ZebDataHash::Size ZebDataHash::*, m_Size)
-ZEBTDX_ACCESS(DataTag, ZebDataHash, QByteArray ZebDataHash::*, m_Data)
-ZEBTDX_ACCESS(LeadingTextTag, ZebDataHash, int (ZebDataHash::*)(QChar*, int) const, leadingText)
+using HashInside::leadingText;
+using HashInside::sizeField;
 
 namespace {
 
@@ -38,12 +37,7 @@ ZebDataHash fromDigest(const QByteArray& digest)
                        reinterpret_cast<unsigned char*>(copy.data()));
 }
 
-const QByteArray& dataOf(const ZebDataHash& hash)
-{
-    return hash.*privateMember(DataTag());
-}
-
-// Words of every number of digits, so that each width of a group comes up.
+// Words of every number of digits, so that every width of a group occurs.
 quint32 randomWord(Random& random)
 {
     static const quint32 s_Edges[] = {0,         1,          9,          10,         99,
@@ -62,7 +56,7 @@ QByteArray randomDigest(Random& random, int width)
     return digest;
 }
 
-// What the text form is by its description: Qt's own stream, word by word.
+// The text form, made independently of the library: Qt's own stream, word by word.
 QString streamedText(const QByteArray& digest)
 {
     QString text;
@@ -82,7 +76,7 @@ struct Parsed
     QStringList m_Lines;
 };
 
-// What a text means by its description: Qt's own split and conversion.
+// The meaning of a text, independently of the library: Qt's own split and conversion.
 Parsed splitDigest(const QString& text, int sizeBefore)
 {
     const QStringList parts =
@@ -110,12 +104,12 @@ void expectParsedAsSplit(const QString& text, const ZebDataHash& before)
     ZebDataHash hash(before);
     hash.fromString(text);
     EXPECT_EQ(static_cast<int>(hash.size()), wanted.m_Size) << printable(text);
-    EXPECT_EQ(dataOf(hash).toHex(), wanted.m_Data.toHex()) << printable(text);
+    EXPECT_EQ(HashInside::digest(hash).toHex(), wanted.m_Data.toHex()) << printable(text);
     EXPECT_EQ(messages.debugLines(), wanted.m_Lines) << printable(text);
     EXPECT_EQ(messages.messages().size(), wanted.m_Lines.size()) << printable(text);
 }
 
-// Everything that somebody might take for a number, or might not.
+// Parts that might pass for a number.
 // style: long function, one table
 const QVector<QString>& nastyParts()
 {
@@ -253,7 +247,7 @@ TEST(ZebDataHashText, GroupsAreNotPadded)
     }
 }
 
-TEST(ZebDataHashText, DigestsOfOneContentHave8And16And32Groups)
+TEST(ZebDataHashText, TextsHave8And16And32Groups)
 {
     for (const int width : s_Widths) {
         const ZebDataHash hash(QByteArray("content"), static_cast<ZebDataHash::Size>(width));
@@ -265,7 +259,7 @@ TEST(ZebDataHashText, DigestsOfOneContentHave8And16And32Groups)
     }
 }
 
-TEST(ZebDataHashText, TheLocaleHasNoSay)
+TEST(ZebDataHashText, TheLocaleHasNoEffect)
 {
     const QLocale before;
     const ZebDataHash hash(QByteArray("content"), ZebDataHash::Hash512);
@@ -278,7 +272,7 @@ TEST(ZebDataHashText, TheLocaleHasNoSay)
     QLocale::setDefault(before);
 }
 
-TEST(ZebDataHashText, TextChangesNothingAndSaysNothing)
+TEST(ZebDataHashText, TextChangesNothingAndLogsNothing)
 {
     const MessageCapture messages;
     ZebDataHash hash(QByteArray("content"), ZebDataHash::Hash512);
@@ -292,18 +286,18 @@ TEST(ZebDataHashText, TextChangesNothingAndSaysNothing)
 TEST(ZebDataHashText, ASizeBelowOneIsFatal)
 {
     ZebDataHash hash(QByteArray("content"), ZebDataHash::Hash256);
-    hash.*privateMember(SizeTag()) = static_cast<ZebDataHash::Size>(0);
+    sizeField(hash) = static_cast<ZebDataHash::Size>(0);
     EXPECT_FATAL(hash.toString(), "m_Size is Zero or less");
-    hash.*privateMember(SizeTag()) = static_cast<ZebDataHash::Size>(-1);
+    sizeField(hash) = static_cast<ZebDataHash::Size>(-1);
     EXPECT_FATAL(hash.toString(), "m_Size is Zero or less");
 }
 
-TEST(ZebDataHashText, TheSizeIsLookedAtBeforeTheLength)
+TEST(ZebDataHashText, TheSizeIsCheckedBeforeTheLength)
 {
     ZebDataHash hash;
-    hash.*privateMember(SizeTag()) = static_cast<ZebDataHash::Size>(0);
+    sizeField(hash) = static_cast<ZebDataHash::Size>(0);
     EXPECT_FATAL(hash.toString(), "m_Size is Zero or less");
-    hash.*privateMember(SizeTag()) = static_cast<ZebDataHash::Size>(-32);
+    sizeField(hash) = static_cast<ZebDataHash::Size>(-32);
     EXPECT_FATAL(hash.toString(), "m_Size is Zero or less");
 }
 
@@ -311,15 +305,14 @@ TEST(ZebDataHashText, AWrongLengthIsFatal)
 {
     EXPECT_FATAL(ZebDataHash().toString(), "Size of data is incorrect is 0, should be 32");
     ZebDataHash hash(QByteArray("content"), ZebDataHash::Hash512);
-    (hash.*privateMember(DataTag())).chop(1);
+    HashInside::digest(hash).chop(1);
     EXPECT_FATAL(hash.toString(), "Size of data is incorrect is 63, should be 64");
-    (hash.*privateMember(DataTag())).append("ab");
+    HashInside::digest(hash).append("ab");
     EXPECT_FATAL(hash.toString(), "Size of data is incorrect is 65, should be 64");
 }
 
 TEST(ZebDataHashText, LeadingTextIsTheBeginningOfTheText)
 {
-    const auto leadingText = privateMember(LeadingTextTag());
     const QChar untouched('#');
     Random random(2);
     for (int width = 4; width <= 252; width += 4) {
@@ -327,7 +320,7 @@ TEST(ZebDataHashText, LeadingTextIsTheBeginningOfTheText)
         const QString text = hash.toString();
         for (int length = 0; length <= text.size() + 12; ++length) {
             QVector<QChar> out(length + 1, untouched);
-            const int written = (hash.*leadingText)(out.data(), length);
+            const int written = leadingText(hash, out.data(), length);
             const QString wanted = text.left(length);
             ASSERT_EQ(written, wanted.size()) << width << " " << length;
             ASSERT_EQ(QString(out.constData(), written), wanted) << width << " " << length;
@@ -339,34 +332,32 @@ TEST(ZebDataHashText, LeadingTextIsTheBeginningOfTheText)
 
 TEST(ZebDataHashText, LeadingTextOfShortAndLongGroupsIsTheBeginningOfTheText)
 {
-    const auto leadingText = privateMember(LeadingTextTag());
     for (const char byte : {'\0', '\x01', '\xff'}) {
         for (const int width : s_Widths) {
             const ZebDataHash hash = fromDigest(QByteArray(width, byte));
             const QString text = hash.toString();
             QVector<QChar> out(text.size());
             for (int length = 0; length <= text.size(); ++length) {
-                ASSERT_EQ((hash.*leadingText)(out.data(), length), length);
+                ASSERT_EQ(leadingText(hash, out.data(), length), length);
                 ASSERT_EQ(QString(out.constData(), length), text.left(length));
             }
         }
     }
 }
 
-TEST(ZebDataHashText, LeadingTextIsFatalAsTheTextIs)
+TEST(ZebDataHashText, LeadingTextIsFatalWhereTheTextIs)
 {
-    const auto leadingText = privateMember(LeadingTextTag());
     QChar out[4];
     ZebDataHash hash;
-    EXPECT_FATAL((hash.*leadingText)(out, 4), "Size of data is incorrect is 0, should be 32");
-    EXPECT_FATAL((hash.*leadingText)(out, 0), "Size of data is incorrect is 0, should be 32");
-    hash.*privateMember(SizeTag()) = static_cast<ZebDataHash::Size>(0);
-    EXPECT_FATAL((hash.*leadingText)(out, 4), "m_Size is Zero or less");
+    EXPECT_FATAL(leadingText(hash, out, 4), "Size of data is incorrect is 0, should be 32");
+    EXPECT_FATAL(leadingText(hash, out, 0), "Size of data is incorrect is 0, should be 32");
+    sizeField(hash) = static_cast<ZebDataHash::Size>(0);
+    EXPECT_FATAL(leadingText(hash, out, 4), "m_Size is Zero or less");
 }
 
 // fromString
 
-TEST(ZebDataHashText, EveryTextOfADigestIsReadBack)
+TEST(ZebDataHashText, EveryTextOfADigestIsParsed)
 {
     Random random(3);
     for (const int width : s_Widths) {
@@ -374,12 +365,12 @@ TEST(ZebDataHashText, EveryTextOfADigestIsReadBack)
             const QByteArray digest = randomDigest(random, width);
             const ZebDataHash hash(streamedText(digest));
             ASSERT_EQ(static_cast<int>(hash.size()), width);
-            ASSERT_EQ(dataOf(hash), digest);
+            ASSERT_EQ(HashInside::digest(hash), digest);
         }
     }
 }
 
-TEST(ZebDataHashText, NumbersAreThoseThatQtReads)
+TEST(ZebDataHashText, NumbersAreParsedAsByQt)
 {
     const ZebDataHash before(QByteArray("before"), ZebDataHash::Hash512);
     for (const QString& part : nastyParts()) {
@@ -391,7 +382,7 @@ TEST(ZebDataHashText, NumbersAreThoseThatQtReads)
     }
 }
 
-TEST(ZebDataHashText, RandomTextsAreThoseThatQtReads)
+TEST(ZebDataHashText, RandomTextsAreParsedAsByQt)
 {
     static const int s_Counts[] = {0, 1, 7, 8, 9, 15, 16, 17, 31, 32, 33, 64};
     static const QString s_Joints[] = {"-", "-", "-", "-", "--", "---"};
@@ -400,7 +391,7 @@ TEST(ZebDataHashText, RandomTextsAreThoseThatQtReads)
                                   ZebDataHash(QByteArray("before"), ZebDataHash::Hash1024)};
     Random random(4);
     for (int i = 0; i < 20000; ++i) {
-        // Mostly widths that are read, as the others have little to show.
+        // Mostly accepted widths, since the others only fail.
         const int count = below(random, 3) != 0
                               ? 8 << below(random, 3)
                               : s_Counts[below(random, static_cast<int>(std::size(s_Counts)))];
@@ -425,17 +416,17 @@ TEST(ZebDataHashText, EmptyPartsAreSkipped)
         wanted.append(i).append(QByteArray(3, '\0'));
     for (const char* text : {"1-2-3-4-5-6-7-8", "-1-2-3-4-5-6-7-8", "1-2-3-4-5-6-7-8-",
                              "1--2---3-4-5-6-7-8", "--1-2-3-4----5-6-7-8--"})
-        EXPECT_EQ(dataOf(ZebDataHash(QString(text))), wanted) << text;
+        EXPECT_EQ(HashInside::digest(ZebDataHash(QString(text))), wanted) << text;
 }
 
 TEST(ZebDataHashText, ASignMakesNoNegativeNumber)
 {
-    // The sign is the separator, so it is gone before anything is read.
+    // The sign is the separator, so no part contains it.
     const ZebDataHash hash(QString("-1--1--1--1--1--1--1--1"));
     EXPECT_EQ(hash.toString(), "1-1-1-1-1-1-1-1");
 }
 
-TEST(ZebDataHashText, APartThatIsNoNumberIsZeroAndNoError)
+TEST(ZebDataHashText, APartThatIsNotANumberIsZeroAndNoError)
 {
     const MessageCapture messages;
     const ZebDataHash hash(QString("1-two-3-0x4-4294967296-99999999999-7.0-8"));
@@ -457,14 +448,14 @@ TEST(ZebDataHashText, ATextWithoutPartsLeavesTheSizeAndNoDigest)
         ZebDataHash hash(QByteArray("before"), ZebDataHash::Hash512);
         hash.fromString(text);
         EXPECT_EQ(hash.size(), ZebDataHash::Hash512) << text;
-        EXPECT_TRUE(dataOf(hash).isEmpty()) << text;
+        EXPECT_TRUE(HashInside::digest(hash).isEmpty()) << text;
         const ZebDataHash built{QString(text)};
         EXPECT_EQ(built.size(), ZebDataHash::Hash256) << text;
         EXPECT_TRUE(built == ZebDataHash()) << text;
     }
     ZebDataHash hash(QByteArray("before"), ZebDataHash::Hash512);
     hash.fromString(QString());
-    EXPECT_TRUE(dataOf(hash).isEmpty());
+    EXPECT_TRUE(HashInside::digest(hash).isEmpty());
     EXPECT_TRUE(messages.messages().isEmpty());
 }
 
@@ -479,9 +470,9 @@ TEST(ZebDataHashText, AnUnknownWidthLeavesTheSizeAndNoDigest)
         hash.setUserId(4);
         hash.fromString(parts.join("-"));
         EXPECT_EQ(hash.size(), ZebDataHash::Hash1024) << groups;
-        EXPECT_TRUE(dataOf(hash).isEmpty()) << groups;
+        EXPECT_TRUE(HashInside::digest(hash).isEmpty()) << groups;
         EXPECT_EQ(hash.userId(), 4) << groups;
-        // The number is a width in bytes, whatever the words say.
+        // The message contains a width in bytes, although it says bits.
         ASSERT_EQ(messages.messages().size(), 1) << groups;
         EXPECT_EQ(messages.messages().first().m_Text,
                   "Unknown Hash Bit Size " + QString::number(4 * groups));
@@ -500,7 +491,7 @@ TEST(ZebDataHashText, AHashOfAnUnknownWidthHasNoText)
     EXPECT_FATAL(hash.toString(), "Size of data is incorrect is 0, should be 64");
 }
 
-TEST(ZebDataHashText, ReadingReplacesDigestAndSizeAlone)
+TEST(ZebDataHashText, ParsingReplacesDigestAndSizeOnly)
 {
     const ZebDataHash wanted(QByteArray("wanted"), ZebDataHash::Hash256);
     ZebDataHash hash(QByteArray("before"), ZebDataHash::Hash1024);

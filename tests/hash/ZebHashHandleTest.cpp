@@ -51,16 +51,16 @@ TEST(ZebHashHandle, MovesNoCount)
     EXPECT_EQ(ZebDataHash::hashCount(), before);
 }
 
-TEST(ZebHashHandle, NullEqualsNullAlone)
+TEST(ZebHashHandle, NullEqualsNullOnly)
 {
-    // Not even a hash without a digest.
+    // It differs even from a hash without a digest.
     ZebDataHash hash;
     EXPECT_TRUE(ZebHashHandle() == ZebHashHandle(nullptr));
     EXPECT_FALSE(ZebHashHandle() == ZebHashHandle(&hash));
     EXPECT_FALSE(ZebHashHandle(&hash) == ZebHashHandle());
 }
 
-TEST(ZebHashHandle, OthersAreEqualByContent)
+TEST(ZebHashHandle, HandlesAreEqualIfTheirDigestsAre)
 {
     ZebDataHash hash(QByteArray("bytes"), ZebDataHash::Hash512);
     ZebDataHash twin(QByteArray("bytes"), ZebDataHash::Hash512);
@@ -74,7 +74,7 @@ TEST(ZebHashHandle, OthersAreEqualByContent)
     EXPECT_FALSE(ZebHashHandle(&hash) == ZebHashHandle(&other));
 }
 
-TEST(ZebHashHandle, ItsHashIsThatOfTheContent)
+TEST(ZebHashHandle, ItsHashIsThatOfTheDigest)
 {
     ZebDataHash hash(QByteArray("bytes"), ZebDataHash::Hash512);
     ZebDataHash twin(QByteArray("bytes"), ZebDataHash::Hash512);
@@ -84,7 +84,7 @@ TEST(ZebHashHandle, ItsHashIsThatOfTheContent)
     EXPECT_NE(hash.qhash(), 0U);
 }
 
-TEST(ZebHashHandle, ASetHoldsOneOfEachContent)
+TEST(ZebHashHandle, ASetKeepsOneHandleOfEachDigest)
 {
     ZebDataHash hash(QByteArray("bytes"), ZebDataHash::Hash512);
     ZebDataHash twin(QByteArray("bytes"), ZebDataHash::Hash512);

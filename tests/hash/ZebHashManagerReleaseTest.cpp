@@ -1,36 +1,28 @@
 #include "hash/ZebHashManager.h"
 
-#include "data/ZebDataBlock.h"
-#include "manager/ZebDataBlockManager.h"
+#include "support/BlockedThread.h"
+#include "support/EndingBlock.h"
+#include "support/HashInside.h"
+#include "support/IsFree.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
+#include "support/RegistryInside.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
-#include "support/WaitUntil.h"
 
+#include <QList>
 #include <QMutex>
-#include <QSemaphore>
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
-#include <thread>
 #include <vector>
 
 using Pointer = ZebSmartPointer<ZebDataHash>;
 
-ZEBTDX_ACCESS(DerefTag, ZebHashManager, bool (ZebHashManager::*)(ZebDataHash*), derefRemoveHash)
-ZEBTDX_ACCESS(HashesTag, ZebHashManager, QSet<ZebHashHandle> ZebHashManager::*, m_Hashes)
-ZEBTDX_ACCESS(RemovesTag, ZebHashManager, int ZebHashManager::*, m_Removes)
-ZEBTDX_ACCESS(RegistryMutexTag, ZebHashManager, QMutex ZebHashManager::*, m_Mutex)
-ZEBTDX_ACCESS(IncRefTag, ZebDataHash, void (ZebDataHash::*)(void*), incRef)
-ZEBTDX_ACCESS(HoldTag, ZebDataHash, Pointer (ZebDataHash::*)(), holdUnlessEnding)
-ZEBTDX_ACCESS(MakeLiveTag, ZebDataBlockManager,
-              void (ZebDataBlockManager::*)(ZebDataHash*, ZebDataBlock*), makeBlockLive)
+using RegistryInside::derefRemoveHash;
 
 namespace {
-
-constexpr int s_DeadlineMs = 20000;
-constexpr int s_ShortWaitMs = 50;
 
 ZebHashManager& registry()
 {
@@ -39,17 +31,17 @@ ZebHashManager& registry()
 
 QMutex& registryMutex()
 {
-    return registry().*privateMember(RegistryMutexTag());
+    return RegistryInside::mutex();
 }
 
 const QSet<ZebHashHandle>& entries()
 {
-    return registry().*privateMember(HashesTag());
+    return RegistryInside::hashes(registry());
 }
 
 int removes()
 {
-    return registry().*privateMember(RemovesTag());
+    return RegistryInside::removes(registry());
 }
 
 ZebDataHash* newHash(const QByteArray& bytes)
@@ -57,20 +49,7 @@ ZebDataHash* newHash(const QByteArray& bytes)
     return new ZebDataHash(bytes, ZebDataHash::Hash512);
 }
 
-// Whether another thread finds the lock free at this moment.
-template <typename Lock>
-bool isFree(Lock& lock)
-{
-    bool taken = false;
-    std::thread([&] {
-        taken = lock.tryLock();
-        if (taken)
-            lock.unlock();
-    }).join();
-    return taken;
-}
-
-/// What stands around a block that is being freed by the last release of its hash.
+// The state around a block that the last release of its hash deletes.
 struct EndOfBlock
 {
     int m_Blocks = 0;
@@ -81,28 +60,16 @@ struct EndOfBlock
     int m_Holders = -1;
 };
 
-/// Looks around when it is deleted.
-class WatchedBlock : public ZebDataBlock
+// Fills `end` for a block of this hash.
+void record(ZebDataHash& hash, EndOfBlock& end)
 {
-public:
-    WatchedBlock(const QByteArray& bytes, ZebDataHash* hash, EndOfBlock& end)
-        : ZebDataBlock(bytes), m_Hash(hash), m_End(end)
-    {}
-
-    ~WatchedBlock() override
-    {
-        ++m_End.m_Blocks;
-        m_End.m_RegistryFree = isFree(registryMutex());
-        m_End.m_HashFree = isFree(*m_Hash);
-        m_End.m_Registered = registry().hashCount();
-        m_End.m_Objects = ZebDataHash::hashCount();
-        m_End.m_Holders = m_Hash->refCount();
-    }
-
-private:
-    ZebDataHash* m_Hash;
-    EndOfBlock& m_End;
-};
+    ++end.m_Blocks;
+    end.m_RegistryFree = isFree(registryMutex());
+    end.m_HashFree = isFree(hash);
+    end.m_Registered = registry().hashCount();
+    end.m_Objects = ZebDataHash::hashCount();
+    end.m_Holders = hash.refCount();
+}
 
 } // namespace
 
@@ -143,7 +110,7 @@ TEST(ZebHashManagerRelease, AnUnregisteredTwinEndsWithoutErasing)
     EXPECT_EQ(registry().hashCount(), 0);
 }
 
-TEST(ZebHashManagerRelease, AnEntryGoesWithItsOwnHashAlone)
+TEST(ZebHashManagerRelease, AnEntryIsErasedWithItsOwnHashOnly)
 {
     Pointer twin(newHash("content"));
     Pointer interned = registry().getHash(QByteArray("content"));
@@ -157,33 +124,31 @@ TEST(ZebHashManagerRelease, AnEntryGoesWithItsOwnHashAlone)
 
 TEST(ZebHashManagerRelease, DerefOfNullIsNoLastRelease)
 {
-    EXPECT_FALSE((registry().*privateMember(DerefTag()))(nullptr));
+    EXPECT_FALSE(derefRemoveHash(registry(), nullptr));
 }
 
-TEST(ZebHashManagerRelease, DerefTakesOneHolderAwayAndTellsOfTheLast)
+TEST(ZebHashManagerRelease, DerefLowersTheCountAndReportsTheLastRelease)
 {
-    const auto deref = privateMember(DerefTag());
-    const auto incRef = privateMember(IncRefTag());
     ZebDataHash* const hash = newHash("content");
     const Pointer holder = registry().addHash(hash);
-    (hash->*incRef)(nullptr);
-    (hash->*incRef)(nullptr);
+    HashInside::incRef(*hash, nullptr);
+    HashInside::incRef(*hash, nullptr);
     const int removed = removes();
 
-    EXPECT_FALSE((registry().*deref)(hash));
+    EXPECT_FALSE(derefRemoveHash(registry(), hash));
     EXPECT_EQ(hash->refCount(), 2);
-    EXPECT_FALSE((registry().*deref)(hash));
+    EXPECT_FALSE(derefRemoveHash(registry(), hash));
     EXPECT_EQ(hash->refCount(), 1);
     EXPECT_EQ(removes(), removed);
     EXPECT_EQ(registry().hashCount(), 1);
 
-    // The count is 0 and stays so; the object is the caller's to end.
-    EXPECT_TRUE((registry().*deref)(hash));
+    // The count stays 0; the caller owns the object now.
+    EXPECT_TRUE(derefRemoveHash(registry(), hash));
     EXPECT_EQ(hash->refCount(), 0);
     EXPECT_EQ(removes(), removed + 1);
     EXPECT_EQ(registry().hashCount(), 0);
-    // The holder above still stands, and takes its one away unregistered.
-    (hash->*incRef)(nullptr);
+    // The holder above still exists, and lowers the count of the unregistered hash.
+    HashInside::incRef(*hash, nullptr);
 }
 
 TEST(ZebHashManagerRelease, DerefOfAnUnregisteredHashErasesNothing)
@@ -191,8 +156,8 @@ TEST(ZebHashManagerRelease, DerefOfAnUnregisteredHashErasesNothing)
     const Pointer interned = registry().getHash(QByteArray("content"));
     const int removed = removes();
     ZebDataHash twin(QByteArray("content"), ZebDataHash::Hash512);
-    (twin.*privateMember(IncRefTag()))(nullptr);
-    EXPECT_TRUE((registry().*privateMember(DerefTag()))(&twin));
+    HashInside::incRef(twin, nullptr);
+    EXPECT_TRUE(derefRemoveHash(registry(), &twin));
     EXPECT_EQ(twin.refCount(), 0);
     EXPECT_TRUE(twin.tryLock());
     twin.unlock();
@@ -201,23 +166,22 @@ TEST(ZebHashManagerRelease, DerefOfAnUnregisteredHashErasesNothing)
     EXPECT_EQ(entries().constBegin()->data(), interned.data());
 }
 
-TEST(ZebHashManagerRelease, AHashWhoseLastReleaseIsDecidedIsHeldNoMore)
+TEST(ZebHashManagerRelease, AHashWhoseLastReleaseIsDecidedCannotBeHeld)
 {
-    const auto hold = privateMember(HoldTag());
     const Pointer holder = registry().getHash(QByteArray("content"));
     ZebDataHash* const hash = holder.data();
     {
-        const Pointer held = (hash->*hold)();
+        const Pointer held = HashInside::holdUnlessEnding(*hash);
         EXPECT_EQ(held.data(), hash);
         EXPECT_EQ(hash->refCount(), 2);
     }
     EXPECT_EQ(hash->refCount(), 1);
-    ASSERT_TRUE((registry().*privateMember(DerefTag()))(hash));
-    EXPECT_TRUE((hash->*hold)().isNull());
+    ASSERT_TRUE(derefRemoveHash(registry(), hash));
+    EXPECT_TRUE(HashInside::holdUnlessEnding(*hash).isNull());
     EXPECT_EQ(hash->refCount(), 0);
     EXPECT_TRUE(isFree(*hash));
-    // The holder above still stands, and takes its one away unregistered.
-    (hash->*privateMember(IncRefTag()))(nullptr);
+    // The holder above still exists, and lowers the count of the unregistered hash.
+    HashInside::incRef(*hash, nullptr);
 }
 
 // Several threads
@@ -226,17 +190,11 @@ TEST(ZebHashManagerRelease, ACommonReleaseNeedsNoRegistry)
 {
     Pointer held = registry().getHash(QByteArray("content"));
     auto dropped = std::make_unique<Pointer>(held);
-    QSemaphore ended;
-    registryMutex().lock();
-    std::thread thread([&] {
-        // Taking a reference needs none either.
+    EXPECT_FALSE(waitsForLock(registryMutex(), [&] {
+        // Taking a reference needs no registry either.
         const Pointer copy(held);
         dropped.reset();
-        ended.release();
-    });
-    EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    registryMutex().unlock();
-    thread.join();
+    }));
     EXPECT_EQ(held->refCount(), 1);
 }
 
@@ -245,23 +203,15 @@ TEST(ZebHashManagerRelease, ALastReleaseWaitsForTheRegistry)
     const int objects = ZebDataHash::hashCount();
     auto last = std::make_unique<Pointer>(registry().getHash(QByteArray("content")));
     ZebDataHash* const hash = last->data();
-    QSemaphore started;
-    QSemaphore ended;
     registryMutex().lock();
-    std::thread thread([&] {
-        started.release();
-        last.reset();
-        ended.release();
-    });
-    started.acquire();
-    EXPECT_FALSE(ended.tryAcquire(1, s_ShortWaitMs));
-    // The count is back while the decision waits, and the hash's own mutex is free.
-    EXPECT_TRUE(waitUntil([hash] { return hash->refCount() == 1; }, s_DeadlineMs));
+    BlockedThread thread([&] { last.reset(); });
+    EXPECT_TRUE(thread.waitsFor(registryMutex()));
+    // The count is restored while the decision waits, and the hash's own mutex is free.
+    EXPECT_EQ(hash->refCount(), 1);
     EXPECT_TRUE(isFree(*hash));
     EXPECT_EQ(entries().size(), 1);
     registryMutex().unlock();
-    EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    thread.join();
+    EXPECT_TRUE(thread.ends());
     EXPECT_EQ(registry().hashCount(), 0);
     EXPECT_EQ(ZebDataHash::hashCount(), objects);
 }
@@ -271,21 +221,13 @@ TEST(ZebHashManagerRelease, ALookUpDuringALastReleaseKeepsTheHash)
     const int removed = removes();
     auto last = std::make_unique<Pointer>(registry().getHash(QByteArray("content")));
     ZebDataHash* const hash = last->data();
-    QSemaphore started;
-    QSemaphore ended;
     Pointer found;
     registryMutex().lock();
-    std::thread thread([&] {
-        started.release();
-        last.reset();
-        ended.release();
-    });
-    started.acquire();
-    EXPECT_FALSE(ended.tryAcquire(1, s_ShortWaitMs));
+    BlockedThread thread([&] { last.reset(); });
+    EXPECT_TRUE(thread.waitsFor(registryMutex()));
     found = registry().getHash(QByteArray("content"));
     registryMutex().unlock();
-    EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    thread.join();
+    EXPECT_TRUE(thread.ends());
     EXPECT_EQ(found.data(), hash);
     EXPECT_EQ(hash->refCount(), 1);
     EXPECT_EQ(registry().hashCount(), 1);
@@ -297,38 +239,31 @@ TEST(ZebHashManagerRelease, AHashWhoseLastReleaseWaitsCanStillBeHeld)
     const int removed = removes();
     auto last = std::make_unique<Pointer>(registry().getHash(QByteArray("content")));
     ZebDataHash* const hash = last->data();
-    QSemaphore started;
-    QSemaphore ended;
     registryMutex().lock();
-    std::thread thread([&] {
-        started.release();
-        last.reset();
-        ended.release();
-    });
-    started.acquire();
-    EXPECT_FALSE(ended.tryAcquire(1, s_ShortWaitMs));
-    const Pointer held = (hash->*privateMember(HoldTag()))();
+    BlockedThread thread([&] { last.reset(); });
+    EXPECT_TRUE(thread.waitsFor(registryMutex()));
+    const Pointer held = HashInside::holdUnlessEnding(*hash);
     registryMutex().unlock();
-    EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    thread.join();
+    EXPECT_TRUE(thread.ends());
     EXPECT_EQ(held.data(), hash);
     EXPECT_EQ(hash->refCount(), 1);
     EXPECT_EQ(registry().hashCount(), 1);
     EXPECT_EQ(removes(), removed);
 }
 
-TEST(ZebHashManagerRelease, AHitTakesABareCountAndLeavesTheRegistryFree)
+TEST(ZebHashManagerRelease, AHitWaitsForTheHashWithTheRegistryFree)
 {
     const Pointer held = registry().getHash(QByteArray("content"));
     Pointer found;
-    // Whoever evicts holds the hash so; a hit must not keep others from the registry meanwhile.
+    // Eviction holds the hash like this; a hit must not block other threads at the registry
+    // meanwhile.
     ASSERT_TRUE(held->tryLock());
-    std::thread thread([&] { found = registry().getHash(QByteArray("content")); });
-    EXPECT_TRUE(waitUntil([&held] { return held->refCount() == 2; }, s_DeadlineMs));
-    EXPECT_TRUE(waitUntil([] { return isFree(registryMutex()); }, s_DeadlineMs));
+    BlockedThread thread([&] { found = registry().getHash(QByteArray("content")); });
+    EXPECT_TRUE(thread.waitsFor(HashInside::mutex(*held)));
+    EXPECT_TRUE(isFree(registryMutex()));
     EXPECT_EQ(held->refCount(), 2);
     held->unlock();
-    thread.join();
+    EXPECT_TRUE(thread.ends());
     EXPECT_EQ(found.data(), held.data());
     EXPECT_EQ(held->refCount(), 2);
 }
@@ -338,15 +273,15 @@ TEST(ZebHashManagerRelease, ALookUpBuildsItsHashBeforeItWaitsForTheRegistry)
     const QString text = ZebDataHash(QByteArray("by text"), ZebDataHash::Hash512).toString();
     const int objects = ZebDataHash::hashCount();
     registryMutex().lock();
-    std::thread bytes([] { registry().getHash(QByteArray("by bytes")); });
-    std::thread texts([&text] { registry().getHash(text); });
-    std::thread live([&text] { registry().isHashLive(text); });
-    EXPECT_TRUE(
-        waitUntil([objects] { return ZebDataHash::hashCount() == objects + 3; }, s_DeadlineMs));
+    BlockedThread byBytes([] { registry().getHash(QByteArray("by bytes")); });
+    BlockedThread byText([&text] { registry().getHash(text); });
+    BlockedThread live([&text] { registry().isHashLive(text); });
+    for (const BlockedThread* const thread : {&byBytes, &byText, &live})
+        EXPECT_TRUE(thread->waitsFor(registryMutex()));
+    EXPECT_EQ(ZebDataHash::hashCount(), objects + 3);
     registryMutex().unlock();
-    bytes.join();
-    texts.join();
-    live.join();
+    for (const BlockedThread* const thread : {&byBytes, &byText, &live})
+        EXPECT_TRUE(thread->ends());
     EXPECT_EQ(ZebDataHash::hashCount(), objects);
     EXPECT_EQ(registry().hashCount(), 0);
 }
@@ -354,40 +289,21 @@ TEST(ZebHashManagerRelease, ALookUpBuildsItsHashBeforeItWaitsForTheRegistry)
 TEST(ZebHashManagerRelease, TheDiagnosticsWaitForTheRegistry)
 {
     const MessageCapture messages;
-    QSemaphore started;
-    QSemaphore ended;
-    registryMutex().lock();
-    std::vector<std::thread> threads;
-    const auto start = [&](auto operation) {
-        threads.emplace_back([&, operation] {
-            started.release();
-            operation();
-            ended.release();
-        });
+    const std::vector<std::function<void()>> operations = {
+        [] { registry().dumpStats(); },
+        [] { registry().clearStats(); },
+        [] { registry().printDebugInfo(); },
+        [] { registry().hashCount(); },
+        [] { registry().addHash(newHash("content")); },
+        [] {
+            QList<Pointer> list;
+            registry().snapshot(list);
+        },
     };
-    start([] { registry().dumpStats(); });
-    start([] { registry().clearStats(); });
-    start([] { registry().printDebugInfo(); });
-    start([] { registry().hashCount(); });
-    start([] { registry().addHash(newHash("content")); });
-    start([] {
-        QList<Pointer> list;
-        registry().snapshot(list);
-    });
-    started.acquire(6);
-    EXPECT_FALSE(ended.tryAcquire(1, s_ShortWaitMs));
-    // This one is for a quiet system, and takes no lock.
-    QSemaphore validated;
-    std::thread validation([&validated] {
-        registry().validateState();
-        validated.release();
-    });
-    EXPECT_TRUE(validated.tryAcquire(1, s_DeadlineMs));
-    registryMutex().unlock();
-    EXPECT_TRUE(ended.tryAcquire(6, s_DeadlineMs));
-    validation.join();
-    for (std::thread& thread : threads)
-        thread.join();
+    for (const std::function<void()>& operation : operations)
+        EXPECT_TRUE(waitsForLock(registryMutex(), operation));
+    // The validation is for a quiet system, and takes no lock.
+    EXPECT_FALSE(waitsForLock(registryMutex(), [] { registry().validateState(); }));
     EXPECT_EQ(registry().hashCount(), 0);
 }
 
@@ -398,10 +314,11 @@ TEST(ZebHashManagerRelease, TheBlockIsFreedBetweenTheEntryAndTheHash)
     EndOfBlock end;
     {
         const Pointer hash = registry().getHash(QByteArray("content"));
-        // A block that goes to no disk: the request of a write would be one more holder.
+        // An uncached block: the write request of a cached block would be a holder, too.
         hash->setDontCache(true);
-        auto* const block = new WatchedBlock("content", hash.data(), end);
-        (ZebDataBlockManager::instance().*privateMember(MakeLiveTag()))(hash.data(), block);
+        auto* const block = new EndingBlock(
+            "content", [object = hash.data(), &end](ZebDataBlock*) { record(*object, end); });
+        StoreInside::makeBlockLive(hash.data(), block);
         ASSERT_EQ(end.m_Blocks, 0);
     }
     EXPECT_EQ(end.m_Blocks, 1);

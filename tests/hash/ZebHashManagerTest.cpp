@@ -2,7 +2,8 @@
 
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
+#include "support/RegistryInside.h"
+#include "support/RegistryReports.h"
 
 #include <QThread>
 
@@ -10,16 +11,11 @@
 
 #include <cstdlib>
 #include <limits>
-#include <ostream>
 #include <type_traits>
 
-ZEBTDX_ACCESS(AddUnlockedTag, ZebHashManager,
-              ZebSmartPointer<ZebDataHash> (ZebHashManager::*)(ZebDataHash*), addHash_Unlocked)
-ZEBTDX_ACCESS(RequestsTag, ZebHashManager, int ZebHashManager::*, m_Requests)
-ZEBTDX_ACCESS(HitsTag, ZebHashManager, int ZebHashManager::*, m_CacheHits)
-ZEBTDX_ACCESS(MissesTag, ZebHashManager, int ZebHashManager::*, m_CacheMisses)
-ZEBTDX_ACCESS(RemovesTag, ZebHashManager, int ZebHashManager::*, m_Removes)
-ZEBTDX_ACCESS(RegistryMutexTag, ZebHashManager, QMutex ZebHashManager::*, m_Mutex)
+using RegistryReports::linesOf;
+using RegistryReports::Stats;
+using RegistryReports::stats;
 
 namespace {
 
@@ -40,76 +36,14 @@ QString textOf(const QByteArray& bytes)
     return ZebDataHash(bytes, ZebDataHash::Hash512).toString();
 }
 
-// A text form of 8 groups that all have this value.
-QString textOfGroups(const QString& value)
-{
-    return QStringList{value, value, value, value, value, value, value, value}.join("-");
-}
-
-// Interned hashes of such texts. Text order is not the order of numbers: 10 comes before 2.
-QList<Pointer> holdersOfGroups(const QStringList& values)
-{
-    QList<Pointer> holders;
-    for (const QString& value : values)
-        holders.append(registry().getHash(textOfGroups(value)));
-    return holders;
-}
-
-struct Stats
-{
-    int m_Hits;
-    int m_Misses;
-    int m_Requests;
-    int m_Removes;
-
-    bool operator==(const Stats& other) const
-    {
-        return m_Hits == other.m_Hits && m_Misses == other.m_Misses &&
-               m_Requests == other.m_Requests && m_Removes == other.m_Removes;
-    }
-};
-
-std::ostream& operator<<(std::ostream& stream, const Stats& stats)
-{
-    return stream << "hits " << stats.m_Hits << ", misses " << stats.m_Misses << ", requests "
-                  << stats.m_Requests << ", removes " << stats.m_Removes;
-}
-
-// The counters as dumpStats() tells them.
-Stats stats()
-{
-    ZebHashManager& manager = registry();
-    const MessageCapture messages;
-    manager.dumpStats();
-    const QStringList lines = messages.debugLines();
-    EXPECT_EQ(lines.size(), 8);
-    const auto number = [&lines](int line) {
-        return lines.value(line).section(' ', -1).toInt();
-    };
-    return {number(1), number(2), number(3), number(4)};
-}
-
-QStringList linesOf(void (ZebHashManager::*operation)())
-{
-    // The line of its creation comes once in a process, and is no part of this.
-    ZebHashManager& manager = registry();
-    const MessageCapture messages;
-    (manager.*operation)();
-    for (const MessageCapture::Message& message : messages.messages()) {
-        EXPECT_EQ(message.m_Type, QtDebugMsg);
-        EXPECT_FALSE(message.m_HasContext);
-    }
-    return messages.debugLines();
-}
-
-// A registry beside the one of the process, for what happens at its two ends.
+// A registry in addition to the process's own, whose construction and end a test can observe.
 class OwnRegistry : public ZebHashManager
 {
 public:
     OwnRegistry() = default;
 };
 
-// Ends the process with 0 when its first use of the registry is told as it should be.
+// Ends the process with 0 if the first use of the registry logs its one line.
 [[noreturn]] void exitAfterFirstUse()
 {
     const MessageCapture messages;
@@ -117,18 +51,18 @@ public:
     ZebHashManager::instance();
     const QString wanted = QString::asprintf("Created Hash Manager in thread %p",
                                              static_cast<void*>(QThread::currentThread()));
-    const bool told = messages.messages().size() == 1 && messages.count(wanted) == 1 &&
-                      !messages.messages().first().m_HasContext;
-    std::exit(told ? 0 : 1);
+    const bool isLogged = messages.messages().size() == 1 && messages.count(wanted) == 1 &&
+                          !messages.messages().first().m_HasContext;
+    std::exit(isLogged ? 0 : 1);
 }
 
 Pointer* s_Survivor = nullptr;
 
-// Ends the process with 0 when a hash that is still held stands unharmed after the registry's end.
+// Ends the process with 0 if a hash that is still held is unharmed after the registry's end.
 [[noreturn]] void exitWithALiveHash()
 {
     const MessageCapture messages;
-    // What is arranged before the registry is built runs after that has gone.
+    // Registered before the registry is built, so it runs after the registry's end.
     std::atexit([] {
         const ZebDataHash& hash = **s_Survivor;
         std::_Exit(hash.refCount() == 1 && hash.toString() == textOf("survivor") ? 0 : 1);
@@ -143,18 +77,18 @@ Pointer* s_Survivor = nullptr;
 
 TEST(ZebHashManager, IsOneObject)
 {
-    static_assert(!std::is_default_constructible<ZebHashManager>::value, "Nobody makes another.");
-    static_assert(!std::is_copy_constructible<ZebHashManager>::value, "Nobody copies it.");
+    static_assert(!std::is_default_constructible<ZebHashManager>::value, "The process has one.");
+    static_assert(!std::is_copy_constructible<ZebHashManager>::value, "It cannot be copied.");
     static_assert(std::is_destructible<ZebHashManager>::value, "Its end is public.");
     EXPECT_EQ(&ZebHashManager::instance(), &ZebHashManager::instance());
 }
 
-TEST(ZebHashManager, TellsOfItsCreationOnce)
+TEST(ZebHashManager, LogsItsCreationOnce)
 {
     EXPECT_EXIT(exitAfterFirstUse(), ::testing::ExitedWithCode(0), "");
 }
 
-TEST(ZebHashManager, ItsEndTouchesNoHash)
+TEST(ZebHashManager, ItsEndLeavesHashesAlone)
 {
     const MessageCapture messages;
     const int before = ZebDataHash::hashCount();
@@ -171,7 +105,7 @@ TEST(ZebHashManager, ItsEndTouchesNoHash)
     EXPECT_EQ(ZebDataHash::hashCount(), before);
 }
 
-TEST(ZebHashManager, AHashMayOutliveTheProcess)
+TEST(ZebHashManager, AHashMayOutliveTheRegistry)
 {
     EXPECT_EXIT(exitWithALiveHash(), ::testing::ExitedWithCode(0), "");
 }
@@ -233,7 +167,7 @@ TEST(ZebHashManager, EveryWidthOfTextIsInterned)
     EXPECT_EQ(registry().hashCount(), 0);
 }
 
-TEST(ZebHashManager, EmptyBytesAreAContent)
+TEST(ZebHashManager, EmptyBytesAreInternedToo)
 {
     const Pointer one = registry().getHash(QByteArray());
     EXPECT_EQ(registry().getHash(nullptr, 0).data(), one.data());
@@ -249,7 +183,7 @@ TEST(ZebHashManager, ATextOfUnknownWidthIsInternedWithoutADigest)
         EXPECT_EQ(registry().hashCount(), 1);
         EXPECT_EQ(one->size(), ZebDataHash::Hash256);
         EXPECT_EQ(messages.debugLines(), QStringList{"Unknown Hash Bit Size 12"});
-        // Without a digest, all such texts are one content.
+        // Without a digest, all such texts are equal.
         EXPECT_EQ(registry().getHash(QString("no digest")).data(), one.data());
         EXPECT_EQ(registry().getHash(QString()).data(), one.data());
         EXPECT_TRUE(registry().isHashLive("4-5"));
@@ -342,18 +276,16 @@ TEST(ZebHashManager, AddHashOfNullIsNull)
 TEST(ZebHashManager, TheUnlockedFormWorksUnderTheCallersLock)
 {
     registry().clearStats();
-    QMutex& mutex = registry().*privateMember(RegistryMutexTag());
-    const auto addUnlocked = privateMember(AddUnlockedTag());
-    mutex.lock();
-    const Pointer one = (registry().*addUnlocked)(newHash("content"));
-    const Pointer again = (registry().*addUnlocked)(newHash("content"));
-    mutex.unlock();
+    RegistryInside::mutex().lock();
+    const Pointer one = RegistryInside::addHashUnlocked(registry(), newHash("content"));
+    const Pointer again = RegistryInside::addHashUnlocked(registry(), newHash("content"));
+    RegistryInside::mutex().unlock();
     EXPECT_EQ(again.data(), one.data());
     EXPECT_EQ(registry().hashCount(), 1);
     EXPECT_EQ(stats(), (Stats{1, 1, 0, 0}));
 }
 
-// Look-ups that leave no trace
+// Look-ups that change nothing
 
 TEST(ZebHashManager, AHashIsLiveUntilItsLastRelease)
 {
@@ -363,7 +295,7 @@ TEST(ZebHashManager, AHashIsLiveUntilItsLastRelease)
     Pointer second = one;
     EXPECT_TRUE(registry().isHashLive(text));
     EXPECT_FALSE(registry().isHashLive(textOf("other")));
-    // A digest of another size is another content.
+    // Digests of different sizes differ.
     EXPECT_FALSE(
         registry().isHashLive(ZebDataHash(QByteArray("content"), ZebDataHash::Hash256).toString()));
     one = Pointer();
@@ -372,7 +304,7 @@ TEST(ZebHashManager, AHashIsLiveUntilItsLastRelease)
     EXPECT_FALSE(registry().isHashLive(text));
 }
 
-TEST(ZebHashManager, AskingWhetherAHashIsLiveChangesNothing)
+TEST(ZebHashManager, IsHashLiveChangesNothing)
 {
     const QString text = textOf("content");
     const Pointer one = registry().getHash(QByteArray("content"));
@@ -404,7 +336,7 @@ TEST(ZebHashManager, EveryGetHashIsARequest)
     EXPECT_EQ(stats(), (Stats{3, 2, 5, 1}));
 }
 
-TEST(ZebHashManager, AddHashIsNoRequestButAHitOrAMiss)
+TEST(ZebHashManager, AddHashCountsAHitOrAMissAndNoRequest)
 {
     registry().clearStats();
     const Pointer miss = registry().addHash(newHash("content"));
@@ -431,15 +363,15 @@ TEST(ZebHashManager, OnlyErasedEntriesAreRemoves)
     EXPECT_EQ(stats().m_Removes, 1);
 }
 
-TEST(ZebHashManager, ACounterAtItsEndGoesOnFromBelow)
+TEST(ZebHashManager, ACounterWrapsAroundAtItsMaximum)
 {
     constexpr int s_Most = std::numeric_limits<int>::max();
     constexpr int s_Least = std::numeric_limits<int>::min();
     const auto setAll = [](int value) {
-        registry().*privateMember(RequestsTag()) = value;
-        registry().*privateMember(HitsTag()) = value;
-        registry().*privateMember(MissesTag()) = value;
-        registry().*privateMember(RemovesTag()) = value;
+        RegistryInside::requests(registry()) = value;
+        RegistryInside::cacheHits(registry()) = value;
+        RegistryInside::cacheMisses(registry()) = value;
+        RegistryInside::removes(registry()) = value;
     };
     setAll(s_Most);
     registry().getHash(QByteArray("content"));
@@ -451,7 +383,7 @@ TEST(ZebHashManager, ACounterAtItsEndGoesOnFromBelow)
     registry().clearStats();
 }
 
-TEST(ZebHashManager, ClearStatsClearsTheCountersAlone)
+TEST(ZebHashManager, ClearStatsClearsTheCountersOnly)
 {
     const Pointer one = registry().getHash(QByteArray("content"));
     registry().getHash(QByteArray("content"));
@@ -465,136 +397,4 @@ TEST(ZebHashManager, ClearStatsClearsTheCountersAlone)
     EXPECT_EQ(stats(), (Stats{0, 0, 0, 0}));
     EXPECT_EQ(registry().hashCount(), 1);
     EXPECT_TRUE(registry().isHashLive(textOf("content")));
-}
-
-// Diagnostics
-
-TEST(ZebHashManager, DumpStatsWritesItsLinesInOrder)
-{
-    registry().clearStats();
-    const Pointer one = registry().getHash(QByteArray("one"));
-    const Pointer two = registry().getHash(QByteArray("two"));
-    registry().getHash(QByteArray("three"));
-    for (int i = 0; i < 4; ++i)
-        registry().getHash(QByteArray("one"));
-    registry().addHash(newHash("two"));
-    const ZebDataHash outside;
-    const int objects = ZebDataHash::hashCount();
-    EXPECT_EQ(linesOf(&ZebHashManager::dumpStats),
-              (QStringList{"==== ZebTdx Hash Stats ====", "Cache Hits 5", "Cache Misses 3",
-                           "Requests 7", "Removes 1", "Registered 2",
-                           "Existant " + QString::number(objects), "HashPtrs -1"}));
-}
-
-TEST(ZebHashManager, DebugInfoTellsOfEveryHash)
-{
-    EXPECT_TRUE(linesOf(&ZebHashManager::printDebugInfo).isEmpty());
-    const Pointer one = registry().getHash(QByteArray("one"));
-    const Pointer copy(one);
-    const Pointer two =
-        registry().getHash(ZebDataHash(QByteArray("two"), ZebDataHash::Hash1024).toString());
-    two->setDontCache(true);
-    const Pointer outside(newHash("outside"));
-    QStringList lines = linesOf(&ZebHashManager::printDebugInfo);
-    QStringList wanted{QString::asprintf("%p 2 ", static_cast<void*>(one.data())) + one->toString(),
-                       QString::asprintf("%p 1 ", static_cast<void*>(two.data())) +
-                           two->toString()};
-    lines.sort();
-    wanted.sort();
-    EXPECT_EQ(lines, wanted);
-}
-
-TEST(ZebHashManager, ASnapshotAppendsAHolderOfEveryHash)
-{
-    QList<Pointer> list;
-    const ZebHashManager& constRegistry = registry();
-    constRegistry.snapshot(list);
-    EXPECT_TRUE(list.isEmpty());
-
-    Pointer one = registry().getHash(QByteArray("one"));
-    Pointer two = registry().getHash(QByteArray("two"));
-    const Pointer outside(newHash("outside"));
-    registry().clearStats();
-    list.append(outside);
-    list.append(Pointer());
-    constRegistry.snapshot(list);
-    ASSERT_EQ(list.size(), 4);
-    EXPECT_EQ(list[0].data(), outside.data());
-    EXPECT_TRUE(list[1].isNull());
-    EXPECT_EQ(list.count(one), 1);
-    EXPECT_EQ(list.count(two), 1);
-    EXPECT_EQ(one->refCount(), 2);
-    EXPECT_EQ(stats(), (Stats{0, 0, 0, 0}));
-
-    // The list alone keeps them.
-    one = Pointer();
-    two = Pointer();
-    EXPECT_EQ(registry().hashCount(), 2);
-    EXPECT_EQ(list[2]->refCount(), 1);
-    constRegistry.snapshot(list);
-    EXPECT_EQ(list.size(), 6);
-    list.clear();
-    EXPECT_EQ(registry().hashCount(), 0);
-}
-
-TEST(ZebHashManager, ValidationOfAnEmptyRegistrySaysNothing)
-{
-    const Pointer outside(newHash("outside"));
-    EXPECT_TRUE(linesOf(&ZebHashManager::validateState).isEmpty());
-}
-
-TEST(ZebHashManager, ValidationTellsOfLeakedHashesInTextOrder)
-{
-    const QList<Pointer> held = holdersOfGroups({"9", "100", "2", "10", "1", "21", "20"});
-    const Pointer copy(held[2]);
-    EXPECT_EQ(linesOf(&ZebHashManager::validateState),
-              QStringList{"[ !! ] The following live cached hashes have been leaked:\n"
-                          "1-1-1-1-1-1-1-1 (Refs = 1)\n"
-                          "10-10-10-10-10-10-10-10 (Refs = 1)\n"
-                          "100-100-100-100-100-100-100-100 (Refs = 1)\n"
-                          "2-2-2-2-2-2-2-2 (Refs = 2)\n"
-                          "20-20-20-20-20-20-20-20 (Refs = 1)\n"
-                          "21-21-21-21-21-21-21-21 (Refs = 1)\n"
-                          "9-9-9-9-9-9-9-9 (Refs = 1)\n"});
-}
-
-TEST(ZebHashManager, ValidationTellsOfDontCacheHashesWithoutTheirCounts)
-{
-    const QList<Pointer> held = holdersOfGroups({"9", "100", "2", "10", "1", "21", "20"});
-    const Pointer copy(held[2]);
-    for (const Pointer& hash : held)
-        hash->setDontCache(true);
-    EXPECT_EQ(linesOf(&ZebHashManager::validateState),
-              QStringList{"We have the following live non-cached hashes:\n"
-                          "1-1-1-1-1-1-1-1\n"
-                          "10-10-10-10-10-10-10-10\n"
-                          "100-100-100-100-100-100-100-100\n"
-                          "2-2-2-2-2-2-2-2\n"
-                          "20-20-20-20-20-20-20-20\n"
-                          "21-21-21-21-21-21-21-21\n"
-                          "9-9-9-9-9-9-9-9\n"});
-}
-
-TEST(ZebHashManager, ValidationTellsOfLeakedHashesFirst)
-{
-    const Pointer marked = registry().getHash(textOfGroups("1"));
-    const Pointer leaked = registry().getHash(textOfGroups("2"));
-    marked->setDontCache(true);
-    EXPECT_EQ(linesOf(&ZebHashManager::validateState),
-              (QStringList{"[ !! ] The following live cached hashes have been leaked:\n"
-                           "2-2-2-2-2-2-2-2 (Refs = 1)\n",
-                           "We have the following live non-cached hashes:\n"
-                           "1-1-1-1-1-1-1-1\n"}));
-}
-
-TEST(ZebHashManager, DiagnosticsChangeNothing)
-{
-    const Pointer one = registry().getHash(QByteArray("one"));
-    registry().clearStats();
-    linesOf(&ZebHashManager::dumpStats);
-    linesOf(&ZebHashManager::printDebugInfo);
-    linesOf(&ZebHashManager::validateState);
-    EXPECT_EQ(stats(), (Stats{0, 0, 0, 0}));
-    EXPECT_EQ(one->refCount(), 1);
-    EXPECT_EQ(registry().hashCount(), 1);
 }

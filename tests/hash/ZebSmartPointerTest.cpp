@@ -34,24 +34,24 @@ std::ostream& operator<<(std::ostream& stream, const Call& call)
                   << call.m_Second;
 }
 
-/// Writes down every call; ends with its last holder, like the classes of the library.
-class Witness
+/// Records every call, and deletes itself with its last holder, like the library's classes.
+class RecordingObject
 {
 public:
-    explicit Witness(std::vector<Call>& calls) : m_Calls(calls) { ++s_Alive; }
-    ~Witness() { --s_Alive; }
-    Witness(const Witness&) = delete;
-    Witness& operator=(const Witness&) = delete;
+    explicit RecordingObject(std::vector<Call>& calls) : m_Calls(calls) { ++s_Alive; }
+    ~RecordingObject() { --s_Alive; }
+    RecordingObject(const RecordingObject&) = delete;
+    RecordingObject& operator=(const RecordingObject&) = delete;
 
     int count() const { return m_Count; }
 
-    /// What a smart pointer that drops this object shows at that moment.
-    const Witness* seenInHolder() const { return m_SeenInHolder; }
+    /// What the smart pointer that dropped this object contained at that moment.
+    const RecordingObject* seenInHolder() const { return m_SeenInHolder; }
 
     static int s_Alive;
 
 protected:
-    friend class ZebSmartPointer<Witness>;
+    friend class ZebSmartPointer<RecordingObject>;
 
     void incRef(void* holder)
     {
@@ -62,7 +62,7 @@ protected:
     void decRef(void* holder)
     {
         m_Calls.push_back({"decRef", this, holder, nullptr});
-        m_SeenInHolder = static_cast<ZebSmartPointer<Witness>*>(holder)->data();
+        m_SeenInHolder = static_cast<ZebSmartPointer<RecordingObject>*>(holder)->data();
         if (--m_Count == 0)
             delete this;
     }
@@ -72,15 +72,15 @@ protected:
 private:
     std::vector<Call>& m_Calls;
     int m_Count = 0;
-    const Witness* m_SeenInHolder = nullptr;
+    const RecordingObject* m_SeenInHolder = nullptr;
 };
 
-int Witness::s_Alive = 0;
+int RecordingObject::s_Alive = 0;
 
-using Pointer = ZebSmartPointer<Witness>;
+using Pointer = ZebSmartPointer<RecordingObject>;
 using Calls = std::vector<Call>;
 
-/// Holds the next of a chain, whose only other holder it is.
+/// A link of a chain, and the only holder of the next link.
 struct Link
 {
     void incRef(void*) { ++m_Count; }
@@ -107,18 +107,19 @@ struct HoldsIncomplete
 
 TEST(ZebSmartPointer, HasOneField)
 {
-    static_assert(sizeof(Pointer) == sizeof(Witness*), "The raw pointer and nothing else.");
-    static_assert(std::is_convertible<Witness*, Pointer>::value,
+    static_assert(sizeof(Pointer) == sizeof(RecordingObject*), "The raw pointer and nothing else.");
+    static_assert(std::is_convertible<RecordingObject*, Pointer>::value,
                   "A raw object stands where a smart pointer is asked for.");
     static_assert(!std::is_convertible<Pointer, bool>::value, "The null test is explicit.");
-    static_assert(!std::is_convertible<Pointer, Witness*>::value, "Raw access is explicit.");
+    static_assert(!std::is_convertible<Pointer, RecordingObject*>::value,
+                  "Raw access is explicit.");
     EXPECT_EQ(HoldsIncomplete().m_Pointer, nullptr);
 }
 
 TEST(ZebSmartPointer, NullCallsNothing)
 {
     Pointer null;
-    const Pointer fromNull(static_cast<Witness*>(nullptr));
+    const Pointer fromNull(static_cast<RecordingObject*>(nullptr));
     const Pointer copy(null);
     null = copy;
     null = Pointer();
@@ -134,10 +135,10 @@ TEST(ZebSmartPointer, NullCallsNothing)
     EXPECT_EQ(null.get(), nullptr);
 }
 
-TEST(ZebSmartPointer, TakesAReferenceAndGivesItBack)
+TEST(ZebSmartPointer, TakesAReferenceAndReleasesIt)
 {
     Calls calls;
-    auto* const object = new Witness(calls);
+    auto* const object = new RecordingObject(calls);
     std::optional<Pointer> pointer(std::in_place, object);
     const void* const holder = &*pointer;
     EXPECT_EQ(calls, (Calls{{"incRef", object, holder, nullptr}}));
@@ -145,13 +146,13 @@ TEST(ZebSmartPointer, TakesAReferenceAndGivesItBack)
     calls.clear();
     pointer.reset();
     EXPECT_EQ(calls, (Calls{{"decRef", object, holder, nullptr}}));
-    EXPECT_EQ(Witness::s_Alive, 0);
+    EXPECT_EQ(RecordingObject::s_Alive, 0);
 }
 
 TEST(ZebSmartPointer, ACopyTakesAReferenceOfItsOwn)
 {
     Calls calls;
-    auto* const object = new Witness(calls);
+    auto* const object = new RecordingObject(calls);
     const Pointer pointer(object);
     calls.clear();
     const Pointer copy(pointer);
@@ -163,7 +164,7 @@ TEST(ZebSmartPointer, ACopyTakesAReferenceOfItsOwn)
 TEST(ZebSmartPointer, GivesAccessToItsObject)
 {
     Calls calls;
-    auto* const object = new Witness(calls);
+    auto* const object = new RecordingObject(calls);
     const Pointer pointer(object);
     EXPECT_EQ(pointer.data(), object);
     EXPECT_EQ(pointer.get(), object);
@@ -177,11 +178,11 @@ TEST(ZebSmartPointer, GivesAccessToItsObject)
     EXPECT_FALSE(nullptr == pointer);
 }
 
-TEST(ZebSmartPointer, AssignmentTakesTheNewObjectBeforeItDropsTheOld)
+TEST(ZebSmartPointer, AssignmentTakesTheNewObjectBeforeItReleasesTheOld)
 {
     Calls calls;
-    auto* const one = new Witness(calls);
-    auto* const other = new Witness(calls);
+    auto* const one = new RecordingObject(calls);
+    auto* const other = new RecordingObject(calls);
     Pointer target(one);
     const Pointer keepsOne(one);
     const Pointer source(other);
@@ -197,10 +198,10 @@ TEST(ZebSmartPointer, AssignmentTakesTheNewObjectBeforeItDropsTheOld)
 TEST(ZebSmartPointer, AssignmentStoresLast)
 {
     Calls calls;
-    auto* const one = new Witness(calls);
+    auto* const one = new RecordingObject(calls);
     Pointer target(one);
     const Pointer keepsOne(one);
-    const Pointer source(new Witness(calls));
+    const Pointer source(new RecordingObject(calls));
     target = source;
     EXPECT_EQ(one->seenInHolder(), one);
 }
@@ -208,7 +209,7 @@ TEST(ZebSmartPointer, AssignmentStoresLast)
 TEST(ZebSmartPointer, AssignmentOfItselfDoesNothing)
 {
     Calls calls;
-    Pointer pointer(new Witness(calls));
+    Pointer pointer(new RecordingObject(calls));
     calls.clear();
     const Pointer& same = pointer;
     pointer = same;
@@ -219,7 +220,7 @@ TEST(ZebSmartPointer, AssignmentOfItselfDoesNothing)
 TEST(ZebSmartPointer, AssignmentOfAnotherPointerToTheSameObjectIsSafe)
 {
     Calls calls;
-    auto* const object = new Witness(calls);
+    auto* const object = new RecordingObject(calls);
     Pointer one(object);
     const Pointer other(object);
     calls.clear();
@@ -231,16 +232,16 @@ TEST(ZebSmartPointer, AssignmentOfAnotherPointerToTheSameObjectIsSafe)
 TEST(ZebSmartPointer, AssignmentOfItsOwnRawPointerKeepsTheObject)
 {
     Calls calls;
-    Pointer pointer(new Witness(calls));
+    Pointer pointer(new RecordingObject(calls));
     pointer = pointer.data();
-    EXPECT_EQ(Witness::s_Alive, 1);
+    EXPECT_EQ(RecordingObject::s_Alive, 1);
     EXPECT_EQ(pointer->count(), 1);
 }
 
 TEST(ZebSmartPointer, AssignmentToAndFromNullCallsOneSide)
 {
     Calls calls;
-    auto* const object = new Witness(calls);
+    auto* const object = new RecordingObject(calls);
     const Pointer holder(object);
     Pointer pointer;
     calls.clear();
@@ -253,7 +254,7 @@ TEST(ZebSmartPointer, AssignmentToAndFromNullCallsOneSide)
     EXPECT_EQ(object->count(), 1);
 }
 
-TEST(ZebSmartPointer, AssignmentOfWhatTheOldObjectHoldsIsSafe)
+TEST(ZebSmartPointer, AssignmentOfAnObjectHeldByTheOldObjectIsSafe)
 {
     ZebSmartPointer<Link> chain(new Link);
     chain->m_Next = new Link;
@@ -264,11 +265,11 @@ TEST(ZebSmartPointer, AssignmentOfWhatTheOldObjectHoldsIsSafe)
     EXPECT_TRUE(chain->m_Next.isNull());
 }
 
-TEST(ZebSmartPointer, SwapTellsBothObjectsAndMovesNoCount)
+TEST(ZebSmartPointer, SwapNotifiesBothObjectsAndMovesNoCount)
 {
     Calls calls;
-    auto* const one = new Witness(calls);
-    auto* const other = new Witness(calls);
+    auto* const one = new RecordingObject(calls);
+    auto* const other = new RecordingObject(calls);
     Pointer a(one);
     Pointer b(other);
     calls.clear();
@@ -280,10 +281,10 @@ TEST(ZebSmartPointer, SwapTellsBothObjectsAndMovesNoCount)
     EXPECT_EQ(other->count(), 1);
 }
 
-TEST(ZebSmartPointer, SwapWithNullTellsTheOneObject)
+TEST(ZebSmartPointer, SwapWithNullNotifiesTheOneObject)
 {
     Calls calls;
-    auto* const object = new Witness(calls);
+    auto* const object = new RecordingObject(calls);
     Pointer a(object);
     Pointer b;
     calls.clear();
@@ -301,8 +302,8 @@ TEST(ZebSmartPointer, SwapWithNullTellsTheOneObject)
 TEST(ZebSmartPointer, FreeSwapIsTheMemberSwap)
 {
     Calls calls;
-    auto* const one = new Witness(calls);
-    auto* const other = new Witness(calls);
+    auto* const one = new RecordingObject(calls);
+    auto* const other = new RecordingObject(calls);
     Pointer a(one);
     Pointer b(other);
     calls.clear();
@@ -336,7 +337,7 @@ TEST(ZebSmartPointer, ReturnedAndStoredPointersBalance)
     {
         std::vector<Pointer> pointers;
         const auto make = [&calls] {
-            return Pointer(new Witness(calls));
+            return Pointer(new RecordingObject(calls));
         };
         for (int i = 0; i < 100; ++i)
             pointers.push_back(make());
@@ -345,7 +346,7 @@ TEST(ZebSmartPointer, ReturnedAndStoredPointersBalance)
         pointers.insert(pointers.end(), 100, pointers.front());
         EXPECT_EQ(pointers.front()->count(), 101);
         pointers.erase(pointers.begin(), pointers.begin() + 50);
-        EXPECT_EQ(Witness::s_Alive, 51);
+        EXPECT_EQ(RecordingObject::s_Alive, 51);
     }
-    EXPECT_EQ(Witness::s_Alive, 0);
+    EXPECT_EQ(RecordingObject::s_Alive, 0);
 }

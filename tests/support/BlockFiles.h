@@ -13,12 +13,15 @@
 
 #include <random>
 
-/// Block files as they are described: their bytes and their places, made without the library.
+/// The bytes and paths of block files, computed without the library.
+///
+/// A second implementation on purpose: tests compare the library's codec and paths with these, so
+/// that a change of the file format cannot pass unnoticed. Do not replace it by the library's own.
 namespace BlockFiles {
 
 constexpr int s_HeaderBytes = 12;
 
-/// Bytes that no codec makes shorter.
+/// Bytes that do not compress.
 inline QByteArray incompressible(int size, unsigned seed = 1)
 {
     std::mt19937 random(seed);
@@ -28,7 +31,7 @@ inline QByteArray incompressible(int size, unsigned seed = 1)
     return bytes;
 }
 
-/// Something to read, which a codec makes much shorter.
+/// Lines of text, which compress well.
 inline QByteArray text(int lines)
 {
     QByteArray bytes;
@@ -48,10 +51,10 @@ inline QByteArray fileBytes(qint64 size, const QByteArray& payload)
     return bytes + payload;
 }
 
-/// The file that a writer makes of a plain block.
-inline QByteArray fileOf(const QByteArray& content)
+/// The file that a writer makes of a block with these bytes.
+inline QByteArray fileOf(const QByteArray& blockBytes)
 {
-    return fileBytes(content.size(), qCompress(content, 2));
+    return fileBytes(blockBytes.size(), qCompress(blockBytes, 2));
 }
 
 /// The bucket directory of a hash.
@@ -62,7 +65,7 @@ inline QString bucketOf(const ZebDataHash& hash, const QString& root, const QStr
     return root + "/" + subCache + "/" + QString::number(bucket);
 }
 
-/// The path of a file as the disk threads spell it: the separator before the name stands twice.
+/// The path of a file as the disk threads write it, with a double separator before the name.
 inline QString pathOf(const ZebDataHash& hash, const QString& root, const QString& subCache,
                       int buckets)
 {
@@ -86,7 +89,7 @@ inline void write(const QString& path, const QByteArray& bytes)
 
 } // namespace BlockFiles
 
-/// A plain file where a directory belongs, so that nothing below it can be opened until remove().
+/// A plain file in the place of a directory, so that nothing below it can be opened until remove().
 class FileInTheWay
 {
 public:

@@ -9,8 +9,8 @@
 
 #include <atomic>
 
-/// Leaves the hashing pool one thread, and occupies that one until release() or the end of the
-/// scope. A test that waits for the pool in vain goes on after a while, and fails.
+/// Reduces the hashing pool to one thread and occupies it until release() or the end of the scope.
+/// A test that waits for the pool meanwhile continues after 20 s, and fails.
 class BusyHashingPool
 {
 public:
@@ -29,7 +29,7 @@ public:
     {
         release();
         pool().setMaxThreadCount(m_ThreadCount);
-        EXPECT_FALSE(m_TimedOut.load()) << "somebody has waited for the pool";
+        EXPECT_FALSE(m_TimedOut.load()) << "a thread has waited for the pool";
     }
     BusyHashingPool(const BusyHashingPool&) = delete;
     BusyHashingPool& operator=(const BusyHashingPool&) = delete;
@@ -40,7 +40,7 @@ public:
             ZebThreadPoolManager::HashingThreadPool);
     }
 
-    /// Lets the pool go on.
+    /// Frees the pool's thread.
     void open()
     {
         if (!m_Released)
@@ -48,7 +48,7 @@ public:
         m_Released = true;
     }
 
-    /// Lets the pool go on and waits until it has nothing left to do.
+    /// Frees the pool's thread and waits until the pool is idle.
     void release()
     {
         open();

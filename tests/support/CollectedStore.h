@@ -51,8 +51,8 @@ inline qint64 sizeFound(ZebGarbageCollectorThread& collector)
 
 } // namespace CollectionInside
 
-/// A store with a sub-cache and the collection off. Its own collectors poll meanwhile; tests that
-/// must not be disturbed by them take a collector of their own on a root of its own.
+/// A store with a sub-cache and the collection off. Its own collectors keep polling; a test that
+/// they would disturb uses a CollectorStation.
 class CollectedStore : public testing::Test
 {
 protected:
@@ -73,7 +73,7 @@ protected:
     static ZebDataBlockManager& manager() { return StoreInside::manager(); }
     static QString subCache() { return QStringLiteral("Sub"); }
 
-    /// A block leaves memory, which opens the gate of every collector.
+    /// Frees a block, after which every collector makes a pass.
     static void freeABlock() { manager().addBlock("freed", ZebModifyAccessor::DontCache); }
 
     static ZebDataReference add(int size, quint32 seed)
@@ -86,14 +86,13 @@ protected:
         return manager().getBlockDestination(subCache(), reference.hash());
     }
 
-    /// The name of a block file whose content nobody refers to.
+    /// The name of an orphaned block file.
     static QString deadName(int number)
     {
         return ZebDataHash("dead " + QByteArray::number(number), ZebDataHash::Hash512).toString();
     }
 
-    /// Waits until the store's own collectors have gone through a pass that has begun after this
-    /// call.
+    /// Waits until the store's own collectors have finished a pass that began after this call.
     static void waitForPass()
     {
         // The first one may have been under way.
@@ -113,7 +112,7 @@ protected:
     static bool goes(const QString& path)
     {
         return waitUntil([&path] {
-            // A block that is freed while a pass is under way opens no gate, so this goes on.
+            // A block that is freed during a pass starts no further pass, so this repeats.
             freeABlock();
             return !QFile::exists(path);
         });

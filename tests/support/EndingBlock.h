@@ -7,7 +7,7 @@
 #include <functional>
 #include <utility>
 
-/// A block that does something of the test's at its end.
+/// A block that calls a function of the test in its destructor.
 class EndingBlock : public ZebDataBlock
 {
 public:

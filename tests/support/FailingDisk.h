@@ -6,10 +6,10 @@
 
 #include <gtest/gtest.h>
 
-/// Makes every write below these roots fail until recover(): a plain file lies where the bucket
-/// directory belongs. For stores with one bucket that have written nothing yet.
+/// Makes every write below these roots fail until recover(): a plain file takes the place of the
+/// bucket directory. For stores with one bucket that have written nothing yet.
 ///
-/// The writer tries again without a pause meanwhile, so keep the failure short.
+/// Meanwhile the writer retries without a pause, so keep the failure short.
 class FailingDisk
 {
 public:

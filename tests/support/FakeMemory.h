@@ -11,13 +11,15 @@
 
 #include <gtest/gtest.h>
 
-/// The memory of a made-up machine for the length of a scope, so that what a test says about free
-/// memory holds on every machine.
+/// Replaces the machine's memory figures for the length of a scope, so that tests about free memory
+/// pass on every machine.
 ///
-/// The free memory is given as a fifth of the total, with its own figure left out: the probe then
-/// takes its guess, which is exact here, and prints a line. So every measure can be counted.
+/// The replacement of /proc/meminfo has a total and no line for free memory. The library then
+/// estimates free memory as a fifth of the total, and logs a line for each measurement. So this
+/// class writes five times the wanted figure as the total, and measures() counts those lines.
 ///
-/// Make it before the store and end it after: no other thread may be about at both moments.
+/// Construct it before the store and destroy it after the store: no other thread may read the
+/// figures while they are replaced.
 class FakeMemory
 {
 public:
@@ -33,18 +35,19 @@ public:
     FakeMemory(const FakeMemory&) = delete;
     FakeMemory& operator=(const FakeMemory&) = delete;
 
-    /// What the next measure gives; a multiple of 1024.
+    /// Sets the free memory that the next measurement finds; a multiple of 1024.
     void setFree(qint64 bytes)
     {
         EXPECT_EQ(bytes % 1024, 0);
         QFile file(m_Root.path() + QStringLiteral("/proc/meminfo"));
         EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        const qint64 totalKb = bytes / 1024 * s_EstimatedPart;
         const QByteArray text =
-            "MemTotal: " + QByteArray::number(bytes / 1024 * 5) + " kB\nSwapTotal: 1024 kB\n";
+            "MemTotal: " + QByteArray::number(totalKb) + " kB\nSwapTotal: 1024 kB\n";
         EXPECT_EQ(file.write(text), text.size());
     }
 
-    /// How many times free memory was measured while `messages` listened.
+    /// How many times free memory was measured while `messages` captured.
     static int measures(const MessageCapture& messages)
     {
         return messages.count(
@@ -52,5 +55,8 @@ public:
     }
 
 private:
+    // Without a line for free memory, one part in this many of the total counts as free.
+    static constexpr qint64 s_EstimatedPart = 5;
+
     QTemporaryDir m_Root;
 };

@@ -14,8 +14,8 @@ using ProbedWritersMember = QVector<ZebDataBlockWriteThread*> ZebDataBlockManage
 
 ZEBTDX_ACCESS(ProbedWritersTag, ZebDataBlockManager, ProbedWritersMember, m_WriteThreads)
 
-/// Stands in the place of the store's writers for the length of a scope and tells what readers ask
-/// of them, which is to flush one hash. The writers themselves go on with what they had.
+/// Replaces the store's writers for the length of a scope and records the flushes that readers
+/// request. The writers themselves continue with what was queued to them.
 class FlushProbe
 {
 public:
@@ -29,7 +29,7 @@ public:
     FlushProbe(const FlushProbe&) = delete;
     FlushProbe& operator=(const FlushProbe&) = delete;
 
-    /// What happens in each flush, by its number, from 1 on; set before any comes.
+    /// What happens in each flush, by its number, from 1 on; set it before the first flush.
     void onFlush(std::function<void(int)> action) { m_Writer.m_OnFlush = std::move(action); }
 
     int flushes() const { return m_Writer.m_Flushes; }

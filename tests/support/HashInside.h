@@ -20,6 +20,8 @@ ZEBTDX_ACCESS(HashInsideDecRef, ZebDataHash, void (ZebDataHash::*)(void*), decRe
 ZEBTDX_ACCESS(HashInsideSwap, ZebDataHash, void (ZebDataHash::*)(void*, void*), swap)
 ZEBTDX_ACCESS(HashInsideHoldUnlessEnding, ZebDataHash, HashInsidePointer (ZebDataHash::*)(),
               holdUnlessEnding)
+ZEBTDX_ACCESS(HashInsideLeadingText, ZebDataHash, int (ZebDataHash::*)(QChar*, int) const,
+              leadingText)
 
 /// The private members of ZebDataHash. None of the functions takes a lock of its own.
 namespace HashInside {
@@ -30,6 +32,11 @@ inline ZebDataHash::Size& sizeField(ZebDataHash& object)
 }
 
 inline QByteArray& digest(ZebDataHash& object)
+{
+    return object.*privateMember(HashInsideDigest());
+}
+
+inline const QByteArray& digest(const ZebDataHash& object)
 {
     return object.*privateMember(HashInsideDigest());
 }
@@ -62,6 +69,12 @@ inline void swap(ZebDataHash& object, void* from, void* to)
 inline HashInsidePointer holdUnlessEnding(ZebDataHash& object)
 {
     return (object.*privateMember(HashInsideHoldUnlessEnding()))();
+}
+
+/// Writes the first `length` characters of the text to `out`; returns how many it wrote.
+inline int leadingText(const ZebDataHash& hash, QChar* out, int length)
+{
+    return (hash.*privateMember(HashInsideLeadingText()))(out, length);
 }
 
 } // namespace HashInside

@@ -20,10 +20,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/// Holds one writer of the store still until release(): it has a small block in hand whose file is
-/// a pipe that nobody reads. What is queued to it meanwhile stays queued.
+/// Blocks one writer of the store until release(): it writes a small block whose file is a pipe
+/// without a reader. What is queued to it meanwhile stays queued.
 ///
-/// The small block stays resident and locked, so it is no victim of eviction.
+/// The small block stays resident and pinned, so it cannot be evicted.
 class HeldWriter
 {
 public:
@@ -56,7 +56,7 @@ public:
     HeldWriter(const HeldWriter&) = delete;
     HeldWriter& operator=(const HeldWriter&) = delete;
 
-    /// Lets the writer go on; any thread may call it, once.
+    /// Lets the writer continue; any thread may call it, once.
     void release()
     {
         if (m_Reader < 0)

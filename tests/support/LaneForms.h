@@ -7,8 +7,7 @@
 #include <vector>
 
 /// The lane forms that a test can force: every form that this processor can run, and the widths of
-/// the others in plain instructions, so that what is made for a processor of another kind is
-/// walked through on this one, too.
+/// the others in plain instructions, so that code for other processors is tested on this one, too.
 namespace LaneForms {
 
 #ifdef ZEB_SKEIN_HAS_VECTORS

@@ -2,6 +2,7 @@
 
 #include <QMutexLocker>
 
+#include <algorithm>
 #include <cstdio>
 
 MessageCapture* MessageCapture::s_Current = nullptr;
@@ -25,7 +26,7 @@ MessageCapture::~MessageCapture()
 void MessageCapture::handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
 {
     if (type == QtFatalMsg) {
-        // The process ends: whoever watches it must still see the words.
+        // The process ends, and the parent of a death test reads the words from standard error.
         std::fprintf(stderr, "{fatal:%s}\n", text.toLocal8Bit().constData());
         std::fflush(stderr);
         return;
@@ -42,13 +43,18 @@ void MessageCapture::handle(QtMsgType type, const QMessageLogContext& context, c
 QList<MessageCapture::Message> MessageCapture::messages() const
 {
     const QMutexLocker locker(&m_Mutex);
-    return m_Messages;
+    QList<Message> copy = m_Messages;
+    // The copy must not share its nodes with the thread that logs next.
+    copy.detach();
+    return copy;
 }
 
 QStringList MessageCapture::debugLines() const
 {
+    // The list is shared with the thread that logs next, so the lock is held for the whole walk.
+    const QMutexLocker locker(&m_Mutex);
     QStringList lines;
-    for (const Message& message : messages()) {
+    for (const Message& message : qAsConst(m_Messages)) {
         if (message.m_Type == QtDebugMsg)
             lines.append(message.m_Text);
     }
@@ -57,7 +63,11 @@ QStringList MessageCapture::debugLines() const
 
 int MessageCapture::count(const QString& text) const
 {
-    return static_cast<int>(debugLines().count(text));
+    const QMutexLocker locker(&m_Mutex);
+    return static_cast<int>(
+        std::count_if(m_Messages.cbegin(), m_Messages.cend(), [&](const Message& message) {
+            return message.m_Type == QtDebugMsg && message.m_Text == text;
+        }));
 }
 
 void MessageCapture::clear()

@@ -6,11 +6,11 @@
 #include <QStringList>
 #include <QtGlobal>
 
-/// Takes every message of Qt's handler while it exists, with type and text, and keeps it off the
-/// terminal. The handler that was there before comes back afterwards. Captures nest; the innermost
-/// one gets the messages.
+/// Captures every message of Qt's handler while it exists, with type and text, and keeps it off the
+/// terminal. The destructor restores the previous handler. Captures nest; the innermost capture
+/// gets the messages.
 ///
-/// Thread safety: messages may come from any thread; the read-outs may be called meanwhile.
+/// Thread safety: any thread may log, and any thread may call the read-outs meanwhile.
 class MessageCapture
 {
 public:

@@ -24,7 +24,7 @@ void keepText(QtMsgType type, const QMessageLogContext& context, const QString& 
     s_Handled.append(text);
 }
 
-// Puts a handler of its own in place, as a host does, for the length of a scope.
+// Installs a handler, as a host does, for the length of a scope.
 class OwnHandler
 {
 public:
@@ -37,7 +37,7 @@ private:
     QtMessageHandler m_Previous;
 };
 
-void say(const char* text)
+void logLine(const char* text)
 {
     QMessageLogger().debug("%s", text);
 }
@@ -63,7 +63,7 @@ TEST(MessageCapture, KeepsEveryMessageWithItsType)
 TEST(MessageCapture, DebugLinesAreTheDebugMessagesAlone)
 {
     const MessageCapture capture;
-    say("one");
+    logLine("one");
     QMessageLogger().warning("two");
     QMessageLogger().debug() << "three";
     EXPECT_EQ(capture.debugLines(), QStringList({QStringLiteral("one"), QStringLiteral("three")}));
@@ -72,9 +72,9 @@ TEST(MessageCapture, DebugLinesAreTheDebugMessagesAlone)
 TEST(MessageCapture, CountsExactTextsOfDebugMessages)
 {
     const MessageCapture capture;
-    say("a line");
-    say("a line");
-    say("a line more");
+    logLine("a line");
+    logLine("a line");
+    logLine("a line more");
     QMessageLogger().warning("a line");
     EXPECT_EQ(capture.count(QStringLiteral("a line")), 2);
     EXPECT_EQ(capture.count(QStringLiteral("line")), 0);
@@ -82,10 +82,10 @@ TEST(MessageCapture, CountsExactTextsOfDebugMessages)
     EXPECT_FALSE(capture.contains(QStringLiteral("a lin")));
 }
 
-TEST(MessageCapture, TellsWhetherAMessageCameWithAContext)
+TEST(MessageCapture, RecordsWhetherAMessageHasAContext)
 {
     const MessageCapture capture;
-    say("bare");
+    logLine("bare");
     QMessageLogger().debug() << "bare stream";
     QMessageLogger("file.cpp", 0, nullptr).debug("file");
     QMessageLogger(nullptr, 7, nullptr).debug("line");
@@ -97,42 +97,42 @@ TEST(MessageCapture, TellsWhetherAMessageCameWithAContext)
     EXPECT_THAT(contexts, ::testing::ElementsAre(false, false, true, true, true, true));
 }
 
-TEST(MessageCapture, ClearForgetsWhatCameBefore)
+TEST(MessageCapture, ClearDropsEarlierMessages)
 {
     MessageCapture capture;
-    say("before");
+    logLine("before");
     capture.clear();
     EXPECT_TRUE(capture.messages().isEmpty());
-    say("after");
+    logLine("after");
     EXPECT_EQ(capture.debugLines(), QStringList(QStringLiteral("after")));
 }
 
-TEST(MessageCapture, KeepsMessagesFromTheHandlerThatWasThereAndBringsItBack)
+TEST(MessageCapture, ReplacesThePreviousHandlerAndRestoresIt)
 {
     const OwnHandler own;
-    say("before");
+    logLine("before");
     {
         const MessageCapture capture;
-        say("meanwhile");
+        logLine("meanwhile");
         EXPECT_EQ(capture.debugLines(), QStringList(QStringLiteral("meanwhile")));
     }
-    say("after");
+    logLine("after");
     EXPECT_EQ(s_Handled, QStringList({QStringLiteral("before"), QStringLiteral("after")}));
 }
 
 TEST(MessageCapture, TheInnermostCaptureGetsTheMessages)
 {
     const MessageCapture outer;
-    say("one");
+    logLine("one");
     auto inner = std::make_unique<MessageCapture>();
-    say("two");
+    logLine("two");
     EXPECT_EQ(inner->debugLines(), QStringList(QStringLiteral("two")));
     inner.reset();
-    say("three");
+    logLine("three");
     EXPECT_EQ(outer.debugLines(), QStringList({QStringLiteral("one"), QStringLiteral("three")}));
 }
 
-TEST(MessageCapture, TakesMessagesOfAllThreads)
+TEST(MessageCapture, CapturesMessagesOfAllThreads)
 {
     const MessageCapture capture;
     constexpr int threadCount = 4;
@@ -141,7 +141,7 @@ TEST(MessageCapture, TakesMessagesOfAllThreads)
     for (int i = 0; i < threadCount; ++i) {
         threads.emplace_back([&capture] {
             for (int line = 0; line < lineCount; ++line) {
-                say("a line");
+                logLine("a line");
                 capture.contains(QStringLiteral("a line"));
             }
         });
@@ -156,21 +156,21 @@ TEST(Fatal, AFatalMessageReachesStandardErrorWhole)
     EXPECT_FATAL(QMessageLogger().fatal("%s", "the very words"), "the very words");
 }
 
-TEST(Fatal, ThePartsOfAMessageAreNotItsWords)
+TEST(Fatal, PartsOfAMessageDoNotMatch)
 {
-    // What EXPECT_FATAL looks for is fenced, so neither a beginning nor an end is enough.
+    // EXPECT_FATAL searches for the words in brackets, so neither a beginning nor an end matches.
     const std::string seen = fatalText("the very words");
     EXPECT_THAT(seen, ::testing::HasSubstr(fatalText("the very words")));
     EXPECT_THAT(seen, ::testing::Not(::testing::HasSubstr(fatalText("the very"))));
     EXPECT_THAT(seen, ::testing::Not(::testing::HasSubstr(fatalText("very words"))));
 }
 
-TEST(Fatal, OtherMessagesBeforeTheEndStayQuiet)
+TEST(Fatal, EarlierMessagesOfOtherTypesAreNotPrinted)
 {
     EXPECT_DEATH(
         {
             const MessageCapture capture;
-            say("only a debug line");
+            logLine("only a debug line");
             QMessageLogger().fatal("%s", "the end");
         },
         ::testing::AllOf(::testing::HasSubstr(fatalText("the end")),

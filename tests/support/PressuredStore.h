@@ -10,8 +10,8 @@
 
 #include <vector>
 
-/// A store of 1 MiB on one root, on a machine with plenty of memory, for tests of when room is made
-/// and for how much.
+/// A store of 1 MiB on one root, on a machine with plenty of memory, for tests of when blocks are
+/// evicted and how many.
 class PressuredStore : public testing::Test
 {
 protected:
@@ -20,13 +20,13 @@ protected:
     static constexpr qint64 s_Limit = s_Megabyte;
     static constexpr int s_Block = 1000;
 
-    // Free memory is measured about once for so many bytes requested.
+    // Free memory is measured once for about this many bytes requested.
     static constexpr quint64 s_Interval = 134217728;
 
     PressuredStore() : m_Store(options())
     {
-        // Nothing is resident, so nothing goes; the plenty is measured, and the sum of requests is
-        // one byte short of the next measure from here on, whatever it was.
+        // Nothing is resident, so nothing is evicted. This measures free memory and leaves the sum
+        // of requests one byte short of the next measurement, whatever it was.
         EXPECT_FALSE(manager().flushMemory(true));
     }
 
@@ -60,8 +60,8 @@ protected:
         return m_References.back();
     }
 
-    // Sets the target so that a request of `size` bytes just meets it, which keeps the request out
-    // of the fast check.
+    // Sets the target so that a request of `size` bytes just reaches it, which keeps the request
+    // out of the fast check.
     static void leaveExactly(quint64 size)
     {
         manager().setTargetFreeMemorySize(FakeMemory::s_Plenty - static_cast<qint64>(size));
@@ -76,7 +76,7 @@ protected:
         EXPECT_TRUE(manager().allFreeBlocksFlushed());
     }
 
-    // How many measures `action` takes.
+    // How many measurements `action` causes.
     template <typename Action>
     int measuresOf(Action action)
     {

@@ -1,14 +1,14 @@
 #pragma once
 
-// A way for tests to reach what a class keeps to itself, without a friend in the product: an
-// explicit instantiation may name any member.
+// Gives tests access to a private member, without a friend in the product: an explicit
+// instantiation may name any member. Only the headers named after the class looked into, such as
+// StoreInside.h, use it; tests call the functions of those headers.
 //
-//     ZEBTDX_ACCESS(callCacheIndex, ZebDataBlockManager,
+//     ZEBTDX_ACCESS(StoreInsideIndexOfText, ZebDataBlockManager,
 //                   int (ZebDataBlockManager::*)(const QString&), cacheIndex)
-//     int index = (manager.*privateMember(callCacheIndex()))(text);
+//     int index = (manager.*privateMember(StoreInsideIndexOfText()))(text);
 //
-// For a static member, give a plain pointer type. Use it at global scope: an instantiation may not
-// stand inside an unnamed namespace.
+// For a static member, give a plain pointer type. Use it at global scope, where the template is.
 
 template <typename Tag, typename Tag::Type Member>
 struct PrivateAccess

@@ -10,12 +10,12 @@
 
 #include <gtest/gtest.h>
 
-/// A data folder of the self-check with what belongs into it, for the length of a scope.
-/// Testers use it from then on.
+/// A data folder of the self-check with its sample files, for the length of a scope. Testers use it
+/// from then on.
 class SampleFolder
 {
 public:
-    /// Makes only the parts named; all sub-folders are there.
+    /// Writes only these parts; all sub-folders exist.
     explicit SampleFolder(int parts = SampleData::Everything)
     {
         EXPECT_EQ(SampleData::write(m_Folder.path(), parts).toStdString(), "");
@@ -27,7 +27,7 @@ public:
     QString path() const { return m_Folder.path(); }
     QString path(const QString& name) const { return m_Folder.path() + name; }
 
-    /// What lies in the cache roots, wherever below them.
+    /// The files and directories below the cache roots.
     QStringList leftInRoots() const
     {
         QStringList left;

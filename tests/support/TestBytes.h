@@ -8,8 +8,8 @@
 #include <array>
 #include <cstring>
 
-/// `size` bytes that follow from `seed` alone: contents of two seeds differ from 8 bytes on, every
-/// byte depends on its position, and all of it compresses well, so that writing stays cheap.
+/// `size` bytes that depend on `seed` alone. Bytes of two seeds differ if they are 8 or more, every
+/// byte depends on its position, and they compress well, so that writing stays cheap.
 inline QByteArray testBytes(int size, quint32 seed)
 {
     std::array<char, 64> key;
@@ -26,7 +26,7 @@ inline QByteArray testBytes(int size, quint32 seed)
     return bytes;
 }
 
-/// Whether the block can be had and holds exactly testBytes(size, seed).
+/// Whether the block can be loaded and holds exactly testBytes(size, seed).
 inline bool holdsTestBytes(const ZebDataReference& reference, int size, quint32 seed)
 {
     const ZebConstAccessor accessor = reference.constAccessor();

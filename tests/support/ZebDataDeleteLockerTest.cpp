@@ -1,37 +1,21 @@
 #include "support/ZebDataDeleteLocker.h"
 
-#include "manager/ZebDataBlockManager.h"
+#include "support/BlockedThread.h"
+#include "support/IsFree.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
-#include "support/ZebTdxMutex.h"
-
-#include <QSemaphore>
 
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <thread>
 #include <type_traits>
-
-ZEBTDX_ACCESS(DeleteMutexTag, ZebDataBlockManager, ZebTdxMutex ZebDataBlockManager::*,
-              m_DeleteMutex)
 
 namespace {
 
-constexpr int s_DeadlineMs = 20000;
-
-// Whether another thread finds the delete lock free at this moment.
 bool isDeleteLockFree()
 {
-    ZebTdxMutex& mutex = ZebDataBlockManager::instance().*privateMember(DeleteMutexTag());
-    bool taken = false;
-    std::thread([&] {
-        taken = mutex.tryLock();
-        if (taken)
-            mutex.unlock();
-    }).join();
-    return taken;
+    return isFree(StoreInside::deleteLock());
 }
 
 } // namespace
@@ -56,7 +40,7 @@ TEST(ZebDataDeleteLocker, HoldsTheDeleteLockForItsScope)
 TEST(ZebDataDeleteLocker, WorksOnAStoreThatIsNotSetUp)
 {
     const MessageCapture messages;
-    ASSERT_FALSE(ZebDataBlockManager::instance().isInitialized());
+    ASSERT_FALSE(manager().isInitialized());
     {
         const ZebDataDeleteLocker locker;
         EXPECT_FALSE(isDeleteLockFree());
@@ -83,26 +67,18 @@ TEST(ZebDataDeleteLocker, AssignmentDoesNothing)
         const ZebDataDeleteLocker source;
         EXPECT_EQ(&(*target = source), target.get());
     }
-    // One level for each of the two, before and after.
+    // Each locker still holds one level of the lock.
     EXPECT_FALSE(isDeleteLockFree());
     target.reset();
     EXPECT_TRUE(isDeleteLockFree());
 }
 
-TEST(ZebDataDeleteLocker, HoldsOffOtherThreads)
+TEST(ZebDataDeleteLocker, BlocksOtherThreads)
 {
     const MessageCapture messages;
-    QSemaphore started;
-    QSemaphore entered;
     auto mine = std::make_unique<ZebDataDeleteLocker>();
-    std::thread thread([&] {
-        started.release();
-        const ZebDataDeleteLocker theirs;
-        entered.release();
-    });
-    started.acquire();
-    EXPECT_FALSE(entered.tryAcquire(1, 100));
+    BlockedThread thread([] { const ZebDataDeleteLocker theirs; });
+    EXPECT_TRUE(thread.waitsFor(StoreInside::deleteLock()));
     mine.reset();
-    EXPECT_TRUE(entered.tryAcquire(1, s_DeadlineMs));
-    thread.join();
+    EXPECT_TRUE(thread.ends());
 }

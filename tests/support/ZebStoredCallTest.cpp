@@ -19,7 +19,7 @@ namespace {
 
 constexpr int s_DeadlineMs = 20000;
 
-// A result that counts its living copies and notes where the last one ended.
+// A result that counts its copies, and records the thread that destroyed the last of them.
 class Counted
 {
 public:
@@ -51,7 +51,7 @@ public:
     int m_Code;
 };
 
-// A pool whose threads are all busy until released, for calls that must not begin by themselves.
+// A pool whose threads are all busy until release(), for calls that must not begin in the pool.
 class BusyPool
 {
 public:
@@ -99,11 +99,11 @@ TEST(ZebStoredCall, GivesTheResult)
     EXPECT_TRUE(future.isFinished());
     EXPECT_EQ(future.resultCount(), 1);
     EXPECT_FALSE(future.isCanceled());
-    // Asking again gives it again.
+    // The result can be fetched again.
     EXPECT_EQ(future.result(), "done");
 }
 
-TEST(ZebStoredCall, RunsOnThePoolWhenNobodyWaits)
+TEST(ZebStoredCall, RunsOnThePoolWithoutAWaitingThread)
 {
     QThreadPool pool;
     QAtomicPointer<void> thread;
@@ -138,7 +138,7 @@ TEST(ZebStoredCall, IsStartedAndNotFinishedUntilTheCallHasRun)
     EXPECT_FALSE(future.isRunning());
 }
 
-TEST(ZebStoredCall, TellsAWatcherThatItHasFinished)
+TEST(ZebStoredCall, NotifiesAWatcherWhenItHasFinished)
 {
     QThreadPool pool;
     QFutureWatcher<int> watcher;
@@ -150,12 +150,12 @@ TEST(ZebStoredCall, TellsAWatcherThatItHasFinished)
     EXPECT_EQ(watcher.result(), 5);
 }
 
-TEST(ZebStoredCall, KeepsAnExceptionForWhoeverAsks)
+TEST(ZebStoredCall, KeepsAnExceptionForEveryCaller)
 {
     QThreadPool pool;
     const QFuture<int> future =
         ZebStoredCall::start<int>(&pool, []() -> int { throw Failure(17); });
-    for (int asked = 0; asked < 2; ++asked) {
+    for (int call = 0; call < 2; ++call) {
         try {
             future.result();
             ADD_FAILURE() << "nothing was thrown";
@@ -167,7 +167,7 @@ TEST(ZebStoredCall, KeepsAnExceptionForWhoeverAsks)
     EXPECT_EQ(future.resultCount(), 0);
 }
 
-TEST(ZebStoredCall, TurnsAForeignExceptionIntoOneThatCanTravel)
+TEST(ZebStoredCall, WrapsAnExceptionThatIsNotAQException)
 {
     QThreadPool pool;
     QFuture<int> future =
@@ -177,7 +177,7 @@ TEST(ZebStoredCall, TurnsAForeignExceptionIntoOneThatCanTravel)
     EXPECT_EQ(future.resultCount(), 0);
 }
 
-TEST(ZebStoredCall, AThreadThatWaitsRunsACallThatHasNotBegun)
+TEST(ZebStoredCall, AWaitingThreadRunsACallThatHasNotBegun)
 {
     BusyPool busy(1);
     void* thread = nullptr;
@@ -203,7 +203,7 @@ TEST(ZebStoredCall, AWaitInsideAPoolOfOneThreadEnds)
 {
     QThreadPool pool;
     pool.setMaxThreadCount(1);
-    // Three calls deep, each waiting for the next in the only thread that there is.
+    // Three nested calls, each of which waits for the next in a pool of one thread.
     const QFuture<int> outer = ZebStoredCall::start<int>(&pool, [&pool] {
         const QFuture<int> middle = ZebStoredCall::start<int>(&pool, [&pool] {
             return 10 + ZebStoredCall::start<int>(&pool, [] { return 1; }).result();
@@ -230,7 +230,7 @@ TEST(ZebStoredCall, WaitsInsideAFullPoolEnd)
     }
 }
 
-TEST(ZebStoredCall, RunsOnceForAllWhoWait)
+TEST(ZebStoredCall, RunsOnceForAllWaitingThreads)
 {
     for (int round = 0; round < 100; ++round) {
         QThreadPool pool;
@@ -270,8 +270,8 @@ TEST(ZebStoredCall, TheResultEndsWithTheLastFutureOnItsThread)
         {
             QFuture<Counted> future =
                 ZebStoredCall::start<Counted>(&pool, [] { return Counted(); });
-            // Looking on steals nothing: the call runs on the pool, and this thread sees it finish
-            // at the earliest moment.
+            // isFinished() does not run the call: the pool does, and this thread sees the end as
+            // early as possible.
             while (!future.isFinished())
                 QThread::yieldCurrentThread();
             ASSERT_EQ(Counted::s_Alive.loadAcquire(), 1) << "round " << round;
@@ -296,14 +296,14 @@ TEST(ZebStoredCall, TheResultOfAStolenCallEndsWithTheLastFuture)
     EXPECT_EQ(Counted::s_Alive.loadAcquire(), 0);
 }
 
-TEST(ZebStoredCall, AFinishedTaskHoldsNothingAnyMore)
+TEST(ZebStoredCall, AFinishedTaskHoldsNothing)
 {
     QThreadPool pool;
     const auto captured = std::make_shared<int>(1);
     const auto call = [captured] {
         return Counted();
     };
-    // Kept beyond its run, as a task is that the pool has not come round to deleting.
+    // The task outlives its run, like a task that the pool has not deleted yet.
     ZebStoredCallTask<Counted, decltype(call)> task(call);
     task.setAutoDelete(false);
     const long holders = captured.use_count();
@@ -317,7 +317,7 @@ TEST(ZebStoredCall, AFinishedTaskHoldsNothingAnyMore)
     EXPECT_TRUE(pool.waitForDone(s_DeadlineMs));
 }
 
-TEST(ZebStoredCall, AFutureThatIsDroppedEarlyLeavesNothingBehind)
+TEST(ZebStoredCall, ADroppedFutureLeavesNoResult)
 {
     QThreadPool pool;
     auto captured = std::make_shared<int>(1);
@@ -328,7 +328,7 @@ TEST(ZebStoredCall, AFutureThatIsDroppedEarlyLeavesNothingBehind)
     EXPECT_EQ(captured.use_count(), 1);
 }
 
-TEST(ZebStoredCall, WhatTheCallHoldsEndsBeforeItsFutureHasFinished)
+TEST(ZebStoredCall, CapturesAreDestroyedBeforeTheFutureHasFinished)
 {
     for (int round = 0; round < 500; ++round) {
         QThreadPool pool;
@@ -341,7 +341,7 @@ TEST(ZebStoredCall, WhatTheCallHoldsEndsBeforeItsFutureHasFinished)
     }
 }
 
-TEST(ZebStoredCall, WhatACancelledCallHoldsEndsToo)
+TEST(ZebStoredCall, CapturesOfACancelledCallAreDestroyed)
 {
     BusyPool busy(1);
     auto captured = std::make_shared<int>(1);

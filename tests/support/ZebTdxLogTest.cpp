@@ -1,33 +1,27 @@
 #include "support/ZebTdxLog.h"
 
+#include "support/BlockedThread.h"
 #include "support/Fatal.h"
+#include "support/IsFree.h"
+#include "support/LogInside.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
 
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QTime>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <thread>
 #include <vector>
 
-ZEBTDX_ACCESS(LogDeadTag, ZebTdxLog, std::atomic<bool>*, s_Dead)
-ZEBTDX_ACCESS(LogFileTag, ZebTdxLog, QFile ZebTdxLog::*, m_File)
-ZEBTDX_ACCESS(LogMutexTag, ZebTdxLog, QMutex ZebTdxLog::*, m_Mutex)
-
 namespace {
-
-constexpr int s_DeadlineMs = 20000;
 
 QString cannotBeMadeLine()
 {
@@ -63,7 +57,7 @@ bool isLine(const QString& line, const QString& tag, const QString& rest)
 
 } // namespace
 
-// The one log of the process, closed and enabled before and after each test.
+// The log of the process, closed and enabled before and after each test.
 class ZebTdxLogTest : public ::testing::Test
 {
 protected:
@@ -71,7 +65,7 @@ protected:
     ~ZebTdxLogTest() override { reset(); }
 
     static ZebTdxLog& log() { return ZebTdxLog::instance(); }
-    static bool hasOpenFile() { return (log().*privateMember(LogFileTag())).isOpen(); }
+    static bool hasOpenFile() { return LogInside::file(log()).isOpen(); }
 
     QString directory() const { return m_Directory.path(); }
     QString logPath() const { return directory() + QStringLiteral("/TdxLog.txt"); }
@@ -103,11 +97,11 @@ TEST_F(ZebTdxLogTest, StartsEnabledWithoutAFile)
 {
     auto fresh = std::make_unique<ZebTdxLog>();
     EXPECT_TRUE(fresh->enabled());
-    EXPECT_TRUE(((*fresh).*privateMember(LogFileTag())).fileName().isEmpty());
-    EXPECT_FALSE(((*fresh).*privateMember(LogFileTag())).isOpen());
+    EXPECT_TRUE(LogInside::file(*fresh).fileName().isEmpty());
+    EXPECT_FALSE(LogInside::file(*fresh).isOpen());
     fresh.reset();
-    // The end of any log is the end of the log for the process; the other tests go on.
-    privateMember(LogDeadTag())->store(false);
+    // The end of any log silences the process's log, which the other tests still need.
+    LogInside::dead().store(false);
 }
 
 TEST_F(ZebTdxLogTest, LoggingBeforeThereIsAFileDoesNothingAtAnyLevel)
@@ -116,10 +110,8 @@ TEST_F(ZebTdxLogTest, LoggingBeforeThereIsAFileDoesNothingAtAnyLevel)
     EXPECT_TRUE(log().log(ZebTdxLog::Warning, "a.cpp", 2, QStringLiteral("two")));
     EXPECT_TRUE(log().log(ZebTdxLog::Fatal, "a.cpp", 3, QStringLiteral("three")));
     EXPECT_TRUE(m_Messages.messages().isEmpty());
-    // The lock was given back on the way out.
-    QMutex& mutex = log().*privateMember(LogMutexTag());
-    ASSERT_TRUE(mutex.tryLock());
-    mutex.unlock();
+    // Every call has released the lock.
+    EXPECT_TRUE(isFree(LogInside::mutex(log())));
 }
 
 TEST_F(ZebTdxLogTest, SetSubCacheOpensTheFileInTheDirectory)
@@ -169,7 +161,7 @@ TEST_F(ZebTdxLogTest, TheTimeIsTheTimeOfDay)
     log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("x"));
     const QString after = QTime::currentTime().toString(Qt::TextDate);
     const QString time = linesOf(logPath()).at(0).mid(6, 8);
-    // Around midnight the later time is the lesser one.
+    // Around midnight the later time is the smaller value.
     EXPECT_TRUE(after < before || (before <= time && time <= after)) << time.toStdString();
 }
 
@@ -182,7 +174,7 @@ TEST_F(ZebTdxLogTest, EachLineIsInTheFileWhenTheCallReturns)
     }
 }
 
-TEST_F(ZebTdxLogTest, TheSamePiecesGoToTheDebugChannel)
+TEST_F(ZebTdxLogTest, TheSamePartsAreLoggedAsADebugMessage)
 {
     ASSERT_TRUE(log().setSubCache(directory()));
     log().log(ZebTdxLog::Warning, "a.cpp", 7, QStringLiteral("said \"so\""));
@@ -198,7 +190,7 @@ TEST_F(ZebTdxLogTest, TheSamePiecesGoToTheDebugChannel)
     EXPECT_FALSE(messages.at(0).m_HasContext);
 }
 
-TEST_F(ZebTdxLogTest, AFileOfAnEarlierRunGoesOnGrowing)
+TEST_F(ZebTdxLogTest, LinesAreAppendedToAFileOfAnEarlierRun)
 {
     {
         QFile earlier(logPath());
@@ -227,7 +219,7 @@ TEST_F(ZebTdxLogTest, AnEmptyPathClosesTheFile)
     EXPECT_FALSE(hasOpenFile());
 }
 
-TEST_F(ZebTdxLogTest, AnotherDirectoryTakesTheLinesThatFollow)
+TEST_F(ZebTdxLogTest, AnotherDirectoryReceivesTheLinesThatFollow)
 {
     const QString other = directory() + QStringLiteral("/other");
     ASSERT_TRUE(log().setSubCache(directory()));
@@ -240,19 +232,19 @@ TEST_F(ZebTdxLogTest, AnotherDirectoryTakesTheLinesThatFollow)
     EXPECT_EQ(linesOf(other + QStringLiteral("/TdxLog.txt")).size(), 1);
 }
 
-TEST_F(ZebTdxLogTest, ADirectoryThatCannotBeMadeIsTold)
+TEST_F(ZebTdxLogTest, ADirectoryThatCannotBeCreatedIsReported)
 {
     ASSERT_TRUE(log().setSubCache(directory()));
     EXPECT_FALSE(log().setSubCache(QStringLiteral("/dev/null/cache")));
     EXPECT_EQ(m_Messages.debugLines(), QStringList(cannotBeMadeLine()));
     EXPECT_FALSE(m_Messages.messages().at(0).m_HasContext);
-    // The file of before is closed all the same.
+    // The previous file is closed nevertheless.
     EXPECT_FALSE(hasOpenFile());
     EXPECT_TRUE(log().log(ZebTdxLog::Fatal, "a.cpp", 1, QStringLiteral("x")));
     EXPECT_EQ(contentsOf(logPath()), QString());
 }
 
-TEST_F(ZebTdxLogTest, AFileThatCannotBeOpenedIsTold)
+TEST_F(ZebTdxLogTest, AFileThatCannotBeOpenedIsReported)
 {
     ASSERT_TRUE(QDir().mkpath(logPath()));
     EXPECT_FALSE(log().setSubCache(directory()));
@@ -281,7 +273,7 @@ TEST_F(ZebTdxLogTest, DisablingKeepsTheFileOpenForLater)
     log().setEnabled(false);
     EXPECT_TRUE(hasOpenFile());
     EXPECT_TRUE(log().log(ZebTdxLog::Fatal, "a.cpp", 2, QStringLiteral("dropped")));
-    // An empty path would close it, but not now.
+    // An empty path closes the file of an enabled log only.
     EXPECT_TRUE(log().setSubCache(QString()));
     EXPECT_TRUE(hasOpenFile());
     log().setEnabled(true);
@@ -293,27 +285,20 @@ TEST_F(ZebTdxLogTest, DisablingKeepsTheFileOpenForLater)
 
 TEST_F(ZebTdxLogTest, EnabledIsReadAndWrittenWithoutTheLock)
 {
-    QMutex& mutex = log().*privateMember(LogMutexTag());
-    mutex.lock();
-    QSemaphore ended;
-    std::thread thread([&] {
+    EXPECT_FALSE(waitsForLock(LogInside::mutex(log()), [this] {
         log().setEnabled(false);
         EXPECT_FALSE(log().enabled());
         EXPECT_TRUE(log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("x")));
-        log().setEnabled(true);
-        // Neither does this take it.
+        // A disabled log takes no lock here either.
         EXPECT_TRUE(log().setSubCache(directory()));
-        ended.release();
-    });
-    EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    mutex.unlock();
-    thread.join();
+        log().setEnabled(true);
+    }));
 }
 
 TEST_F(ZebTdxLogTest, AFatalLineIsInTheFileBeforeTheProcessEnds)
 {
-    // The process that ends starts afresh and gets a directory of its own, so it is told here where
-    // this one will look.
+    // The process that ends is a new one with a directory of its own. The variable names the
+    // directory in which this process looks.
     QTemporaryDir shared(QDir::tempPath() + QStringLiteral("/zebtdx-fatal"));
     shared.setAutoRemove(false);
     const char* const given = std::getenv("ZEBTDX_TEST_FATAL_DIRECTORY");
@@ -370,21 +355,13 @@ TEST_F(ZebTdxLogTest, ALineOfOneThreadIsNeverInterleavedWithAnother)
 TEST_F(ZebTdxLogTest, ALineWaitsForTheLineInProgress)
 {
     ASSERT_TRUE(log().setSubCache(directory()));
-    QMutex& mutex = log().*privateMember(LogMutexTag());
+    QMutex& mutex = LogInside::mutex(log());
     mutex.lock();
-    QSemaphore started;
-    QSemaphore ended;
-    std::thread thread([&] {
-        started.release();
-        log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("x"));
-        ended.release();
-    });
-    started.acquire();
-    EXPECT_FALSE(ended.tryAcquire(1, 100));
+    BlockedThread thread([] { log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("x")); });
+    EXPECT_TRUE(thread.waitsFor(mutex));
     EXPECT_EQ(contentsOf(logPath()), QString());
     mutex.unlock();
-    EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    thread.join();
+    EXPECT_TRUE(thread.ends());
     EXPECT_EQ(linesOf(logPath()).size(), 1);
 }
 
@@ -394,10 +371,9 @@ TEST_F(ZebTdxLogTest, ALogThatHasEndedIsSilentForTheRestOfTheProcess)
     ASSERT_TRUE(ended->setSubCache(directory()));
     ended->log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("x"));
     m_Messages.clear();
-    std::atomic<bool>* const dead = privateMember(LogDeadTag());
-    EXPECT_FALSE(dead->load());
+    EXPECT_FALSE(LogInside::dead().load());
     ended.reset();
-    EXPECT_TRUE(dead->load());
+    EXPECT_TRUE(LogInside::dead().load());
 
     const QString other = directory() + QStringLiteral("/other");
     EXPECT_TRUE(log().enabled());
@@ -406,10 +382,10 @@ TEST_F(ZebTdxLogTest, ALogThatHasEndedIsSilentForTheRestOfTheProcess)
     EXPECT_TRUE(log().log(ZebTdxLog::Fatal, "a.cpp", 2, QStringLiteral("y")));
     log().setEnabled(false);
     log().setEnabled(true);
-    EXPECT_TRUE(dead->load());
+    EXPECT_TRUE(LogInside::dead().load());
     EXPECT_TRUE(m_Messages.messages().isEmpty());
     EXPECT_EQ(linesOf(logPath()).size(), 1);
-    dead->store(false);
+    LogInside::dead().store(false);
 }
 
 TEST_F(ZebTdxLogTest, TheEndOfALogClosesItsFile)
@@ -423,16 +399,16 @@ TEST_F(ZebTdxLogTest, TheEndOfALogClosesItsFile)
     EXPECT_EQ(openFiles(), before + 1);
     ended.reset();
     EXPECT_EQ(openFiles(), before);
-    privateMember(LogDeadTag())->store(false);
+    LogInside::dead().store(false);
 }
 
-TEST_F(ZebTdxLogTest, AFailedWriteIsNotNoticed)
+TEST_F(ZebTdxLogTest, AFailedWriteIsNotReported)
 {
-    // A file that takes nothing: everything written to it fails for want of space.
+    // Every write to this file fails because the device is full.
     ASSERT_TRUE(QFile::link(QStringLiteral("/dev/full"), logPath()));
     ASSERT_TRUE(log().setSubCache(directory()));
     EXPECT_TRUE(log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("lost")));
     EXPECT_TRUE(hasOpenFile());
-    // The copy of the line, and no word about the loss.
+    // The copy of the line, and no message about the failure.
     EXPECT_EQ(m_Messages.debugLines().size(), 1);
 }

@@ -1,43 +1,27 @@
 #include "support/ZebTdxMutex.h"
 
-#include "support/PrivateAccess.h"
-
-#include <QElapsedTimer>
-#include <QSemaphore>
+#include "support/BlockedThread.h"
+#include "support/IsFree.h"
+#include "support/MutexLockerInside.h"
+#include "support/RunTogether.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
-#include <thread>
-
-ZEBTDX_ACCESS(LockerMutexTag, ZebTdxMutexLocker, ZebTdxMutex* ZebTdxMutexLocker::*, m_Mutex)
-ZEBTDX_ACCESS(LockerLockedTag, ZebTdxMutexLocker, bool ZebTdxMutexLocker::*, m_Locked)
 
 namespace {
 
-constexpr int s_DeadlineMs = 20000;
+// Long enough to see a thread wait, and otherwise without meaning.
+constexpr int s_ShortMs = 500;
 
-// Whether another thread finds the mutex free at this moment.
-bool isFree(ZebTdxMutex& mutex)
+ZebTdxMutex* mutexOf(ZebTdxMutexLocker& locker)
 {
-    bool taken = false;
-    std::thread([&] {
-        taken = mutex.tryLock();
-        if (taken)
-            mutex.unlock();
-    }).join();
-    return taken;
+    return MutexLockerInside::mutex(locker);
 }
 
-ZebTdxMutex* mutexOf(const ZebTdxMutexLocker& locker)
+bool isLocked(ZebTdxMutexLocker& locker)
 {
-    return locker.*privateMember(LockerMutexTag());
-}
-
-bool isLocked(const ZebTdxMutexLocker& locker)
-{
-    return locker.*privateMember(LockerLockedTag());
+    return MutexLockerInside::locked(locker);
 }
 
 } // namespace
@@ -91,69 +75,57 @@ TEST(ZebTdxMutex, TheLevelHasNoEffect)
     }
 }
 
-TEST(ZebTdxMutex, TryLockGivesUpAfterItsTimeout)
+TEST(ZebTdxMutex, TryLockWaitsAndGivesUpAfterItsTimeout)
 {
     ZebTdxMutex mutex(0, QMutex::NonRecursive);
     mutex.lock();
-    QElapsedTimer timer;
-    timer.start();
-    EXPECT_FALSE(mutex.tryLock(50));
-    // The clock of the wait may be a little coarser than this one.
-    EXPECT_GE(timer.elapsed(), 45);
+    bool taken = true;
+    BlockedThread thread([&] { taken = mutex.tryLock(s_ShortMs); });
+    EXPECT_TRUE(thread.waitsFor(mutex));
+    EXPECT_TRUE(thread.ends());
+    EXPECT_FALSE(taken);
     mutex.unlock();
 }
 
-TEST(ZebTdxMutex, TryLockTakesTheMutexThatComesFreeInTime)
+TEST(ZebTdxMutex, TryLockTakesAMutexThatIsUnlockedInTime)
 {
     ZebTdxMutex mutex(0, QMutex::NonRecursive);
     mutex.lock();
-    QSemaphore waiting;
-    std::atomic<bool> taken{false};
-    std::thread thread([&] {
-        waiting.release();
-        taken.store(mutex.tryLock(s_DeadlineMs));
-        if (taken.load())
+    bool taken = false;
+    BlockedThread thread([&] {
+        taken = mutex.tryLock(BlockedThread::s_DeadlineMs);
+        if (taken)
             mutex.unlock();
     });
-    waiting.acquire();
+    EXPECT_TRUE(thread.waitsFor(mutex));
     mutex.unlock();
-    thread.join();
-    EXPECT_TRUE(taken.load());
+    EXPECT_TRUE(thread.ends());
+    EXPECT_TRUE(taken);
 }
 
 TEST(ZebTdxMutex, ANegativeTimeoutWaitsForTheMutex)
 {
     ZebTdxMutex mutex(0, QMutex::NonRecursive);
     mutex.lock();
-    QSemaphore waiting;
-    QSemaphore taken;
-    std::thread thread([&] {
-        waiting.release();
+    BlockedThread thread([&] {
         EXPECT_TRUE(mutex.tryLock(-1));
-        taken.release();
         mutex.unlock();
     });
-    waiting.acquire();
-    EXPECT_FALSE(taken.tryAcquire(1, 50));
+    EXPECT_TRUE(thread.waitsFor(mutex));
     mutex.unlock();
-    EXPECT_TRUE(taken.tryAcquire(1, s_DeadlineMs));
-    thread.join();
+    EXPECT_TRUE(thread.ends());
 }
 
-TEST(ZebTdxMutex, LockWaitsForItsHolder)
+TEST(ZebTdxMutex, LockExcludesOtherThreads)
 {
     ZebTdxMutex mutex(0, QMutex::Recursive);
     int guarded = 0;
-    const auto count = [&] {
+    runTogether(2, [&](int) {
         for (int i = 0; i < 20000; ++i) {
             const ZebTdxMutexLocker locker(&mutex);
             ++guarded;
         }
-    };
-    std::thread one(count);
-    std::thread other(count);
-    one.join();
-    other.join();
+    });
     EXPECT_EQ(guarded, 40000);
 }
 
@@ -161,7 +133,7 @@ TEST(ZebTdxMutexLocker, HoldsTheMutexForItsScope)
 {
     ZebTdxMutex mutex(0, QMutex::NonRecursive);
     {
-        const ZebTdxMutexLocker locker(&mutex);
+        ZebTdxMutexLocker locker(&mutex);
         EXPECT_EQ(mutexOf(locker), &mutex);
         EXPECT_TRUE(isLocked(locker));
         EXPECT_FALSE(isFree(mutex));
@@ -178,10 +150,10 @@ TEST(ZebTdxMutexLocker, ANullMutexIsAccepted)
     EXPECT_FALSE(isLocked(locker));
 }
 
-TEST(ZebTdxMutexLocker, UnlockLetsTheMutexGoEarly)
+TEST(ZebTdxMutexLocker, UnlockReleasesTheMutexEarly)
 {
     ZebTdxMutex mutex(0, QMutex::Recursive);
-    // Were the destructor to unlock again, it would take this thread's own level away.
+    // A second unlock by the destructor would release this thread's own level.
     mutex.lock();
     {
         ZebTdxMutexLocker locker(&mutex);
@@ -234,7 +206,7 @@ TEST(ZebTdxMutexLocker, AssignmentCopiesBothFieldsAndMovesNoLock)
 {
     ZebTdxMutex mutex(0, QMutex::Recursive);
     ZebTdxMutex other(0, QMutex::Recursive);
-    // One level for each of the two lockers that will unlock it.
+    // One more level, since two lockers will unlock the mutex.
     mutex.lock();
     auto source = std::make_unique<ZebTdxMutexLocker>(&mutex);
     auto target = std::make_unique<ZebTdxMutexLocker>(&other);
@@ -250,7 +222,7 @@ TEST(ZebTdxMutexLocker, AssignmentCopiesBothFieldsAndMovesNoLock)
     EXPECT_FALSE(isFree(mutex));
     target.reset();
     EXPECT_TRUE(isFree(mutex));
-    // Nobody remembers the mutex that the target held.
+    // The mutex that the target held stays locked.
     EXPECT_FALSE(isFree(other));
     other.unlock();
     EXPECT_TRUE(isFree(other));
