@@ -112,7 +112,7 @@ TEST(ZebHashText, TextOfABlockIsWrittenWithoutATerminator)
 {
     const Vector& vector = vectors().at(1);
     std::vector<char> out(ZebHashText::s_MaxBlockCharacters + 1, '#');
-    const char* const end = ZebHashText::writeBlockText(pointerTo(vector.m_Digest), out.data());
+    char* const end = ZebHashText::writeBlockText(pointerTo(vector.m_Digest), out.data());
     EXPECT_EQ(std::string(out.data(), end), vector.m_Text.toStdString());
     EXPECT_EQ(*end, '#');
 }
@@ -121,15 +121,16 @@ TEST(ZebHashText, TheLongestTextOfABlockFillsItsBuffer)
 {
     const QByteArray digest(64, '\xff');
     std::vector<char> out(ZebHashText::s_MaxBlockCharacters + 1, '#');
-    const char* const end = ZebHashText::writeBlockText(pointerTo(digest), out.data());
+    char* const end = ZebHashText::writeBlockText(pointerTo(digest), out.data());
     EXPECT_EQ(end - out.data(), ZebHashText::s_MaxBlockCharacters);
     EXPECT_EQ(textOf(digest).size(), ZebHashText::s_MaxBlockCharacters);
 }
 
 TEST(ZebHashText, EmptyWordsAreSkipped)
 {
+    const QString text = QStringLiteral("--1-22---333-");
     QStringList words;
-    for (const QStringRef& word : ZebHashText::words(QStringLiteral("--1-22---333-")))
+    for (const QStringRef& word : ZebHashText::words(text))
         words.append(word.toString());
     EXPECT_EQ(words, QStringList({"1", "22", "333"}));
     EXPECT_TRUE(ZebHashText::words(QString()).isEmpty());
