@@ -82,7 +82,7 @@ FORBIDDEN_TEXT = (
 )
 
 # Folders whose phrases are checked even when no folder is named.
-PHRASE_FOLDERS = (".ci", "cmake", "docs", "")
+PHRASE_FOLDERS = (".ci", "cmake", "docs", "io", "manager", "selfcheck", "")
 
 LEFT_OVER_NOTE = re.compile(r"\b(TO" r"DO|FIX" r"ME|XX" r"X|HA" r"CK)\b")
 WAIVER = re.compile(r"^\s*// style: long function(?:, (?P<reason>\S.*))?$")
