@@ -1,5 +1,5 @@
-// Many threads on a store that holds a tenth of their data in memory: every byte that comes back is
-// checked, and afterwards nothing is left over.
+// Many threads on a store that holds a tenth of their data in memory: every byte read is checked,
+// and afterwards nothing is left over.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -7,6 +7,7 @@
 #include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
 #include "support/FakeMemory.h"
+#include "support/Manager.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
@@ -29,7 +30,6 @@
 #include <malloc.h>
 #include <unistd.h>
 
-using StoreInside::manager;
 using testing::IsEmpty;
 
 namespace {
@@ -46,15 +46,15 @@ constexpr int s_MemoryShare = 10;
 constexpr quint32 s_Contents = 1024;
 constexpr std::size_t s_SlotsPerThread = 256;
 
-// What a run may leave behind in the process, in bytes: the heap keeps pages that are in use in
-// parts. A sanitizer holds freed memory back on purpose.
+// By how many bytes the process may grow in a run: the heap keeps pages that are partly in use. A
+// sanitizer holds freed memory back on purpose.
 #ifdef __SANITIZE_ADDRESS__
 constexpr qint64 s_MaxGrowth = qint64(512) * 1024 * 1024;
 #else
 constexpr qint64 s_MaxGrowth = qint64(16) * 1024 * 1024;
 #endif
 
-// Contents come in pairs of one size, so that the one can be made of the other.
+// Distinct blocks come in pairs of one size, so that a block can be changed into its partner.
 int sizeOf(quint32 content)
 {
     const quint32 pair = content / 2;
@@ -111,8 +111,8 @@ std::ostream& operator<<(std::ostream& out, const Counts& counts)
                << counts.lruNodes << " nodes";
 }
 
-// How often the threads did what.
-struct Deeds
+// How many operations of each kind the threads have done.
+struct OperationCounts
 {
     std::atomic<qint64> added{0};
     std::atomic<qint64> read{0};
@@ -120,11 +120,11 @@ struct Deeds
     std::atomic<qint64> wrong{0};
 };
 
-// One thread's share of the load.
+// One thread of the load.
 class Worker
 {
 public:
-    Worker(quint32 seed, Deeds& deeds) : m_Random(seed), m_Deeds(deeds) {}
+    Worker(quint32 seed, OperationCounts& counts) : m_Random(seed), m_Counts(counts) {}
 
     void run(int durationMs)
     {
@@ -172,14 +172,14 @@ private:
         slot.reference = manager().addBlock(
             testBytes(sizeOf(slot.content), slot.content),
             cached ? ZebModifyAccessor::Cached : ZebModifyAccessor::DontCache, choice % 2 == 0);
-        ++m_Deeds.added;
+        ++m_Counts.added;
     }
 
     void read(const Slot& slot)
     {
         if (!holdsTestBytes(slot.reference, sizeOf(slot.content), slot.content))
-            ++m_Deeds.wrong;
-        ++m_Deeds.read;
+            ++m_Counts.wrong;
+        ++m_Counts.read;
     }
 
     void modify(Slot& slot)
@@ -189,17 +189,17 @@ private:
         const QByteArray expected = testBytes(sizeOf(slot.content), slot.content);
         if (accessor.isNull() || accessor.size() != expected.size() ||
             std::memcmp(accessor.data(), expected.constData(), size) != 0) {
-            ++m_Deeds.wrong;
+            ++m_Counts.wrong;
             return;
         }
         slot.content = partnerOf(slot.content);
         const QByteArray changed = testBytes(sizeOf(slot.content), slot.content);
         std::memcpy(accessor.data(), changed.constData(), size);
         slot.reference = accessor.release(ZebModifyAccessor::Cached, below(2) == 0);
-        ++m_Deeds.modified;
+        ++m_Counts.modified;
     }
 
-    // The questions of a host, and its wishes.
+    // Queries and preloads.
     void ask(const Slot& slot, quint32 choice)
     {
         switch (choice % 4) {
@@ -214,7 +214,7 @@ private:
             break;
         default:
             if (manager().blockSize(slot.reference.hashPtr().data()) != sizeOf(slot.content))
-                ++m_Deeds.wrong;
+                ++m_Counts.wrong;
             break;
         }
     }
@@ -228,7 +228,7 @@ private:
     }
 
     std::mt19937 m_Random;
-    Deeds& m_Deeds;
+    OperationCounts& m_Counts;
     std::array<Slot, s_SlotsPerThread> m_Slots;
 };
 
@@ -239,8 +239,8 @@ public:
         : m_DurationMs(durationMs), m_CompressionThreads(compressionThreads)
     {}
 
-    // Runs twice, and compares what is left behind by the second run with what the first one left:
-    // whatever is built at first use only is there by then.
+    // Runs twice, and compares what the process holds after each run: what is built at first use
+    // exists after the first one.
     void run()
     {
         const FakeMemory memory;
@@ -264,26 +264,26 @@ private:
         manager().flushMemory(true);
         store.messages().clear();
 
-        Deeds deeds;
+        OperationCounts counts;
         {
             std::vector<Worker> workers;
             for (quint32 i = 0; i < s_Threads; ++i)
-                workers.emplace_back(i + 1, deeds);
+                workers.emplace_back(i + 1, counts);
             std::vector<std::thread> threads;
             for (Worker& worker : workers)
                 threads.emplace_back([&worker, durationMs] { worker.run(durationMs); });
             for (std::thread& thread : threads)
                 thread.join();
-            EXPECT_EQ(deeds.wrong, 0);
+            EXPECT_EQ(counts.wrong, 0);
             if (isLong)
-                expectDeeds(deeds);
+                expectAllCounted(counts);
             expectNoComplaint(store.messages());
             manager().flush(true, ZebDataBlockManager::AllThreads);
             EXPECT_THAT(StoreInside::beingWritten(), IsEmpty());
             EXPECT_THAT(StoreInside::toFreeAfterWriting(), IsEmpty());
         }
         store.cleanUp();
-        // Its idle threads go, too: each keeps a file open.
+        // Its idle threads end, too: each keeps a file open.
         ZebThreadPoolManager::instance()
             .threadPool(ZebThreadPoolManager::HashingThreadPool)
             ->waitForDone();
@@ -293,12 +293,12 @@ private:
         EXPECT_EQ(Counts(), before);
     }
 
-    // A run that has not done all of it tests nothing.
-    static void expectDeeds(const Deeds& deeds)
+    // A run without operations of each kind tests nothing.
+    static void expectAllCounted(const OperationCounts& counts)
     {
-        EXPECT_GT(deeds.added, 0);
-        EXPECT_GT(deeds.read, 0);
-        EXPECT_GT(deeds.modified, 0);
+        EXPECT_GT(counts.added, 0);
+        EXPECT_GT(counts.read, 0);
+        EXPECT_GT(counts.modified, 0);
         EXPECT_GT(StoreInside::blocksFreed(), 0);
         EXPECT_GT(StoreInside::writesHandled(), 0);
         qint64 bytesRead = 0;
@@ -332,7 +332,7 @@ TEST(StoreStress, TheSameHoldsWithCompressionWorkers)
     StoreStress(s_ShortDurationMs, s_CompressionThreads).run();
 }
 
-// For a run by hand: --gtest_also_run_disabled_tests --gtest_filter=*OfAMinute
+// scripts/soak.sh runs it.
 TEST(StoreStress, DISABLED_TheSameInARunOfAMinute)
 {
     StoreStress(s_LongDurationMs).run();

@@ -47,7 +47,7 @@ QString bucketOf(const ZebDataHash& hash, int bucketCount)
 
 } // namespace
 
-TEST(ZebBuildFilename, ANullHashIsToldAndLeavesTheResultsAlone)
+TEST(ZebBuildFilename, ANullHashIsLoggedAndChangesNoResult)
 {
     const MessageCapture messages;
     QString directory = QStringLiteral("before");
@@ -81,7 +81,7 @@ TEST(ZebBuildFilename, AnEmptySubCacheLeavesTwoSeparators)
     EXPECT_EQ(directory, QStringLiteral("/a/root//3/"));
 }
 
-TEST(ZebBuildFilename, NothingIsTidied)
+TEST(ZebBuildFilename, PathsAreNotNormalised)
 {
     const ZebDataHash hash = hashOf({123});
     QString directory;
@@ -93,7 +93,7 @@ TEST(ZebBuildFilename, NothingIsTidied)
     EXPECT_EQ(directory, QStringLiteral("//3/"));
 }
 
-TEST(ZebBuildFilename, PlaceMarkersInTheNamesMeanNothing)
+TEST(ZebBuildFilename, PlaceMarkersInTheNamesStayAsTheyAre)
 {
     const ZebDataHash hash = hashOf({123});
     QString directory;
@@ -161,7 +161,7 @@ TEST(ZebBuildFilename, AHashWithoutADigestEndsTheProcess)
         "Size of data is incorrect is 0, should be 32");
 }
 
-TEST(ZebBuildFilename, NothingIsMadeOnDisk)
+TEST(ZebBuildFilename, NothingIsCreatedOnDisk)
 {
     const QTemporaryDir root;
     const ZebDataHash hash = hashOf({123});
@@ -236,7 +236,7 @@ TEST_F(ZebBuildFilenameTree, FilesSpreadEvenlyOverAllBuckets)
     EXPECT_GT(deviation, 0.0);
 }
 
-TEST_F(ZebBuildFilenameTree, AListingOfTheTreeGivesTheHashesBack)
+TEST_F(ZebBuildFilenameTree, AListingOfTheTreeYieldsTheHashes)
 {
     const MessageCapture messages;
     int files = 0;

@@ -1,8 +1,8 @@
 #include "manager/ZebDataBlockLru.h"
 
-#include "support/PrivateAccess.h"
+#include "support/BlockedThread.h"
+#include "support/LruInside.h"
 
-#include <QSemaphore>
 #include <QWriteLocker>
 
 #include <gmock/gmock.h>
@@ -10,63 +10,33 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <list>
 #include <random>
 #include <thread>
 #include <vector>
 
-using LruItems = QHash<ZebDataHash*, ZebDataBlockLruNode*>;
-
-ZEBTDX_ACCESS(LruItemsTag, ZebDataBlockLru, LruItems ZebDataBlockLru::*, m_Items)
-ZEBTDX_ACCESS(LruNewestTag, ZebDataBlockLru, ZebDataBlockLruNode* ZebDataBlockLru::*, m_Newest)
-ZEBTDX_ACCESS(LruOldestTag, ZebDataBlockLru, ZebDataBlockLruNode* ZebDataBlockLru::*, m_Oldest)
+using LruInside::newestToOldest;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 namespace {
 
 using Order = std::vector<ZebDataHash*>;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
-// How long an operation is given to come through a lock that must hold it off.
-constexpr int s_HeldOffMs = 100;
-constexpr int s_DeadlineMs = 20000;
-
-// The list never looks behind the addresses that it keeps.
+// The list never dereferences the hashes that it keeps.
 ZebDataHash* key(quintptr number)
 {
     return reinterpret_cast<ZebDataHash*>(number * 64);
 }
 
-ZebDataBlockLruNode* newestOf(const ZebDataBlockLru& lru)
-{
-    return lru.*privateMember(LruNewestTag());
-}
-
-ZebDataBlockLruNode* oldestOf(const ZebDataBlockLru& lru)
-{
-    return lru.*privateMember(LruOldestTag());
-}
-
-Order newestToOldest(const ZebDataBlockLru& lru)
-{
-    Order order;
-    for (const auto* node = newestOf(lru); node != nullptr; node = node->m_Older)
-        order.push_back(node->m_Hash);
-    return order;
-}
-
-// Both directions of the list, both ends and the side table must tell the same.
+// Both directions of the list, both ends and the side table must agree.
 void expectConsistent(const ZebDataBlockLru& lru)
 {
     const Order forward = newestToOldest(lru);
-    Order backward;
-    for (const auto* node = oldestOf(lru); node != nullptr; node = node->m_Newer)
-        backward.push_back(node->m_Hash);
+    Order backward = LruInside::oldestToNewest(lru);
     std::reverse(backward.begin(), backward.end());
     ASSERT_EQ(forward, backward);
 
-    const LruItems& items = lru.*privateMember(LruItemsTag());
+    const LruInsideItems& items = LruInside::items(lru);
     ASSERT_EQ(static_cast<size_t>(items.size()), forward.size());
     for (auto item = items.cbegin(); item != items.cend(); ++item) {
         ASSERT_EQ(item.key(), item.value()->m_Hash);
@@ -93,48 +63,6 @@ void addAll(ZebDataBlockLru& lru, const Order& oldestFirst)
         lru.add(hash);
 }
 
-enum class Hold
-{
-    ForReading,
-    ForWriting
-};
-
-// Runs `operation` on another thread while this one holds the lock for at most `waitMs`. Returns
-// whether it came through meanwhile; in any case it has ended on return.
-bool runsUnder(const ZebDataBlockLru& lru, Hold hold, int waitMs,
-               const std::function<void()>& operation)
-{
-    QSemaphore started;
-    QSemaphore ended;
-    if (hold == Hold::ForWriting)
-        lru.lock().lockForWrite();
-    else
-        lru.lock().lockForRead();
-    std::thread thread([&] {
-        started.release();
-        operation();
-        ended.release();
-    });
-    started.acquire();
-    const bool through = ended.tryAcquire(1, waitMs);
-    lru.lock().unlock();
-    if (!through) {
-        EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    }
-    thread.join();
-    return through;
-}
-
-bool comesThrough(const ZebDataBlockLru& lru, Hold hold, const std::function<void()>& operation)
-{
-    return runsUnder(lru, hold, s_DeadlineMs, operation);
-}
-
-bool isHeldOff(const ZebDataBlockLru& lru, Hold hold, const std::function<void()>& operation)
-{
-    return !runsUnder(lru, hold, s_HeldOffMs, operation);
-}
-
 } // namespace
 
 TEST(ZebDataBlockLru, ANewListIsEmptyAtBothEnds)
@@ -142,8 +70,8 @@ TEST(ZebDataBlockLru, ANewListIsEmptyAtBothEnds)
     const ZebDataBlockLru lru;
     EXPECT_EQ(lru.count(), 0);
     EXPECT_FALSE(lru.contains(key(1)));
-    EXPECT_EQ(newestOf(lru), nullptr);
-    EXPECT_EQ(oldestOf(lru), nullptr);
+    EXPECT_EQ(LruInside::newest(lru), nullptr);
+    EXPECT_EQ(LruInside::oldest(lru), nullptr);
     EXPECT_EQ(lru.oldest(), nullptr);
 }
 
@@ -151,11 +79,11 @@ TEST(ZebDataBlockLru, TheFirstHashIsNewestAndOldest)
 {
     ZebDataBlockLru lru;
     lru.add(key(1));
-    ASSERT_NE(newestOf(lru), nullptr);
-    EXPECT_EQ(newestOf(lru), oldestOf(lru));
+    ASSERT_NE(LruInside::newest(lru), nullptr);
+    EXPECT_EQ(LruInside::newest(lru), LruInside::oldest(lru));
     EXPECT_EQ(lru.oldest(), key(1));
-    EXPECT_EQ(newestOf(lru)->m_Older, nullptr);
-    EXPECT_EQ(newestOf(lru)->m_Newer, nullptr);
+    EXPECT_EQ(LruInside::newest(lru)->m_Older, nullptr);
+    EXPECT_EQ(LruInside::newest(lru)->m_Newer, nullptr);
     EXPECT_TRUE(lru.contains(key(1)));
     EXPECT_EQ(lru.count(), 1);
 }
@@ -174,13 +102,13 @@ TEST(ZebDataBlockLru, AddingAListedHashChangesNothing)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2), key(3)});
-    const ZebDataBlockLruNode* const node = oldestOf(lru);
+    const ZebDataBlockLruNode* const node = LruInside::oldest(lru);
     const int nodes = m_LruNodeCount.loadRelaxed();
     lru.add(key(1));
     lru.add(key(2));
     lru.add(key(3));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(3), key(2), key(1)));
-    EXPECT_EQ(oldestOf(lru), node);
+    EXPECT_EQ(LruInside::oldest(lru), node);
     EXPECT_EQ(m_LruNodeCount.loadRelaxed(), nodes);
     expectConsistent(lru);
 }
@@ -204,10 +132,10 @@ TEST(ZebDataBlockLru, TouchOfTheOnlyHashLeavesItAlone)
 {
     ZebDataBlockLru lru;
     lru.add(key(1));
-    const ZebDataBlockLruNode* const node = newestOf(lru);
+    const ZebDataBlockLruNode* const node = LruInside::newest(lru);
     lru.touch(key(1));
-    EXPECT_EQ(newestOf(lru), node);
-    EXPECT_EQ(oldestOf(lru), node);
+    EXPECT_EQ(LruInside::newest(lru), node);
+    EXPECT_EQ(LruInside::oldest(lru), node);
     expectConsistent(lru);
 }
 
@@ -215,12 +143,12 @@ TEST(ZebDataBlockLru, TouchKeepsTheNodeObject)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2)});
-    ZebDataBlockLruNode* const node = oldestOf(lru);
+    const ZebDataBlockLruNode* const node = LruInside::oldest(lru);
     const int nodes = m_LruNodeCount.loadRelaxed();
     lru.touch(key(1));
-    EXPECT_EQ(newestOf(lru), node);
+    EXPECT_EQ(LruInside::newest(lru), node);
     EXPECT_EQ(node->m_Hash, key(1));
-    EXPECT_EQ((lru.*privateMember(LruItemsTag())).value(key(1)), node);
+    EXPECT_EQ(LruInside::items(lru).value(key(1)), node);
     EXPECT_EQ(m_LruNodeCount.loadRelaxed(), nodes);
 }
 
@@ -240,8 +168,8 @@ TEST(ZebDataBlockLru, RemovingTheOnlyHashClearsBothEnds)
     ZebDataBlockLru lru;
     lru.add(key(1));
     removeLocked(lru, key(1));
-    EXPECT_EQ(newestOf(lru), nullptr);
-    EXPECT_EQ(oldestOf(lru), nullptr);
+    EXPECT_EQ(LruInside::newest(lru), nullptr);
+    EXPECT_EQ(LruInside::oldest(lru), nullptr);
     EXPECT_EQ(lru.count(), 0);
     expectConsistent(lru);
 }
@@ -252,7 +180,7 @@ TEST(ZebDataBlockLru, RemovingTheNewestMovesTheNewestEnd)
     addAll(lru, {key(1), key(2), key(3)});
     removeLocked(lru, key(3));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(2), key(1)));
-    EXPECT_EQ(newestOf(lru)->m_Newer, nullptr);
+    EXPECT_EQ(LruInside::newest(lru)->m_Newer, nullptr);
     expectConsistent(lru);
 }
 
@@ -262,7 +190,7 @@ TEST(ZebDataBlockLru, RemovingTheOldestMovesTheOldestEnd)
     addAll(lru, {key(1), key(2), key(3)});
     removeLocked(lru, key(1));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(3), key(2)));
-    EXPECT_EQ(oldestOf(lru)->m_Older, nullptr);
+    EXPECT_EQ(LruInside::oldest(lru)->m_Older, nullptr);
     expectConsistent(lru);
 }
 
@@ -307,8 +235,8 @@ TEST(ZebDataBlockLru, ClearEmptiesListAndTable)
     clearLocked(lru);
     EXPECT_EQ(lru.count(), 0);
     EXPECT_FALSE(lru.contains(key(2)));
-    EXPECT_EQ(newestOf(lru), nullptr);
-    EXPECT_EQ(oldestOf(lru), nullptr);
+    EXPECT_EQ(LruInside::newest(lru), nullptr);
+    EXPECT_EQ(LruInside::oldest(lru), nullptr);
     lru.add(key(2));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(2)));
     expectConsistent(lru);
@@ -333,7 +261,7 @@ TEST(ZebDataBlockLru, TheNodeCountFollowsTheNodesOfAllLists)
     EXPECT_EQ(m_LruNodeCount.loadRelaxed(), before);
 }
 
-TEST(ZebDataBlockLru, AnyCourseOfOperationsAgreesWithAPlainList)
+TEST(ZebDataBlockLru, RandomOperationsAgreeWithAPlainList)
 {
     std::mt19937 random(20240117);
     ZebDataBlockLru lru;
@@ -378,37 +306,37 @@ TEST(ZebDataBlockLru, ReadOutsWaitForAWriter)
 {
     ZebDataBlockLru lru;
     lru.add(key(1));
-    EXPECT_TRUE(isHeldOff(lru, Hold::ForWriting, [&] { EXPECT_TRUE(lru.contains(key(1))); }));
-    EXPECT_TRUE(isHeldOff(lru, Hold::ForWriting, [&] { EXPECT_EQ(lru.count(), 1); }));
+    EXPECT_TRUE(waitsForWriter(lru.lock(), [&] { EXPECT_TRUE(lru.contains(key(1))); }));
+    EXPECT_TRUE(waitsForWriter(lru.lock(), [&] { EXPECT_EQ(lru.count(), 1); }));
 }
 
 TEST(ZebDataBlockLru, ReadOutsShareTheLockWithReaders)
 {
     ZebDataBlockLru lru;
     lru.add(key(1));
-    EXPECT_TRUE(comesThrough(lru, Hold::ForReading, [&] { EXPECT_TRUE(lru.contains(key(1))); }));
-    EXPECT_TRUE(comesThrough(lru, Hold::ForReading, [&] { EXPECT_EQ(lru.count(), 1); }));
+    EXPECT_FALSE(waitsForReader(lru.lock(), [&] { EXPECT_TRUE(lru.contains(key(1))); }));
+    EXPECT_FALSE(waitsForReader(lru.lock(), [&] { EXPECT_EQ(lru.count(), 1); }));
 }
 
 TEST(ZebDataBlockLru, AddAndTouchTakeTheWriteLockThemselves)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2)});
-    EXPECT_TRUE(isHeldOff(lru, Hold::ForReading, [&] { lru.add(key(3)); }));
-    EXPECT_TRUE(isHeldOff(lru, Hold::ForReading, [&] { lru.touch(key(1)); }));
-    EXPECT_TRUE(isHeldOff(lru, Hold::ForWriting, [&] { lru.add(key(4)); }));
-    EXPECT_TRUE(isHeldOff(lru, Hold::ForWriting, [&] { lru.touch(key(2)); }));
+    EXPECT_TRUE(waitsForReader(lru.lock(), [&] { lru.add(key(3)); }));
+    EXPECT_TRUE(waitsForReader(lru.lock(), [&] { lru.touch(key(1)); }));
+    EXPECT_TRUE(waitsForWriter(lru.lock(), [&] { lru.add(key(4)); }));
+    EXPECT_TRUE(waitsForWriter(lru.lock(), [&] { lru.touch(key(2)); }));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(2), key(4), key(1), key(3)));
 }
 
-TEST(ZebDataBlockLru, RemoveAndClearAndOldestLeaveTheLockToTheirCaller)
+TEST(ZebDataBlockLru, RemoveAndClearAndOldestTakeNoLock)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2), key(3)});
-    // The lock is not recursive: an operation that took it as well would never come back.
-    EXPECT_TRUE(comesThrough(lru, Hold::ForWriting, [&] { lru.remove(key(2)); }));
-    EXPECT_TRUE(comesThrough(lru, Hold::ForWriting, [&] { EXPECT_EQ(lru.oldest(), key(1)); }));
-    EXPECT_TRUE(comesThrough(lru, Hold::ForWriting, [&] { lru.clear(); }));
+    // The lock is not recursive: an operation that took it as well would never return.
+    EXPECT_FALSE(waitsForWriter(lru.lock(), [&] { lru.remove(key(2)); }));
+    EXPECT_FALSE(waitsForWriter(lru.lock(), [&] { EXPECT_EQ(lru.oldest(), key(1)); }));
+    EXPECT_FALSE(waitsForWriter(lru.lock(), [&] { lru.clear(); }));
     EXPECT_THAT(newestToOldest(lru), IsEmpty());
 }
 
@@ -421,7 +349,7 @@ TEST(ZebDataBlockLru, TheLockIsNotRecursive)
     lru.lock().unlock();
 }
 
-TEST(ZebDataBlockLru, ReadersMayLookWhileOthersChangeTheList)
+TEST(ZebDataBlockLru, ReadersMayReadWhileOtherThreadsChangeTheList)
 {
     ZebDataBlockLru lru;
     constexpr quintptr keys = 50;

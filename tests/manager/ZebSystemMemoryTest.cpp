@@ -78,7 +78,7 @@ private:
 
 } // namespace
 
-// Probes that read below a directory of their own. What is not written there does not exist.
+// Probes that read below a directory of the test. Files that the test has not written do not exist.
 class ZebSystemMemoryTest : public ::testing::Test
 {
 protected:
@@ -109,7 +109,7 @@ protected:
                   "SwapFree:              5 kB\n");
     }
 
-    // A machine of 16 GiB, with 12 GiB to be had and no swap.
+    // A machine of 16 GiB, with 12 GiB available and no swap.
     void writeLargeMachine() { writeMemory(16 * s_Megabyte, 12 * s_Megabyte, 0); }
 
     void writeGroups(const QByteArray& lines) { write(QStringLiteral("/proc/self/cgroup"), lines); }
@@ -144,7 +144,7 @@ protected:
     MessageCapture m_Messages;
 };
 
-TEST(ZebSystemMemory, TellsPlausibleFiguresOfThisMachine)
+TEST(ZebSystemMemory, GivesPlausibleFiguresOfThisMachine)
 {
     const MessageCapture messages;
     const qint64 total = ZebGetTotalPhysicalMemoryBytes();
@@ -159,7 +159,7 @@ TEST(ZebSystemMemory, TellsPlausibleFiguresOfThisMachine)
     EXPECT_TRUE(messages.messages().isEmpty());
 }
 
-TEST(ZebSystemMemory, TellsTheSwapOfThisMachine)
+TEST(ZebSystemMemory, GivesTheSwapOfThisMachine)
 {
     const MessageCapture messages;
     qint64 expected = -1;
@@ -191,7 +191,7 @@ TEST_F(ZebSystemMemoryTest, AMachineWithoutSwapHasNoVirtualMemory)
     expectQuiet();
 }
 
-TEST_F(ZebSystemMemoryTest, EachCallAsksAfresh)
+TEST_F(ZebSystemMemoryTest, EachCallReadsTheFiguresAgain)
 {
     writeMemory(1000, 400, 30);
     EXPECT_EQ(ZebGetTotalPhysicalMemoryBytes(), 1000 * s_Kilobyte);
@@ -241,7 +241,7 @@ TEST_F(ZebSystemMemoryTest, AFallbackUsesTheFigureThatCanBeRead)
     EXPECT_EQ(m_Messages.debugLines(), QStringList(virtualFailed()));
 }
 
-TEST_F(ZebSystemMemoryTest, WhatIsNoNumberIsUnreadable)
+TEST_F(ZebSystemMemoryTest, TextThatIsNoNumberIsUnreadable)
 {
     write(QStringLiteral("/proc/meminfo"),
           "MemTotal: lots kB\nMemAvailable:\nSwapTotal: 0x10 kB\n");
@@ -254,7 +254,7 @@ TEST_F(ZebSystemMemoryTest, WhatIsNoNumberIsUnreadable)
                                                     totalFailed(), virtualFailed(), swapFailed()}));
 }
 
-TEST_F(ZebSystemMemoryTest, AKeyThatOnlyBeginsAlikeIsAnotherKey)
+TEST_F(ZebSystemMemoryTest, AKeyWithTheSamePrefixIsAnotherKey)
 {
     write(QStringLiteral("/proc/meminfo"),
           "MemTotalHuge: 9 kB\nMemTotal: 5 kB\nMemAvailable: 4 kB\nMySwapTotal: 8 kB\n");
@@ -264,7 +264,7 @@ TEST_F(ZebSystemMemoryTest, AKeyThatOnlyBeginsAlikeIsAnotherKey)
     EXPECT_EQ(m_Messages.debugLines(), QStringList(swapFailed()));
 }
 
-TEST_F(ZebSystemMemoryTest, AnUnlimitedGroupLeavesTheMachine)
+TEST_F(ZebSystemMemoryTest, AnUnlimitedGroupBoundsNothing)
 {
     writeLargeMachine();
     writeGroups("0::/user/session\n");
@@ -362,7 +362,7 @@ TEST_F(ZebSystemMemoryTest, TheGroupAtTheMountPointCounts)
     EXPECT_EQ(ZebGetFreePhysicalMemoryBytes(), 1000 * s_Megabyte);
 }
 
-TEST_F(ZebSystemMemoryTest, AGroupThatIsNotToBeSeenIsLookedForAtTheMountPoint)
+TEST_F(ZebSystemMemoryTest, AnInvisibleGroupIsLookedUpAtTheMountPoint)
 {
     writeLargeMachine();
     // Inside a container the path may be that of the host.
@@ -409,7 +409,7 @@ TEST_F(ZebSystemMemoryTest, MemoryMayShareItsHierarchyWithOtherControllers)
     EXPECT_EQ(ZebGetTotalPhysicalMemoryBytes(), s_Gigabyte);
 }
 
-TEST_F(ZebSystemMemoryTest, OtherControllersSayNothingAboutMemory)
+TEST_F(ZebSystemMemoryTest, OtherControllersDoNotCount)
 {
     writeLargeMachine();
     writeGroups("4:memoryless,cpu:/job\n5:cpuset:/job\n");
@@ -460,7 +460,7 @@ TEST_F(ZebSystemMemoryTest, TheSwapIsThatOfTheMachineAlsoInALimitedGroup)
     EXPECT_EQ(ZebGetTotalSwapMemoryBytes(), 2 * s_Gigabyte);
 }
 
-TEST_F(ZebSystemMemoryTest, WithoutALimitTheUserHalfOfTheAddressSpaceIsThere)
+TEST_F(ZebSystemMemoryTest, WithoutALimitTheUserHalfOfTheAddressSpaceCounts)
 {
     const AddressSpaceLimit limit(RLIM_INFINITY);
     if (!limit.isSet())
@@ -481,7 +481,7 @@ TEST_F(ZebSystemMemoryTest, ALimitAboveTheUserHalfOfTheAddressSpaceCountsAsThatH
 
 TEST_F(ZebSystemMemoryTest, AnAddressSpaceLimitBoundsWhatIsFree)
 {
-    // Well above what this process, and what watches it, has mapped already.
+    // Well above what this process, with a sanitizer perhaps, has mapped already.
     const qint64 page = sysconf(_SC_PAGESIZE);
     const qint64 mapped =
         contentsOf(QStringLiteral("/proc/self/statm")).split(' ').first().toLongLong() * page;
@@ -508,7 +508,7 @@ TEST_F(ZebSystemMemoryTest, WhatThisProcessHasMappedIsNotFree)
     expectQuiet();
 }
 
-TEST_F(ZebSystemMemoryTest, AnyNumberOfThreadsMayAsk)
+TEST_F(ZebSystemMemoryTest, ManyThreadsMayAsk)
 {
     writeMemory(1000, 400, 30);
     std::vector<std::thread> threads;

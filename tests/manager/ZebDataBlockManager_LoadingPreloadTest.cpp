@@ -1,17 +1,18 @@
-// Asking for blocks ahead of need, and the switch that makes asking twice count.
+// Preloads, and the switch that lets a repeated preload raise the priority.
 
 #include "manager/ZebDataBlockManager.h"
 
-#include "support/FakeMemory.h"
 #include "support/Fatal.h"
+#include "support/Manager.h"
+#include "support/ReaderInside.h"
+#include "support/StoreFixture.h"
 #include "support/StoreInside.h"
-#include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
 #include "support/WaitUntil.h"
 
 #include <QFile>
+#include <QReadLocker>
 #include <QRegularExpression>
-#include <QWriteLocker>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,19 +26,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-ZEBTDX_ACCESS(ReaderListTag, ZebDataBlockReadThread,
-              ZebPriorityList<ZebSmartPointer<ZebDataHash>> ZebDataBlockReadThread::*, m_Requests)
-ZEBTDX_ACCESS(ReaderLockTag, ZebDataBlockReadThread, QReadWriteLock ZebDataBlockReadThread::*,
-              m_Lock)
-
-using StoreInside::manager;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
 
-constexpr int s_Block = 1000;
 constexpr int s_TenSecondsMs = 10000;
 
 QString switchedOn()
@@ -50,29 +44,13 @@ QString switchedOff()
     return QStringLiteral("ZebTDx Setting Request Promotion Enabled to FALSE 0");
 }
 
-ZebDataReference add(int size, quint32 seed)
-{
-    return manager().addBlock(testBytes(size, seed), ZebModifyAccessor::Cached, true);
-}
-
-// Written blocks that are on disk only, of the seeds 1, 2 and so on.
-std::vector<ZebDataReference> addToDisk(int count, int size = s_Block)
-{
-    std::vector<ZebDataReference> references;
-    for (int i = 1; i <= count; ++i)
-        references.push_back(add(size, static_cast<quint32>(i)));
-    manager().flush(true, ZebDataBlockManager::AllThreads);
-    manager().freeAllBlocks();
-    return references;
-}
-
 using Waiting = std::pair<int, ZebDataHash*>;
 
-// What waits in a reader's list: the priorities and hashes in order.
+// A reader's queue: the priorities and hashes in order.
 std::vector<Waiting> waiting(ZebDataBlockReadThread* reader)
 {
-    const QWriteLocker locker(&(reader->*privateMember(ReaderLockTag())));
-    const auto& list = reader->*privateMember(ReaderListTag());
+    const QReadLocker locker(&ReaderInside::lock(*reader));
+    const ReaderInsideList& list = ReaderInside::requests(*reader);
     std::vector<Waiting> entries;
     for (int i = 0; i < list.size(); ++i)
         entries.emplace_back(list.priorityAt(i), list.valueAt(i).data());
@@ -80,7 +58,7 @@ std::vector<Waiting> waiting(ZebDataBlockReadThread* reader)
 }
 
 // Holds the only reader still until release(): it has the preload of this block in hand, whose file
-// is a pipe that nobody fills.
+// is a pipe without a writer.
 class HeldReader
 {
 public:
@@ -117,36 +95,31 @@ private:
     bool m_Released = false;
 };
 
-class ZebDataBlockManagerPreload : public testing::Test
+class ZebDataBlockManagerLoadingPreload : public StoreFixture
 {
 protected:
-    ZebDataBlockManagerPreload() : ZebDataBlockManagerPreload(TemporaryStore::Options()) {}
-    explicit ZebDataBlockManagerPreload(const TemporaryStore::Options& options) : m_Store(options)
-    {
-        manager().flushMemory(true);
-    }
-    ~ZebDataBlockManagerPreload() override { manager().setRequestPromotionEnabled(false); }
+    using StoreFixture::StoreFixture;
 
-    FakeMemory m_Memory;
-    TemporaryStore m_Store;
+    // Written blocks that are on disk only, of the seeds 1, 2 and so on.
+    static std::vector<ZebDataReference> addToDisk(int count, int size = s_Block)
+    {
+        std::vector<ZebDataReference> references;
+        for (int i = 1; i <= count; ++i)
+            references.push_back(add(size, static_cast<quint32>(i)));
+        moveToDisk();
+        return references;
+    }
 };
 
-class ZebDataBlockManagerPreloadTwoRoots : public ZebDataBlockManagerPreload
+class ZebDataBlockManagerLoadingPreloadTwoRoots : public ZebDataBlockManagerLoadingPreload
 {
 protected:
-    ZebDataBlockManagerPreloadTwoRoots() : ZebDataBlockManagerPreload(options()) {}
-
-    static TemporaryStore::Options options()
-    {
-        TemporaryStore::Options options;
-        options.m_Roots = 2;
-        return options;
-    }
+    ZebDataBlockManagerLoadingPreloadTwoRoots() : ZebDataBlockManagerLoadingPreload(withRoots(2)) {}
 };
 
 } // namespace
 
-TEST_F(ZebDataBlockManagerPreloadTwoRoots, BringsAnImagesTilesBackWithNoFurtherCall)
+TEST_F(ZebDataBlockManagerLoadingPreloadTwoRoots, LoadsTheTilesOfAnImageWithoutAFurtherCall)
 {
     constexpr int tile = 256 * 256;
     const std::vector<ZebDataReference> tiles = addToDisk(64, tile);
@@ -164,7 +137,7 @@ TEST_F(ZebDataBlockManagerPreloadTwoRoots, BringsAnImagesTilesBackWithNoFurtherC
     EXPECT_EQ(StoreInside::writesHandled(), handled) << "what comes from disk is not written";
 }
 
-TEST_F(ZebDataBlockManagerPreload, OfANullReferenceDoesNothingEvenWithoutAStore)
+TEST_F(ZebDataBlockManagerLoadingPreload, OfANullReferenceDoesNothingEvenWithoutAStore)
 {
     manager().preloadData(ZebDataReference());
     m_Store.cleanUp();
@@ -174,7 +147,7 @@ TEST_F(ZebDataBlockManagerPreload, OfANullReferenceDoesNothingEvenWithoutAStore)
     EXPECT_THAT(m_Store.messages().debugLines(), IsEmpty());
 }
 
-TEST_F(ZebDataBlockManagerPreload, NeedsAStore)
+TEST_F(ZebDataBlockManagerLoadingPreload, NeedsAStore)
 {
     const ZebDataReference reference = add(s_Block, 1);
     m_Store.cleanUp();
@@ -182,7 +155,7 @@ TEST_F(ZebDataBlockManagerPreload, NeedsAStore)
                  "Data Block Manager Not Initialized. Aborting");
 }
 
-TEST_F(ZebDataBlockManagerPreload, NeedsACacheRoot)
+TEST_F(ZebDataBlockManagerLoadingPreload, NeedsACacheRoot)
 {
     const ZebDataReference reference = add(s_Block, 1);
     m_Store.cleanUp();
@@ -194,7 +167,7 @@ TEST_F(ZebDataBlockManagerPreload, NeedsACacheRoot)
         "Number of cache paths is zero");
 }
 
-TEST_F(ZebDataBlockManagerPreload, WaitsForTheJobOfAPendingReference)
+TEST_F(ZebDataBlockManagerLoadingPreload, WaitsForTheJobOfAPendingReference)
 {
     const ZebDataReference reference = manager().addBlock(testBytes(s_Block, 1));
     EXPECT_TRUE(reference.hasHashJob());
@@ -203,7 +176,7 @@ TEST_F(ZebDataBlockManagerPreload, WaitsForTheJobOfAPendingReference)
     EXPECT_EQ(StoreInside::preloadsHandled(), 0) << "it is resident";
 }
 
-TEST_F(ZebDataBlockManagerPreload, OfAResidentBlockMakesItTheNewestAndLoadsNothing)
+TEST_F(ZebDataBlockManagerLoadingPreload, OfAResidentBlockMakesItTheNewestAndLoadsNothing)
 {
     const ZebDataReference a = add(s_Block, 1);
     const ZebDataReference b = add(s_Block, 2);
@@ -214,7 +187,7 @@ TEST_F(ZebDataBlockManagerPreload, OfAResidentBlockMakesItTheNewestAndLoadsNothi
     EXPECT_EQ(StoreInside::preloadsHandled(), 0);
 }
 
-TEST_F(ZebDataBlockManagerPreload, OfALockedBlockLeavesItLocked)
+TEST_F(ZebDataBlockManagerLoadingPreload, OfAPinnedBlockLeavesItPinned)
 {
     const ZebDataReference a = add(s_Block, 1);
     const ZebDataReference b = add(s_Block, 2);
@@ -225,7 +198,7 @@ TEST_F(ZebDataBlockManagerPreload, OfALockedBlockLeavesItLocked)
     EXPECT_FALSE(a.hashPtr()->isPreloading());
 }
 
-TEST_F(ZebDataBlockManagerPreload, OfAResidentDoNotCacheBlockLoadsNothing)
+TEST_F(ZebDataBlockManagerLoadingPreload, OfAResidentUncachedBlockLoadsNothing)
 {
     const ZebDataReference kept =
         manager().addBlock(testBytes(s_Block, 1), ZebModifyAccessor::DontCache);
@@ -234,7 +207,7 @@ TEST_F(ZebDataBlockManagerPreload, OfAResidentDoNotCacheBlockLoadsNothing)
     EXPECT_THAT(StoreInside::evictable(), IsEmpty());
 }
 
-TEST_F(ZebDataBlockManagerPreload, MakesRoomForWhatComes)
+TEST_F(ZebDataBlockManagerLoadingPreload, MakesRoomForTheBlock)
 {
     constexpr int size = 600000;
     manager().setMaxDataCacheSize(1048576);
@@ -249,7 +222,7 @@ TEST_F(ZebDataBlockManagerPreload, MakesRoomForWhatComes)
     EXPECT_TRUE(holdsTestBytes(a, size, 1));
 }
 
-TEST_F(ZebDataBlockManagerPreload, IsServedInTheOrderOfPriorities)
+TEST_F(ZebDataBlockManagerLoadingPreload, IsServedInOrderOfPriority)
 {
     const std::vector<ZebDataReference> blocks = addToDisk(5);
     HeldReader held(blocks.at(0));
@@ -270,7 +243,7 @@ TEST_F(ZebDataBlockManagerPreload, IsServedInTheOrderOfPriorities)
         EXPECT_TRUE(waitUntil([&] { return !reference.hashPtr()->isPreloading(); }));
 }
 
-TEST_F(ZebDataBlockManagerPreload, OfLowPriorityIsSilentlyDroppedWhenTheListIsLong)
+TEST_F(ZebDataBlockManagerLoadingPreload, OfLowPriorityIsSilentlyDroppedWhenTheListIsLong)
 {
     const std::vector<ZebDataReference> blocks = addToDisk(52);
     HeldReader held(blocks.at(0));
@@ -288,7 +261,8 @@ TEST_F(ZebDataBlockManagerPreload, OfLowPriorityIsSilentlyDroppedWhenTheListIsLo
     EXPECT_TRUE(waitUntil([] { return manager().liveBlocks() == 52; }));
 }
 
-TEST_F(ZebDataBlockManagerPreload, OfABlockThatIsMissingReportsNothingAndTakesNoFurtherRequests)
+TEST_F(ZebDataBlockManagerLoadingPreload,
+       OfABlockThatIsMissingReportsNothingAndTakesNoFurtherRequests)
 {
     const ZebDataReference reference = addToDisk(1).front();
     const QString file = StoreInside::fileOf(reference);
@@ -306,14 +280,14 @@ TEST_F(ZebDataBlockManagerPreload, OfABlockThatIsMissingReportsNothingAndTakesNo
     EXPECT_FALSE(reference.isInMemory());
 
     ASSERT_TRUE(QFile::rename(aside, file));
-    EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1)) << "a read of one's own still works";
+    EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1)) << "an accessor still loads it";
     EXPECT_FALSE(reference.hashPtr()->isPreloading());
     manager().freeAllBlocks();
     reference.preload();
     EXPECT_TRUE(waitUntil([&reference] { return reference.isInMemory(); }));
 }
 
-TEST_F(ZebDataBlockManagerPreloadTwoRoots, FromManyThreadsBesideReadsKeepsEveryByteRight)
+TEST_F(ZebDataBlockManagerLoadingPreloadTwoRoots, FromManyThreadsDuringReadsKeepsEveryByteRight)
 {
     constexpr int size = 16384;
     constexpr int blocks = 100;
@@ -353,7 +327,7 @@ TEST_F(ZebDataBlockManagerPreloadTwoRoots, FromManyThreadsBesideReadsKeepsEveryB
 
 // The switch
 
-TEST_F(ZebDataBlockManagerPreloadTwoRoots, ThePromotionSwitchReachesEveryReaderAndSaysSo)
+TEST_F(ZebDataBlockManagerLoadingPreloadTwoRoots, ThePromotionSwitchReachesEveryReaderAndIsLogged)
 {
     EXPECT_FALSE(manager().requestPromotionEnabled());
     manager().setRequestPromotionEnabled(true);
@@ -367,7 +341,7 @@ TEST_F(ZebDataBlockManagerPreloadTwoRoots, ThePromotionSwitchReachesEveryReaderA
     EXPECT_EQ(m_Store.messages().count(switchedOff()), 1);
 }
 
-TEST_F(ZebDataBlockManagerPreload, SettingThePromotionToWhatItIsPrintsNothing)
+TEST_F(ZebDataBlockManagerLoadingPreload, SettingThePromotionWithoutAChangeLogsNothing)
 {
     m_Store.messages().clear();
     manager().setRequestPromotionEnabled(false);
@@ -377,7 +351,7 @@ TEST_F(ZebDataBlockManagerPreload, SettingThePromotionToWhatItIsPrintsNothing)
     EXPECT_THAT(m_Store.messages().debugLines(), ElementsAre(switchedOn()));
 }
 
-TEST_F(ZebDataBlockManagerPreload, NewReadersStartWithoutThePromotionThatTheStoreBelievesIn)
+TEST_F(ZebDataBlockManagerLoadingPreload, NewReadersStartWithoutThePromotionThatTheStoreReports)
 {
     manager().setRequestPromotionEnabled(true);
     m_Store.cleanUp();
@@ -394,7 +368,7 @@ TEST_F(ZebDataBlockManagerPreload, NewReadersStartWithoutThePromotionThatTheStor
     EXPECT_TRUE(StoreInside::readers().front()->requestPromotionEnabled());
 }
 
-TEST_F(ZebDataBlockManagerPreload, ThePromotionMayBeSwitchedWithoutAStore)
+TEST_F(ZebDataBlockManagerLoadingPreload, ThePromotionMayBeSwitchedWithoutAStore)
 {
     m_Store.cleanUp();
     m_Store.messages().clear();
@@ -403,7 +377,7 @@ TEST_F(ZebDataBlockManagerPreload, ThePromotionMayBeSwitchedWithoutAStore)
     EXPECT_THAT(m_Store.messages().debugLines(), ElementsAre(switchedOn()));
 }
 
-TEST_F(ZebDataBlockManagerPreload, AskingAgainIsMoreUrgentWithPromotionOnly)
+TEST_F(ZebDataBlockManagerLoadingPreload, AskingAgainRaisesThePriorityWithPromotionOnly)
 {
     const std::vector<ZebDataReference> blocks = addToDisk(3);
     HeldReader held(blocks.at(0));

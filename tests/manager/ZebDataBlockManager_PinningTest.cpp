@@ -1,12 +1,15 @@
+// What protects a block from eviction: accessors, and being used.
+
 #include "manager/ZebDataBlockManager.h"
 
-#include "manager/ResidencyKit.h"
+#include "support/BlockedThread.h"
+#include "support/DeleteLockProbe.h"
 #include "support/Fatal.h"
+#include "support/Manager.h"
 #include "support/MessageCapture.h"
+#include "support/ResidencyKit.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
-#include "support/ZebDataDeleteLocker.h"
-
-#include <QSemaphore>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,62 +18,27 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
-ZEBTDX_ACCESS(DeleteMutexTag, ZebDataBlockManager, ZebTdxMutex ZebDataBlockManager::*,
-              m_DeleteMutex)
-
-namespace {
-
+using namespace ResidencyKit;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr int s_DeadlineMs = 20000;
-constexpr int s_HeldOffMs = 100;
+namespace {
 
-bool runsUnderTheDeleteLock(int waitMs, const std::function<void()>& operation)
+bool takesTheDeleteLock(const std::function<void()>& operation)
 {
-    QSemaphore started;
-    QSemaphore ended;
-    std::thread thread;
-    bool through = false;
-    {
-        const ZebDataDeleteLocker locker;
-        thread = std::thread([&] {
-            started.release();
-            operation();
-            ended.release();
-        });
-        started.acquire();
-        through = ended.tryAcquire(1, waitMs);
-    }
-    if (!through) {
-        EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    }
-    thread.join();
-    return through;
+    return waitsForLock(StoreInside::deleteLock(), operation);
 }
 
-// Whether `operation`, on another thread, is held off while this one holds the delete lock.
-bool isHeldOff(const std::function<void()>& operation)
-{
-    return !runsUnderTheDeleteLock(s_HeldOffMs, operation);
-}
-
-bool comesThrough(const std::function<void()>& operation)
-{
-    return runsUnderTheDeleteLock(s_DeadlineMs, operation);
-}
-
-// The process that ends tells the address that its message must name.
-void tellAddress(const ZebDataHash* hash)
+// Prints the address that the message of the ending process must contain.
+void printAddress(const ZebDataHash* hash)
 {
     std::fprintf(stderr, "{address:%llu}",
                  static_cast<unsigned long long>(reinterpret_cast<quintptr>(hash)));
 }
 
-// Matches the output of a process that ended with `before`, the told address and `after`.
+// Matches the output of a process that ended with `before`, the printed address and `after`.
 auto namesTheAddress(const std::string& before, const std::string& after)
 {
     return ::testing::Truly([before, after](const std::string& output) {
@@ -86,7 +54,7 @@ auto namesTheAddress(const std::string& before, const std::string& after)
 
 } // namespace
 
-TEST(ZebDataBlockManagerUse, ADuplicateIsNoUse)
+TEST(ZebDataBlockManagerPinning, ADuplicateIsNoUse)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -97,7 +65,7 @@ TEST(ZebDataBlockManagerUse, ADuplicateIsNoUse)
     EXPECT_EQ(manager().liveBytes(), 6);
 }
 
-TEST(ZebDataBlockManagerUse, ADuplicateOfALockedBlockLeavesItLocked)
+TEST(ZebDataBlockManagerPinning, ADuplicateOfAPinnedBlockLeavesItPinned)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -107,46 +75,46 @@ TEST(ZebDataBlockManagerUse, ADuplicateOfALockedBlockLeavesItLocked)
     EXPECT_EQ(manager().liveBlocks(), 2);
 }
 
-TEST(ZebDataBlockManagerUse, LockingADontCacheBlockDoesNothingAlsoBeforeSetUp)
+TEST(ZebDataBlockManagerPinning, PinningAnUncachedBlockDoesNothingEvenBeforeSetUp)
 {
     const MessageCapture messages;
     ASSERT_FALSE(manager().isInitialized());
     const Hash hash = dontCacheHash("identity");
     manager().setAllFreeBlocksFlushed(true);
-    // Returned from before any lock is asked for.
-    EXPECT_TRUE(comesThrough([&] { lockBlock(hash.data()); }));
-    EXPECT_TRUE(comesThrough([&] { unlockBlock(hash.data()); }));
-    EXPECT_TRUE(comesThrough([&] { blockUsed(hash.data()); }));
+    // It returns before it takes any lock.
+    EXPECT_FALSE(takesTheDeleteLock([&] { lockBlock(hash.data()); }));
+    EXPECT_FALSE(takesTheDeleteLock([&] { unlockBlock(hash.data()); }));
+    EXPECT_FALSE(takesTheDeleteLock([&] { blockUsed(hash.data()); }));
     EXPECT_TRUE(manager().allFreeBlocksFlushed());
     manager().setAllFreeBlocksFlushed(false);
 }
 
-TEST(ZebDataBlockManagerUse, OperationsOnResidencyTakeTheDeleteLock)
+TEST(ZebDataBlockManagerPinning, OperationsOnResidencyTakeTheDeleteLock)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
     const Hash fresh = hashOf("fresh");
-    EXPECT_TRUE(isHeldOff([&] { lockBlock(blocks.one()); }));
-    EXPECT_TRUE(isHeldOff([&] { unlockBlock(blocks.one()); }));
-    EXPECT_TRUE(isHeldOff([&] { blockUsed(blocks.one()); }));
-    EXPECT_TRUE(isHeldOff([&] { blockIsLocked(blocks.one()); }));
-    EXPECT_TRUE(isHeldOff([&] { manager().isInMemory(blocks.one()); }));
-    EXPECT_TRUE(isHeldOff([&] { manager().blockSize(blocks.one()); }));
-    EXPECT_TRUE(
-        isHeldOff([&] { makeBlockLive(fresh.data(), new ZebDataBlock(QByteArray("fresh"))); }));
+    EXPECT_TRUE(takesTheDeleteLock([&] { lockBlock(blocks.one()); }));
+    EXPECT_TRUE(takesTheDeleteLock([&] { unlockBlock(blocks.one()); }));
+    EXPECT_TRUE(takesTheDeleteLock([&] { blockUsed(blocks.one()); }));
+    EXPECT_TRUE(takesTheDeleteLock([&] { blockIsLocked(blocks.one()); }));
+    EXPECT_TRUE(takesTheDeleteLock([&] { manager().isInMemory(blocks.one()); }));
+    EXPECT_TRUE(takesTheDeleteLock([&] { manager().blockSize(blocks.one()); }));
+    EXPECT_TRUE(takesTheDeleteLock(
+        [&] { makeBlockLive(fresh.data(), new ZebDataBlock(QByteArray("fresh"))); }));
 }
 
-TEST(ZebDataBlockManagerUse, ReadOutsTakeNoDeleteLock)
+TEST(ZebDataBlockManagerPinning, ReadOutsTakeNoDeleteLock)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
-    EXPECT_TRUE(comesThrough([] { EXPECT_EQ(manager().liveBlocks(), 3); }));
-    EXPECT_TRUE(comesThrough([] { EXPECT_EQ(manager().liveBytes(), 6); }));
-    EXPECT_TRUE(comesThrough([] { EXPECT_EQ(manager().managedBlocks(), 3); }));
-    EXPECT_TRUE(comesThrough([] { EXPECT_TRUE(manager().isInMemory(nullptr)); }));
+    EXPECT_FALSE(takesTheDeleteLock([] { EXPECT_EQ(manager().liveBlocks(), 3); }));
+    EXPECT_FALSE(takesTheDeleteLock([] { EXPECT_EQ(manager().liveBytes(), 6); }));
+    EXPECT_FALSE(takesTheDeleteLock([] { EXPECT_EQ(manager().managedBlocks(), 3); }));
+    EXPECT_FALSE(takesTheDeleteLock([] { EXPECT_TRUE(manager().isInMemory(nullptr)); }));
 }
 
-TEST(ZebDataBlockManagerUse, LockTakesABlockOutAndUnlockPutsItBackAsTheNewest)
+TEST(ZebDataBlockManagerPinning, PinningTakesABlockOutAndUnpinningPutsItBackAsTheNewest)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -160,14 +128,14 @@ TEST(ZebDataBlockManagerUse, LockTakesABlockOutAndUnlockPutsItBackAsTheNewest)
     EXPECT_THAT(newestToOldest(), ElementsAre(blocks.one(), blocks.three(), blocks.two()));
 }
 
-TEST(ZebDataBlockManagerUse, LockingAnUnlistedHashEndsTheProcessWithItsAddress)
+TEST(ZebDataBlockManagerPinning, PinningAnUnlistedHashEndsTheProcessWithItsAddress)
 {
     EXPECT_DEATH(
         {
             const TemporaryStore store;
             const ThreeBlocks blocks;
             lockBlock(blocks.one());
-            tellAddress(blocks.one());
+            printAddress(blocks.one());
             lockBlock(blocks.one());
         },
         namesTheAddress("Hash ", " is Not Contained in the LRU"));
@@ -175,53 +143,48 @@ TEST(ZebDataBlockManagerUse, LockingAnUnlistedHashEndsTheProcessWithItsAddress)
         {
             const TemporaryStore store;
             const Hash absent = hashOf("absent");
-            tellAddress(absent.data());
+            printAddress(absent.data());
             lockBlock(absent.data());
         },
         namesTheAddress("Hash ", " is Not Contained in the LRU"));
 }
 
-TEST(ZebDataBlockManagerUse, UnlockingAListedHashEndsTheProcessWithItsAddress)
+TEST(ZebDataBlockManagerPinning, UnpinningAListedHashEndsTheProcessWithItsAddress)
 {
     EXPECT_DEATH(
         {
             const TemporaryStore store;
             const ThreeBlocks blocks;
-            tellAddress(blocks.two());
+            printAddress(blocks.two());
             unlockBlock(blocks.two());
         },
         namesTheAddress("Lock Block ", " already contained in LRU"));
 }
 
-TEST(ZebDataBlockManagerUse, UnlockClearsTheFlagUnderTheDeleteLockAndTellsOnce)
+TEST(ZebDataBlockManagerPinning, UnpinningClearsTheFlagUnderTheDeleteLockAndSignalsOnce)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
-    ZebTdxMutex& deleteLock = manager().*privateMember(DeleteMutexTag());
-    std::vector<bool> told;
+    std::vector<bool> signals;
     bool held = false;
     manager().setAllFreeBlocksFlushed(true);
     QObject context;
     QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
                      [&](bool flushed) {
-                         told.push_back(flushed);
-                         std::thread([&] {
-                             held = !deleteLock.tryLock();
-                             if (!held)
-                                 deleteLock.unlock();
-                         }).join();
+                         signals.push_back(flushed);
+                         held = !deleteLockIsFree();
                      });
     lockBlock(blocks.one());
-    EXPECT_THAT(told, IsEmpty());
+    EXPECT_THAT(signals, IsEmpty());
     unlockBlock(blocks.one());
-    EXPECT_THAT(told, ElementsAre(false));
+    EXPECT_THAT(signals, ElementsAre(false));
     EXPECT_TRUE(held);
     lockBlock(blocks.one());
     unlockBlock(blocks.one());
-    EXPECT_THAT(told, ElementsAre(false));
+    EXPECT_THAT(signals, ElementsAre(false));
 }
 
-TEST(ZebDataBlockManagerUse, TheFlagFallsAsSoonAsAnAccessorCloses)
+TEST(ZebDataBlockManagerPinning, TheFlagFallsAsSoonAsAnAccessorCloses)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -232,7 +195,7 @@ TEST(ZebDataBlockManagerUse, TheFlagFallsAsSoonAsAnAccessorCloses)
     EXPECT_FALSE(manager().allFreeBlocksFlushed());
 }
 
-TEST(ZebDataBlockManagerUse, UseMakesAListedBlockTheNewest)
+TEST(ZebDataBlockManagerPinning, UseMakesAListedBlockTheNewest)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -240,7 +203,7 @@ TEST(ZebDataBlockManagerUse, UseMakesAListedBlockTheNewest)
     EXPECT_THAT(newestToOldest(), ElementsAre(blocks.one(), blocks.three(), blocks.two()));
 }
 
-TEST(ZebDataBlockManagerUse, UseOfAnUnlistedHashDoesNotListIt)
+TEST(ZebDataBlockManagerPinning, UseOfAnUnlistedHashDoesNotListIt)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -252,7 +215,7 @@ TEST(ZebDataBlockManagerUse, UseOfAnUnlistedHashDoesNotListIt)
     unlockBlock(blocks.one());
 }
 
-TEST(ZebDataBlockManagerUse, WhateverIsNotListedIsLocked)
+TEST(ZebDataBlockManagerPinning, EveryUnlistedHashCountsAsPinned)
 {
     const TemporaryStore store;
     const Hash absent = hashOf("absent");
@@ -262,7 +225,7 @@ TEST(ZebDataBlockManagerUse, WhateverIsNotListedIsLocked)
     EXPECT_TRUE(blockIsLocked(nullptr));
 }
 
-TEST(ZebDataBlockManagerUse, AskingWhetherABlockIsInMemoryIsAUse)
+TEST(ZebDataBlockManagerPinning, AskingWhetherABlockIsInMemoryIsAUse)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -272,7 +235,7 @@ TEST(ZebDataBlockManagerUse, AskingWhetherABlockIsInMemoryIsAUse)
     EXPECT_THAT(newestToOldest(), ElementsAre(blocks.two(), blocks.one(), blocks.three()));
 }
 
-TEST(ZebDataBlockManagerUse, OnlyAResidentHashIsInMemory)
+TEST(ZebDataBlockManagerPinning, OnlyAResidentHashIsInMemory)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -282,7 +245,7 @@ TEST(ZebDataBlockManagerUse, OnlyAResidentHashIsInMemory)
     EXPECT_THAT(newestToOldest(), ElementsAre(blocks.three(), blocks.two(), blocks.one()));
 }
 
-TEST(ZebDataBlockManagerUse, ALockedBlockIsInMemoryAndStaysLocked)
+TEST(ZebDataBlockManagerPinning, APinnedBlockIsInMemoryAndStaysPinned)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -296,7 +259,7 @@ TEST(ZebDataBlockManagerUse, ALockedBlockIsInMemoryAndStaysLocked)
     EXPECT_THAT(newestToOldest(), ElementsAre(blocks.one(), blocks.three(), blocks.two()));
 }
 
-TEST(ZebDataBlockManagerUse, OnlyTheFirstAndTheLastAccessorMoveABlock)
+TEST(ZebDataBlockManagerPinning, OnlyTheFirstAndTheLastAccessorMoveABlock)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -315,7 +278,7 @@ TEST(ZebDataBlockManagerUse, OnlyTheFirstAndTheLastAccessorMoveABlock)
     EXPECT_THAT(newestToOldest(), ElementsAre(blocks.one(), blocks.three(), blocks.two()));
 }
 
-TEST(ZebDataBlockManagerUse, SizesCopiesAndReferencesAreNoUse)
+TEST(ZebDataBlockManagerPinning, SizesCopiesAndReferencesAreNoUse)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
@@ -337,7 +300,7 @@ TEST(ZebDataBlockManagerUse, SizesCopiesAndReferencesAreNoUse)
     expectUntouched("read-outs");
 }
 
-TEST(ZebDataBlockManagerUse, APreloadOfAResidentBlockIsAUse)
+TEST(ZebDataBlockManagerPinning, APreloadOfAResidentBlockIsAUse)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;

@@ -1,21 +1,21 @@
+// How bytes and blocks of a host become blocks of the store, and references to them.
+
 #include "manager/ZebDataBlockManager.h"
 
-#include "data/ZebConstAccessor.h"
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
-#include "data/ZebThreadPoolManager.h"
 #include "hash/ZebDataHash.h"
 #include "hash/ZebHashManager.h"
+#include "support/BlockedThread.h"
+#include "support/BusyHashingPool.h"
+#include "support/BytesOf.h"
+#include "support/CountedBlock.h"
 #include "support/Fatal.h"
-#include "support/PrivateAccess.h"
+#include "support/Manager.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
-#include "support/WaitUntil.h"
-#include "support/ZebDataDeleteLocker.h"
-#include "support/ZebStoredCall.h"
 
-#include <QSemaphore>
-#include <QThreadPool>
-
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -24,119 +24,23 @@
 #include <thread>
 #include <vector>
 
-using BlockMap = QHash<ZebDataHash*, ZebDataBlock*>;
-
-ZEBTDX_ACCESS(BlockMapTag, ZebDataBlockManager, BlockMap ZebDataBlockManager::*, m_HashToBlockMap)
-ZEBTDX_ACCESS(LruTag, ZebDataBlockManager, ZebDataBlockLru ZebDataBlockManager::*, m_Lru)
-ZEBTDX_ACCESS(AddBlockTag, ZebDataBlockManager,
-              ZebDataReference (ZebDataBlockManager::*)(ZebDataBlock*, ZebModifyAccessor::Caching,
-                                                        bool),
-              addBlock)
+using StoreInside::addBlock;
+using testing::Contains;
+using testing::IsEmpty;
 
 namespace {
-
-constexpr int s_DeadlineMs = 20000;
-constexpr int s_HeldOffMs = 100;
 
 constexpr auto s_Cached = ZebModifyAccessor::Cached;
 constexpr auto s_DontCache = ZebModifyAccessor::DontCache;
 
-ZebDataBlockManager& manager()
+bool isResident(const ZebDataReference& reference)
 {
-    return ZebDataBlockManager::instance();
+    return StoreInside::blockOf(reference) != nullptr;
 }
 
-// A block that counts its end.
-class CountedBlock : public ZebDataBlock
+bool takesTheDeleteLock(const std::function<void()>& operation)
 {
-public:
-    CountedBlock(const QByteArray& bytes, std::atomic<int>* ended)
-        : ZebDataBlock(bytes), m_Ended(ended)
-    {}
-    ~CountedBlock() override { ++*m_Ended; }
-
-private:
-    std::atomic<int>* m_Ended;
-};
-
-ZebDataReference addBlock(ZebDataBlock* block, ZebModifyAccessor::Caching caching, bool immediate)
-{
-    return (manager().*privateMember(AddBlockTag()))(block, caching, immediate);
-}
-
-const BlockMap& blockMap()
-{
-    return manager().*privateMember(BlockMapTag());
-}
-
-bool isListed(const ZebDataReference& reference)
-{
-    return (manager().*privateMember(LruTag())).contains(reference.hashPtr().data());
-}
-
-QByteArray bytesOf(const ZebDataReference& reference)
-{
-    const ZebConstAccessor accessor = reference.constAccessor();
-    return QByteArray(reinterpret_cast<const char*>(accessor.data()),
-                      static_cast<int>(accessor.size()));
-}
-
-// Keeps every thread of the hashing pool busy, so that no job begins by itself.
-class BusyHashingPool
-{
-public:
-    BusyHashingPool()
-        : m_Pool(
-              ZebThreadPoolManager::instance().threadPool(ZebThreadPoolManager::HashingThreadPool))
-    {
-        for (int i = 0; i < m_Pool->maxThreadCount(); ++i) {
-            m_Blockers.push_back(ZebStoredCall::start<bool>(m_Pool, [this] {
-                m_Begun.release();
-                return m_Release.tryAcquire(1, s_DeadlineMs);
-            }));
-        }
-        m_Begun.acquire(m_Pool->maxThreadCount());
-    }
-    ~BusyHashingPool() { release(); }
-
-    void release()
-    {
-        m_Release.release(static_cast<int>(m_Blockers.size()));
-        for (QFuture<bool>& blocker : m_Blockers)
-            EXPECT_TRUE(blocker.result());
-        m_Blockers.clear();
-        EXPECT_TRUE(m_Pool->waitForDone(s_DeadlineMs));
-    }
-
-private:
-    QSemaphore m_Begun;
-    QSemaphore m_Release;
-    QThreadPool* m_Pool;
-    std::vector<QFuture<bool>> m_Blockers;
-};
-
-// Whether `operation`, on another thread, waits for the delete lock that this one holds.
-bool waitsForTheDeleteLock(int waitMs, const std::function<void()>& operation)
-{
-    QSemaphore started;
-    QSemaphore ended;
-    std::thread thread;
-    bool waited = false;
-    {
-        const ZebDataDeleteLocker locker;
-        thread = std::thread([&] {
-            started.release();
-            operation();
-            ended.release();
-        });
-        started.acquire();
-        waited = !ended.tryAcquire(1, waitMs);
-    }
-    if (waited) {
-        EXPECT_TRUE(ended.tryAcquire(1, s_DeadlineMs));
-    }
-    thread.join();
-    return waited;
+    return waitsForLock(StoreInside::deleteLock(), operation);
 }
 
 } // namespace
@@ -148,19 +52,19 @@ TEST(ZebDataBlockManagerAdmission, EqualCachedBytesAreOneBlockOfOneHash)
     const ZebDataReference two = manager().addBlock("a", s_Cached, true);
     EXPECT_EQ(one.hashPtr(), two.hashPtr());
     EXPECT_EQ(one.hash(), two.hash());
-    EXPECT_EQ(blockMap().size(), 1);
+    EXPECT_EQ(StoreInside::residentBlocks(), 1);
     EXPECT_EQ(manager().liveBytes(), 1);
     EXPECT_EQ(manager().managedBlocks(), 1);
 }
 
-TEST(ZebDataBlockManagerAdmission, EqualDontCacheBytesAreTwoBlocksOfTwoHashes)
+TEST(ZebDataBlockManagerAdmission, EqualUncachedBytesAreTwoBlocksOfTwoHashes)
 {
     const TemporaryStore store;
     const ZebDataReference one = manager().addBlock("a", s_DontCache);
     const ZebDataReference two = manager().addBlock("a", s_DontCache);
     EXPECT_NE(one.hash(), two.hash());
     EXPECT_NE(one.hashPtr(), two.hashPtr());
-    EXPECT_EQ(blockMap().size(), 2);
+    EXPECT_EQ(StoreInside::residentBlocks(), 2);
     EXPECT_EQ(manager().liveBytes(), 2);
     EXPECT_EQ(bytesOf(one), "a");
     EXPECT_EQ(bytesOf(two), "a");
@@ -188,7 +92,7 @@ TEST(ZebDataBlockManagerAdmission, AnEmptyBlockIsABlock)
     EXPECT_EQ(manager().blockSize(reference.hashPtr().data()), 0);
 }
 
-TEST(ZebDataBlockManagerAdmission, ADontCacheBlockHasAFreshIdentityOfItsOwn)
+TEST(ZebDataBlockManagerAdmission, AnUncachedBlockHasAnIdentityOfItsOwn)
 {
     const TemporaryStore store;
     const QByteArray bytes("some bytes");
@@ -205,59 +109,59 @@ TEST(ZebDataBlockManagerAdmission, ADontCacheBlockHasAFreshIdentityOfItsOwn)
         references.push_back(reference);
     }
     EXPECT_EQ(manager().managedBlocks(), 20);
-    // The bytes themselves lead nowhere.
+    // The digest of its bytes is not interned.
     EXPECT_FALSE(
         ZebHashManager::instance().isHashLive(ZebDataHash(bytes, ZebDataHash::Hash512).toString()));
 }
 
-TEST(ZebDataBlockManagerAdmission, ADontCacheBlockIsInterned)
+TEST(ZebDataBlockManagerAdmission, AnUncachedBlockIsInterned)
 {
     const TemporaryStore store;
     const ZebDataReference reference = manager().addBlock("bytes", s_DontCache);
     EXPECT_TRUE(ZebHashManager::instance().isHashLive(reference.hash()));
     const ZebSmartPointer<ZebDataHash> found = ZebHashManager::instance().getHash(reference.hash());
     EXPECT_EQ(found, reference.hashPtr());
-    EXPECT_TRUE(blockMap().contains(found.data()));
+    EXPECT_TRUE(isResident(ZebDataReference(found)));
 }
 
-TEST(ZebDataBlockManagerAdmission, ADontCacheBlockCountsItsBytesAndIsNeverEvictable)
+TEST(ZebDataBlockManagerAdmission, AnUncachedBlockCountsItsBytesAndIsNeverEvictable)
 {
     const TemporaryStore store;
     const ZebDataReference reference = manager().addBlock("12345", s_DontCache);
     EXPECT_EQ(manager().liveBytes(), 5);
     EXPECT_EQ(manager().liveBlocks(), 0);
-    EXPECT_FALSE(isListed(reference));
+    EXPECT_THAT(StoreInside::evictable(), IsEmpty());
     EXPECT_TRUE(reference.isInMemory());
     bytesOf(reference);
     EXPECT_EQ(manager().liveBlocks(), 0);
 }
 
-TEST(ZebDataBlockManagerAdmission, ADontCacheBlockGoesWithItsLastReference)
+TEST(ZebDataBlockManagerAdmission, AnUncachedBlockIsDeletedWithItsLastReference)
 {
-    std::atomic<int> ended{0};
+    std::atomic<int> deleted{0};
     const TemporaryStore store;
     const ZebDataReference other = manager().addBlock("cached", s_Cached, true);
     {
         const ZebDataReference first =
-            addBlock(new CountedBlock("12345", &ended), s_DontCache, true);
+            addBlock(new CountedBlock("12345", &deleted), s_DontCache, true);
         const ZebDataReference second = first;
         EXPECT_EQ(manager().liveBytes(), 11);
         EXPECT_EQ(manager().liveBlocks(), 1);
     }
-    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(deleted, 1);
     EXPECT_EQ(manager().liveBytes(), 6);
     EXPECT_EQ(manager().liveBlocks(), 1);
     EXPECT_EQ(manager().managedBlocks(), 1);
 }
 
-TEST(ZebDataBlockManagerAdmission, ImmediateMakesNoDifferenceToADontCacheBlock)
+TEST(ZebDataBlockManagerAdmission, ImmediateMakesNoDifferenceToAnUncachedBlock)
 {
     const TemporaryStore store;
     const BusyHashingPool busy;
     for (const bool immediate : {false, true}) {
         const ZebDataReference reference = manager().addBlock("a", s_DontCache, immediate);
         EXPECT_FALSE(reference.hasHashJob());
-        EXPECT_TRUE(blockMap().contains(reference.hashPtr().data()));
+        EXPECT_TRUE(isResident(reference));
         const ZebDataReference given = addBlock(new ZebDataBlock("b"), s_DontCache, immediate);
         EXPECT_FALSE(given.hasHashJob());
     }
@@ -269,8 +173,8 @@ TEST(ZebDataBlockManagerAdmission, AnImmediateBlockIsInTheStoreWhenTheCallReturn
     const BusyHashingPool busy;
     const ZebDataReference reference = manager().addBlock("bytes", s_Cached, true);
     EXPECT_FALSE(reference.hasHashJob());
-    EXPECT_TRUE(blockMap().contains(reference.hashPtr().data()));
-    EXPECT_TRUE(isListed(reference));
+    EXPECT_TRUE(isResident(reference));
+    EXPECT_THAT(StoreInside::evictable(), Contains(reference.hashPtr().data()));
     EXPECT_EQ(manager().liveBytes(), 5);
     const ZebDataReference given = addBlock(new ZebDataBlock("more"), s_Cached, true);
     EXPECT_FALSE(given.hasHashJob());
@@ -286,7 +190,7 @@ TEST(ZebDataBlockManagerAdmission, APendingBlockChangesNoTableUntilItsJobRuns)
     EXPECT_TRUE(bytes.hasHashJob());
     EXPECT_TRUE(given.hasHashJob());
     EXPECT_FALSE(bytes.isNull());
-    EXPECT_TRUE(blockMap().isEmpty());
+    EXPECT_EQ(StoreInside::residentBlocks(), 0);
     EXPECT_EQ(manager().liveBytes(), 0);
     EXPECT_EQ(manager().managedBlocks(), 0);
     busy.release();
@@ -299,7 +203,7 @@ TEST(ZebDataBlockManagerAdmission, APendingBlockChangesNoTableUntilItsJobRuns)
 TEST(ZebDataBlockManagerAdmission, APendingBlockIsReportedAsInMemoryAtOnce)
 {
     const TemporaryStore store;
-    // The question itself runs the job, with the pool too busy to.
+    // The query itself runs the job, as the pool is too busy.
     const BusyHashingPool busy;
     const ZebDataReference reference = manager().addBlock("bytes", s_Cached, false);
     EXPECT_TRUE(reference.isInMemory());
@@ -307,7 +211,7 @@ TEST(ZebDataBlockManagerAdmission, APendingBlockIsReportedAsInMemoryAtOnce)
     EXPECT_EQ(manager().liveBytes(), 5);
 }
 
-TEST(ZebDataBlockManagerAdmission, DefaultsAreACachedBlockOfAJob)
+TEST(ZebDataBlockManagerAdmission, TheDefaultIsACachedBlockHashedByAJob)
 {
     const TemporaryStore store;
     BusyHashingPool busy;
@@ -338,7 +242,7 @@ TEST(ZebDataBlockManagerAdmission, ANullBlockGivesANullReference)
             EXPECT_FALSE(reference.hasHashJob());
         }
     }
-    EXPECT_TRUE(blockMap().isEmpty());
+    EXPECT_EQ(StoreInside::residentBlocks(), 0);
     EXPECT_EQ(manager().managedBlocks(), 0);
 }
 
@@ -348,32 +252,32 @@ TEST(ZebDataBlockManagerAdmission, TheGivenBlockItselfBecomesResident)
     for (const auto caching : {s_Cached, s_DontCache}) {
         auto* const block = new ZebDataBlock(QByteArray(1, static_cast<char>('a' + caching)));
         const ZebDataReference reference = addBlock(block, caching, true);
-        EXPECT_EQ(blockMap().value(reference.hashPtr().data()), block);
+        EXPECT_EQ(StoreInside::blockOf(reference), block);
     }
     auto* const pending = new ZebDataBlock("pending");
     const ZebDataReference reference = addBlock(pending, s_Cached, false);
-    EXPECT_EQ(blockMap().value(reference.hashPtr().data()), pending);
+    EXPECT_EQ(StoreInside::blockOf(reference), pending);
 }
 
-TEST(ZebDataBlockManagerAdmission, ADuplicateThatIsGivenIsDeleted)
+TEST(ZebDataBlockManagerAdmission, AGivenDuplicateIsDeleted)
 {
-    std::atomic<int> ended{0};
+    std::atomic<int> deleted{0};
     const TemporaryStore store;
     const ZebDataReference first = manager().addBlock("bytes", s_Cached, true);
-    ZebDataBlock* const resident = blockMap().value(first.hashPtr().data());
+    ZebDataBlock* const resident = StoreInside::blockOf(first);
     for (const bool immediate : {true, false}) {
-        ended = 0;
+        deleted = 0;
         const ZebDataReference again =
-            addBlock(new CountedBlock("bytes", &ended), s_Cached, immediate);
+            addBlock(new CountedBlock("bytes", &deleted), s_Cached, immediate);
         again.resolveWork();
-        EXPECT_EQ(ended, 1) << immediate;
+        EXPECT_EQ(deleted, 1) << immediate;
         EXPECT_EQ(again, first);
     }
-    EXPECT_EQ(blockMap().value(first.hashPtr().data()), resident);
+    EXPECT_EQ(StoreInside::blockOf(first), resident);
     EXPECT_EQ(manager().liveBytes(), 5);
 }
 
-TEST(ZebDataBlockManagerAdmission, AReferenceOnAHashHoldsIt)
+TEST(ZebDataBlockManagerAdmission, AReferenceToAHashHoldsIt)
 {
     const TemporaryStore store;
     const ZebSmartPointer<ZebDataHash> hash =
@@ -389,26 +293,23 @@ TEST(ZebDataBlockManagerAdmission, AReferenceOnAHashHoldsIt)
     EXPECT_EQ(hash->refCount(), holders);
 }
 
-TEST(ZebDataBlockManagerAdmission, AReferenceOnNoHashIsNull)
+TEST(ZebDataBlockManagerAdmission, AReferenceToNoHashIsNull)
 {
     const TemporaryStore store;
     EXPECT_TRUE(manager().getReference(nullptr).isNull());
 }
 
-TEST(ZebDataBlockManagerAdmission, WhatAdmitsAtOnceTakesTheDeleteLock)
+TEST(ZebDataBlockManagerAdmission, ImmediateAdmissionTakesTheDeleteLock)
 {
     const TemporaryStore store;
-    const auto waits = [](const std::function<void()>& operation) {
-        return waitsForTheDeleteLock(s_HeldOffMs, operation);
-    };
-    EXPECT_TRUE(waits([] { manager().addBlock("a", s_DontCache); }));
-    EXPECT_TRUE(waits([] { manager().addBlock("b", s_Cached, true); }));
-    EXPECT_TRUE(waits([] { addBlock(new ZebDataBlock("c"), s_DontCache, true); }));
-    EXPECT_TRUE(waits([] { addBlock(new ZebDataBlock("d"), s_Cached, true); }));
-    EXPECT_TRUE(waits([] { manager().getReference(nullptr); }));
+    EXPECT_TRUE(takesTheDeleteLock([] { manager().addBlock("a", s_DontCache); }));
+    EXPECT_TRUE(takesTheDeleteLock([] { manager().addBlock("b", s_Cached, true); }));
+    EXPECT_TRUE(takesTheDeleteLock([] { addBlock(new ZebDataBlock("c"), s_DontCache, true); }));
+    EXPECT_TRUE(takesTheDeleteLock([] { addBlock(new ZebDataBlock("d"), s_Cached, true); }));
+    EXPECT_TRUE(takesTheDeleteLock([] { manager().getReference(nullptr); }));
 }
 
-TEST(ZebDataBlockManagerAdmission, WhatAdmitsAtOnceInternsItsHashUnderTheDeleteLock)
+TEST(ZebDataBlockManagerAdmission, ImmediateAdmissionInternsItsHashUnderTheDeleteLock)
 {
     const TemporaryStore store;
     const std::vector<std::function<ZebDataReference()>> operations = {
@@ -421,35 +322,28 @@ TEST(ZebDataBlockManagerAdmission, WhatAdmitsAtOnceInternsItsHashUnderTheDeleteL
     for (const auto& operation : operations) {
         const qint64 before = manager().managedBlocks();
         ZebDataReference reference;
-        QSemaphore started;
-        QSemaphore ended;
-        std::thread thread;
         {
-            const ZebDataDeleteLocker locker;
-            thread = std::thread([&] {
-                started.release();
-                reference = operation();
-                ended.release();
-            });
-            started.acquire();
-            EXPECT_FALSE(ended.tryAcquire(1, s_HeldOffMs));
+            ZebTdxMutex& deleteLock = StoreInside::deleteLock();
+            deleteLock.lock();
+            BlockedThread thread([&] { reference = operation(); });
+            EXPECT_TRUE(thread.waitsFor(deleteLock));
             EXPECT_EQ(manager().managedBlocks(), before);
+            deleteLock.unlock();
         }
-        thread.join();
         EXPECT_EQ(manager().managedBlocks(), before + 1);
         references.push_back(reference);
     }
 }
 
-TEST(ZebDataBlockManagerAdmission, WhatLeavesTheWorkToAJobLocksNothing)
+TEST(ZebDataBlockManagerAdmission, AdmissionByAJobTakesNoDeleteLock)
 {
     const TemporaryStore store;
     BusyHashingPool busy;
     ZebDataReference bytes;
     ZebDataReference given;
-    EXPECT_FALSE(waitsForTheDeleteLock(s_DeadlineMs, [&] { bytes = manager().addBlock("a"); }));
-    EXPECT_FALSE(waitsForTheDeleteLock(
-        s_DeadlineMs, [&] { given = addBlock(new ZebDataBlock("b"), s_Cached, false); }));
+    EXPECT_FALSE(takesTheDeleteLock([&] { bytes = manager().addBlock("a"); }));
+    EXPECT_FALSE(
+        takesTheDeleteLock([&] { given = addBlock(new ZebDataBlock("b"), s_Cached, false); }));
     busy.release();
     EXPECT_EQ(manager().liveBytes(), 2);
 }
@@ -488,7 +382,7 @@ TEST(ZebDataBlockManagerAdmission, AReferenceThatOutlivesTheStoreEndsSilently)
     EXPECT_TRUE(store.messages().messages().isEmpty());
 }
 
-TEST(ZebDataBlockManagerAdmission, AStoreWithoutRootsTakesDontCacheBlocksOnly)
+TEST(ZebDataBlockManagerAdmission, AStoreWithoutRootsTakesUncachedBlocksOnly)
 {
     {
         TemporaryStore::Options options;
@@ -507,7 +401,7 @@ TEST(ZebDataBlockManagerAdmission, AStoreWithoutRootsTakesDontCacheBlocksOnly)
         "Number of cache paths is zero");
 }
 
-TEST(ZebDataBlockManagerAdmission, ManyThreadsAdmitTheSameContentsOnce)
+TEST(ZebDataBlockManagerAdmission, ManyThreadsAdmitTheSameBytesOnce)
 {
     const TemporaryStore store;
     constexpr int threadCount = 4;
@@ -532,5 +426,5 @@ TEST(ZebDataBlockManagerAdmission, ManyThreadsAdmitTheSameContentsOnce)
     EXPECT_EQ(manager().managedBlocks(), contents);
     EXPECT_EQ(manager().liveBlocks(), contents);
     EXPECT_EQ(manager().liveBytes(), 11 * contents);
-    EXPECT_EQ(blockMap().size(), contents);
+    EXPECT_EQ(StoreInside::residentBlocks(), contents);
 }

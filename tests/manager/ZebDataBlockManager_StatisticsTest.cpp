@@ -1,49 +1,31 @@
-// What the store tells about itself.
+// What the store logs about itself, and lists of its hashes.
 
 #include "manager/ZebDataBlockManager.h"
 
 #include "hash/ZebHashManager.h"
-#include "io/ZebDataBlockWriteRequest.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
-#include "support/FakeMemory.h"
+#include "support/BlockedThread.h"
 #include "support/Fatal.h"
+#include "support/Manager.h"
+#include "support/ReaderInside.h"
+#include "support/StoreFixture.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
-#include "support/ZebDataDeleteLocker.h"
+#include "support/WriterInside.h"
 
 #include <QList>
 #include <QVector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <future>
 #include <memory>
 #include <vector>
 
-using RequestList = ZebPriorityList<ZebDataBlockWriteRequest*>;
-
-ZEBTDX_ACCESS(BytesReadTag, ZebDataBlockReadThread, std::atomic<qint64> ZebDataBlockReadThread::*,
-              m_BytesRead)
-ZEBTDX_ACCESS(BytesWrittenTag, ZebDataBlockWriteThread,
-              std::atomic<qint64> ZebDataBlockWriteThread::*, m_BytesWritten)
-ZEBTDX_ACCESS(WriteRequestsTag, ZebDataBlockWriteThread, RequestList ZebDataBlockWriteThread::*,
-              m_Requests)
-
-using StoreInside::manager;
-using testing::ElementsAre;
+using StoreInside::readers;
+using StoreInside::writers;
 
 namespace {
-
-constexpr int s_Block = 1000;
-constexpr int s_Megabyte = 1048576;
-
-ZebDataReference add(int size, quint32 seed)
-{
-    return manager().addBlock(testBytes(size, seed), ZebModifyAccessor::Cached, true);
-}
 
 // The debug lines of an action, in order.
 template <typename Action>
@@ -64,8 +46,8 @@ QStringList threadStatistics()
     return linesOf([] { manager().dumpThreadStats(); });
 }
 
-// Disk threads that are not started, in the place of the store's own for the length of a scope, so
-// that what waits for them keeps waiting.
+// Replaces the store's disk threads by ones that are not started, for the length of a scope, so
+// that their requests stay queued.
 class IdleThreads
 {
 public:
@@ -89,9 +71,9 @@ public:
     {
         readers() = m_ReadersBefore;
         writers() = m_WritersBefore;
-        // A writer leaves what is still queued.
+        // A writer does not delete its queued requests.
         for (const auto& writer : m_Writers) {
-            RequestList& list = *writer.*privateMember(WriteRequestsTag());
+            WriterInsideList& list = WriterInside::requests(*writer);
             while (!list.isEmpty())
                 delete list.takeFirst();
         }
@@ -101,8 +83,8 @@ public:
 
     void setBytes(int index, qint64 read, qint64 written)
     {
-        readers().at(index)->*privateMember(BytesReadTag()) = read;
-        writers().at(index)->*privateMember(BytesWrittenTag()) = written;
+        ReaderInside::bytesRead(*readers().at(index)) = read;
+        WriterInside::bytesWritten(*writers().at(index)) = written;
     }
 
     void request(int index, const ZebDataReference& reference)
@@ -119,15 +101,6 @@ public:
     }
 
 private:
-    static QVector<ZebDataBlockReadThread*>& readers()
-    {
-        return manager().*privateMember(StoreReadersTag());
-    }
-    static QVector<ZebDataBlockWriteThread*>& writers()
-    {
-        return manager().*privateMember(StoreWritersTag());
-    }
-
     std::vector<std::unique_ptr<ZebDataBlock>> m_Blocks;
     std::vector<std::unique_ptr<ZebDataBlockReadThread>> m_Readers;
     std::vector<std::unique_ptr<ZebDataBlockWriteThread>> m_Writers;
@@ -135,23 +108,19 @@ private:
     QVector<ZebDataBlockWriteThread*> m_WritersBefore;
 };
 
-class ZebDataBlockManagerStatistics : public testing::Test
+class ZebDataBlockManagerStatistics : public StoreFixture
 {
 protected:
+    ZebDataBlockManagerStatistics() : StoreFixture(twoRoots()) {}
+
     static TemporaryStore::Options twoRoots()
     {
-        TemporaryStore::Options options;
-        options.m_Roots = 2;
+        TemporaryStore::Options options = withRoots(2);
         options.m_Memory = qint64(64) * s_Megabyte + 1;
         return options;
     }
 
-    ZebDataBlockManagerStatistics() : m_Store(twoRoots()) { manager().flushMemory(true); }
-
     QString root(int index) const { return m_Store.roots().at(index); }
-
-    FakeMemory m_Memory;
-    TemporaryStore m_Store;
 };
 
 } // namespace
@@ -209,7 +178,7 @@ TEST_F(ZebDataBlockManagerStatistics, ManagedBlocksFallAsBlocksAreFreedAndHashes
     EXPECT_EQ(manager().managedBlocks(), hashes);
 }
 
-TEST_F(ZebDataBlockManagerStatistics, ALockedBlockIsResidentButNotInTheLru)
+TEST_F(ZebDataBlockManagerStatistics, APinnedBlockIsResidentButNotInTheLru)
 {
     const ZebDataReference reference = add(s_Block, 1);
     const ZebConstAccessor accessor = reference.constAccessor();
@@ -230,24 +199,18 @@ TEST_F(ZebDataBlockManagerStatistics, SizesAreRoundedTowardZero)
 
 TEST_F(ZebDataBlockManagerStatistics, HoldsTheDeleteLockThroughout)
 {
-    std::future<void> call;
-    {
-        const ZebDataDeleteLocker locker;
-        call = std::async(std::launch::async, [] { manager().dumpStats(); });
-        EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    }
-    call.get();
+    EXPECT_TRUE(waitsForLock(StoreInside::deleteLock(), [] { manager().dumpStats(); }));
     EXPECT_TRUE(m_Store.messages().contains("==== ZebTdx Block Stats ===="));
 }
 
 TEST(ZebDataBlockManagerStatisticsOfNoStore, AnEmptyManagerPrintsZerosAndNoThreads)
 {
-    // It says something of its own when it is built.
+    // Its construction logs lines of its own.
     manager();
     const MessageCapture messages;
     QStringList expected = {"==== ZebTdx Block Stats ====",
                             QStringLiteral("Max Cache Size %1Mb")
-                                .arg(ZebDataBlockManager::defaultCacheSize() / s_Megabyte),
+                                .arg(ZebDataBlockManager::defaultCacheSize() / 1048576),
                             "Number of managed blocks 0",
                             "Number of existant blocks -1",
                             "Block Memory Usage 0Mb",
@@ -280,8 +243,7 @@ TEST_F(ZebDataBlockManagerStatistics, PrintsTheRequestsOfAllReadersAndThenOfAllW
 
 TEST_F(ZebDataBlockManagerStatistics, PrintingTheRequestsTakesNoDeleteLock)
 {
-    const ZebDataDeleteLocker locker;
-    std::async(std::launch::async, [] { manager().dumpThreadStats(); }).get();
+    EXPECT_FALSE(waitsForLock(StoreInside::deleteLock(), [] { manager().dumpThreadStats(); }));
     EXPECT_TRUE(m_Store.messages().contains(" Write Thread 1 has 0 requests"));
 }
 
@@ -346,13 +308,7 @@ TEST_F(ZebDataBlockManagerStatistics, ASnapshotWaitsForTheDeleteLock)
 {
     QList<ZebDataReference> list;
     const ZebDataReference reference = add(s_Block, 1);
-    std::future<void> call;
-    {
-        const ZebDataDeleteLocker locker;
-        call = std::async(std::launch::async, [&list] { manager().snapshot(list); });
-        EXPECT_EQ(call.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    }
-    call.get();
+    EXPECT_TRUE(waitsForLock(StoreInside::deleteLock(), [&list] { manager().snapshot(list); }));
     EXPECT_EQ(list.size(), 1);
 }
 
@@ -364,14 +320,14 @@ TEST(ZebDataBlockManagerStatisticsOfNoStore, ASnapshotNeedsTheStore)
 
 // validateState
 
-TEST(ZebDataBlockManagerStatisticsOfNoStore, ValidatingSaysNothingWithoutHashes)
+TEST(ZebDataBlockManagerStatisticsOfNoStore, ValidatingLogsNothingWithoutHashes)
 {
     const MessageCapture messages;
     manager();
     EXPECT_EQ(linesOf([] { manager().validateState(); }), QStringList());
 }
 
-TEST_F(ZebDataBlockManagerStatistics, ValidatingTellsWhatTheRegistryTells)
+TEST_F(ZebDataBlockManagerStatistics, ValidatingLogsWhatTheRegistryLogs)
 {
     EXPECT_EQ(linesOf([] { manager().validateState(); }), QStringList());
     const ZebDataReference cached = add(s_Block, 1);

@@ -1,12 +1,16 @@
+// Where the file of a block lies, by its hash alone.
+
 #include "manager/ZebDataBlockManager.h"
 
 #include "hash/ZebDataHash.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebBuildFilename.h"
 #include "support/Fatal.h"
+#include "support/Manager.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
+#include "support/ZebDataDeleteLocker.h"
 
 #include <QDir>
 
@@ -15,31 +19,11 @@
 #include <random>
 #include <vector>
 
-ZEBTDX_ACCESS(IndexOfTextTag, ZebDataBlockManager, int (ZebDataBlockManager::*)(const QString&),
-              cacheIndex)
-ZEBTDX_ACCESS(IndexOfHashTag, ZebDataBlockManager, int (ZebDataBlockManager::*)(const ZebDataHash*),
-              cacheIndex)
-ZEBTDX_ACCESS(CacheRootsTag, ZebDataBlockManager, QStringList ZebDataBlockManager::*, m_CacheRoots)
-ZEBTDX_ACCESS(SubCacheTag, ZebDataBlockManager, QString ZebDataBlockManager::*, m_SubCache)
+using StoreInside::cacheIndex;
 
 namespace {
 
 using Words = std::vector<quint32>;
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
-
-int indexOf(const QString& text)
-{
-    return (manager().*privateMember(IndexOfTextTag()))(text);
-}
-
-int indexOf(const ZebDataHash* hash)
-{
-    return (manager().*privateMember(IndexOfHashTag()))(hash);
-}
 
 ZebDataHash hashOf(const Words& words)
 {
@@ -58,7 +42,7 @@ Words padded(Words words, size_t count)
     return words;
 }
 
-// What decides the root, reckoned from the text alone.
+// What decides the root, computed from the text alone.
 int digitSum(const QString& text)
 {
     int sum = 0;
@@ -83,55 +67,55 @@ TEST(ZebDataBlockManagerLayout, TheRootIsTheDigitSumOfTheFirstFourDigitsModuloTh
     const QString text = QStringLiteral("1234567890-1-2-3");
     for (int roots = 1; roots <= 12; ++roots) {
         const TemporaryStore store(withRoots(roots));
-        EXPECT_EQ(indexOf(text), 10 % roots) << roots;
-        EXPECT_EQ(indexOf(QStringLiteral("9999-0")), 36 % roots) << roots;
-        EXPECT_EQ(indexOf(QStringLiteral("1000-99")), 1 % roots) << roots;
+        EXPECT_EQ(cacheIndex(text), 10 % roots) << roots;
+        EXPECT_EQ(cacheIndex(QStringLiteral("9999-0")), 36 % roots) << roots;
+        EXPECT_EQ(cacheIndex(QStringLiteral("1000-99")), 1 % roots) << roots;
     }
     const TemporaryStore two(withRoots(2));
-    EXPECT_EQ(indexOf(text), 0);
+    EXPECT_EQ(cacheIndex(text), 0);
 }
 
 TEST(ZebDataBlockManagerLayout, ATextOfFourCharactersIsLongEnough)
 {
     const TemporaryStore store(withRoots(3));
-    EXPECT_EQ(indexOf(QStringLiteral("1234")), 1);
-    EXPECT_EQ(indexOf(QStringLiteral("0000")), 0);
-    EXPECT_EQ(indexOf(QStringLiteral("12-4")), 0);
+    EXPECT_EQ(cacheIndex(QStringLiteral("1234")), 1);
+    EXPECT_EQ(cacheIndex(QStringLiteral("0000")), 0);
+    EXPECT_EQ(cacheIndex(QStringLiteral("12-4")), 0);
 }
 
 TEST(ZebDataBlockManagerLayout, OnlyTheFirstFourCharactersDecide)
 {
     const TemporaryStore store(withRoots(7));
-    EXPECT_EQ(indexOf(QStringLiteral("1234")), 3);
-    EXPECT_EQ(indexOf(QStringLiteral("12349999-8")), 3);
-    EXPECT_EQ(indexOf(QStringLiteral("1234 and whatever follows")), 3);
+    EXPECT_EQ(cacheIndex(QStringLiteral("1234")), 3);
+    EXPECT_EQ(cacheIndex(QStringLiteral("12349999-8")), 3);
+    EXPECT_EQ(cacheIndex(QStringLiteral("1234 and whatever follows")), 3);
 }
 
-TEST(ZebDataBlockManagerLayout, ACharacterThatIsNoDigitCountsAsMinusOne)
+TEST(ZebDataBlockManagerLayout, ANonDigitCountsAsMinusOne)
 {
     const TemporaryStore store(withRoots(10));
-    EXPECT_EQ(indexOf(QStringLiteral("123-9")), 5);
-    EXPECT_EQ(indexOf(QStringLiteral("12-34")), 5);
-    EXPECT_EQ(indexOf(QStringLiteral("7-8-9")), 13 % 10);
-    EXPECT_EQ(indexOf(QStringLiteral("9x?z")), 6);
+    EXPECT_EQ(cacheIndex(QStringLiteral("123-9")), 5);
+    EXPECT_EQ(cacheIndex(QStringLiteral("12-34")), 5);
+    EXPECT_EQ(cacheIndex(QStringLiteral("7-8-9")), 13 % 10);
+    EXPECT_EQ(cacheIndex(QStringLiteral("9x?z")), 6);
     // Digits of other scripts are digits to Qt.
     const QString arabic = QString(QChar(0x0663)) + QStringLiteral("000");
-    EXPECT_EQ(indexOf(arabic), 3);
+    EXPECT_EQ(cacheIndex(arabic), 3);
 }
 
 TEST(ZebDataBlockManagerLayout, ANegativeDigitSumThatDividesLeadsToTheFirstRoot)
 {
     {
         const TemporaryStore one(withRoots(1));
-        EXPECT_EQ(indexOf(QStringLiteral("0-0-0")), 0);
-        EXPECT_EQ(indexOf(QStringLiteral("0-1-0")), 0);
-        EXPECT_EQ(indexOf(QStringLiteral("----")), 0);
+        EXPECT_EQ(cacheIndex(QStringLiteral("0-0-0")), 0);
+        EXPECT_EQ(cacheIndex(QStringLiteral("0-1-0")), 0);
+        EXPECT_EQ(cacheIndex(QStringLiteral("----")), 0);
     }
     const TemporaryStore two(withRoots(2));
-    EXPECT_EQ(indexOf(QStringLiteral("0-0-0")), 0);
-    EXPECT_EQ(indexOf(QStringLiteral("----")), 0);
+    EXPECT_EQ(cacheIndex(QStringLiteral("0-0-0")), 0);
+    EXPECT_EQ(cacheIndex(QStringLiteral("----")), 0);
     const ZebDataHash hash = hashOf(padded({0, 0}, 16));
-    EXPECT_EQ(indexOf(&hash), 0);
+    EXPECT_EQ(cacheIndex(&hash), 0);
 }
 
 TEST(ZebDataBlockManagerLayout, TheHashFormGivesWhatItsTextGives)
@@ -149,8 +133,8 @@ TEST(ZebDataBlockManagerLayout, TheHashFormGivesWhatItsTextGives)
                 const ZebDataHash hash = hashOf(words);
                 const QString text = hash.toString();
                 const int expected = digitSum(text) % roots;
-                ASSERT_EQ(indexOf(text), expected) << text.toStdString();
-                ASSERT_EQ(indexOf(&hash), expected) << text.toStdString();
+                ASSERT_EQ(cacheIndex(text), expected) << text.toStdString();
+                ASSERT_EQ(cacheIndex(&hash), expected) << text.toStdString();
             }
         }
     }
@@ -173,8 +157,8 @@ TEST(ZebDataBlockManagerLayout, TheHashFormGivesWhatItsTextGivesForFirstWordsOfF
                         const int expected = digitSum(text) % roots;
                         if (expected < 0)
                             continue;
-                        ASSERT_EQ(indexOf(text), expected) << text.toStdString();
-                        ASSERT_EQ(indexOf(&hash), expected) << text.toStdString();
+                        ASSERT_EQ(cacheIndex(text), expected) << text.toStdString();
+                        ASSERT_EQ(cacheIndex(&hash), expected) << text.toStdString();
                         ++compared;
                     }
                 }
@@ -189,19 +173,19 @@ TEST(ZebDataBlockManagerLayout, ANegativeIndexEndsTheProcess)
     EXPECT_FATAL(
         {
             const TemporaryStore store(withRoots(2));
-            indexOf(QStringLiteral("0-1-2"));
+            cacheIndex(QStringLiteral("0-1-2"));
         },
         "Cannot find suitable cache reading thread -1 for 0-1-2");
     EXPECT_FATAL(
         {
             const TemporaryStore store(withRoots(3));
-            indexOf(QStringLiteral("0-0-17"));
+            cacheIndex(QStringLiteral("0-0-17"));
         },
         "Cannot find suitable cache reading thread -2 for 0-0-17");
     EXPECT_FATAL(
         {
             const TemporaryStore store(withRoots(40));
-            indexOf(QStringLiteral("----"));
+            cacheIndex(QStringLiteral("----"));
         },
         "Cannot find suitable cache reading thread -4 for ----");
 }
@@ -212,14 +196,14 @@ TEST(ZebDataBlockManagerLayout, ANegativeIndexOfAHashEndsTheProcessWithItsWholeT
         {
             const TemporaryStore store(withRoots(2));
             const ZebDataHash hash = hashOf(padded({1, 0}, 8));
-            indexOf(&hash);
+            cacheIndex(&hash);
         },
         "Cannot find suitable cache reading thread -1 for 1-0-5-5-5-5-5-5");
     EXPECT_FATAL(
         {
             const TemporaryStore store(withRoots(3));
             const ZebDataHash hash = hashOf(padded({0, 0}, 8));
-            indexOf(&hash);
+            cacheIndex(&hash);
         },
         "Cannot find suitable cache reading thread -2 for 0-0-5-5-5-5-5-5");
 }
@@ -229,86 +213,86 @@ TEST(ZebDataBlockManagerLayout, ATextUnderFourCharactersEndsTheProcess)
     EXPECT_FATAL(
         {
             const TemporaryStore store;
-            indexOf(QStringLiteral("123"));
+            cacheIndex(QStringLiteral("123"));
         },
         "Hash String is too Short 123");
     EXPECT_FATAL(
         {
             const TemporaryStore store;
-            indexOf(QString());
+            cacheIndex(QString());
         },
         "Hash String is too Short ");
     EXPECT_FATAL(
         {
             const TemporaryStore store;
             const ZebDataHash hash = hashOf({12});
-            indexOf(&hash);
+            cacheIndex(&hash);
         },
         "Hash String is too Short 12");
 }
 
 TEST(ZebDataBlockManagerLayout, AShortTextIsTestedBeforeItsDigits)
 {
-    // One more character, and the same text would end for want of a root.
+    // With one more character the same text would fail for its negative index.
     EXPECT_FATAL(
         {
             const TemporaryStore store(withRoots(2));
-            indexOf(QStringLiteral("0-1"));
+            cacheIndex(QStringLiteral("0-1"));
         },
         "Hash String is too Short 0-1");
 }
 
-TEST(ZebDataBlockManagerLayout, AStoreWithoutRootsHasNoIndex)
+TEST(ZebDataBlockManagerLayout, AStoreWithoutRootsEndsTheProcess)
 {
     EXPECT_FATAL(
         {
             const TemporaryStore store(withRoots(0));
-            indexOf(QStringLiteral("1234"));
+            cacheIndex(QStringLiteral("1234"));
         },
         "Number of cache paths is zero");
     EXPECT_FATAL(
         {
             const TemporaryStore store(withRoots(0));
             const ZebDataHash hash = hashOf(padded({1234}, 8));
-            indexOf(&hash);
+            cacheIndex(&hash);
         },
         "Number of cache paths is zero");
-    // The missing roots come before the missing characters.
+    // Roots are checked before the length.
     EXPECT_FATAL(
         {
             const TemporaryStore store(withRoots(0));
             const ZebDataHash hash = hashOf({1});
-            indexOf(&hash);
+            cacheIndex(&hash);
         },
         "Number of cache paths is zero");
 }
 
-TEST(ZebDataBlockManagerLayout, TheTextFormLooksForRootsThenLengthThenSetUp)
+TEST(ZebDataBlockManagerLayout, TheTextFormChecksRootsThenLengthThenSetUp)
 {
-    // Nothing is set up here, and yet that is the last thing to be found out.
-    EXPECT_FATAL(indexOf(QStringLiteral("12")), "Number of cache paths is zero");
+    // Nothing is set up here, and yet that is checked last.
+    EXPECT_FATAL(cacheIndex(QStringLiteral("12")), "Number of cache paths is zero");
     EXPECT_FATAL(
         {
-            manager().*privateMember(CacheRootsTag()) = QStringList(QStringLiteral("/root"));
-            indexOf(QStringLiteral("12"));
+            StoreInside::cacheRoots() = QStringList(QStringLiteral("/root"));
+            cacheIndex(QStringLiteral("12"));
         },
         "Hash String is too Short 12");
     EXPECT_FATAL(
         {
-            manager().*privateMember(CacheRootsTag()) = QStringList(QStringLiteral("/root"));
-            indexOf(QStringLiteral("0-1-"));
+            StoreInside::cacheRoots() = QStringList(QStringLiteral("/root"));
+            cacheIndex(QStringLiteral("0-1-"));
         },
         "Data Block Manager Not Initialized. Aborting");
 }
 
-TEST(ZebDataBlockManagerLayout, TheHashFormLooksForSetUpFirst)
+TEST(ZebDataBlockManagerLayout, TheHashFormChecksSetUpFirst)
 {
-    EXPECT_FATAL(indexOf(static_cast<const ZebDataHash*>(nullptr)),
+    EXPECT_FATAL(cacheIndex(static_cast<const ZebDataHash*>(nullptr)),
                  "Data Block Manager Not Initialized. Aborting");
     EXPECT_FATAL(
         {
             const ZebDataHash hash = hashOf({1});
-            indexOf(&hash);
+            cacheIndex(&hash);
         },
         "Data Block Manager Not Initialized. Aborting");
 }
@@ -317,10 +301,10 @@ TEST(ZebDataBlockManagerLayout, ANullHashHasNoRoot)
 {
     {
         const TemporaryStore store;
-        EXPECT_EQ(indexOf(static_cast<const ZebDataHash*>(nullptr)), -1);
+        EXPECT_EQ(cacheIndex(static_cast<const ZebDataHash*>(nullptr)), -1);
     }
     const TemporaryStore rootless(withRoots(0));
-    EXPECT_EQ(indexOf(static_cast<const ZebDataHash*>(nullptr)), -1);
+    EXPECT_EQ(cacheIndex(static_cast<const ZebDataHash*>(nullptr)), -1);
 }
 
 TEST(ZebDataBlockManagerLayout, AHashWithoutADigestEndsTheProcess)
@@ -329,7 +313,7 @@ TEST(ZebDataBlockManagerLayout, AHashWithoutADigestEndsTheProcess)
         {
             const TemporaryStore store;
             const ZebDataHash hash;
-            indexOf(&hash);
+            cacheIndex(&hash);
         },
         "Size of data is incorrect is 0, should be 32");
 }
@@ -339,7 +323,7 @@ TEST(ZebDataBlockManagerLayout, HashesOfEqualFirstWordShareRootAndBucket)
     const TemporaryStore store(withRoots(5));
     const ZebDataHash one = hashOf(padded({1234, 1}, 16));
     const ZebDataHash other = hashOf(padded({1234, 2}, 16));
-    EXPECT_EQ(indexOf(&one), indexOf(&other));
+    EXPECT_EQ(cacheIndex(&one), cacheIndex(&other));
     const QString path = manager().getBlockDestination(QString(), one.toString());
     const QString otherPath = manager().getBlockDestination(QString(), other.toString());
     EXPECT_EQ(path.left(path.lastIndexOf(QDir::separator())),
@@ -367,13 +351,17 @@ TEST(ZebDataBlockManagerLayout, TheDestinationDoesNotDependOnTheCurrentSubCache)
     const TemporaryStore store;
     const QString text = hashOf(padded({1234}, 16)).toString();
     const QString before = manager().getBlockDestination(QStringLiteral("Named"), text);
-    QString& current = manager().*privateMember(SubCacheTag());
-    EXPECT_TRUE(current.isEmpty());
-    current = QStringLiteral("Current");
+    const auto setCurrent = [](const QString& name) {
+        // The collectors read it.
+        const ZebDataDeleteLocker locker;
+        StoreInside::subCache() = name;
+    };
+    EXPECT_TRUE(manager().subCache().isEmpty());
+    setCurrent(QStringLiteral("Current"));
     EXPECT_EQ(manager().getBlockDestination(QStringLiteral("Named"), text), before);
     EXPECT_EQ(manager().getBlockDestination(QString(), text),
               store.roots().at(0) + QStringLiteral("//4/") + text);
-    current.clear();
+    setCurrent(QString());
 }
 
 TEST(ZebDataBlockManagerLayout, TheDestinationIsWhereTheFilenameBuilderSays)
@@ -387,15 +375,16 @@ TEST(ZebDataBlockManagerLayout, TheDestinationIsWhereTheFilenameBuilderSays)
         const ZebDataHash hash = hashOf(words);
         QString directory;
         QString fileName;
-        ASSERT_TRUE(ZebBuildFilename(&hash, store.roots().at(indexOf(&hash)), QStringLiteral("S"),
-                                     manager().numBuckets(), directory, fileName));
+        ASSERT_TRUE(ZebBuildFilename(&hash, store.roots().at(cacheIndex(&hash)),
+                                     QStringLiteral("S"), manager().numBuckets(), directory,
+                                     fileName));
         ASSERT_EQ(manager().getBlockDestination(QStringLiteral("S"), hash.toString()),
                   directory + fileName);
     }
     EXPECT_TRUE(QDir(store.roots().at(0)).isEmpty());
 }
 
-TEST(ZebDataBlockManagerLayout, TheDestinationIsThatOfTheHashAndNotOfItsSpelling)
+TEST(ZebDataBlockManagerLayout, TheDestinationDependsOnTheHashAndNotOnItsSpelling)
 {
     const TemporaryStore store(withRoots(10));
     const QString text = hashOf(padded({1234}, 8)).toString();
@@ -423,7 +412,7 @@ TEST(ZebDataBlockManagerLayout, TheDestinationNeedsAHashOfKnownWidth)
 
 TEST(ZebDataBlockManagerLayout, TheDestinationNeedsAStoreThatIsSetUp)
 {
-    // Found out before the text is looked at, and after it has been read.
+    // Checked before the length of the text, after the text has been parsed.
     EXPECT_FATAL(manager().getBlockDestination(QString(), QStringLiteral("1234-5")),
                  "Data Block Manager Not Initialized. Aborting");
     EXPECT_FATAL(
@@ -461,7 +450,7 @@ TEST(ZebDataBlockManagerLayout, ADestinationInternsNoHash)
     EXPECT_FALSE(ZebHashManager::instance().isHashLive(text));
 }
 
-TEST(ZebDataBlockManagerLayout, RootsAndBucketsAreThoseOfSetUp)
+TEST(ZebDataBlockManagerLayout, RootsAndBucketsAreThoseOfTheSetUp)
 {
     TemporaryStore::Options options;
     options.m_Memory = 2147483648;

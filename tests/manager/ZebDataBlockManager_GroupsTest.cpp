@@ -1,4 +1,4 @@
-// Lists of references that are kept as blocks: their bytes, and what comes back from them.
+// Lists of references that are kept as blocks: their bytes, and what is extracted from them.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -6,7 +6,10 @@
 #include "data/ZebHashingJob.h"
 #include "hash/ZebHashManager.h"
 #include "support/BlockFiles.h"
+#include "support/BlockInside.h"
+#include "support/BytesOf.h"
 #include "support/Fatal.h"
+#include "support/Manager.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
@@ -23,10 +26,6 @@
 #include <random>
 #include <thread>
 #include <vector>
-
-ZEBTDX_ACCESS(BlockSizeTag, ZebDataBlock, qint64 ZebDataBlock::*, m_Size)
-
-using StoreInside::manager;
 
 namespace {
 
@@ -49,20 +48,13 @@ References addMembers(int count, int size = 100)
     return members;
 }
 
-QByteArray bytesOf(const ZebDataReference& reference)
-{
-    const ZebConstAccessor accessor = reference.constAccessor();
-    return QByteArray(reinterpret_cast<const char*>(accessor.data()),
-                      static_cast<int>(accessor.size()));
-}
-
 QByteArray digestOf(const ZebDataReference& reference)
 {
     const ZebSmartPointer<ZebDataHash> hash = reference.hashPtr();
     return QByteArray(reinterpret_cast<const char*>(hash->data()), hash->size());
 }
 
-// The bytes of a group as they are described, made without the library.
+// The bytes of a group as the format describes them, made without the library.
 QByteArray payload(qint32 hashSize, qint32 count, const QByteArray& digests,
                    quint64 magic = s_Magic)
 {
@@ -80,7 +72,7 @@ QSet<QString> textsOf(const ZebDataReference& group)
     return texts;
 }
 
-// What both forms make of these bytes.
+// What both forms extract from these bytes.
 struct Extracted
 {
     explicit Extracted(const QByteArray& bytes) : Extracted(add(bytes)) {}
@@ -93,7 +85,7 @@ struct Extracted
     QSet<QString> m_Texts;
 };
 
-// The counters of look-ups of the registry, as its statistics tell them.
+// A counter of the registry's look-ups, from its statistics.
 int statistic(TemporaryStore& store, const QString& name)
 {
     store.messages().clear();
@@ -106,7 +98,7 @@ int statistic(TemporaryStore& store, const QString& name)
     return -1;
 }
 
-class ZebDataBlockManagerGroup : public testing::Test
+class ZebDataBlockManagerGroups : public testing::Test
 {
 protected:
     TemporaryStore m_Store;
@@ -114,7 +106,7 @@ protected:
 
 } // namespace
 
-TEST_F(ZebDataBlockManagerGroup, OfLargeBlocksGivesThemBackInOrder)
+TEST_F(ZebDataBlockManagerGroups, OfLargeBlocksExtractsInOrder)
 {
     References members;
     for (unsigned i = 0; i < 20; ++i)
@@ -123,7 +115,7 @@ TEST_F(ZebDataBlockManagerGroup, OfLargeBlocksGivesThemBackInOrder)
     EXPECT_EQ(manager().extractGroupBlock(group), members);
 }
 
-TEST_F(ZebDataBlockManagerGroup, ListsDigestsBehindAHeader)
+TEST_F(ZebDataBlockManagerGroups, ListsDigestsAfterAHeader)
 {
     const References members = addMembers(3);
     const ZebDataReference group = manager().makeGroupBlock(members);
@@ -135,7 +127,7 @@ TEST_F(ZebDataBlockManagerGroup, ListsDigestsBehindAHeader)
     EXPECT_EQ(bytesOf(group).left(8), QByteArray::fromHex("3905000000000000"));
 }
 
-TEST_F(ZebDataBlockManagerGroup, OfNothingIsABareHeader)
+TEST_F(ZebDataBlockManagerGroups, OfNoMembersIsAHeaderOnly)
 {
     const ZebDataReference group = manager().makeGroupBlock(References());
     EXPECT_FALSE(group.isNull());
@@ -146,7 +138,7 @@ TEST_F(ZebDataBlockManagerGroup, OfNothingIsABareHeader)
     EXPECT_EQ(texts, QSet<QString>{QStringLiteral("before")});
 }
 
-TEST_F(ZebDataBlockManagerGroup, IsABlockLikeAnyOther)
+TEST_F(ZebDataBlockManagerGroups, IsABlockLikeAnyOther)
 {
     const References members = addMembers(3);
     const ZebDataReference group = manager().makeGroupBlock(members);
@@ -162,7 +154,7 @@ TEST_F(ZebDataBlockManagerGroup, IsABlockLikeAnyOther)
     EXPECT_TRUE(StoreInside::hasFile(group));
 }
 
-TEST_F(ZebDataBlockManagerGroup, OrderAndDuplicatesMakeAnotherGroup)
+TEST_F(ZebDataBlockManagerGroups, OrderAndDuplicatesMakeAnotherGroup)
 {
     const References members = addMembers(2);
     const auto groupOf = [](const References& list) {
@@ -175,7 +167,7 @@ TEST_F(ZebDataBlockManagerGroup, OrderAndDuplicatesMakeAnotherGroup)
     EXPECT_NE(groupOf({members[0], members[1], members[1]}), group);
 }
 
-TEST_F(ZebDataBlockManagerGroup, DuplicatesKeepTheirPlaces)
+TEST_F(ZebDataBlockManagerGroups, DuplicatesKeepTheirPlaces)
 {
     const References members = addMembers(2);
     const References list{members[0], members[1], members[0], members[0]};
@@ -184,7 +176,7 @@ TEST_F(ZebDataBlockManagerGroup, DuplicatesKeepTheirPlaces)
     EXPECT_EQ(textsOf(group), (QSet<QString>{members[0].hash(), members[1].hash()}));
 }
 
-TEST_F(ZebDataBlockManagerGroup, DigestListedTwiceIsInternedOnce)
+TEST_F(ZebDataBlockManagerGroups, DigestListedTwiceIsInternedOnce)
 {
     const References members = addMembers(2);
     const ZebDataReference group =
@@ -197,7 +189,7 @@ TEST_F(ZebDataBlockManagerGroup, DigestListedTwiceIsInternedOnce)
     EXPECT_EQ(statistic(m_Store, QStringLiteral("Cache Misses")), misses);
 }
 
-TEST_F(ZebDataBlockManagerGroup, WaitsForPendingMembers)
+TEST_F(ZebDataBlockManagerGroups, WaitsForPendingMembers)
 {
     References members;
     for (char i = 0; i < 8; ++i)
@@ -209,7 +201,7 @@ TEST_F(ZebDataBlockManagerGroup, WaitsForPendingMembers)
     EXPECT_EQ(manager().extractGroupBlock(group), members);
 }
 
-TEST_F(ZebDataBlockManagerGroup, LeavesMembersWhereTheyAre)
+TEST_F(ZebDataBlockManagerGroups, DoesNotLoadItsMembers)
 {
     const References members = addMembers(3);
     manager().flush(true);
@@ -222,7 +214,7 @@ TEST_F(ZebDataBlockManagerGroup, LeavesMembersWhereTheyAre)
     EXPECT_TRUE(holdsTestBytes(extracted[2], 100, 3));
 }
 
-TEST_F(ZebDataBlockManagerGroup, ComesBackFromTheDisk)
+TEST_F(ZebDataBlockManagerGroups, IsLoadedFromDisk)
 {
     const References members = addMembers(3);
     const ZebDataReference group = manager().makeGroupBlock(members);
@@ -233,9 +225,9 @@ TEST_F(ZebDataBlockManagerGroup, ComesBackFromTheDisk)
     EXPECT_TRUE(group.isInMemory());
 }
 
-TEST_F(ZebDataBlockManagerGroup, StaysInMemoryAndUnlockedAfterwards)
+TEST_F(ZebDataBlockManagerGroups, StaysResidentAndUnpinnedAfterExtraction)
 {
-    // Held, as a block that nobody holds goes as soon as it is written.
+    // Held, as a block without references is deleted as soon as it is written.
     const References members = addMembers(3);
     const ZebDataReference group = manager().makeGroupBlock(members);
     group.resolveWork();
@@ -245,7 +237,7 @@ TEST_F(ZebDataBlockManagerGroup, StaysInMemoryAndUnlockedAfterwards)
     EXPECT_EQ(group.constAccessor().count(), 1);
 }
 
-TEST_F(ZebDataBlockManagerGroup, ExtractionAppendsBehindWhatIsThere)
+TEST_F(ZebDataBlockManagerGroups, ExtractionAppends)
 {
     const References members = addMembers(3);
     const ZebDataReference group = manager().makeGroupBlock(members);
@@ -261,7 +253,7 @@ TEST_F(ZebDataBlockManagerGroup, ExtractionAppendsBehindWhatIsThere)
     EXPECT_TRUE(texts.contains(QStringLiteral("before")));
 }
 
-TEST_F(ZebDataBlockManagerGroup, MayStandInTheVectorThatItIsExtractedInto)
+TEST_F(ZebDataBlockManagerGroups, MayBeInTheVectorThatItIsExtractedInto)
 {
     const References members = addMembers(50);
     References references{manager().makeGroupBlock(members)};
@@ -269,7 +261,7 @@ TEST_F(ZebDataBlockManagerGroup, MayStandInTheVectorThatItIsExtractedInto)
     EXPECT_EQ(references.mid(1), members);
 }
 
-TEST_F(ZebDataBlockManagerGroup, MayListAnotherGroup)
+TEST_F(ZebDataBlockManagerGroups, MayListAnotherGroup)
 {
     const References members = addMembers(2);
     const ZebDataReference inner = manager().makeGroupBlock(members);
@@ -280,7 +272,7 @@ TEST_F(ZebDataBlockManagerGroup, MayListAnotherGroup)
     EXPECT_EQ(manager().extractGroupBlock(extracted.first()), members);
 }
 
-TEST_F(ZebDataBlockManagerGroup, TakesDoNotCacheMembers)
+TEST_F(ZebDataBlockManagerGroups, TakesUncachedMembers)
 {
     const ZebDataReference member = manager().addBlock("kept", ZebModifyAccessor::DontCache);
     const ZebDataReference group = manager().makeGroupBlock({member});
@@ -290,7 +282,7 @@ TEST_F(ZebDataBlockManagerGroup, TakesDoNotCacheMembers)
     EXPECT_EQ(bytesOf(extracted.first()), "kept");
 }
 
-TEST_F(ZebDataBlockManagerGroup, KeepsNoMemberAlive)
+TEST_F(ZebDataBlockManagerGroups, KeepsNoMemberAlive)
 {
     References members = addMembers(2);
     const ZebDataReference group = manager().makeGroupBlock(members);
@@ -300,12 +292,12 @@ TEST_F(ZebDataBlockManagerGroup, KeepsNoMemberAlive)
     members.clear();
     EXPECT_FALSE(ZebHashManager::instance().isHashLive(text));
     EXPECT_EQ(manager().managedBlocks(), 1);
-    // The group names them all the same.
+    // The group still names them.
     EXPECT_TRUE(textsOf(group).contains(text));
     EXPECT_FALSE(ZebHashManager::instance().isHashLive(text));
 }
 
-TEST_F(ZebDataBlockManagerGroup, MemberThatNobodyHeldComesBackByItsFile)
+TEST_F(ZebDataBlockManagerGroups, MemberWithoutReferencesIsLoadedFromItsFile)
 {
     const ZebDataReference group = manager().makeGroupBlock(addMembers(2));
     group.resolveWork();
@@ -323,7 +315,7 @@ TEST_F(ZebDataBlockManagerGroup, MemberThatNobodyHeldComesBackByItsFile)
     EXPECT_EQ(add(testBytes(100, 1)), extracted[0]);
 }
 
-TEST_F(ZebDataBlockManagerGroup, MemberWithoutAFileIsStillListed)
+TEST_F(ZebDataBlockManagerGroups, MemberWithoutAFileIsStillListed)
 {
     QString file;
     ZebDataReference group;
@@ -340,7 +332,7 @@ TEST_F(ZebDataBlockManagerGroup, MemberWithoutAFileIsStillListed)
     EXPECT_TRUE(extracted.first().constAccessor().isNull());
 }
 
-TEST_F(ZebDataBlockManagerGroup, SetFormLeavesNothingBehind)
+TEST_F(ZebDataBlockManagerGroups, SetFormInternsNothing)
 {
     const ZebDataReference group = manager().makeGroupBlock(addMembers(5));
     group.resolveWork();
@@ -358,7 +350,7 @@ TEST_F(ZebDataBlockManagerGroup, SetFormLeavesNothingBehind)
     EXPECT_EQ(statistic(m_Store, QStringLiteral("Cache Misses")), misses);
 }
 
-TEST_F(ZebDataBlockManagerGroup, VectorFormLeavesNoHashBehindOnceItsReferencesGo)
+TEST_F(ZebDataBlockManagerGroups, VectorFormInternsNothingBeyondItsReferences)
 {
     const ZebDataReference group = manager().makeGroupBlock(addMembers(5));
     group.resolveWork();
@@ -370,7 +362,7 @@ TEST_F(ZebDataBlockManagerGroup, VectorFormLeavesNoHashBehindOnceItsReferencesGo
     EXPECT_EQ(ZebDataReference::referenceCount(), references);
 }
 
-TEST_F(ZebDataBlockManagerGroup, BlockThatIsNoGroupExtractsAsEmptyWithNoMessage)
+TEST_F(ZebDataBlockManagerGroups, BlockThatIsNoGroupExtractsAsEmptySilently)
 {
     const QByteArray group = bytesOf(manager().makeGroupBlock(addMembers(2)));
     m_Store.messages().clear();
@@ -386,7 +378,7 @@ TEST_F(ZebDataBlockManagerGroup, BlockThatIsNoGroupExtractsAsEmptyWithNoMessage)
     EXPECT_TRUE(m_Store.messages().messages().isEmpty());
 }
 
-TEST_F(ZebDataBlockManagerGroup, BlockThatCannotBeHadExtractsAsEmpty)
+TEST_F(ZebDataBlockManagerGroups, BlockThatCannotBeLoadedExtractsAsEmpty)
 {
     const ZebDataReference group = manager().makeGroupBlock(addMembers(2));
     group.resolveWork();
@@ -396,23 +388,25 @@ TEST_F(ZebDataBlockManagerGroup, BlockThatCannotBeHadExtractsAsEmpty)
     EXPECT_TRUE(Extracted(group).isEmpty());
 }
 
-TEST_F(ZebDataBlockManagerGroup, BlockThatHoldsLessThanItsSizeSaysIsReadInsideItsBytes)
+TEST_F(ZebDataBlockManagerGroups, BlockWithFewerBytesThanItsSizeIsReadWithinItsBytes)
 {
-    // Such blocks are legal: no bytes, or an array's share of a very large size.
+    // Such blocks are legal: no bytes, or an array that holds part of a very large size.
     const ZebDataReference hollow(ZebSmartPointer<ZebBlockFuture>(
         new ZebHashingJob(new ZebDataBlock(static_cast<const unsigned char*>(nullptr), 4096))));
     EXPECT_TRUE(Extracted(hollow).isEmpty());
     const QByteArray whole = bytesOf(manager().makeGroupBlock(addMembers(3)));
     const ZebDataReference cut = add(whole.left(s_Header + 2 * s_Digest));
-    StoreInside::blockOf(cut)->*privateMember(BlockSizeTag()) = whole.size();
+    // The writer reads the size, too.
+    manager().flush(false, ZebDataBlockManager::WriteThreads);
+    BlockInside::size(*StoreInside::blockOf(cut)) = whole.size();
     EXPECT_EQ(cut.constAccessor().size(), whole.size());
     EXPECT_EQ(Extracted(cut).m_Members.size(), 2);
     EXPECT_EQ(Extracted(cut).m_Texts.size(), 2);
     // The store counts the size that it has admitted.
-    StoreInside::blockOf(cut)->*privateMember(BlockSizeTag()) = s_Header + 2 * s_Digest;
+    BlockInside::size(*StoreInside::blockOf(cut)) = s_Header + 2 * s_Digest;
 }
 
-TEST_F(ZebDataBlockManagerGroup, CountOfNoneOrLessExtractsAsEmpty)
+TEST_F(ZebDataBlockManagerGroups, CountOfZeroOrLessExtractsAsEmpty)
 {
     const QByteArray digests(4 * s_Digest, 'd');
     for (const qint32 count : {0, -1, std::numeric_limits<qint32>::min()})
@@ -421,7 +415,7 @@ TEST_F(ZebDataBlockManagerGroup, CountOfNoneOrLessExtractsAsEmpty)
         EXPECT_TRUE(Extracted(payload(hashSize, 4, digests)).isEmpty()) << hashSize;
 }
 
-TEST_F(ZebDataBlockManagerGroup, GroupThatNamesMoreThanItHoldsIsReadToItsLastWholeDigest)
+TEST_F(ZebDataBlockManagerGroups, TruncatedGroupIsReadToItsLastWholeDigest)
 {
     const References members = addMembers(3);
     const QByteArray whole = bytesOf(manager().makeGroupBlock(members));
@@ -438,14 +432,14 @@ TEST_F(ZebDataBlockManagerGroup, GroupThatNamesMoreThanItHoldsIsReadToItsLastWho
     EXPECT_TRUE(Extracted(boastful).isEmpty());
 }
 
-TEST_F(ZebDataBlockManagerGroup, BytesBehindTheLastDigestPlayNoPart)
+TEST_F(ZebDataBlockManagerGroups, BytesAfterTheLastDigestAreIgnored)
 {
     const References members = addMembers(2);
     const QByteArray whole = bytesOf(manager().makeGroupBlock(members));
     EXPECT_EQ(Extracted(whole + QByteArray(3 * s_Digest, 'x')).m_Members, members);
 }
 
-TEST_F(ZebDataBlockManagerGroup, DigestsOfAllThreeSizesAreRead)
+TEST_F(ZebDataBlockManagerGroups, DigestsOfAllThreeSizesAreRead)
 {
     for (const auto size : {ZebDataHash::Hash256, ZebDataHash::Hash512, ZebDataHash::Hash1024}) {
         const ZebDataHash one(QByteArray("one"), size);
@@ -461,7 +455,7 @@ TEST_F(ZebDataBlockManagerGroup, DigestsOfAllThreeSizesAreRead)
     }
 }
 
-TEST_F(ZebDataBlockManagerGroup, LastMembersHashSizeStandsForAll)
+TEST_F(ZebDataBlockManagerGroups, LastMembersHashSizeIsUsedForAll)
 {
     auto& registry = ZebHashManager::instance();
     const ZebDataReference shorter(
@@ -477,7 +471,7 @@ TEST_F(ZebDataBlockManagerGroup, LastMembersHashSizeStandsForAll)
     EXPECT_EQ(Extracted(shorterLast).m_Members.size(), 2);
 }
 
-TEST_F(ZebDataBlockManagerGroup, RandomBytesAreReadInsideTheirBounds)
+TEST_F(ZebDataBlockManagerGroups, RandomBytesAreReadWithinTheirBounds)
 {
     std::mt19937 random(20261121);
     const auto below = [&random](quint32 bound) {
@@ -488,7 +482,7 @@ TEST_F(ZebDataBlockManagerGroup, RandomBytesAreReadInsideTheirBounds)
         QByteArray bytes(size, '\0');
         for (char& byte : bytes)
             byte = static_cast<char>(below(256));
-        // Most rounds are a group so far, many of a likely shape.
+        // Most rounds begin like a group, many with likely sizes.
         if (size >= s_Header && below(8) != 0) {
             qToLittleEndian<quint64>(s_Magic, bytes.data());
             if (below(3) != 0)
@@ -515,7 +509,7 @@ TEST_F(ZebDataBlockManagerGroup, RandomBytesAreReadInsideTheirBounds)
     }
 }
 
-TEST_F(ZebDataBlockManagerGroup, NullReferenceCannotBeExtracted)
+TEST_F(ZebDataBlockManagerGroups, NullReferenceCannotBeExtracted)
 {
     EXPECT_FATAL(manager().extractGroupBlock(ZebDataReference()), "Null Value of m_DataHash");
     QSet<QString> texts;
@@ -523,19 +517,19 @@ TEST_F(ZebDataBlockManagerGroup, NullReferenceCannotBeExtracted)
                  "Null Value of m_DataHash");
 }
 
-TEST_F(ZebDataBlockManagerGroup, NullMemberEndsTheProcess)
+TEST_F(ZebDataBlockManagerGroups, NullMemberEndsTheProcess)
 {
     EXPECT_DEATH(manager().makeGroupBlock({add("one"), ZebDataReference()}), "");
 }
 
-TEST_F(ZebDataBlockManagerGroup, MemberWithoutADigestIsFatal)
+TEST_F(ZebDataBlockManagerGroups, MemberWithoutADigestIsFatal)
 {
     const ZebDataReference broken(ZebHashManager::instance().getHash(QStringLiteral("1-2")));
     EXPECT_FATAL(manager().makeGroupBlock({broken}),
                  "Size of data is incorrect is 0, should be 32");
 }
 
-TEST_F(ZebDataBlockManagerGroup, NeedsTheStore)
+TEST_F(ZebDataBlockManagerGroups, NeedsTheStore)
 {
     const ZebDataReference group = manager().makeGroupBlock(addMembers(1));
     group.resolveWork();
@@ -547,7 +541,7 @@ TEST_F(ZebDataBlockManagerGroup, NeedsTheStore)
     EXPECT_FATAL(manager().extractGroupBlock(group, texts), words);
 }
 
-TEST_F(ZebDataBlockManagerGroup, LivesOnDiskAcrossRuns)
+TEST_F(ZebDataBlockManagerGroups, SurvivesOnDiskAcrossRuns)
 {
     QString groupText;
     {
@@ -565,7 +559,7 @@ TEST_F(ZebDataBlockManagerGroup, LivesOnDiskAcrossRuns)
         EXPECT_TRUE(holdsTestBytes(extracted[i], 100, static_cast<quint32>(i + 1)));
 }
 
-TEST_F(ZebDataBlockManagerGroup, ClearingTheGroupCacheDoesNothing)
+TEST_F(ZebDataBlockManagerGroups, ClearingTheGroupCacheDoesNothing)
 {
     const References members = addMembers(2);
     const ZebDataReference group = manager().makeGroupBlock(members);
@@ -577,7 +571,7 @@ TEST_F(ZebDataBlockManagerGroup, ClearingTheGroupCacheDoesNothing)
     EXPECT_EQ(manager().extractGroupBlock(group), members);
 }
 
-TEST_F(ZebDataBlockManagerGroup, ManyThreadsMakeAndExtractAtOnce)
+TEST_F(ZebDataBlockManagerGroups, ManyThreadsMakeAndExtractConcurrently)
 {
     const References members = addMembers(40);
     std::atomic<int> wrong{0};

@@ -1,9 +1,10 @@
-// What the host hears of garbage collection: the progress of a pass that it asks for, and the size
-// of the disk cache.
+// What garbage collection reports to the host: the progress of a pass that it requests, and the
+// size of the disk cache.
 
 #include "manager/ZebDataBlockManager.h"
 
 #include "support/CollectedStore.h"
+#include "support/StoreInside.h"
 #include "support/WaitUntil.h"
 
 #include <QCoreApplication>
@@ -22,9 +23,6 @@
 #include <type_traits>
 #include <vector>
 
-ZEBTDX_ACCESS(CacheSizeRecordTag, ZebDataBlockManager,
-              void (ZebDataBlockManager::*)(ZebGarbageCollectorThread*, qint64), cacheSizeRecord)
-
 using testing::ElementsAre;
 using testing::SizeIs;
 
@@ -32,7 +30,7 @@ namespace {
 
 constexpr int s_Block = 1000;
 
-// Keeps the sizes that the host is told.
+// Keeps the sizes that are signalled to the host.
 class Updates
 {
 public:
@@ -67,7 +65,7 @@ private:
     std::vector<qint64> m_Sizes;
 };
 
-// A host that notes each call as a line.
+// A reporter that records each call as a line.
 class Reporter : public ZebDataBlockManager::ProgressReporter
 {
 public:
@@ -101,7 +99,7 @@ qint64 fileSize(const QString& path)
     return QFileInfo(path).size();
 }
 
-class ZebDataBlockManagerGarbageReports : public CollectedStore
+class ZebDataBlockManagerGarbageCollectionReports : public CollectedStore
 {
 protected:
     using CollectedStore::CollectedStore;
@@ -115,17 +113,20 @@ protected:
     }
 };
 
-class ZebDataBlockManagerGarbageReportsThreeRoots : public ZebDataBlockManagerGarbageReports
+class ZebDataBlockManagerGarbageCollectionReportsThreeRoots
+    : public ZebDataBlockManagerGarbageCollectionReports
 {
 protected:
-    ZebDataBlockManagerGarbageReportsThreeRoots() : ZebDataBlockManagerGarbageReports(3) {}
+    ZebDataBlockManagerGarbageCollectionReportsThreeRoots()
+        : ZebDataBlockManagerGarbageCollectionReports(3)
+    {}
 
-    // Puts idle collectors in the place of the store's own, which may come first and close the
-    // gates, for the length of `action`.
+    // Replaces the store's collectors, which may run first and close the gates, by idle ones for
+    // the length of `action`.
     template <typename Action>
     void withIdleCollectors(Action action)
     {
-        auto& own = manager().*privateMember(StoreCollectorsTag());
+        auto& own = StoreInside::collectors();
         const auto before = own;
         std::vector<std::unique_ptr<ZebGarbageCollectorThread>> idle;
         own.clear();
@@ -142,7 +143,8 @@ protected:
 
 // Passes for the host
 
-TEST_F(ZebDataBlockManagerGarbageReportsThreeRoots, ProgressRunsOnOverTheRootsAndPastItsTotal)
+TEST_F(ZebDataBlockManagerGarbageCollectionReportsThreeRoots,
+       ProgressCountsOverAllRootsAndPastItsTotal)
 {
     m_Store.cleanUp();
     TemporaryStore::Options options;
@@ -161,21 +163,22 @@ TEST_F(ZebDataBlockManagerGarbageReportsThreeRoots, ProgressRunsOnOverTheRootsAn
         for (const QString& file : dead)
             EXPECT_FALSE(QFile::exists(file));
 
-        // The gates are closed now, and the frame stays.
+        // The gates are closed now; start and finish still come.
         reporter.m_Calls.clear();
         manager().collectGarbage(&reporter);
         EXPECT_THAT(reporter.m_Calls, ElementsAre("start Garbage Collecting 3", "finish"));
     });
 }
 
-TEST_F(ZebDataBlockManagerGarbageReportsThreeRoots, ProgressIsFramedEvenIfNothingRuns)
+TEST_F(ZebDataBlockManagerGarbageCollectionReportsThreeRoots,
+       ProgressStartsAndFinishesEvenIfNoPassRuns)
 {
     Reporter reporter;
     manager().collectGarbage(&reporter);
     EXPECT_THAT(reporter.m_Calls, ElementsAre("start Garbage Collecting 30", "finish"));
 }
 
-TEST_F(ZebDataBlockManagerGarbageReports, TheTitleIsTranslatedInTheStoresContext)
+TEST_F(ZebDataBlockManagerGarbageCollectionReports, TheTitleIsTranslatedInTheContextOfTheStore)
 {
     Translator translator;
     QCoreApplication::installTranslator(&translator);
@@ -185,11 +188,11 @@ TEST_F(ZebDataBlockManagerGarbageReports, TheTitleIsTranslatedInTheStoresContext
     EXPECT_EQ(reporter.m_Calls.front(), "start <Garbage Collecting> 10");
 }
 
-TEST_F(ZebDataBlockManagerGarbageReports, ASizeFoundForTheHostIsNotReported)
+TEST_F(ZebDataBlockManagerGarbageCollectionReports, ASizeFoundForTheHostIsNotReported)
 {
     const ZebDataReference reference = add(s_Block, 1);
     manager().flush(true);
-    auto& own = manager().*privateMember(StoreCollectorsTag());
+    auto& own = StoreInside::collectors();
     const auto before = own;
     ZebGarbageCollectorThread idle(m_Store.roots().front(), 10, nullptr);
     own = {&idle};
@@ -201,13 +204,13 @@ TEST_F(ZebDataBlockManagerGarbageReports, ASizeFoundForTheHostIsNotReported)
     EXPECT_EQ(CollectionInside::sizeFound(idle), fileSize(fileOf(reference)));
     own = before;
     EXPECT_TRUE(updates.waitFor(fileSize(fileOf(reference))));
-    EXPECT_THAT(updates.sizes(), SizeIs(1)) << "that was the store's own collector";
+    EXPECT_THAT(updates.sizes(), SizeIs(1)) << "reported by the store's own collector";
 }
 
 // The size
 
-TEST_F(ZebDataBlockManagerGarbageReportsThreeRoots,
-       TheHostHearsOfTheSizeOfAllRootsWheneverItChanges)
+TEST_F(ZebDataBlockManagerGarbageCollectionReportsThreeRoots,
+       EveryChangeOfTheSizeOfAllRootsIsSignalled)
 {
     const Updates updates;
     std::vector<ZebDataReference> references;
@@ -223,7 +226,7 @@ TEST_F(ZebDataBlockManagerGarbageReportsThreeRoots,
     EXPECT_EQ(manager().currentCacheSizeInBytes(), sizeOnDisk(references));
 }
 
-TEST_F(ZebDataBlockManagerGarbageReports, APassThatFindsTheSameSizeTellsNothing)
+TEST_F(ZebDataBlockManagerGarbageCollectionReports, APassThatFindsTheSameSizeSignalsNothing)
 {
     const ZebDataReference reference = add(s_Block, 1);
     manager().flush(true);
@@ -235,7 +238,8 @@ TEST_F(ZebDataBlockManagerGarbageReports, APassThatFindsTheSameSizeTellsNothing)
     EXPECT_THAT(updates.sizes(), SizeIs(1));
 }
 
-TEST_F(ZebDataBlockManagerGarbageReports, WithTheCollectionOffTheNextFreedBlockBringsTheSizeTo0)
+TEST_F(ZebDataBlockManagerGarbageCollectionReports,
+       WithTheCollectionOffTheNextFreedBlockSetsTheSizeTo0)
 {
     const ZebDataReference reference = add(s_Block, 1);
     manager().flush(true);
@@ -251,7 +255,7 @@ TEST_F(ZebDataBlockManagerGarbageReports, WithTheCollectionOffTheNextFreedBlockB
     EXPECT_TRUE(QFile::exists(fileOf(reference)));
 }
 
-TEST_F(ZebDataBlockManagerGarbageReports, CleaningUpEndsWithASizeOf0)
+TEST_F(ZebDataBlockManagerGarbageCollectionReports, CleaningUpEndsWithASizeOf0)
 {
     const ZebDataReference reference = add(s_Block, 1);
     manager().flush(true);
@@ -263,12 +267,13 @@ TEST_F(ZebDataBlockManagerGarbageReports, CleaningUpEndsWithASizeOf0)
     EXPECT_EQ(manager().currentCacheSizeInBytes(), 0);
 }
 
-TEST_F(ZebDataBlockManagerGarbageReports, AReportReplacesTheOneBeforeAndIsToldUnderARecursiveMutex)
+TEST_F(ZebDataBlockManagerGarbageCollectionReports,
+       AReportReplacesTheOneBeforeAndIsSignalledUnderARecursiveMutex)
 {
     ZebGarbageCollectorThread one("/nowhere", 1, nullptr);
     ZebGarbageCollectorThread two("/nowhere", 1, nullptr);
     const auto record = [](ZebGarbageCollectorThread& collector, qint64 size) {
-        (manager().*privateMember(CacheSizeRecordTag()))(&collector, size);
+        StoreInside::recordCacheSize(&collector, size);
     };
     std::vector<qint64> asked;
     const Updates updates;
@@ -285,7 +290,7 @@ TEST_F(ZebDataBlockManagerGarbageReports, AReportReplacesTheOneBeforeAndIsToldUn
 
 // The host's interface
 
-TEST(ZebDataBlockManagerProgressReporter, ItsOperationsStandInTheirOrder)
+TEST(ZebDataBlockManagerProgressReporter, ItsVirtualFunctionsKeepTheirOrder)
 {
     class Host : public ZebDataBlockManager::ProgressReporter
     {

@@ -1,11 +1,17 @@
+// What setup() and the setters take, what they log, and what works without a store.
+
 #include "manager/ZebDataBlockManager.h"
 
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "hash/ZebDataHash.h"
-#include "manager/SettingsKit.h"
+#include "support/BlockedThread.h"
+#include "support/DeleteLockProbe.h"
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
+#include "support/ResidencyKit.h"
+#include "support/SettingsKit.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 
 #include <QDir>
@@ -17,25 +23,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <limits>
-#include <thread>
 #include <vector>
-
-ZEBTDX_ACCESS(DeleteMutexTag, ZebDataBlockManager, ZebTdxMutex ZebDataBlockManager::*,
-              m_DeleteMutex)
-ZEBTDX_ACCESS(MakeBlockLiveTag, ZebDataBlockManager,
-              void (ZebDataBlockManager::*)(ZebDataHash*, ZebDataBlock*), makeBlockLive)
-ZEBTDX_ACCESS(GetDataBlockTag, ZebDataBlockManager,
-              ZebDataBlock* (ZebDataBlockManager::*)(ZebDataHash*), getDataBlock)
-ZEBTDX_ACCESS(LockBlockTag, ZebDataBlockManager, void (ZebDataBlockManager::*)(ZebDataHash*),
-              lockBlock)
-ZEBTDX_ACCESS(UnlockBlockTag, ZebDataBlockManager, void (ZebDataBlockManager::*)(ZebDataHash*),
-              unlockBlock)
-ZEBTDX_ACCESS(BlockUsedTag, ZebDataBlockManager, void (ZebDataBlockManager::*)(ZebDataHash*),
-              blockUsed)
-ZEBTDX_ACCESS(FreeBlockTag, ZebDataBlockManager,
-              void (ZebDataBlockManager::*)(ZebDataHash*, bool, bool), freeBlock)
 
 namespace {
 
@@ -57,14 +46,14 @@ QStringList noVirtualMemoryLines()
     };
 }
 
-// The store tells its defaults when it is built, which is not what a test of its own process asks.
+// Builds the store, which logs its defaults, outside of what a test listens to.
 void buildQuietly()
 {
     const MessageCapture quiet;
     manager();
 }
 
-// A hash that nobody interns, for operations that end the process before they look at it.
+// A hash that is not interned, for operations that end the process before they look at it.
 ZebDataHash plainHash()
 {
     return ZebDataHash("bytes", ZebDataHash::Hash512);
@@ -98,7 +87,7 @@ TEST(ZebDataBlockManagerSettings, SetUpWithoutRootsSucceeds)
     manager().cleanUp();
 }
 
-TEST(ZebDataBlockManagerSettings, SetUpTakesAnyNumbersAsTheyStand)
+TEST(ZebDataBlockManagerSettings, SetUpTakesAnyNumbers)
 {
     const MessageCapture messages;
     manager().setup({}, -2, -7, -1);
@@ -111,7 +100,7 @@ TEST(ZebDataBlockManagerSettings, SetUpTakesAnyNumbersAsTheyStand)
     manager().cleanUp();
 }
 
-TEST(ZebDataBlockManagerSettings, SetUpWithMinusOneKeepsTheLimitAndTellsNothing)
+TEST(ZebDataBlockManagerSettings, SetUpWithMinusOneKeepsTheLimitAndLogsNothing)
 {
     const KeptSettings kept;
     const Machine machine(100, 1);
@@ -124,7 +113,7 @@ TEST(ZebDataBlockManagerSettings, SetUpWithMinusOneKeepsTheLimitAndTellsNothing)
     manager().cleanUp();
 }
 
-TEST(ZebDataBlockManagerSettings, SetUpTellsNothingOfVirtualMemoryThatIsThere)
+TEST(ZebDataBlockManagerSettings, SetUpLogsNothingAboutExistingVirtualMemory)
 {
     buildQuietly();
     const Machine machine(100, 1);
@@ -134,7 +123,7 @@ TEST(ZebDataBlockManagerSettings, SetUpTellsNothingOfVirtualMemoryThatIsThere)
     manager().cleanUp();
 }
 
-TEST(ZebDataBlockManagerSettings, SetUpWarnsOfMissingVirtualMemoryBeforeAllElse)
+TEST(ZebDataBlockManagerSettings, SetUpWarnsOfMissingVirtualMemoryFirst)
 {
     buildQuietly();
     const Machine machine(100, 0);
@@ -147,7 +136,7 @@ TEST(ZebDataBlockManagerSettings, SetUpWarnsOfMissingVirtualMemoryBeforeAllElse)
     manager().cleanUp();
 }
 
-TEST(ZebDataBlockManagerSettings, SetUpMakesMissingRootsWithTheirParents)
+TEST(ZebDataBlockManagerSettings, SetUpCreatesMissingRootsWithTheirParents)
 {
     const MessageCapture messages;
     const QTemporaryDir directory;
@@ -156,13 +145,13 @@ TEST(ZebDataBlockManagerSettings, SetUpMakesMissingRootsWithTheirParents)
     manager().setup(roots, 1000);
     for (const QString& root : roots)
         EXPECT_TRUE(QDir(root).exists()) << root.toStdString();
-    // As they were given, not as they are spelled best.
+    // As given, not normalised.
     EXPECT_EQ(manager().cacheRoots(), roots);
     EXPECT_TRUE(QDir(roots.at(0)).isEmpty());
     manager().cleanUp();
 }
 
-TEST(ZebDataBlockManagerSettings, ARelativeRootIsMadeBelowTheCurrentDirectory)
+TEST(ZebDataBlockManagerSettings, ARelativeRootIsCreatedBelowTheCurrentDirectory)
 {
     const MessageCapture messages;
     const QTemporaryDir directory;
@@ -175,7 +164,7 @@ TEST(ZebDataBlockManagerSettings, ARelativeRootIsMadeBelowTheCurrentDirectory)
     manager().cleanUp();
 }
 
-TEST(ZebDataBlockManagerSettings, ARootThatExistsIsNotExamined)
+TEST(ZebDataBlockManagerSettings, AnExistingRootIsNotExamined)
 {
     const MessageCapture messages;
     const QTemporaryDir directory;
@@ -188,7 +177,7 @@ TEST(ZebDataBlockManagerSettings, ARootThatExistsIsNotExamined)
     QFile::setPermissions(directory.path(), readOnly | QFile::WriteOwner);
 }
 
-TEST(ZebDataBlockManagerSettings, ARootThatCannotBeMadeEndsTheProcess)
+TEST(ZebDataBlockManagerSettings, ARootThatCannotBeCreatedEndsTheProcess)
 {
     EXPECT_FATAL(manager().setup({line("/dev/null/cache/root")}, 1000),
                  "Cannot Create cache root at /dev/null/cache/root");
@@ -209,7 +198,7 @@ TEST(ZebDataBlockManagerSettings, ARootThatIsAFileEndsTheProcess)
 
 TEST(ZebDataBlockManagerSettings, SetUpTwiceEndsTheProcess)
 {
-    // Found out first of all: the root would end the process with other words.
+    // Checked first: the root would end the process with another message.
     EXPECT_FATAL(
         {
             manager().setup({}, 1000);
@@ -267,17 +256,19 @@ TEST(ZebDataBlockManagerSettings, TheWritePendingLimitFollowsLimitAndFactor)
     for (const Row& row : rows) {
         manager().setMaxWritePendingSizeFactor(row.m_Factor);
         manager().setMaxDataCacheSize(row.m_Limit);
-        EXPECT_EQ(writePendingLimit(), row.m_Pending) << row.m_Limit << " * " << row.m_Factor;
+        EXPECT_EQ(StoreInside::writePendingLimit(), row.m_Pending)
+            << row.m_Limit << " * " << row.m_Factor;
         EXPECT_EQ(manager().maxDataCacheSize(), row.m_Limit);
         EXPECT_EQ(manager().maxWritePendingSizeFactor(), row.m_Factor);
         // The other order of the two setters ends the same.
         manager().setMaxWritePendingSizeFactor(0.125F);
         manager().setMaxWritePendingSizeFactor(row.m_Factor);
-        EXPECT_EQ(writePendingLimit(), row.m_Pending) << row.m_Limit << " * " << row.m_Factor;
+        EXPECT_EQ(StoreInside::writePendingLimit(), row.m_Pending)
+            << row.m_Limit << " * " << row.m_Factor;
     }
 }
 
-TEST(ZebDataBlockManagerSettings, SettersOfLimitAndFactorTellBothLimits)
+TEST(ZebDataBlockManagerSettings, SettersOfLimitAndFactorLogBothLimits)
 {
     const KeptSettings kept;
     manager().setMaxWritePendingSizeFactor(0.5F);
@@ -294,10 +285,10 @@ TEST(ZebDataBlockManagerSettings, SettersOfLimitAndFactorTellBothLimits)
         EXPECT_FALSE(message.m_HasContext);
 }
 
-TEST(ZebDataBlockManagerSettings, TheSetterOfTheTargetTellsIt)
+TEST(ZebDataBlockManagerSettings, TheSetterOfTheTargetLogsIt)
 {
     const KeptSettings kept;
-    const qint64 pending = writePendingLimit();
+    const qint64 pending = StoreInside::writePendingLimit();
     const MessageCapture messages;
     manager().setTargetFreeMemorySize(1048575);
     EXPECT_EQ(manager().targetFreeMemorySize(), 1048575);
@@ -305,7 +296,7 @@ TEST(ZebDataBlockManagerSettings, TheSetterOfTheTargetTellsIt)
     EXPECT_EQ(manager().targetFreeMemorySize(), -1048577);
     EXPECT_EQ(messages.debugLines(),
               QStringList({targetLine(1048575, 0), targetLine(-1048577, -1)}));
-    EXPECT_EQ(writePendingLimit(), pending);
+    EXPECT_EQ(StoreInside::writePendingLimit(), pending);
 }
 
 TEST(ZebDataBlockManagerSettings, ALowerLimitEvictsNothingByItself)
@@ -318,47 +309,38 @@ TEST(ZebDataBlockManagerSettings, ALowerLimitEvictsNothingByItself)
     EXPECT_TRUE(reference.isInMemory());
 }
 
-TEST(ZebDataBlockManagerSettings, SettingTheFlagTellsEachChangeOnce)
+TEST(ZebDataBlockManagerSettings, SettingTheFlagSignalsEachChangeOnce)
 {
     const MessageCapture messages;
-    std::vector<bool> told;
+    std::vector<bool> signalled;
     QObject context;
     QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
-                     [&told](bool flushed) {
-                         // The new value is there when it is told.
+                     [&signalled](bool flushed) {
+                         // The new value is set when the signal is emitted.
                          EXPECT_EQ(manager().allFreeBlocksFlushed(), flushed);
-                         told.push_back(flushed);
+                         signalled.push_back(flushed);
                      });
     EXPECT_FALSE(manager().allFreeBlocksFlushed());
     manager().setAllFreeBlocksFlushed(false);
     manager().setAllFreeBlocksFlushed(true);
     manager().setAllFreeBlocksFlushed(true);
     manager().setAllFreeBlocksFlushed(false);
-    EXPECT_EQ(told, std::vector<bool>({true, false}));
+    EXPECT_EQ(signalled, std::vector<bool>({true, false}));
 }
 
 TEST(ZebDataBlockManagerSettings, TheFlagIsReadAndSetWithoutTheDeleteLock)
 {
     const MessageCapture messages;
-    ZebTdxMutex& lock = manager().*privateMember(DeleteMutexTag());
-    lock.lock();
-    std::thread([] {
+    EXPECT_FALSE(waitsForLock(StoreInside::deleteLock(), [] {
         manager().setAllFreeBlocksFlushed(true);
         EXPECT_TRUE(manager().allFreeBlocksFlushed());
-    }).join();
-    lock.unlock();
+    }));
 
-    // Nor is it held while the change is told.
+    // Nor is it held while the signal is emitted.
     QObject context;
     bool free = false;
     QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
-                     [&](bool) {
-                         std::thread([&] {
-                             free = lock.tryLock();
-                             if (free)
-                                 lock.unlock();
-                         }).join();
-                     });
+                     [&](bool) { free = deleteLockIsFree(); });
     manager().setAllFreeBlocksFlushed(false);
     EXPECT_TRUE(free);
 }
@@ -425,8 +407,7 @@ TEST(ZebDataBlockManagerSettings, AdmissionNeedsAStoreThatIsSetUp)
         for (const bool immediate : {false, true}) {
             EXPECT_FATAL(manager().addBlock("bytes", caching, immediate), s_NotInitialized);
             // Also for no block at all, which is legal otherwise.
-            EXPECT_FATAL((manager().*privateMember(AddBlockTag()))(nullptr, caching, immediate),
-                         s_NotInitialized);
+            EXPECT_FATAL(StoreInside::addBlock(nullptr, caching, immediate), s_NotInitialized);
         }
     }
     EXPECT_FATAL(manager().getReference(nullptr), s_NotInitialized);
@@ -436,18 +417,15 @@ TEST(ZebDataBlockManagerSettings, AdmissionNeedsAStoreThatIsSetUp)
 
 TEST(ZebDataBlockManagerSettings, ResidencyNeedsAStoreThatIsSetUp)
 {
-    EXPECT_FATAL((manager().*privateMember(MakeBlockLiveTag()))(nullptr, nullptr),
-                 s_NotInitialized);
-    EXPECT_FATAL((manager().*privateMember(GetDataBlockTag()))(nullptr), s_NotInitialized);
+    EXPECT_FATAL(ResidencyKit::makeBlockLive(nullptr, nullptr), s_NotInitialized);
+    EXPECT_FATAL(ResidencyKit::getDataBlock(nullptr), s_NotInitialized);
     EXPECT_FATAL(manager().blockSize(nullptr), s_NotInitialized);
-    using Operation = void (ZebDataBlockManager::*)(ZebDataHash*);
-    const Operation operations[] = {privateMember(LockBlockTag()), privateMember(UnlockBlockTag()),
-                                    privateMember(BlockUsedTag())};
-    for (const Operation operation : operations) {
+    for (const auto operation :
+         {&ResidencyKit::lockBlock, &ResidencyKit::unlockBlock, &ResidencyKit::blockUsed}) {
         EXPECT_FATAL(
             {
                 ZebDataHash hash = plainHash();
-                (manager().*operation)(&hash);
+                operation(&hash);
             },
             s_NotInitialized);
     }
@@ -485,7 +463,7 @@ TEST(ZebDataBlockManagerSettings, FreeingABlockReturnsSilentlyWhenNothingIsSetUp
     const MessageCapture messages;
     ASSERT_FALSE(manager().isInitialized());
     ZebDataHash hash = plainHash();
-    (manager().*privateMember(FreeBlockTag()))(&hash, true, false);
+    StoreInside::freeBlock(&hash, true, false);
     EXPECT_TRUE(messages.messages().isEmpty());
 }
 

@@ -1,5 +1,5 @@
-// Switching the collection on and off for ever, beside threads that add, drop and ask: nothing
-// waits for ever, and no file of a live content is lost.
+// Switching the collection on and off again and again, while other threads add, drop and query
+// blocks: no thread hangs, and no file of a live hash is removed.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -28,19 +28,19 @@ constexpr quint32 s_Contents = 400;
 constexpr quint32 s_KeptContents = 20;
 constexpr unsigned s_MaxDelayUs = 2000;
 
-class GarbageCollectionStress : public CollectedStore
+class ZebDataBlockManagerGarbageCollectionStress : public CollectedStore
 {
 protected:
-    GarbageCollectionStress() : CollectedStore(s_Roots) {}
+    ZebDataBlockManagerGarbageCollectionStress() : CollectedStore(s_Roots) {}
 
     static void delay(std::mt19937& random)
     {
-        // Half of the time not at all, so that the moments right behind each other are met, too.
+        // Half of the time not at all, so that operations also follow each other at once.
         if (random() % 2 == 0)
             QThread::usleep(random() % s_MaxDelayUs);
     }
 
-    // Adds and drops contents, so that gates open and files come and go.
+    // Adds and drops blocks, so that gates open and files are written and removed.
     static void work(const std::atomic<bool>& isOver, unsigned seed)
     {
         std::mt19937 random(seed);
@@ -53,8 +53,7 @@ protected:
         }
     }
 
-    // Ends the process when the rounds do not end in time: a thread that waits for ever can't be
-    // joined.
+    // Ends the process when the rounds do not end in time: a thread that hangs can't be joined.
     static void expectEnd(const std::atomic<int>& rounds, int wanted, int deadlineMs)
     {
         if (waitUntil([&] { return rounds >= wanted; }, deadlineMs))
@@ -92,7 +91,7 @@ protected:
                 dropped = ZebDataReference();
                 delay(random);
                 manager().stopGarbageCollection();
-                EXPECT_EQ(CollectionInside::passesRunning(), 0);
+                EXPECT_EQ(StoreInside::passesRunning(), 0);
                 ++rounds;
             }
         });
@@ -108,7 +107,7 @@ protected:
         for (quint32 i = 0; i < s_KeptContents; ++i)
             EXPECT_TRUE(holdsTestBytes(kept.at(i), s_Block, i));
 
-        // What all this has left behind goes in the end.
+        // A last pass removes the orphaned files of all this.
         manager().startGarbageCollection();
         waitForPass();
         EXPECT_EQ(blockFileNames().size(), static_cast<int>(s_KeptContents));
@@ -121,13 +120,13 @@ protected:
 
 } // namespace
 
-TEST_F(GarbageCollectionStress, EveryRoundOfStartAddDropAndStopEnds)
+TEST_F(ZebDataBlockManagerGarbageCollectionStress, EveryRoundOfStartAddDropAndStopEnds)
 {
     run(s_Rounds);
 }
 
-// For a run by hand: --gtest_also_run_disabled_tests --gtest_filter=*TenThousand*
-TEST_F(GarbageCollectionStress, DISABLED_TheSameInTenThousandRounds)
+// scripts/soak.sh runs it.
+TEST_F(ZebDataBlockManagerGarbageCollectionStress, DISABLED_TheSameInTenThousandRounds)
 {
     run(s_LongRounds);
 }

@@ -1,4 +1,4 @@
-// When the store makes room, and for how much: the figures it looks at and their boundaries.
+// When the store evicts, and how much: the figures it compares and their boundaries.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr quint64 s_NinetyPercent = 943718;
 
-class ZebDataBlockManagerPressure : public PressuredStore
+class ZebDataBlockManagerEvictionLimits : public PressuredStore
 {};
 
 // Runs in a process of its own. Returns 0 when all is well.
@@ -40,12 +40,12 @@ int lookAtFirstRequest()
 
 // When free memory is measured
 
-TEST(ZebDataBlockManagerFirstRequest, MeasuresFreeMemoryWhateverItAsksAndTheSumStartsAtZero)
+TEST(ZebDataBlockManagerEvictionFirstRequest, AlwaysMeasuresFreeMemoryAndTheSumStartsAtZero)
 {
     EXPECT_EXIT(std::exit(lookAtFirstRequest()), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(ZebDataBlockManagerPressure, FreeMemoryIsMeasuredOnceFor128MegabytesRequested)
+TEST_F(ZebDataBlockManagerEvictionLimits, FreeMemoryIsMeasuredOnceFor128MegabytesRequested)
 {
     EXPECT_EQ(measuresOfRequest(1), 1);
     EXPECT_EQ(measuresOfRequest(s_Interval - 1), 0);
@@ -55,7 +55,7 @@ TEST_F(ZebDataBlockManagerPressure, FreeMemoryIsMeasuredOnceFor128MegabytesReque
     EXPECT_EQ(measuresOfRequest(s_Interval / 2), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, AdmissionsAndNewBlocksCountAsRequests)
+TEST_F(ZebDataBlockManagerEvictionLimits, AdmissionsAndNewBlocksCountAsRequests)
 {
     EXPECT_EQ(measuresOfRequest(1), 1);
     EXPECT_EQ(measuresOfRequest(s_Interval - 3 * s_Block), 0);
@@ -64,7 +64,7 @@ TEST_F(ZebDataBlockManagerPressure, AdmissionsAndNewBlocksCountAsRequests)
     EXPECT_EQ(measuresOf([] { manager().createNewBlock(QByteArray(s_Block, 'x')); }), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, ADuplicateRequestsNothing)
+TEST_F(ZebDataBlockManagerEvictionLimits, ADuplicateRequestsNothing)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     add(s_Block);
@@ -74,7 +74,7 @@ TEST_F(ZebDataBlockManagerPressure, ADuplicateRequestsNothing)
     EXPECT_EQ(measuresOfRequest(1), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, TheSumOfRequestsWrapsAndIsDividedTowardZero)
+TEST_F(ZebDataBlockManagerEvictionLimits, TheSumOfRequestsWrapsAndIsDividedTowardZero)
 {
     // The sum stands at 5 intervals less a byte.
     makeRoom(11 * s_Interval);
@@ -92,7 +92,7 @@ TEST_F(ZebDataBlockManagerPressure, TheSumOfRequestsWrapsAndIsDividedTowardZero)
     EXPECT_EQ(measuresOfRequest(1), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, OfALargeRequestTheLow32BitsCount)
+TEST_F(ZebDataBlockManagerEvictionLimits, OnlyTheLow32BitsOfALargeRequestCount)
 {
     makeRoom(1);
     makeRoom((quint64(3) << 32) + s_Interval - 2);
@@ -100,7 +100,7 @@ TEST_F(ZebDataBlockManagerPressure, OfALargeRequestTheLow32BitsCount)
     EXPECT_EQ(measuresOfRequest(1), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, ARequestOf128MegabytesIsMeasuredWhereverTheSumStands)
+TEST_F(ZebDataBlockManagerEvictionLimits, ARequestOf128MegabytesIsMeasuredWhereverTheSumStands)
 {
     makeRoom(1);
     EXPECT_EQ(measuresOfRequest(quint64(1) << 32), 1) << "leaves the sum where it is";
@@ -111,7 +111,7 @@ TEST_F(ZebDataBlockManagerPressure, ARequestOf128MegabytesIsMeasuredWhereverTheS
     EXPECT_EQ(measuresOfRequest(s_Interval), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, ARequestWithoutWritingIsCountedButNotMeasured)
+TEST_F(ZebDataBlockManagerEvictionLimits, ARequestWithoutWritingIsCountedButNotMeasured)
 {
     EXPECT_EQ(measuresOfRequest(1), 1);
     EXPECT_EQ(measuresOf([] { makeRoom(3 * s_Interval, false); }), 0);
@@ -119,7 +119,7 @@ TEST_F(ZebDataBlockManagerPressure, ARequestWithoutWritingIsCountedButNotMeasure
     EXPECT_EQ(measuresOfRequest(1), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, AfterAnEvictionTheNextRequestIsMeasured)
+TEST_F(ZebDataBlockManagerEvictionLimits, AfterAnEvictionTheNextRequestIsMeasured)
 {
     addBlocks(1);
     EXPECT_TRUE(makeRoom(s_Limit));
@@ -128,7 +128,7 @@ TEST_F(ZebDataBlockManagerPressure, AfterAnEvictionTheNextRequestIsMeasured)
     EXPECT_EQ(measuresOfRequest(1), 0);
 }
 
-TEST_F(ZebDataBlockManagerPressure, ALackOfMemoryGoesUnseenUntilTheNextMeasure)
+TEST_F(ZebDataBlockManagerEvictionLimits, ALackOfMemoryGoesUnseenUntilTheNextMeasure)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     addBlocks(1);
@@ -141,7 +141,7 @@ TEST_F(ZebDataBlockManagerPressure, ALackOfMemoryGoesUnseenUntilTheNextMeasure)
     EXPECT_EQ(manager().liveBlocks(), 0);
 }
 
-TEST_F(ZebDataBlockManagerPressure, APastLackOfMemoryIsBelievedUntilTheNextMeasure)
+TEST_F(ZebDataBlockManagerEvictionLimits, APastLackOfMemoryCountsUntilTheNextMeasure)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     makeRoom(1);
@@ -149,16 +149,17 @@ TEST_F(ZebDataBlockManagerPressure, APastLackOfMemoryIsBelievedUntilTheNextMeasu
     EXPECT_FALSE(makeRoom(s_Interval));
     m_Memory.setFree(FakeMemory::s_Plenty);
     addBlocks(1);
-    EXPECT_EQ(manager().liveBlocks(), 1) << "nothing could go before it";
+    EXPECT_EQ(manager().liveBlocks(), 1) << "nothing could be evicted before it";
     addBlocks(1);
-    EXPECT_EQ(manager().liveBlocks(), 1) << "the first one went, and that has the next measured";
+    EXPECT_EQ(manager().liveBlocks(), 1)
+        << "the first one was evicted, so the next request measures";
     addBlocks(5);
     EXPECT_EQ(manager().liveBlocks(), 6);
 }
 
 // The boundaries
 
-TEST_F(ZebDataBlockManagerPressure, NothingGoesWhileTheTotalStaysUnderTheLimit)
+TEST_F(ZebDataBlockManagerEvictionLimits, NothingIsEvictedWhileTheTotalStaysUnderTheLimit)
 {
     addBlocks(1);
     EXPECT_FALSE(makeRoom(s_Limit - s_Block - 1));
@@ -167,7 +168,7 @@ TEST_F(ZebDataBlockManagerPressure, NothingGoesWhileTheTotalStaysUnderTheLimit)
     EXPECT_EQ(manager().liveBlocks(), 0);
 }
 
-TEST_F(ZebDataBlockManagerPressure, EvictionStopsAtNinetyPercentToTheByte)
+TEST_F(ZebDataBlockManagerEvictionLimits, EvictionStopsAtNinetyPercentToTheByte)
 {
     addBlocks(3);
     const quint64 room = s_NinetyPercent - 2 * s_Block;
@@ -181,7 +182,7 @@ TEST_F(ZebDataBlockManagerPressure, EvictionStopsAtNinetyPercentToTheByte)
     EXPECT_EQ(manager().liveBlocks(), 0);
 }
 
-TEST_F(ZebDataBlockManagerPressure, FortyBlocksOf2AndAHalfMegabytesGiveWayTo36)
+TEST_F(ZebDataBlockManagerEvictionLimits, FortyBlocksOf2AndAHalfMegabytesAreEvictedDownTo36)
 {
     constexpr int size = 5 * static_cast<int>(s_Megabyte) / 2;
     manager().setMaxDataCacheSize(200 * s_Megabyte);
@@ -195,7 +196,7 @@ TEST_F(ZebDataBlockManagerPressure, FortyBlocksOf2AndAHalfMegabytesGiveWayTo36)
     EXPECT_EQ(manager().liveBlocks(), 36);
 }
 
-TEST_F(ZebDataBlockManagerPressure, AFullStoreStaysAtNinetyPercentAndEvictsWithEachAdmission)
+TEST_F(ZebDataBlockManagerEvictionLimits, AFullStoreStaysAtNinetyPercentAndEvictsWithEachAdmission)
 {
     constexpr int size = 10240;
     for (int i = 0; i < 102; ++i)
@@ -207,7 +208,7 @@ TEST_F(ZebDataBlockManagerPressure, AFullStoreStaysAtNinetyPercentAndEvictsWithE
     }
 }
 
-TEST_F(ZebDataBlockManagerPressure, FreeMemoryMustReachTheTargetAndTheRequest)
+TEST_F(ZebDataBlockManagerEvictionLimits, FreeMemoryMustReachTheTargetAndTheRequest)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     addBlocks(2);
@@ -218,7 +219,7 @@ TEST_F(ZebDataBlockManagerPressure, FreeMemoryMustReachTheTargetAndTheRequest)
     EXPECT_EQ(manager().liveBlocks(), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, TheFastCheckWantsMoreThanTheTarget)
+TEST_F(ZebDataBlockManagerEvictionLimits, TheFastCheckRequiresMoreThanTheTarget)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     addBlocks(17);
@@ -231,7 +232,7 @@ TEST_F(ZebDataBlockManagerPressure, TheFastCheckWantsMoreThanTheTarget)
     EXPECT_FALSE(manager().allFreeBlocksFlushed());
 }
 
-TEST_F(ZebDataBlockManagerPressure, WhatGoesCountsAsFreeAtOnce)
+TEST_F(ZebDataBlockManagerEvictionLimits, EvictedBytesCountAsFreeAtOnce)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     addBlocks(5);
@@ -240,7 +241,7 @@ TEST_F(ZebDataBlockManagerPressure, WhatGoesCountsAsFreeAtOnce)
     EXPECT_EQ(manager().liveBlocks(), 2) << "three blocks make up for the request";
 }
 
-TEST_F(ZebDataBlockManagerPressure, WhatWentIsNotRememberedAsFree)
+TEST_F(ZebDataBlockManagerEvictionLimits, EvictedBytesDoNotCountAsFreeForTheNextRequest)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     addBlocks(3);
@@ -252,7 +253,7 @@ TEST_F(ZebDataBlockManagerPressure, WhatWentIsNotRememberedAsFree)
     EXPECT_EQ(manager().liveBlocks(), 1);
 }
 
-TEST_F(ZebDataBlockManagerPressure, ABlockIsAdmittedOverTheTargetWhenNothingMoreCanGo)
+TEST_F(ZebDataBlockManagerEvictionLimits, ABlockIsAdmittedOverTheTargetWhenNothingCanBeEvicted)
 {
     m_Memory.setFree(0);
     addBlocks(1);
@@ -263,7 +264,7 @@ TEST_F(ZebDataBlockManagerPressure, ABlockIsAdmittedOverTheTargetWhenNothingMore
     EXPECT_TRUE(holdsTestBytes(m_References.front(), s_Block, 1)) << "back from disk";
 }
 
-TEST_F(ZebDataBlockManagerPressure, MakingANewBlockMakesRoomBeforeItCountsAnywhere)
+TEST_F(ZebDataBlockManagerEvictionLimits, CreatingANewBlockMakesRoomBeforeItIsCounted)
 {
     addBlocks(2);
     {

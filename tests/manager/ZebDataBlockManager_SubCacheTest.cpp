@@ -3,10 +3,13 @@
 #include "manager/ZebDataBlockManager.h"
 
 #include "support/BlockFiles.h"
-#include "support/CollectedStore.h"
+#include "support/BlockedThread.h"
 #include "support/FakeMemory.h"
 #include "support/Fatal.h"
 #include "support/HeldWriter.h"
+#include "support/Manager.h"
+#include "support/RecordedSleeps.h"
+#include "support/SequencePoints.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
@@ -17,26 +20,18 @@
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
+#include <QThread>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
-#include <memory>
 #include <string>
 #include <thread>
-
-ZEBTDX_ACCESS(CollectingTag, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
-              m_GarbageCollecting)
-
-using StoreInside::manager;
 
 namespace {
 
 constexpr int s_Block = 1000;
 constexpr int s_Roots = 3;
-constexpr int s_HeldOffMs = 100;
 
 const char* const s_NotInitialized = "Data Block Manager Not Initialized. Aborting";
 
@@ -77,7 +72,7 @@ QStringList namesInUse()
         names.append(reader->subCache());
     for (const ZebDataBlockWriteThread* const writer : StoreInside::writers())
         names.append(writer->subCache());
-    for (const ZebGarbageCollectorThread* const collector : CollectionInside::collectors())
+    for (const ZebGarbageCollectorThread* const collector : StoreInside::collectors())
         names.append(collector->subCache());
     names.removeDuplicates();
     return names;
@@ -96,8 +91,8 @@ std::string printedBy(Action action)
 class Collecting
 {
 public:
-    Collecting() { manager().*privateMember(CollectingTag()) = true; }
-    ~Collecting() { manager().*privateMember(CollectingTag()) = false; }
+    Collecting() { StoreInside::collecting() = true; }
+    ~Collecting() { StoreInside::collecting() = false; }
     Collecting(const Collecting&) = delete;
     Collecting& operator=(const Collecting&) = delete;
 };
@@ -136,7 +131,7 @@ TEST_F(ZebDataBlockManagerSubCache, EveryThreadOfEveryRootFollows)
     EXPECT_EQ(namesInUse(), QStringList("Test2"));
 }
 
-TEST_F(ZebDataBlockManagerSubCache, EachRepeatIsToldOnStandardOutputAndChangesNothing)
+TEST_F(ZebDataBlockManagerSubCache, EachRepeatIsPrintedOnStandardOutputAndChangesNothing)
 {
     EXPECT_EQ(printedBy([] { manager().setSubCache("Test1"); }), "");
     const QList<MessageCapture::Message> before = m_Store.messages().messages();
@@ -159,7 +154,7 @@ TEST_F(ZebDataBlockManagerSubCache, TheEmptyNameRightAfterSetupCountsAsARepeat)
 TEST_F(ZebDataBlockManagerSubCache, ARepeatWaitsForNoThread)
 {
     const HeldWriter held;
-    // With the writer held still, a flush would never end.
+    // With the writer held, a flush would never return.
     EXPECT_EQ(printedBy([] { manager().setSubCache(""); }), "Subcache Set to  twice\n");
 }
 
@@ -174,12 +169,12 @@ TEST(ZebDataBlockManagerSubCacheOfNoStore, ANewNameNeedsTheStore)
     EXPECT_FATAL(manager().setSubCache("Test1"), s_NotInitialized);
 }
 
-TEST_F(ZebDataBlockManagerSubCache, NothingAtAllHappensDuringCollection)
+TEST_F(ZebDataBlockManagerSubCache, NothingHappensDuringCollection)
 {
     manager().setSubCache("Test1");
     const Collecting collecting;
     const int before = m_Store.messages().messages().size();
-    // The repeat is silent as well: the collection is looked at first.
+    // The repeat is silent as well: the collection is checked first.
     EXPECT_EQ(printedBy([] {
                   manager().setSubCache("Test2");
                   manager().setSubCache("Test1");
@@ -190,7 +185,7 @@ TEST_F(ZebDataBlockManagerSubCache, NothingAtAllHappensDuringCollection)
     EXPECT_EQ(m_Store.messages().messages().size(), before);
 }
 
-TEST(ZebDataBlockManagerSubCacheOfNoStore, CollectionComesBeforeTheStoreIsAskedFor)
+TEST(ZebDataBlockManagerSubCacheOfNoStore, TheCollectionIsCheckedBeforeTheStore)
 {
     const MessageCapture messages;
     const Collecting collecting;
@@ -207,9 +202,9 @@ TEST_F(ZebDataBlockManagerSubCache, CleanUpEmptiesTheName)
     EXPECT_EQ(namesInUse(), QStringList("")) << "new threads start with no name";
 }
 
-// What is under way
+// Queued work
 
-TEST_F(ZebDataBlockManagerSubCache, WhatIsQueuedEndsUnderTheOldName)
+TEST_F(ZebDataBlockManagerSubCache, QueuedWritesEndUnderTheOldName)
 {
     manager().setSubCache("Test1");
     const ZebDataReference reference = add(1);
@@ -221,20 +216,26 @@ TEST_F(ZebDataBlockManagerSubCache, WhatIsQueuedEndsUnderTheOldName)
 TEST_F(ZebDataBlockManagerSubCache, WaitsForTheThreadsWithoutTheDeleteLock)
 {
     HeldWriter held;
-    std::future<void> call = std::async(std::launch::async, [] { manager().setSubCache("Test1"); });
-    const auto isReady = [&] {
-        return call.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    };
-    EXPECT_FALSE(waitUntil(isReady, s_HeldOffMs));
-    EXPECT_TRUE(StoreInside::deleteLock().tryLock());
+    SequencePoints points;
+    BlockedThread call([&points] {
+        // It sleeps between two looks at the queue.
+        const RecordedSleeps sleeps([&points] {
+            points.reached("waiting");
+            QThread::usleep(100);
+        });
+        manager().setSubCache("Test1");
+    });
+    EXPECT_TRUE(points.wait("waiting", 2));
+    StoreInside::deleteLock().lock();
     EXPECT_EQ(namesInUse(), QStringList(""));
     StoreInside::deleteLock().unlock();
+    EXPECT_FALSE(call.hasEnded());
     held.release();
-    EXPECT_TRUE(waitUntil(isReady));
+    EXPECT_TRUE(call.ends());
     EXPECT_EQ(namesInUse(), QStringList("Test1"));
 }
 
-TEST_F(ZebDataBlockManagerSubCache, WhoHoldsTheDeleteLockSeesAllThreadsOnOneName)
+TEST_F(ZebDataBlockManagerSubCache, UnderTheDeleteLockAllThreadsHaveOneName)
 {
     std::atomic<bool> end{false};
     std::atomic<int> looks{0};
@@ -256,7 +257,7 @@ TEST_F(ZebDataBlockManagerSubCache, WhoHoldsTheDeleteLockSeesAllThreadsOnOneName
 
 // Where blocks are found
 
-TEST_F(ZebDataBlockManagerSubCache, BlocksOfAnotherSubCacheAreOutOfSightUntilItIsSetBack)
+TEST_F(ZebDataBlockManagerSubCache, BlocksOfAnotherSubCacheCannotBeLoadedUntilItIsSetBack)
 {
     manager().setSubCache("Test1");
     const ZebDataReference reference = add(1);
@@ -284,11 +285,10 @@ TEST_F(ZebDataBlockManagerSubCache, ExistsOnlyWithRootsAndUnderTheFirstOne)
     EXPECT_FALSE(manager().subCacheExists(QString()));
 }
 
-TEST_F(ZebDataBlockManagerSubCache, AskingWhetherOneExistsTakesNoLock)
+TEST_F(ZebDataBlockManagerSubCache, TheQueryWhetherOneExistsTakesNoLock)
 {
-    const ZebDataDeleteLocker locker;
-    EXPECT_FALSE(
-        std::async(std::launch::async, [] { return manager().subCacheExists("Test1"); }).get());
+    EXPECT_FALSE(waitsForLock(StoreInside::deleteLock(),
+                              [] { EXPECT_FALSE(manager().subCacheExists("Test1")); }));
 }
 
 // The log
@@ -316,7 +316,7 @@ TEST_F(ZebDataBlockManagerSubCache, ALogThatCannotFollowDoesNotStopTheStore)
     EXPECT_TRUE(m_Store.messages().contains(
         "[ !! ] Subcache Directory does not exist and cannot be created for logging"));
     EXPECT_EQ(namesInUse(), QStringList("Test1"));
-    // The writer of the first root could write nothing there.
+    // The writer of the first root could not write there.
     ASSERT_TRUE(QFile::remove(below(0, "Test1")));
 }
 

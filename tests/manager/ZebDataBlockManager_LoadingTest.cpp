@@ -1,154 +1,50 @@
-// Blocks, references and accessors when the block is on disk only, or comes and goes.
+// How a block that is only on disk is found and loaded, in this run or a later one.
 
 #include "manager/ZebDataBlockManager.h"
 
 #include "hash/ZebHashManager.h"
-#include "support/FakeMemory.h"
-#include "support/Fatal.h"
+#include "support/FilesBelow.h"
+#include "support/Manager.h"
+#include "support/ResidencyKit.h"
+#include "support/SequencePoints.h"
+#include "support/StoreFixture.h"
 #include "support/StoreInside.h"
-#include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
+#include "support/ZebDataDeleteLocker.h"
 
-#include <QDir>
-#include <QDirIterator>
 #include <QFile>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <future>
-#include <memory>
 #include <optional>
-#include <thread>
 #include <vector>
 
-using StoreInside::manager;
+using namespace ResidencyKit;
+using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 namespace {
 
-constexpr int s_Block = 1000;
-constexpr int s_Megabyte = 1048576;
-
-ZebDataReference add(int size, quint32 seed)
-{
-    return manager().addBlock(testBytes(size, seed), ZebModifyAccessor::Cached, true);
-}
-
-qint64 bytesWritten()
-{
-    qint64 written = 0;
-    for (const ZebDataBlockWriteThread* const writer : StoreInside::writers())
-        written += writer->bytesWritten();
-    return written;
-}
-
-class ZebDataBlockManagerDisk : public testing::Test
+class ZebDataBlockManagerLoading : public StoreFixture
 {
 protected:
-    ZebDataBlockManagerDisk() : ZebDataBlockManagerDisk(TemporaryStore::Options()) {}
-    explicit ZebDataBlockManagerDisk(const TemporaryStore::Options& options) : m_Store(options)
-    {
-        manager().flushMemory(true);
-    }
-
-    static void toDisk()
-    {
-        manager().flush(true, ZebDataBlockManager::AllThreads);
-        manager().freeAllBlocks();
-    }
-
-    QStringList fileNames() const
-    {
-        QStringList names;
-        for (const QString& root : m_Store.roots()) {
-            QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
-            while (files.hasNext()) {
-                files.next();
-                names.append(files.fileName());
-            }
-        }
-        return names;
-    }
-
-    FakeMemory m_Memory;
-    TemporaryStore m_Store;
+    using StoreFixture::StoreFixture;
 };
 
-class ZebDataBlockManagerDiskThreeRoots : public ZebDataBlockManagerDisk
+class ZebDataBlockManagerLoadingThreeRoots : public ZebDataBlockManagerLoading
 {
 protected:
-    ZebDataBlockManagerDiskThreeRoots() : ZebDataBlockManagerDisk(options()) {}
-
-    static TemporaryStore::Options options()
-    {
-        TemporaryStore::Options options;
-        options.m_Roots = 3;
-        return options;
-    }
+    ZebDataBlockManagerLoadingThreeRoots() : ZebDataBlockManagerLoading(withRoots(3)) {}
 };
 
 } // namespace
 
-// Admission and eviction together
-
-TEST_F(ZebDataBlockManagerDisk, ABlockOfTheWholeLimitDrivesOutCachedBlocksButNoDoNotCacheBlock)
-{
-    manager().setMaxDataCacheSize(s_Megabyte);
-    const ZebDataReference keptA =
-        manager().addBlock(QByteArray("a"), ZebModifyAccessor::DontCache);
-    const ZebDataReference keptB =
-        manager().addBlock(QByteArray("a"), ZebModifyAccessor::DontCache);
-    EXPECT_NE(keptA, keptB);
-    const ZebDataReference small = add(s_Block, 1);
-    const ZebDataReference large = add(s_Megabyte, 2);
-    EXPECT_TRUE(keptA.isInMemory());
-    EXPECT_TRUE(keptB.isInMemory());
-    EXPECT_FALSE(small.isInMemory());
-    EXPECT_TRUE(large.isInMemory());
-    manager().flush(true, ZebDataBlockManager::AllThreads);
-    EXPECT_THAT(fileNames(), UnorderedElementsAre(small.hash(), large.hash()));
-
-    EXPECT_TRUE(holdsTestBytes(small, s_Block, 1));
-    EXPECT_FALSE(large.isInMemory()) << "it had to make room in turn";
-    EXPECT_TRUE(holdsTestBytes(large, s_Megabyte, 2));
-    EXPECT_EQ(manager().liveBytes(), s_Megabyte + 2);
-}
-
-TEST_F(ZebDataBlockManagerDisk, ABlockIsTooLargeFromOneByteAboveTheLimitUnlessItIsResident)
-{
-    const ZebDataReference resident = add(s_Megabyte + 1, 1);
-    manager().setMaxDataCacheSize(s_Megabyte);
-    EXPECT_EQ(add(s_Megabyte + 1, 1), resident);
-    const ZebDataReference fitting = add(s_Megabyte, 2);
-    EXPECT_EQ(manager().liveBytes(), s_Megabyte);
-    EXPECT_FATAL(add(s_Megabyte + 1, 3),
-                 "Requested Block is larger than the maximum allocation size 1048577 / 1048576");
-    EXPECT_FATAL(resident.constAccessor(),
-                 "Requested Block is larger than the maximum allocation size 1048577 / 1048576");
-}
-
-TEST_F(ZebDataBlockManagerDisk, BytesThatAreOnDiskAreNotWrittenAgain)
-{
-    const ZebDataReference reference = add(s_Block, 1);
-    toDisk();
-    const int handled = StoreInside::writesHandled();
-    const qint64 written = bytesWritten();
-    EXPECT_GT(written, 0);
-    ZebModifyAccessor accessor = manager().createNewBlock(testBytes(s_Block, 1));
-    EXPECT_EQ(accessor.release(ZebModifyAccessor::Cached, true), reference);
-    manager().flush(true, ZebDataBlockManager::AllThreads);
-    EXPECT_EQ(StoreInside::writesHandled(), handled + 1);
-    EXPECT_EQ(bytesWritten(), written);
-    EXPECT_TRUE(StoreInside::blockOf(reference)->cached());
-}
-
 // Reading back
 
-TEST_F(ZebDataBlockManagerDiskThreeRoots, EveryAccessorBringsItsBlockBack)
+TEST_F(ZebDataBlockManagerLoadingThreeRoots, EveryAccessorLoadsItsBlock)
 {
     std::vector<int> sizes = {1, 7, 8, 4095, 4096, 4097, 3 * s_Megabyte};
     for (int i = 0; i < 200; ++i)
@@ -157,7 +53,7 @@ TEST_F(ZebDataBlockManagerDiskThreeRoots, EveryAccessorBringsItsBlockBack)
     for (std::size_t i = 0; i < sizes.size(); ++i)
         references.push_back(add(sizes.at(i), static_cast<quint32>(i)));
     const qint64 managed = manager().managedBlocks();
-    toDisk();
+    moveToDisk();
     EXPECT_EQ(manager().liveBlocks(), 0);
     EXPECT_EQ(manager().liveBytes(), 0);
     EXPECT_EQ(manager().managedBlocks(), managed) << "hashes of blocks on disk count";
@@ -172,27 +68,27 @@ TEST_F(ZebDataBlockManagerDiskThreeRoots, EveryAccessorBringsItsBlockBack)
     EXPECT_EQ(manager().liveBytes(), bytes);
 }
 
-TEST_F(ZebDataBlockManagerDisk, AnEmptyBlockComesBackEmpty)
+TEST_F(ZebDataBlockManagerLoading, AnEmptyBlockIsLoadedEmpty)
 {
     const ZebDataReference reference =
         manager().addBlock(QByteArray(), ZebModifyAccessor::Cached, true);
-    toDisk();
+    moveToDisk();
     const ZebConstAccessor accessor = reference.constAccessor();
     ASSERT_FALSE(accessor.isNull());
     EXPECT_EQ(accessor.size(), 0);
 }
 
-TEST_F(ZebDataBlockManagerDisk, WhatWasReadBackIsNotWritten)
+TEST_F(ZebDataBlockManagerLoading, ALoadedBlockIsNotWritten)
 {
     const ZebDataReference reference = add(s_Block, 1);
-    toDisk();
+    moveToDisk();
     const int handled = StoreInside::writesHandled();
     EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1));
     manager().flush(true, ZebDataBlockManager::AllThreads);
     EXPECT_EQ(StoreInside::writesHandled(), handled);
 }
 
-TEST_F(ZebDataBlockManagerDisk, ReadingBackMakesRoom)
+TEST_F(ZebDataBlockManagerLoading, LoadingMakesRoom)
 {
     manager().setMaxDataCacheSize(10 * s_Block);
     std::vector<ZebDataReference> references;
@@ -204,7 +100,7 @@ TEST_F(ZebDataBlockManagerDisk, ReadingBackMakesRoom)
     }
 }
 
-TEST_F(ZebDataBlockManagerDisk, AnAccessorKeepsItsBytesWhereTheyAreWhateverIsEvicted)
+TEST_F(ZebDataBlockManagerLoading, AnAccessorKeepsItsBytesInPlaceDuringEvictions)
 {
     manager().setMaxDataCacheSize(4 * s_Block);
     const ZebDataReference reference = add(s_Block, 1);
@@ -218,7 +114,7 @@ TEST_F(ZebDataBlockManagerDisk, AnAccessorKeepsItsBytesWhereTheyAreWhateverIsEvi
     EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1));
 }
 
-TEST_F(ZebDataBlockManagerDisk, AnAccessorKeepsABlockWhoseLastReferenceIsGone)
+TEST_F(ZebDataBlockManagerLoading, AnAccessorKeepsABlockWhoseLastReferenceIsGone)
 {
     ZebDataReference reference = add(s_Block, 1);
     manager().flush(true, ZebDataBlockManager::AllThreads);
@@ -234,28 +130,26 @@ TEST_F(ZebDataBlockManagerDisk, AnAccessorKeepsABlockWhoseLastReferenceIsGone)
     EXPECT_TRUE(QFile::exists(file));
 }
 
-TEST_F(ZebDataBlockManagerDisk, ManyThreadsThatReadOneBlockAtOnceGetOneBlock)
+TEST_F(ZebDataBlockManagerLoading, ManyThreadsThatReadOneBlockConcurrentlyShareIt)
 {
     constexpr int threads = 8;
     const ZebDataReference reference = add(s_Megabyte, 1);
     for (int round = 0; round < 20; ++round) {
-        toDisk();
-        std::promise<void> start;
-        const std::shared_future<void> started = start.get_future().share();
-        std::atomic<int> reading{threads};
+        moveToDisk();
+        SequencePoints points;
         std::vector<std::future<const unsigned char*>> reads;
         for (int t = 0; t < threads; ++t) {
-            reads.push_back(std::async(std::launch::async, [reference, started, &reading] {
-                started.wait();
+            reads.push_back(std::async(std::launch::async, [reference, &points] {
+                points.wait("start");
                 const ZebConstAccessor accessor = reference.constAccessor();
-                // All accessors are open at once, so that nobody's block can be another's heir.
-                --reading;
-                while (reading > 0)
-                    std::this_thread::yield();
+                // All accessors are open at once, so that no block can reuse the memory of an
+                // earlier one.
+                points.reached("open");
+                points.wait("open", threads);
                 return accessor.isNull() ? nullptr : accessor.data();
             }));
         }
-        start.set_value();
+        points.reached("start");
         const unsigned char* const bytes = reads.front().get();
         EXPECT_NE(bytes, nullptr);
         for (std::size_t t = 1; t < reads.size(); ++t)
@@ -266,10 +160,10 @@ TEST_F(ZebDataBlockManagerDisk, ManyThreadsThatReadOneBlockAtOnceGetOneBlock)
     EXPECT_TRUE(holdsTestBytes(reference, s_Megabyte, 1));
 }
 
-TEST_F(ZebDataBlockManagerDisk, ABlockThatIsNowhereGivesNullAccessorsAndNoSize)
+TEST_F(ZebDataBlockManagerLoading, AMissingBlockGivesNullAccessorsAndNoSize)
 {
     const ZebDataReference reference = add(s_Block, 1);
-    toDisk();
+    moveToDisk();
     ASSERT_TRUE(QFile::remove(StoreInside::fileOf(reference)));
     // Each waits for the writers, so they wait together.
     std::future<bool> read =
@@ -284,66 +178,66 @@ TEST_F(ZebDataBlockManagerDisk, ABlockThatIsNowhereGivesNullAccessorsAndNoSize)
     EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1));
 }
 
-TEST_F(ZebDataBlockManagerDisk, TheSizeOfABlockOnDiskLoadsIt)
+TEST_F(ZebDataBlockManagerLoading, TheSizeOfABlockOnDiskLoadsIt)
 {
     const ZebDataReference reference = add(s_Block, 1);
-    toDisk();
+    moveToDisk();
     EXPECT_EQ(manager().blockSize(reference.hashPtr().data()), s_Block);
     EXPECT_TRUE(reference.isInMemory());
     EXPECT_EQ(manager().blockSize(nullptr), 0);
 }
 
-// Counts, references, copies
+// Counts, references and copies
 
-TEST_F(ZebDataBlockManagerDisk, ManagedBlocksCountTheBlocksOnDiskAndLiveBlocksDoNot)
+TEST_F(ZebDataBlockManagerLoading, ManagedBlocksCountTheBlocksOnDiskAndLiveBlocksDoNot)
 {
     const qint64 managed = manager().managedBlocks();
     const ZebDataReference onDisk = add(s_Block, 1);
-    toDisk();
+    moveToDisk();
     const ZebDataReference resident = add(s_Block, 2);
     EXPECT_EQ(manager().managedBlocks(), managed + 2);
     EXPECT_EQ(manager().liveBlocks(), 1);
 }
 
-TEST_F(ZebDataBlockManagerDisk, TheHostsValueOutlivesTheBlockInMemory)
+TEST_F(ZebDataBlockManagerLoading, TheHostsValueOutlivesTheBlockInMemory)
 {
     ZebDataReference reference = add(s_Block, 1);
     reference.setUserId(42);
-    toDisk();
+    moveToDisk();
     EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1));
     EXPECT_EQ(reference.userId(), 42);
     EXPECT_EQ(add(s_Block, 1).userId(), 42);
 }
 
-TEST_F(ZebDataBlockManagerDisk, APendingReferenceResolvesAfterItsBlockHasGoneToDisk)
+TEST_F(ZebDataBlockManagerLoading, APendingReferenceResolvesAfterItsBlockWasEvicted)
 {
     const ZebDataReference reference = manager().addBlock(testBytes(s_Block, 1));
     const ZebDataReference copy(reference);
     EXPECT_TRUE(reference.isInMemory());
-    toDisk();
+    moveToDisk();
     EXPECT_TRUE(copy.hasHashJob());
     EXPECT_TRUE(holdsTestBytes(copy, s_Block, 1));
     EXPECT_EQ(copy, reference);
 }
 
-TEST_F(ZebDataBlockManagerDisk, ACopyOfABlockOnDiskMayBeChangedAndTheBlockStays)
+TEST_F(ZebDataBlockManagerLoading, ACopyOfABlockOnDiskMayBeChangedAndTheBlockStays)
 {
     const ZebDataReference reference = add(s_Block, 1);
-    toDisk();
+    moveToDisk();
     ZebModifyAccessor accessor = reference.modifyAccessor();
     ASSERT_EQ(accessor.size(), s_Block);
     EXPECT_EQ(std::memcmp(accessor.data(), testBytes(s_Block, 1).constData(), s_Block), 0);
     std::memcpy(accessor.data(), testBytes(s_Block, 2).constData(), s_Block);
     const ZebDataReference changed = accessor.release(ZebModifyAccessor::Cached, true);
     EXPECT_NE(changed, reference);
-    toDisk();
+    moveToDisk();
     EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1));
     EXPECT_TRUE(holdsTestBytes(changed, s_Block, 2));
 }
 
 // A later run on the same roots
 
-TEST_F(ZebDataBlockManagerDisk, AReferenceOutlivesTheStoreAndReadsFromTheNextOne)
+TEST_F(ZebDataBlockManagerLoading, AReferenceOutlivesTheStoreAndReadsFromTheNextOne)
 {
     ZebDataReference reference = add(s_Block, 1);
     reference.setUserId(7);
@@ -359,7 +253,7 @@ TEST_F(ZebDataBlockManagerDisk, AReferenceOutlivesTheStoreAndReadsFromTheNextOne
     EXPECT_EQ(again.userId(), 7);
 }
 
-TEST_F(ZebDataBlockManagerDiskThreeRoots, TheNextRunFindsFilesByTheirNames)
+TEST_F(ZebDataBlockManagerLoadingThreeRoots, TheNextRunFindsFilesByTheirNames)
 {
     constexpr quint32 blocks = 50;
     const int hashes = ZebHashManager::instance().hashCount();
@@ -374,7 +268,7 @@ TEST_F(ZebDataBlockManagerDiskThreeRoots, TheNextRunFindsFilesByTheirNames)
     }
     m_Store.cleanUp();
     EXPECT_EQ(ZebHashManager::instance().hashCount(), hashes) << "nothing is remembered";
-    EXPECT_THAT(fileNames(), testing::UnorderedElementsAreArray(names));
+    EXPECT_THAT(filesBelow(m_Store.roots()), testing::UnorderedElementsAreArray(names));
 
     m_Store.setupAgain();
     for (quint32 i = 0; i < blocks; ++i) {
@@ -382,10 +276,10 @@ TEST_F(ZebDataBlockManagerDiskThreeRoots, TheNextRunFindsFilesByTheirNames)
             ZebHashManager::instance().getHash(names.at(static_cast<int>(i))));
         EXPECT_TRUE(holdsTestBytes(found, s_Block, i));
     }
-    EXPECT_EQ(bytesWritten(), 0);
+    EXPECT_EQ(StoreInside::bytesWritten(), 0);
 }
 
-TEST_F(ZebDataBlockManagerDisk, TheNextRunReusesTheFilesOfEqualBytes)
+TEST_F(ZebDataBlockManagerLoading, TheNextRunReusesTheFilesOfEqualBytes)
 {
     for (quint32 i = 0; i < 20; ++i)
         add(s_Block, i);
@@ -396,19 +290,51 @@ TEST_F(ZebDataBlockManagerDisk, TheNextRunReusesTheFilesOfEqualBytes)
         references.push_back(add(s_Block, i));
     manager().flush(true, ZebDataBlockManager::AllThreads);
     EXPECT_EQ(StoreInside::writesHandled(), 20);
-    EXPECT_EQ(bytesWritten(), 0);
+    EXPECT_EQ(StoreInside::bytesWritten(), 0);
     for (const ZebDataReference& reference : references)
         EXPECT_TRUE(StoreInside::blockOf(reference)->cached());
 }
 
-TEST_F(ZebDataBlockManagerDisk, DoNotCacheBlocksAreGoneWithTheStore)
+TEST_F(ZebDataBlockManagerLoading, UncachedBlocksEndWithTheStore)
 {
     const ZebDataReference kept =
         manager().addBlock(testBytes(s_Block, 1), ZebModifyAccessor::DontCache);
     manager().flush(true, ZebDataBlockManager::AllThreads);
     m_Store.cleanUp();
-    EXPECT_THAT(fileNames(), IsEmpty());
+    EXPECT_THAT(filesBelow(m_Store.roots()), IsEmpty());
     m_Store.setupAgain();
     EXPECT_FALSE(kept.isInMemory());
     EXPECT_TRUE(kept.constAccessor().isNull());
+}
+
+// Blocks that were never stored
+
+TEST_F(ZebDataBlockManagerLoading, AResidentBlockIsFoundByItsHash)
+{
+    const ThreeBlocks blocks;
+    const Hash absent = hashOf("absent");
+    {
+        const ZebDataDeleteLocker locker;
+        EXPECT_EQ(getDataBlock(blocks.two()), StoreInside::blockOf(blocks.m_Two));
+        EXPECT_NE(getDataBlock(blocks.two()), nullptr);
+        EXPECT_EQ(getDataBlock(nullptr), nullptr);
+        EXPECT_EQ(getDataBlock(absent.data()), nullptr);
+    }
+    EXPECT_EQ(residentBlock(absent), nullptr);
+    EXPECT_THAT(newestToOldest(), ElementsAre(blocks.three(), blocks.two(), blocks.one()));
+}
+
+TEST_F(ZebDataBlockManagerLoading, TheSizeOfABlockThatDoesNotExistIsZero)
+{
+    const Hash absent = hashOf("absent");
+    EXPECT_EQ(manager().blockSize(absent.data()), 0);
+    EXPECT_EQ(manager().blockSize(nullptr), 0);
+}
+
+TEST_F(ZebDataBlockManagerLoading, AHashWithoutABlockIsManagedAndNotLive)
+{
+    const Hash absent = hashOf("absent");
+    EXPECT_EQ(manager().managedBlocks(), 1);
+    EXPECT_EQ(manager().liveBlocks(), 0);
+    EXPECT_EQ(manager().liveBytes(), 0);
 }

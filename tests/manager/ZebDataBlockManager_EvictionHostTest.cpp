@@ -1,8 +1,10 @@
-// The host's flag that memory is empty, and the host's own two levers to empty it.
+// The host's flag that nothing is evictable, and the two functions by which a host evicts blocks.
 
 #include "manager/ZebDataBlockManager.h"
 
+#include "support/DeleteLockProbe.h"
 #include "support/PressuredStore.h"
+#include "support/StoreInside.h"
 
 #include <QMetaProperty>
 #include <QObject>
@@ -11,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <thread>
 #include <vector>
 
 using StoreInside::makeRoom;
@@ -22,7 +23,7 @@ namespace {
 
 constexpr quint64 s_FlushBytes = 536870912;
 
-// What the flag's signal said, in order.
+// The values of the flag's signal, in order.
 class FlagSignals
 {
 public:
@@ -40,14 +41,14 @@ private:
     std::vector<bool> m_Values;
 };
 
-class ZebDataBlockManagerLevers : public PressuredStore
+class ZebDataBlockManagerEvictionHost : public PressuredStore
 {};
 
 } // namespace
 
 // The host's flag
 
-TEST_F(ZebDataBlockManagerLevers, EvictingTheLastUnlockedBlockSetsTheFlagWithOneSignal)
+TEST_F(ZebDataBlockManagerEvictionHost, EvictingTheLastEvictableBlockSetsTheFlagWithOneSignal)
 {
     const FlagSignals flag;
     addBlocks(20);
@@ -57,7 +58,7 @@ TEST_F(ZebDataBlockManagerLevers, EvictingTheLastUnlockedBlockSetsTheFlagWithOne
     EXPECT_THAT(flag.values(), ElementsAre(true));
 }
 
-TEST_F(ZebDataBlockManagerLevers, TheFlagIsAReadOnlyPropertyWithoutANotifier)
+TEST_F(ZebDataBlockManagerEvictionHost, TheFlagIsAReadOnlyPropertyWithoutANotifier)
 {
     const QMetaObject* const type = manager().metaObject();
     const QMetaProperty property = type->property(type->indexOfProperty("allFreeBlocksFlushed"));
@@ -67,7 +68,7 @@ TEST_F(ZebDataBlockManagerLevers, TheFlagIsAReadOnlyPropertyWithoutANotifier)
     EXPECT_TRUE(property.read(&manager()).toBool());
 }
 
-TEST_F(ZebDataBlockManagerLevers, LockedAndDoNotCacheBlocksDoNotKeepTheFlagDown)
+TEST_F(ZebDataBlockManagerEvictionHost, PinnedAndUncachedBlocksDoNotKeepTheFlagDown)
 {
     addBlocks(2);
     const ZebConstAccessor accessor = m_References.front().constAccessor();
@@ -78,7 +79,7 @@ TEST_F(ZebDataBlockManagerLevers, LockedAndDoNotCacheBlocksDoNotKeepTheFlagDown)
     EXPECT_EQ(manager().liveBytes(), s_Block + 4);
 }
 
-TEST_F(ZebDataBlockManagerLevers, AnEvictionThatLeavesSomethingDoesNotSetTheFlag)
+TEST_F(ZebDataBlockManagerEvictionHost, AnEvictionThatLeavesABlockDoesNotSetTheFlag)
 {
     const FlagSignals flag;
     addBlocks(2);
@@ -88,7 +89,7 @@ TEST_F(ZebDataBlockManagerLevers, AnEvictionThatLeavesSomethingDoesNotSetTheFlag
     EXPECT_THAT(flag.values(), IsEmpty());
 }
 
-TEST_F(ZebDataBlockManagerLevers, AnEmptyStoreHasNothingToSetTheFlagFor)
+TEST_F(ZebDataBlockManagerEvictionHost, FlushingAnEmptyStoreDoesNotSetTheFlag)
 {
     const FlagSignals flag;
     EXPECT_FALSE(manager().flushMemory(true));
@@ -96,7 +97,7 @@ TEST_F(ZebDataBlockManagerLevers, AnEmptyStoreHasNothingToSetTheFlagFor)
     EXPECT_THAT(flag.values(), IsEmpty());
 }
 
-TEST_F(ZebDataBlockManagerLevers, EmptyingTheStoreAgainGivesNoSecondSignal)
+TEST_F(ZebDataBlockManagerEvictionHost, EmptyingTheStoreAgainEmitsNoSecondSignal)
 {
     raiseFlag();
     const FlagSignals flag;
@@ -106,7 +107,7 @@ TEST_F(ZebDataBlockManagerLevers, EmptyingTheStoreAgainGivesNoSecondSignal)
     EXPECT_THAT(flag.values(), IsEmpty());
 }
 
-TEST_F(ZebDataBlockManagerLevers, TheFlagStaysWith16BlocksAndFallsAt17)
+TEST_F(ZebDataBlockManagerEvictionHost, TheFlagStaysWith16BlocksAndFallsAt17)
 {
     raiseFlag();
     const FlagSignals flag;
@@ -120,7 +121,7 @@ TEST_F(ZebDataBlockManagerLevers, TheFlagStaysWith16BlocksAndFallsAt17)
     EXPECT_THAT(flag.values(), ElementsAre(false));
 }
 
-TEST_F(ZebDataBlockManagerLevers, TheFlagFallsAt17AlsoBehindTheFastCheck)
+TEST_F(ZebDataBlockManagerEvictionHost, TheFlagFallsAt17AlsoInTheFastCheck)
 {
     raiseFlag();
     manager().setMaxDataCacheSize(s_Terabyte);
@@ -135,7 +136,7 @@ TEST_F(ZebDataBlockManagerLevers, TheFlagFallsAt17AlsoBehindTheFastCheck)
     EXPECT_THAT(flag.values(), ElementsAre(false));
 }
 
-TEST_F(ZebDataBlockManagerLevers, AnEvictionLeavesTheFlagUpHoweverMuchIsLeft)
+TEST_F(ZebDataBlockManagerEvictionHost, AnEvictionLeavesTheFlagUpHoweverMuchIsLeft)
 {
     addBlocks(40);
     manager().setAllFreeBlocksFlushed(true);
@@ -147,7 +148,7 @@ TEST_F(ZebDataBlockManagerLevers, AnEvictionLeavesTheFlagUpHoweverMuchIsLeft)
     EXPECT_THAT(flag.values(), IsEmpty());
 }
 
-TEST_F(ZebDataBlockManagerLevers, TheFlagFallsAsSoonAsAnAccessorCloses)
+TEST_F(ZebDataBlockManagerEvictionHost, TheFlagFallsAsSoonAsAnAccessorCloses)
 {
     addBlocks(1);
     std::optional<const ZebConstAccessor> accessor(m_References.front().constAccessor());
@@ -159,7 +160,7 @@ TEST_F(ZebDataBlockManagerLevers, TheFlagFallsAsSoonAsAnAccessorCloses)
     EXPECT_THAT(flag.values(), ElementsAre(false));
 }
 
-TEST_F(ZebDataBlockManagerLevers, ReadingADoNotCacheBlockLeavesTheFlagUp)
+TEST_F(ZebDataBlockManagerEvictionHost, ReadingAnUncachedBlockLeavesTheFlagUp)
 {
     const ZebDataReference kept =
         manager().addBlock(QByteArray("kept"), ZebModifyAccessor::DontCache);
@@ -168,7 +169,7 @@ TEST_F(ZebDataBlockManagerLevers, ReadingADoNotCacheBlockLeavesTheFlagUp)
     EXPECT_TRUE(manager().allFreeBlocksFlushed());
 }
 
-TEST_F(ZebDataBlockManagerLevers, CleaningUpLowersTheFlag)
+TEST_F(ZebDataBlockManagerEvictionHost, CleaningUpLowersTheFlag)
 {
     raiseFlag();
     const FlagSignals flag;
@@ -177,14 +178,14 @@ TEST_F(ZebDataBlockManagerLevers, CleaningUpLowersTheFlag)
     EXPECT_THAT(flag.values(), ElementsAre(false));
 }
 
-TEST_F(ZebDataBlockManagerLevers, CleaningUpWithTheFlagDownSignalsNothing)
+TEST_F(ZebDataBlockManagerEvictionHost, CleaningUpWithTheFlagDownEmitsNothing)
 {
     const FlagSignals flag;
     m_Store.cleanUp();
     EXPECT_THAT(flag.values(), IsEmpty());
 }
 
-TEST_F(ZebDataBlockManagerLevers, TheHostMaySetTheFlagAndHearsOfChangesOnly)
+TEST_F(ZebDataBlockManagerEvictionHost, TheHostMaySetTheFlagAndOnlyChangesAreSignalled)
 {
     const FlagSignals flag;
     manager().setAllFreeBlocksFlushed(false);
@@ -195,21 +196,13 @@ TEST_F(ZebDataBlockManagerLevers, TheHostMaySetTheFlagAndHearsOfChangesOnly)
     EXPECT_THAT(flag.values(), ElementsAre(true, false));
 }
 
-TEST_F(ZebDataBlockManagerLevers, TheStoreSignalsUnderTheDeleteLockAndTheHostDoesNot)
+TEST_F(ZebDataBlockManagerEvictionHost, TheStoreSignalsUnderTheDeleteLockAndTheHostDoesNot)
 {
     std::vector<bool> couldLock;
     const QObject receiver;
     QObject::connect(
         &manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &receiver,
-        [&couldLock] {
-            std::thread([&couldLock] {
-                const bool locked = StoreInside::deleteLock().tryLock();
-                if (locked)
-                    StoreInside::deleteLock().unlock();
-                couldLock.push_back(locked);
-            }).join();
-        },
-        Qt::DirectConnection);
+        [&couldLock] { couldLock.push_back(deleteLockIsFree()); }, Qt::DirectConnection);
     addBlocks(1);
     EXPECT_TRUE(manager().flushMemory(true));
     EXPECT_TRUE(holdsTestBytes(m_References.front(), s_Block, 1));
@@ -219,7 +212,7 @@ TEST_F(ZebDataBlockManagerLevers, TheStoreSignalsUnderTheDeleteLockAndTheHostDoe
     EXPECT_THAT(couldLock, ElementsAre(false, false, true, true));
 }
 
-TEST_F(ZebDataBlockManagerLevers, BothWaysInWhichAnAdmissionLowersTheFlagSignalUnderTheDeleteLock)
+TEST_F(ZebDataBlockManagerEvictionHost, AnAdmissionLowersTheFlagUnderTheDeleteLockInBothChecks)
 {
     addBlocks(17);
     std::vector<bool> couldLock;
@@ -228,21 +221,15 @@ TEST_F(ZebDataBlockManagerLevers, BothWaysInWhichAnAdmissionLowersTheFlagSignalU
     QObject::connect(
         &manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &receiver,
         [&couldLock](bool flushed) {
-            if (flushed)
-                return;
-            std::thread([&couldLock] {
-                const bool locked = StoreInside::deleteLock().tryLock();
-                if (locked)
-                    StoreInside::deleteLock().unlock();
-                couldLock.push_back(locked);
-            }).join();
+            if (!flushed)
+                couldLock.push_back(deleteLockIsFree());
         },
         Qt::DirectConnection);
-    // Plenty is free: the fast check is passed.
+    // Plenty is free: the fast check suffices.
     EXPECT_FALSE(makeRoom(1));
     EXPECT_THAT(couldLock, ElementsAre(false));
     manager().setAllFreeBlocksFlushed(true);
-    // Just enough is free, which the fast check does not take, and nothing has to go.
+    // Just enough is free: the fast check refuses, and still nothing has to be evicted.
     leaveExactly(1);
     EXPECT_FALSE(makeRoom(1));
     EXPECT_THAT(couldLock, ElementsAre(false, false));
@@ -250,7 +237,7 @@ TEST_F(ZebDataBlockManagerLevers, BothWaysInWhichAnAdmissionLowersTheFlagSignalU
 
 // flushMemory
 
-TEST_F(ZebDataBlockManagerLevers, FlushMemoryEvictsUntil512MegabytesFitUnderNinetyPercent)
+TEST_F(ZebDataBlockManagerEvictionHost, FlushMemoryEvictsUntil512MegabytesFitUnderNinetyPercent)
 {
     addBlocks(20);
     // 90 percent of this limit are 512 MiB and 7500 bytes, with a fraction.
@@ -261,7 +248,7 @@ TEST_F(ZebDataBlockManagerLevers, FlushMemoryEvictsUntil512MegabytesFitUnderNine
     EXPECT_FALSE(manager().flushMemory(false));
 }
 
-TEST_F(ZebDataBlockManagerLevers, FlushMemoryEvictsUntil512MegabytesFitUnderTheFreeTarget)
+TEST_F(ZebDataBlockManagerEvictionHost, FlushMemoryEvictsUntil512MegabytesFitUnderTheFreeTarget)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     addBlocks(20);
@@ -270,14 +257,14 @@ TEST_F(ZebDataBlockManagerLevers, FlushMemoryEvictsUntil512MegabytesFitUnderTheF
     EXPECT_EQ(manager().liveBlocks(), 16);
 }
 
-TEST_F(ZebDataBlockManagerLevers, FlushMemoryMeasures)
+TEST_F(ZebDataBlockManagerEvictionHost, FlushMemoryMeasures)
 {
     makeRoom(1);
     EXPECT_EQ(measuresOf([] { manager().flushMemory(false); }), 1);
     EXPECT_EQ(measuresOf([] { manager().flushMemory(true); }), 1);
 }
 
-TEST_F(ZebDataBlockManagerLevers, OnlyAForcedFlushHasTheNextRequestMeasured)
+TEST_F(ZebDataBlockManagerEvictionHost, OnlyAForcedFlushMakesTheNextRequestMeasure)
 {
     manager().setMaxDataCacheSize(s_Terabyte);
     makeRoom(1);
@@ -289,7 +276,7 @@ TEST_F(ZebDataBlockManagerLevers, OnlyAForcedFlushHasTheNextRequestMeasured)
 
 // helpMeOut
 
-TEST_F(ZebDataBlockManagerLevers, HelpMeOutDropsEveryUnlockedBlock)
+TEST_F(ZebDataBlockManagerEvictionHost, HelpMeOutDropsEveryEvictableBlock)
 {
     addBlocks(20);
     const ZebConstAccessor accessor = m_References.front().constAccessor();
@@ -300,11 +287,11 @@ TEST_F(ZebDataBlockManagerLevers, HelpMeOutDropsEveryUnlockedBlock)
     EXPECT_TRUE(manager().helpMeOut());
     EXPECT_EQ(manager().liveBlocks(), 0);
     EXPECT_EQ(manager().liveBytes(), s_Block + 4);
-    EXPECT_FALSE(manager().helpMeOut()) << "nothing is left to go";
+    EXPECT_FALSE(manager().helpMeOut()) << "nothing is left to evict";
     EXPECT_TRUE(holdsTestBytes(m_References.at(7), s_Block, 8));
 }
 
-TEST_F(ZebDataBlockManagerLevers, HelpMeOutLeavesTheFlagAsItIs)
+TEST_F(ZebDataBlockManagerEvictionHost, HelpMeOutLeavesTheFlagAsItIs)
 {
     const FlagSignals flag;
     addBlocks(20);
@@ -317,14 +304,14 @@ TEST_F(ZebDataBlockManagerLevers, HelpMeOutLeavesTheFlagAsItIs)
     EXPECT_THAT(flag.values(), ElementsAre(true)) << "the host's own";
 }
 
-TEST_F(ZebDataBlockManagerLevers, HelpMeOutMeasuresNothingButHasTheNextRequestMeasured)
+TEST_F(ZebDataBlockManagerEvictionHost, HelpMeOutMeasuresNothingButMakesTheNextRequestMeasure)
 {
     addBlocks(2);
     EXPECT_EQ(measuresOf([] { EXPECT_TRUE(manager().helpMeOut()); }), 0);
     EXPECT_EQ(measuresOfRequest(1), 1);
 }
 
-TEST_F(ZebDataBlockManagerLevers, HelpMeOutWritesNothing)
+TEST_F(ZebDataBlockManagerEvictionHost, HelpMeOutWritesNothing)
 {
     addBlocks(1);
     ASSERT_TRUE(StoreInside::forgetFile(m_References.front()));
@@ -335,7 +322,7 @@ TEST_F(ZebDataBlockManagerLevers, HelpMeOutWritesNothing)
     EXPECT_FALSE(StoreInside::hasFile(m_References.front()));
 }
 
-TEST_F(ZebDataBlockManagerLevers, HelpMeOutSparesAMachineThatHasATerabyteToGive)
+TEST_F(ZebDataBlockManagerEvictionHost, HelpMeOutEvictsNothingOnAMachineWithATerabyteFree)
 {
     addBlocks(3);
     manager().setMaxDataCacheSize(8 * s_Terabyte);

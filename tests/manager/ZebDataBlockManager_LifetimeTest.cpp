@@ -1,13 +1,19 @@
+// How the store comes into being, is cleaned up and set up again, and ends.
+
 #include "manager/ZebDataBlockManager.h"
 
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
-#include "manager/SettingsKit.h"
+#include "support/CountedBlock.h"
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
+#include "support/SettingsKit.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
+#include "support/ThreadWatch.h"
+#include "support/ZebDataDeleteLocker.h"
 #include "support/ZebStoredCall.h"
 #include "support/ZebTdxLog.h"
 
@@ -25,39 +31,22 @@
 #include <thread>
 #include <vector>
 
-ZEBTDX_ACCESS(BlocksFreedTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
-              m_BlocksFreedCount)
-ZEBTDX_ACCESS(PromotionTag, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
-              m_RequestPromotionEnabled)
-ZEBTDX_ACCESS(SubCacheTag, ZebDataBlockManager, QString ZebDataBlockManager::*, m_SubCache)
-
 namespace {
 
 constexpr int s_DeadlineMs = 20000;
-constexpr int s_LongerThanAReturnMs = 300;
 constexpr qint64 s_Gigabyte = 1024 * 1024 * 1024;
 
-// Another manager than the one of the process, for what happens at the two ends of its life.
+// A manager in addition to that of the process, for its construction and destruction.
 class OwnManager : public ZebDataBlockManager
 {
 public:
     using ZebDataBlockManager::makeBlockLive;
 };
 
-// A block that counts its end.
-class CountedBlock : public ZebDataBlock
+ZebDataReference addCounted(const QByteArray& bytes, ZebModifyAccessor::Caching caching,
+                            std::atomic<int>* deleted)
 {
-public:
-    CountedBlock(const QByteArray& bytes, int* ended) : ZebDataBlock(bytes), m_Ended(ended) {}
-    ~CountedBlock() override { ++*m_Ended; }
-
-private:
-    int* m_Ended;
-};
-
-ZebDataReference addCounted(const QByteArray& bytes, ZebModifyAccessor::Caching caching, int* ended)
-{
-    return (manager().*privateMember(AddBlockTag()))(new CountedBlock(bytes, ended), caching, true);
+    return StoreInside::addBlock(new CountedBlock(bytes, deleted), caching, true);
 }
 
 } // namespace
@@ -75,13 +64,13 @@ TEST(ZebDataBlockManagerLifetime, ThereIsOneStoreForTheProcess)
         EXPECT_EQ(one, &manager());
 }
 
-TEST(ZebDataBlockManagerLifetime, AFreshStoreHasItsDefaultsAndTellsThem)
+TEST(ZebDataBlockManagerLifetime, AFreshStoreHasItsDefaultsAndLogsThem)
 {
     const Machine machine(8 * 1024 * 1024 + 3, 1);
     const MessageCapture quiet;
     manager();
     const MessageCapture messages;
-    const OwnManager fresh;
+    OwnManager fresh;
     const qint64 size = 2 * s_Gigabyte + 768;
     EXPECT_EQ(messages.debugLines(),
               QStringList({sizeLine(size, 2048), pendingLine(s_Gigabyte + 384, 1024),
@@ -99,12 +88,12 @@ TEST(ZebDataBlockManagerLifetime, AFreshStoreHasItsDefaultsAndTellsThem)
     EXPECT_FALSE(fresh.garbageCollecting());
     EXPECT_EQ(fresh.liveBytes(), 0);
     EXPECT_EQ(fresh.liveBlocks(), 0);
-    EXPECT_EQ((fresh.*privateMember(BlocksFreedTag())).load(), -1);
-    EXPECT_FALSE((fresh.*privateMember(PromotionTag())).load());
-    EXPECT_TRUE((fresh.*privateMember(SubCacheTag())).isNull());
+    EXPECT_EQ(StoreInside::blocksFreedCount(fresh).load(), -1);
+    EXPECT_FALSE(StoreInside::requestPromotionEnabled(fresh).load());
+    EXPECT_TRUE(StoreInside::subCache(fresh).isNull());
 }
 
-TEST(ZebDataBlockManagerLifetime, DefaultsCanBeAskedFor)
+TEST(ZebDataBlockManagerLifetime, DefaultsCanBeQueried)
 {
     const MessageCapture messages;
     EXPECT_EQ(ZebDataBlockManager::defaultMaxWritePendingSizeFactor(), 0.5F);
@@ -113,7 +102,7 @@ TEST(ZebDataBlockManagerLifetime, DefaultsCanBeAskedFor)
     EXPECT_EQ(ZebDataBlockManager::defaultCacheSize(), 7 * 1024 / 4);
 }
 
-TEST(ZebDataBlockManagerLifetime, OnAnUnreadableMachineTheDefaultIsAQuarterOfTheGuess)
+TEST(ZebDataBlockManagerLifetime, WithUnreadableMemoryFiguresTheDefaultIsAQuarterOfTheGuess)
 {
     const MessageCapture quiet;
     manager();
@@ -130,7 +119,7 @@ TEST(ZebDataBlockManagerLifetime, OnAnUnreadableMachineTheDefaultIsAQuarterOfThe
                            targetLine(536870912, 512)}));
 }
 
-TEST(ZebDataBlockManagerLifetime, TheRegistryIsBuiltInsideTheStoresOwnConstruction)
+TEST(ZebDataBlockManagerLifetime, TheRegistryIsBuiltDuringTheStoresConstruction)
 {
     // In a process of its own neither exists yet.
     EXPECT_EXIT(
@@ -152,7 +141,8 @@ TEST(ZebDataBlockManagerLifetime, AProcessMayEndWithTheStoreSetUp)
     EXPECT_EXIT(
         {
             const MessageCapture messages;
-            // Built before the store, so it goes after, and what is built after goes before.
+            // Built before the store and so destroyed after it; the reference is destroyed before
+            // it.
             static const QTemporaryDir root;
             manager().setup({root.path()}, 1000);
             static ZebDataReference kept = manager().addBlock("kept", ZebModifyAccessor::Cached);
@@ -167,29 +157,32 @@ TEST(ZebDataBlockManagerLifetime, TheEndOfAStoreTurnsTheLogOffAndDropsItsBlocks)
 {
     const MessageCapture messages;
     ZebTdxLog::instance().setEnabled(true);
-    int ended = 0;
+    std::atomic<int> deleted{0};
     {
         OwnManager own;
         own.setup({}, 1000);
         const ZebSmartPointer<ZebDataHash> hash(new ZebDataHash("x", ZebDataHash::Hash512));
         hash->setDontCache(true);
-        own.makeBlockLive(hash.data(), new CountedBlock("x", &ended));
+        own.makeBlockLive(hash.data(), new CountedBlock("x", &deleted));
         EXPECT_EQ(own.liveBytes(), 1);
         EXPECT_TRUE(ZebTdxLog::instance().enabled());
     }
-    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(deleted, 1);
     EXPECT_FALSE(ZebTdxLog::instance().enabled());
     ZebTdxLog::instance().setEnabled(true);
 }
 
-TEST(ZebDataBlockManagerLifetime, CleanUpBringsTheStoreBack)
+TEST(ZebDataBlockManagerLifetime, CleanUpResetsTheStore)
 {
     TemporaryStore store;
     const ZebDataReference reference = manager().addBlock("some bytes");
     reference.resolveWork();
     manager().addBlock("gone at once", ZebModifyAccessor::DontCache);
-    EXPECT_EQ((manager().*privateMember(BlocksFreedTag())).load(), 0);
-    manager().*privateMember(SubCacheTag()) = line("Sub");
+    EXPECT_EQ(StoreInside::blocksFreed(), 0);
+    {
+        const ZebDataDeleteLocker locker;
+        StoreInside::subCache() = line("Sub");
+    }
     store.cleanUp();
     EXPECT_EQ(manager().liveBytes(), 0);
     EXPECT_EQ(manager().liveBlocks(), 0);
@@ -198,8 +191,8 @@ TEST(ZebDataBlockManagerLifetime, CleanUpBringsTheStoreBack)
     EXPECT_TRUE(manager().cacheRoots().isEmpty());
     EXPECT_FALSE(manager().garbageCollecting());
     EXPECT_FALSE(manager().isInitialized());
-    EXPECT_TRUE((manager().*privateMember(SubCacheTag())).isEmpty());
-    EXPECT_EQ((manager().*privateMember(BlocksFreedTag())).load(), -1);
+    EXPECT_TRUE(manager().subCache().isEmpty());
+    EXPECT_EQ(StoreInside::blocksFreed(), -1);
 }
 
 TEST(ZebDataBlockManagerLifetime, AfterCleanUpWithoutReferencesNoHashIsManaged)
@@ -228,12 +221,12 @@ TEST(ZebDataBlockManagerLifetime, CleanUpLeavesTheOtherSettingsAlone)
     manager().setup({}, 8 * 1024 * 1024);
     manager().setMaxWritePendingSizeFactor(0.75F);
     manager().setTargetFreeMemorySize(12345);
-    std::atomic<bool>& promotion = manager().*privateMember(PromotionTag());
+    std::atomic<bool>& promotion = StoreInside::requestPromotionEnabled();
     promotion = true;
     manager().cleanUp();
     EXPECT_EQ(manager().maxWritePendingSizeFactor(), 0.75F);
     EXPECT_EQ(manager().targetFreeMemorySize(), 12345);
-    EXPECT_EQ(writePendingLimit(), 6 * 1024 * 1024);
+    EXPECT_EQ(StoreInside::writePendingLimit(), 6 * 1024 * 1024);
     EXPECT_TRUE(promotion.load());
     promotion = false;
 }
@@ -243,30 +236,30 @@ TEST(ZebDataBlockManagerLifetime, CleanUpOfAStoreThatIsNotSetUpChangesNothing)
     const KeptSettings kept;
     manager().setMaxDataCacheSize(777);
     const MessageCapture messages;
-    int told = 0;
+    int signalled = 0;
     QObject context;
     QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
-                     [&told] { ++told; });
+                     [&signalled] { ++signalled; });
     manager().setAllFreeBlocksFlushed(true);
     manager().cleanUp(true);
     EXPECT_EQ(manager().maxDataCacheSize(), 777);
     EXPECT_TRUE(manager().allFreeBlocksFlushed());
     manager().setAllFreeBlocksFlushed(false);
-    EXPECT_EQ(told, 2);
+    EXPECT_EQ(signalled, 2);
     EXPECT_TRUE(messages.messages().isEmpty());
 }
 
 TEST(ZebDataBlockManagerLifetime, CleanUpDeletesEveryBlockOnce)
 {
-    int ended = 0;
+    std::atomic<int> deleted{0};
     TemporaryStore store;
-    const ZebDataReference one = addCounted("one", ZebModifyAccessor::Cached, &ended);
-    const ZebDataReference two = addCounted("two", ZebModifyAccessor::DontCache, &ended);
-    EXPECT_EQ(ended, 0);
+    const ZebDataReference one = addCounted("one", ZebModifyAccessor::Cached, &deleted);
+    const ZebDataReference two = addCounted("two", ZebModifyAccessor::DontCache, &deleted);
+    EXPECT_EQ(deleted, 0);
     store.cleanUp();
-    EXPECT_EQ(ended, 2);
+    EXPECT_EQ(deleted, 2);
     store.cleanUp();
-    EXPECT_EQ(ended, 2);
+    EXPECT_EQ(deleted, 2);
 }
 
 TEST(ZebDataBlockManagerLifetime, TheStoreMayBeSetUpAgainAfterCleanUp)
@@ -281,16 +274,16 @@ TEST(ZebDataBlockManagerLifetime, TheStoreMayBeSetUpAgainAfterCleanUp)
     EXPECT_EQ(manager().liveBytes(), 5);
 }
 
-TEST(ZebDataBlockManagerLifetime, CleanUpClearsTheFlagAndTellsWhenAllIsDone)
+TEST(ZebDataBlockManagerLifetime, CleanUpClearsTheFlagAndSignalsItAtTheEnd)
 {
     TemporaryStore store;
     manager().addBlock("bytes").resolveWork();
     manager().setAllFreeBlocksFlushed(true);
-    int told = 0;
+    int signalled = 0;
     QObject context;
     QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
-                     [&told](bool flushed) {
-                         ++told;
+                     [&signalled](bool flushed) {
+                         ++signalled;
                          EXPECT_FALSE(flushed);
                          EXPECT_FALSE(manager().allFreeBlocksFlushed());
                          EXPECT_FALSE(manager().isInitialized());
@@ -298,16 +291,16 @@ TEST(ZebDataBlockManagerLifetime, CleanUpClearsTheFlagAndTellsWhenAllIsDone)
                          EXPECT_EQ(manager().maxDataCacheSize(), 0);
                      });
     store.cleanUp();
-    EXPECT_EQ(told, 1);
+    EXPECT_EQ(signalled, 1);
     EXPECT_FALSE(manager().allFreeBlocksFlushed());
 
     // A flag that is clear already is no change.
     store.setupAgain();
     store.cleanUp();
-    EXPECT_EQ(told, 1);
+    EXPECT_EQ(signalled, 1);
 }
 
-TEST(ZebDataBlockManagerLifetime, CleanUpHandlesPendingEventsWhenAskedTo)
+TEST(ZebDataBlockManagerLifetime, CleanUpHandlesPendingEventsOnRequest)
 {
     const MessageCapture messages;
     bool handled = false;
@@ -330,40 +323,39 @@ TEST(ZebDataBlockManagerLifetime, CleanUpHandlesPendingEventsWhenAskedTo)
 TEST(ZebDataBlockManagerLifetime, CleanUpWaitsForTheGlobalPoolAtItsEnd)
 {
     const MessageCapture messages;
-    QSemaphore returned;
+    const ThreadWatch cleaning(ThreadWatch::currentThread());
+    std::atomic<bool> returned{false};
     QFuture<bool> task;
     QObject context;
     manager().setup({}, 1000);
     manager().setAllFreeBlocksFlushed(true);
-    // The task comes in late, when blocks and settings have gone.
+    // The task is started late, after blocks and settings were dropped.
     QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
                      [&](bool) {
                          task = ZebStoredCall::start<bool>(QThreadPool::globalInstance(), [&] {
-                             return returned.tryAcquire(1, s_LongerThanAReturnMs);
+                             return cleaning.standsStill() && !returned.load();
                          });
                      });
     manager().cleanUp();
-    returned.release();
-    EXPECT_FALSE(task.result()) << "the clean-up returned before the task had ended";
+    returned.store(true);
+    EXPECT_TRUE(task.result()) << "the clean-up returned before the task had ended";
 }
 
 TEST(ZebDataBlockManagerLifetime, ATaskOfTheGlobalPoolStillFindsTheStoreSetUp)
 {
-    const TemporaryStore store;
+    const MessageCapture messages;
+    const ThreadWatch cleaning(ThreadWatch::currentThread());
+    std::atomic<bool> returned{false};
     QSemaphore begun;
-    QSemaphore cleaned;
-    QObject context;
-    manager().setAllFreeBlocksFlushed(true);
-    QObject::connect(&manager(), &ZebDataBlockManager::allFreeBlocksFlushedChanged, &context,
-                     [&](bool) { cleaned.release(); });
+    manager().setup({}, 1000);
     const QFuture<bool> task = ZebStoredCall::start<bool>(QThreadPool::globalInstance(), [&] {
         begun.release();
-        const bool cleanedMeanwhile = cleaned.tryAcquire(1, s_LongerThanAReturnMs);
-        return !cleanedMeanwhile && manager().isInitialized();
+        return cleaning.standsStill() && !returned.load() && manager().isInitialized();
     });
     begun.acquire();
     manager().cleanUp();
-    EXPECT_TRUE(task.result()) << "the blocks went before the task had ended";
+    returned.store(true);
+    EXPECT_TRUE(task.result()) << "the blocks were dropped before the task had ended";
 }
 
 TEST(ZebDataBlockManagerLifetime, CleanUpDoesNotWaitForTheHashingPool)

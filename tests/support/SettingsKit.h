@@ -1,13 +1,9 @@
 #pragma once
 
-// What the tests of the store's settings share: a machine with made-up memory, the lines that
-// setters and a set-up log, and settings that are brought back. For one source file of each
-// program.
-
-#include "manager/ZebDataBlockManager.h"
 #include "manager/ZebMemoryStatus.h"
+#include "support/Manager.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
+#include "support/StoreInside.h"
 
 #include <QDir>
 #include <QFile>
@@ -16,21 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-
-ZEBTDX_ACCESS(WritePendingTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
-              m_MaxWritePendingDataCacheSize)
-ZEBTDX_ACCESS(AddBlockTag, ZebDataBlockManager,
-              ZebDataReference (ZebDataBlockManager::*)(ZebDataBlock*, ZebModifyAccessor::Caching,
-                                                        bool),
-              addBlock)
-
-inline ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
-
-/// The memory of a made-up machine, for the length of a scope.
+/// The memory of a machine that a test makes up, for the length of a scope.
 class Machine
 {
 public:
@@ -49,11 +31,13 @@ private:
     QTemporaryDir m_Directory;
 };
 
+/// A line of the log.
 inline QString line(const char* text)
 {
     return QString::fromLatin1(text);
 }
 
+/// The lines that setters and setup() log about a limit.
 inline QString sizeLine(qint64 bytes, qint64 megabytes)
 {
     return QStringLiteral("[TDX] Max data cache size    = %1 bytes (%2 MB)")
@@ -73,12 +57,7 @@ inline QString targetLine(qint64 bytes, qint64 megabytes)
     return QStringLiteral("[TDX] Target Free Memory = %1 bytes (%2 MB)").arg(bytes).arg(megabytes);
 }
 
-inline qint64 writePendingLimit()
-{
-    return manager().*privateMember(WritePendingTag());
-}
-
-/// Brings the settings that outlive a clean-up back to what they were.
+/// Restores the settings that outlive a clean-up, at the end of a scope.
 class KeptSettings
 {
 public:

@@ -1,33 +1,35 @@
-// The store's side of garbage collection: what becomes of files, the switch, the environment, and
-// the bracket around a pass. What one pass does stands in ZebGarbageCollectorThreadTest, what the
-// host hears of it in ZebDataBlockManagerGarbageReportsTest.
+// The store's side of garbage collection: which files are removed, the switch, the environment, and
+// the bracket around a pass. A single pass: ZebGarbageCollectorThreadTest. What is reported to the
+// host: ZebDataBlockManager_GarbageCollectionReportsTest.
 
 #include "manager/ZebDataBlockManager.h"
 
 #include "hash/ZebHashManager.h"
+#include "support/BlockedThread.h"
 #include "support/CollectedStore.h"
+#include "support/DeleteLockProbe.h"
 #include "support/Fatal.h"
+#include "support/StoreInside.h"
+#include "support/ThreadWatch.h"
 #include "support/WaitUntil.h"
 
 #include <QFile>
+#include <QMutexLocker>
 #include <QWaitCondition>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <cstddef>
 #include <functional>
 #include <limits>
-#include <thread>
 #include <vector>
 
-ZEBTDX_ACCESS(CollectionChangesTag, ZebDataBlockManager, int ZebDataBlockManager::*,
-              m_GarbageCollectionChanges)
-ZEBTDX_ACCESS(CollectionDoneTag, ZebDataBlockManager, QWaitCondition ZebDataBlockManager::*,
-              m_GarbageCollectionDone)
+#include <sys/syscall.h>
+#include <sys/types.h>
 
-using CollectionInside::collectors;
-using CollectionInside::passesRunning;
+using StoreInside::collectors;
+using StoreInside::passesRunning;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -35,15 +37,12 @@ namespace {
 
 constexpr int s_Block = 1000;
 
-// How long something that must not happen is waited for.
-constexpr int s_HeldOffMs = 50;
-
 const char* const s_Variable = "ZEBA_TDX_GARBAGE_COLLECTION_DISABLED";
 const char* const s_StartBlocked = "[TDX] Start garbage collection blocked by env";
 const char* const s_StopBlocked = "[TDX] Stop garbage collection blocked by env";
 const char* const s_NotInitialized = "Data Block Manager Not Initialized. Aborting";
 
-// Has the environment variable exist for the length of a scope.
+// Sets the environment variable for the length of a scope.
 class BlockedByEnvironment
 {
 public:
@@ -54,27 +53,49 @@ public:
 
 int changes()
 {
-    return StoreInside::manager().*privateMember(CollectionChangesTag());
+    const QMutexLocker locker(&StoreInside::collectionMutex());
+    return StoreInside::collectionChanges();
 }
 
-class ZebDataBlockManagerGarbage : public CollectedStore
+// Waits until every collector of the store has polled once more from beginning to end. A poll
+// begins with the delete lock and ends in a sleep.
+void waitForPoll()
+{
+    std::vector<pid_t> polling;
+    StoreInside::deleteLock().lock();
+    EXPECT_TRUE(waitUntil([&polling] {
+        polling.clear();
+        // The name of every thread of a class without a meta-object.
+        for (const pid_t thread : ThreadWatch::threadsNamed("QThread")) {
+            if (ThreadWatch(thread).isWaitingFor(StoreInside::deleteLock()))
+                polling.push_back(thread);
+        }
+        return polling.size() == static_cast<std::size_t>(collectors().size());
+    }));
+    StoreInside::deleteLock().unlock();
+    for (const pid_t thread : polling)
+        EXPECT_TRUE(
+            waitUntil([thread] { return ThreadWatch(thread).isInCall(SYS_clock_nanosleep); }));
+}
+
+class ZebDataBlockManagerGarbageCollection : public CollectedStore
 {
 protected:
-    ZebDataBlockManagerGarbage() : CollectedStore(1) {}
-    explicit ZebDataBlockManagerGarbage(int roots) : CollectedStore(roots) {}
+    ZebDataBlockManagerGarbageCollection() : CollectedStore(1) {}
+    explicit ZebDataBlockManagerGarbageCollection(int roots) : CollectedStore(roots) {}
 };
 
-class ZebDataBlockManagerGarbageThreeRoots : public ZebDataBlockManagerGarbage
+class ZebDataBlockManagerGarbageCollectionThreeRoots : public ZebDataBlockManagerGarbageCollection
 {
 protected:
-    ZebDataBlockManagerGarbageThreeRoots() : ZebDataBlockManagerGarbage(3) {}
+    ZebDataBlockManagerGarbageCollectionThreeRoots() : ZebDataBlockManagerGarbageCollection(3) {}
 };
 
 } // namespace
 
-// What becomes of files
+// Files
 
-TEST_F(ZebDataBlockManagerGarbageThreeRoots, TheFileOfADroppedContentGoesAndTheOthersStay)
+TEST_F(ZebDataBlockManagerGarbageCollectionThreeRoots, OrphanedFilesAreRemovedAndTheOthersStay)
 {
     manager().startGarbageCollection();
     std::vector<ZebDataReference> references;
@@ -93,7 +114,7 @@ TEST_F(ZebDataBlockManagerGarbageThreeRoots, TheFileOfADroppedContentGoesAndTheO
         EXPECT_TRUE(QFile::exists(fileOf(reference)));
 }
 
-TEST_F(ZebDataBlockManagerGarbageThreeRoots, WhileBlocksLiveTheFilesAreThoseOfTheLiveHashes)
+TEST_F(ZebDataBlockManagerGarbageCollectionThreeRoots, ExactlyTheFilesOfLiveHashesStay)
 {
     manager().startGarbageCollection();
     std::vector<ZebDataReference> references;
@@ -110,7 +131,7 @@ TEST_F(ZebDataBlockManagerGarbageThreeRoots, WhileBlocksLiveTheFilesAreThoseOfTh
         EXPECT_TRUE(ZebHashManager::instance().isHashLive(name)) << name.toStdString();
 }
 
-TEST_F(ZebDataBlockManagerGarbage, AnEvictedBlockThatIsStillReferredToKeepsItsFile)
+TEST_F(ZebDataBlockManagerGarbageCollection, AnEvictedBlockWithAReferenceKeepsItsFile)
 {
     const ZebDataReference reference = add(s_Block, 1);
     manager().flush(true);
@@ -121,7 +142,8 @@ TEST_F(ZebDataBlockManagerGarbage, AnEvictedBlockThatIsStillReferredToKeepsItsFi
     EXPECT_TRUE(holdsTestBytes(reference, s_Block, 1));
 }
 
-TEST_F(ZebDataBlockManagerGarbage, FilesWithOtherNamesStayAndDoNotCountAndUnknownHashesGo)
+TEST_F(ZebDataBlockManagerGarbageCollection,
+       UnexpectedFilesStayUncountedAndFilesOfUnknownHashesAreRemoved)
 {
     const QString other = write("a file of the host's");
     const QString unknown = write(deadName(1));
@@ -132,7 +154,7 @@ TEST_F(ZebDataBlockManagerGarbage, FilesWithOtherNamesStayAndDoNotCountAndUnknow
     EXPECT_EQ(manager().currentCacheSizeInBytes(), 0);
 }
 
-TEST_F(ZebDataBlockManagerGarbage, WithoutASubCacheEveryFileStaysAndTheSizeIs0)
+TEST_F(ZebDataBlockManagerGarbageCollection, WithoutASubCacheEveryFileStaysAndTheSizeIs0)
 {
     manager().setSubCache(QString());
     manager().startGarbageCollection();
@@ -145,21 +167,23 @@ TEST_F(ZebDataBlockManagerGarbage, WithoutASubCacheEveryFileStaysAndTheSizeIs0)
     ASSERT_TRUE(QFile::exists(file));
     freeABlock();
     manager().collectGarbage(nullptr);
-    EXPECT_FALSE(waitUntil([&] { return !QFile::exists(file); }, 3 * s_HeldOffMs));
+    waitForPoll();
+    EXPECT_TRUE(QFile::exists(file));
     EXPECT_EQ(manager().currentCacheSizeInBytes(), 0);
 }
 
-TEST_F(ZebDataBlockManagerGarbage, WithTheCollectionOffNothingIsRemoved)
+TEST_F(ZebDataBlockManagerGarbageCollection, WithTheCollectionOffNothingIsRemoved)
 {
     const QString file = write(deadName(1));
     freeABlock();
     manager().collectGarbage(nullptr);
-    EXPECT_FALSE(waitUntil([&] { return !QFile::exists(file); }, 3 * s_HeldOffMs));
+    waitForPoll();
+    EXPECT_TRUE(QFile::exists(file));
 }
 
 // The switch
 
-TEST_F(ZebDataBlockManagerGarbage, EachSwitchIsCounted)
+TEST_F(ZebDataBlockManagerGarbageCollection, EachSwitchIsCounted)
 {
     const int before = changes();
     EXPECT_FALSE(manager().garbageCollecting());
@@ -173,12 +197,12 @@ TEST_F(ZebDataBlockManagerGarbage, EachSwitchIsCounted)
     EXPECT_EQ(changes(), before + 3);
     manager().stopGarbageCollection();
     EXPECT_EQ(changes(), before + 3) << "it was off already";
-    manager().*privateMember(CollectionChangesTag()) = std::numeric_limits<int>::max();
+    StoreInside::collectionChanges() = std::numeric_limits<int>::max();
     manager().startGarbageCollection();
     EXPECT_EQ(changes(), std::numeric_limits<int>::min());
 }
 
-TEST_F(ZebDataBlockManagerGarbage, CleaningUpSwitchesItOff)
+TEST_F(ZebDataBlockManagerGarbageCollection, CleaningUpSwitchesItOff)
 {
     manager().startGarbageCollection();
     const ZebDataReference reference = add(s_Block, 1);
@@ -191,7 +215,7 @@ TEST_F(ZebDataBlockManagerGarbage, CleaningUpSwitchesItOff)
     EXPECT_EQ(manager().subCache(), QString());
 }
 
-TEST_F(ZebDataBlockManagerGarbage, WhileItIsOnTheSubCacheStays)
+TEST_F(ZebDataBlockManagerGarbageCollection, WhileItIsOnTheSubCacheCannotChange)
 {
     manager().startGarbageCollection();
     manager().setSubCache("Other");
@@ -202,15 +226,15 @@ TEST_F(ZebDataBlockManagerGarbage, WhileItIsOnTheSubCacheStays)
     EXPECT_EQ(collectors().front()->subCache(), QString("Other"));
 }
 
-TEST_F(ZebDataBlockManagerGarbage, SwitchingItOffDropsPreloadsThatWaitButOnlyIfItWasOn)
+TEST_F(ZebDataBlockManagerGarbageCollection, SwitchingItOffDropsWaitingPreloadsOnlyIfItWasOn)
 {
     const ZebDataReference reference = add(s_Block, 1);
     manager().flush(true);
     manager().freeAllBlocks();
-    // A reader that is never started keeps what it is asked for.
+    // A reader that is never started keeps its requests.
     ZebDataBlockReadThread idle(m_Store.roots().front(), 10, 50, nullptr);
     const auto withIdleReader = [&idle](const std::function<void()>& action) {
-        auto& readers = manager().*privateMember(StoreReadersTag());
+        auto& readers = StoreInside::readers();
         const auto before = readers;
         readers = {&idle};
         action();
@@ -226,24 +250,24 @@ TEST_F(ZebDataBlockManagerGarbage, SwitchingItOffDropsPreloadsThatWaitButOnlyIfI
     EXPECT_TRUE(reference.hashPtr()->isPreloading()) << "kept: it counts as on its way";
 }
 
-TEST_F(ZebDataBlockManagerGarbage, TheSwitchAndAPassForTheHostNeedAStore)
+TEST_F(ZebDataBlockManagerGarbageCollection, TheSwitchAndAPassForTheHostNeedAStore)
 {
     m_Store.cleanUp();
     EXPECT_FATAL(manager().startGarbageCollection(), s_NotInitialized);
     EXPECT_FATAL(manager().collectGarbage(nullptr), s_NotInitialized);
     EXPECT_FATAL(
         {
-            manager().*privateMember(StoreCollectingTag()) = true;
+            StoreInside::collecting() = true;
             manager().stopGarbageCollection();
         },
         s_NotInitialized);
-    // Off, there is nothing that needs one.
+    // While it is off, the call needs no store.
     manager().stopGarbageCollection();
 }
 
 // The environment
 
-TEST_F(ZebDataBlockManagerGarbage, TheEnvironmentKeepsItFromBeingSwitchedOn)
+TEST_F(ZebDataBlockManagerGarbageCollection, TheEnvironmentKeepsItFromBeingSwitchedOn)
 {
     const QString file = write(deadName(1));
     const int before = changes();
@@ -258,12 +282,13 @@ TEST_F(ZebDataBlockManagerGarbage, TheEnvironmentKeepsItFromBeingSwitchedOn)
     EXPECT_EQ(changes(), before);
     freeABlock();
     manager().collectGarbage(nullptr);
-    EXPECT_FALSE(waitUntil([&] { return !QFile::exists(file); }, 3 * s_HeldOffMs));
+    waitForPoll();
+    EXPECT_TRUE(QFile::exists(file));
     manager().startGarbageCollection();
     EXPECT_TRUE(manager().garbageCollecting()) << "asked anew each time";
 }
 
-TEST_F(ZebDataBlockManagerGarbage, TheEnvironmentKeepsItFromBeingSwitchedOff)
+TEST_F(ZebDataBlockManagerGarbageCollection, TheEnvironmentKeepsItFromBeingSwitchedOff)
 {
     manager().startGarbageCollection();
     const int before = changes();
@@ -283,7 +308,7 @@ TEST_F(ZebDataBlockManagerGarbage, TheEnvironmentKeepsItFromBeingSwitchedOff)
     EXPECT_FALSE(manager().garbageCollecting());
 }
 
-TEST_F(ZebDataBlockManagerGarbage, TheEnvironmentIsAskedBeforeAnythingElse)
+TEST_F(ZebDataBlockManagerGarbageCollection, TheEnvironmentIsCheckedFirst)
 {
     m_Store.cleanUp();
     const BlockedByEnvironment blocked;
@@ -295,9 +320,9 @@ TEST_F(ZebDataBlockManagerGarbage, TheEnvironmentIsAskedBeforeAnythingElse)
         << "neither needs a store, nor a collection that is on";
 }
 
-// The bracket
+// The bracket of a pass
 
-TEST_F(ZebDataBlockManagerGarbage, APassBeginsOnlyWhileTheCollectionIsOn)
+TEST_F(ZebDataBlockManagerGarbageCollection, APassBeginsOnlyWhileTheCollectionIsOn)
 {
     EXPECT_FALSE(manager().garbageCollectingThreadStarted());
     EXPECT_EQ(passesRunning(), 0);
@@ -309,27 +334,24 @@ TEST_F(ZebDataBlockManagerGarbage, APassBeginsOnlyWhileTheCollectionIsOn)
     EXPECT_EQ(passesRunning(), 0);
 }
 
-TEST_F(ZebDataBlockManagerGarbage, SwitchingItOffWaitsForEveryPassWithTheDeleteLockHeld)
+TEST_F(ZebDataBlockManagerGarbageCollection, SwitchingItOffWaitsForEveryPassWithTheDeleteLockHeld)
 {
     manager().startGarbageCollection();
     waitForPass();
     ASSERT_TRUE(manager().garbageCollectingThreadStarted());
     ASSERT_TRUE(manager().garbageCollectingThreadStarted());
-    std::atomic<bool> stopped{false};
-    std::thread stopping([&stopped] {
-        manager().stopGarbageCollection();
-        stopped = true;
-    });
-    EXPECT_TRUE(waitUntil([] { return !manager().garbageCollecting(); }));
+    BlockedThread stopping([] { manager().stopGarbageCollection(); });
+    QWaitCondition& passesEnded = StoreInside::collectionDone();
+    EXPECT_TRUE(stopping.waitsFor(passesEnded));
+    EXPECT_FALSE(manager().garbageCollecting());
     EXPECT_FALSE(manager().garbageCollectingThreadStarted()) << "no other pass begins";
     EXPECT_FALSE(StoreInside::deleteLock().tryLock());
-    (StoreInside::manager().*privateMember(CollectionDoneTag())).wakeAll();
-    EXPECT_FALSE(waitUntil([&stopped] { return stopped.load(); }, s_HeldOffMs)) << "a stray wake";
+    passesEnded.wakeAll();
+    EXPECT_TRUE(stopping.waitsFor(passesEnded)) << "woken with passes running";
     manager().garbageCollectingThreadFinished();
-    EXPECT_FALSE(waitUntil([&stopped] { return stopped.load(); }, s_HeldOffMs)) << "one is left";
+    EXPECT_TRUE(stopping.waitsFor(passesEnded)) << "one is left";
     manager().garbageCollectingThreadFinished();
-    stopping.join();
+    EXPECT_TRUE(stopping.ends());
     EXPECT_EQ(passesRunning(), 0);
-    EXPECT_TRUE(StoreInside::deleteLock().tryLock());
-    StoreInside::deleteLock().unlock();
+    EXPECT_TRUE(deleteLockIsFree());
 }

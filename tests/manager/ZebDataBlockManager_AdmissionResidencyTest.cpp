@@ -1,9 +1,16 @@
+// How the store makes a block resident, or refuses it.
+
 #include "manager/ZebDataBlockManager.h"
 
-#include "manager/ResidencyKit.h"
+#include "support/BytesOf.h"
+#include "support/CountedBlock.h"
+#include "support/FakeMemory.h"
 #include "support/Fatal.h"
+#include "support/Manager.h"
+#include "support/ResidencyKit.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
-#include "support/ZebDataDeleteLocker.h"
+#include "support/TestBytes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,37 +18,16 @@
 #include <atomic>
 #include <memory>
 #include <thread>
-#include <utility>
 #include <vector>
 
-ZEBTDX_ACCESS(BlocksFreedTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
-              m_BlocksFreedCount)
-ZEBTDX_ACCESS(BlockCachedTag, ZebDataBlock, std::atomic<bool> ZebDataBlock::*, m_Cached)
-ZEBTDX_ACCESS(FreeBlockTag, ZebDataBlockManager,
-              void (ZebDataBlockManager::*)(ZebDataHash*, bool, bool), freeBlock)
-
-namespace {
-
+using namespace ResidencyKit;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// A block that counts its end.
-class CountedBlock : public ZebDataBlock
-{
-public:
-    CountedBlock(const QByteArray& bytes, int* ended) : ZebDataBlock(bytes), m_Ended(ended) {}
-    ~CountedBlock() override { ++*m_Ended; }
+namespace {
 
-private:
-    int* m_Ended;
-};
-
-// The block as one whose file is known to exist, so that nobody writes it meanwhile.
-ZebDataBlock* onDisk(ZebDataBlock* block)
-{
-    block->*privateMember(BlockCachedTag()) = true;
-    return block;
-}
+constexpr int s_Block = 1000;
+constexpr int s_Megabyte = 1048576;
 
 TemporaryStore::Options withMemory(qint64 bytes)
 {
@@ -50,23 +36,28 @@ TemporaryStore::Options withMemory(qint64 bytes)
     return options;
 }
 
+ZebDataReference add(int size, quint32 seed)
+{
+    return manager().addBlock(testBytes(size, seed), ZebModifyAccessor::Cached, true);
+}
+
 } // namespace
 
-TEST(ZebDataBlockManagerResidency, AMadeBlockIsResidentCountedAndTheNewest)
+TEST(ZebDataBlockManagerAdmissionResidency, ANewBlockIsResidentCountedAndTheNewest)
 {
     const TemporaryStore store;
     const ThreeBlocks blocks;
     const Hash hash = hashOf("4444");
     auto* const block = new ZebDataBlock(QByteArray("4444"));
     makeBlockLive(hash.data(), block);
-    EXPECT_EQ(blockMap().value(hash.data()), block);
+    EXPECT_EQ(residentBlock(hash), block);
     EXPECT_EQ(manager().liveBytes(), 10);
     EXPECT_EQ(manager().liveBlocks(), 4);
     EXPECT_THAT(newestToOldest(),
                 ElementsAre(hash.data(), blocks.three(), blocks.two(), blocks.one()));
 }
 
-TEST(ZebDataBlockManagerResidency, NullArgumentsEndTheProcessTheBlockFirst)
+TEST(ZebDataBlockManagerAdmissionResidency, NullArgumentsEndTheProcessTheBlockFirst)
 {
     EXPECT_FATAL(
         {
@@ -89,7 +80,7 @@ TEST(ZebDataBlockManagerResidency, NullArgumentsEndTheProcessTheBlockFirst)
         "Null Value Passed For *Ptr");
 }
 
-TEST(ZebDataBlockManagerResidency, ANullBlockOfAResidentHashEndsTheProcessToo)
+TEST(ZebDataBlockManagerAdmissionResidency, ANullBlockOfAResidentHashEndsTheProcessToo)
 {
     EXPECT_FATAL(
         {
@@ -100,24 +91,24 @@ TEST(ZebDataBlockManagerResidency, ANullBlockOfAResidentHashEndsTheProcessToo)
         "Null Value Passed For *Me");
 }
 
-TEST(ZebDataBlockManagerResidency, TheFirstBlockOfAHashStaysAndANewcomerGoes)
+TEST(ZebDataBlockManagerAdmissionResidency, TheFirstBlockOfAHashStaysAndASecondIsDeleted)
 {
-    int ended = 0;
-    int newcomersEnded = 0;
+    std::atomic<int> deleted{0};
+    std::atomic<int> newcomersDeleted{0};
     const TemporaryStore store;
     const Hash hash = hashOf("bytes");
-    ZebDataBlock* const first = onDisk(new CountedBlock("bytes", &ended));
+    ZebDataBlock* const first = onDisk(new CountedBlock("bytes", &deleted));
     makeBlockLive(hash.data(), first);
-    makeBlockLive(hash.data(), new CountedBlock("bytes", &newcomersEnded));
-    EXPECT_EQ(ended, 0);
-    EXPECT_EQ(newcomersEnded, 1);
-    EXPECT_EQ(blockMap().value(hash.data()), first);
-    EXPECT_EQ(blockMap().size(), 1);
+    makeBlockLive(hash.data(), new CountedBlock("bytes", &newcomersDeleted));
+    EXPECT_EQ(deleted, 0);
+    EXPECT_EQ(newcomersDeleted, 1);
+    EXPECT_EQ(residentBlock(hash), first);
+    EXPECT_EQ(StoreInside::residentBlocks(), 1);
     EXPECT_EQ(manager().liveBytes(), 5);
     EXPECT_EQ(manager().liveBlocks(), 1);
 }
 
-TEST(ZebDataBlockManagerResidency, ABlockOfExactlyTheLimitIsAdmitted)
+TEST(ZebDataBlockManagerAdmissionResidency, ABlockOfExactlyTheLimitIsAdmitted)
 {
     const TemporaryStore store(withMemory(100));
     const ZebDataReference cached =
@@ -128,7 +119,7 @@ TEST(ZebDataBlockManagerResidency, ABlockOfExactlyTheLimitIsAdmitted)
     EXPECT_TRUE(notCached.isInMemory());
 }
 
-TEST(ZebDataBlockManagerResidency, ABlockAboveTheLimitEndsTheProcess)
+TEST(ZebDataBlockManagerAdmissionResidency, ABlockAboveTheLimitEndsTheProcess)
 {
     EXPECT_FATAL(
         {
@@ -151,7 +142,7 @@ TEST(ZebDataBlockManagerResidency, ABlockAboveTheLimitEndsTheProcess)
         "Requested Block is larger than the maximum allocation size 1 / 0");
 }
 
-TEST(ZebDataBlockManagerResidency, ADuplicateAboveTheLimitIsDroppedWithoutAWord)
+TEST(ZebDataBlockManagerAdmissionResidency, ADuplicateAboveTheLimitIsDroppedSilently)
 {
     TemporaryStore store(withMemory(100));
     const QByteArray bytes(100, 'x');
@@ -164,7 +155,7 @@ TEST(ZebDataBlockManagerResidency, ADuplicateAboveTheLimitIsDroppedWithoutAWord)
     EXPECT_TRUE(store.messages().messages().isEmpty());
 }
 
-TEST(ZebDataBlockManagerResidency, TheSizeIsThatOfThePlainBytes)
+TEST(ZebDataBlockManagerAdmissionResidency, TheSizeIsThatOfThePlainBytes)
 {
     const TemporaryStore store(withMemory(5000));
     auto block = std::make_unique<ZebDataBlock>(5000, static_cast<unsigned char>(7));
@@ -175,7 +166,7 @@ TEST(ZebDataBlockManagerResidency, TheSizeIsThatOfThePlainBytes)
     EXPECT_EQ(manager().blockSize(hash.data()), 5000);
 }
 
-TEST(ZebDataBlockManagerResidency, ABlockThatComesFromTheDiskIsEvictableLikeAnother)
+TEST(ZebDataBlockManagerAdmissionResidency, ABlockLoadedFromDiskIsEvictable)
 {
     const TemporaryStore store;
     const Hash hash = hashOf("bytes");
@@ -183,7 +174,7 @@ TEST(ZebDataBlockManagerResidency, ABlockThatComesFromTheDiskIsEvictableLikeAnot
     EXPECT_THAT(newestToOldest(), ElementsAre(hash.data()));
 }
 
-TEST(ZebDataBlockManagerResidency, TheRootIsLookedForBeforeTheBlocksOrigin)
+TEST(ZebDataBlockManagerAdmissionResidency, TheRootIsLookedUpBeforeTheBlocksFileIsConsidered)
 {
     EXPECT_FATAL(
         {
@@ -196,13 +187,13 @@ TEST(ZebDataBlockManagerResidency, TheRootIsLookedForBeforeTheBlocksOrigin)
         "Number of cache paths is zero");
 }
 
-TEST(ZebDataBlockManagerResidency, ADontCacheBlockIsInTheMapAndNeverInTheList)
+TEST(ZebDataBlockManagerAdmissionResidency, AnUncachedBlockIsResidentAndNeverEvictable)
 {
     const TemporaryStore store;
     const Hash hash = dontCacheHash("identity");
     auto* const block = new ZebDataBlock(QByteArray("bytes"));
     makeBlockLive(hash.data(), block);
-    EXPECT_EQ(blockMap().value(hash.data()), block);
+    EXPECT_EQ(residentBlock(hash), block);
     EXPECT_EQ(manager().liveBytes(), 5);
     EXPECT_THAT(newestToOldest(), IsEmpty());
     lockBlock(hash.data());
@@ -213,98 +204,7 @@ TEST(ZebDataBlockManagerResidency, ADontCacheBlockIsInTheMapAndNeverInTheList)
     EXPECT_TRUE(manager().isInMemory(hash.data()));
 }
 
-TEST(ZebDataBlockManagerResidency, ABlockIsFoundByItsHash)
-{
-    const TemporaryStore store;
-    const ThreeBlocks blocks;
-    const Hash absent = hashOf("absent");
-    const ZebDataDeleteLocker locker;
-    EXPECT_EQ(getDataBlock(blocks.two()), blockMap().value(blocks.two()));
-    EXPECT_EQ(getDataBlock(nullptr), nullptr);
-    EXPECT_EQ(getDataBlock(absent.data()), nullptr);
-    EXPECT_FALSE(blockMap().contains(absent.data()));
-    EXPECT_THAT(newestToOldest(), ElementsAre(blocks.three(), blocks.two(), blocks.one()));
-}
-
-TEST(ZebDataBlockManagerResidency, TheSizeOfAnAbsentBlockIsZero)
-{
-    const TemporaryStore store;
-    const Hash absent = hashOf("absent");
-    EXPECT_EQ(manager().blockSize(absent.data()), 0);
-    EXPECT_EQ(manager().blockSize(nullptr), 0);
-}
-
-TEST(ZebDataBlockManagerResidency, AHashWithoutABlockIsManagedAndNotLive)
-{
-    const TemporaryStore store;
-    const Hash absent = hashOf("absent");
-    EXPECT_EQ(manager().managedBlocks(), 1);
-    EXPECT_EQ(manager().liveBlocks(), 0);
-    EXPECT_EQ(manager().liveBytes(), 0);
-}
-
-TEST(ZebDataBlockManagerResidency, ABlockEndsWithTheLastReferenceOnItsHash)
-{
-    int ended = 0;
-    const TemporaryStore store;
-    std::atomic<qint64>& freed = manager().*privateMember(BlocksFreedTag());
-    {
-        const Hash hash = hashOf("bytes");
-        makeBlockLive(hash.data(), onDisk(new CountedBlock("bytes", &ended)));
-        const Hash second = hash;
-        EXPECT_EQ(freed.load(), -1);
-    }
-    EXPECT_EQ(ended, 1);
-    EXPECT_EQ(freed.load(), 0);
-    EXPECT_EQ(manager().liveBytes(), 0);
-    EXPECT_EQ(manager().liveBlocks(), 0);
-    EXPECT_TRUE(blockMap().isEmpty());
-    EXPECT_THAT(newestToOldest(), IsEmpty());
-    {
-        // A hash that had no block frees none.
-        const Hash absent = hashOf("absent");
-    }
-    EXPECT_EQ(freed.load(), 0);
-}
-
-TEST(ZebDataBlockManagerResidency, AFreedBlockLeavesBothTablesAndItsHashUnlocked)
-{
-    int ended = 0;
-    const TemporaryStore store;
-    const Hash one = hashOf("1");
-    const Hash two = hashOf("22");
-    const Hash three = hashOf("333");
-    for (const auto& [hash, bytes] :
-         {std::make_pair(one, "1"), std::make_pair(two, "22"), std::make_pair(three, "333")})
-        makeBlockLive(hash.data(), onDisk(new CountedBlock(bytes, &ended)));
-
-    for (const Hash& hash : {one, two}) {
-        const bool hashLocked = hash == two;
-        if (hashLocked) {
-            ASSERT_TRUE(hash->tryLock());
-        }
-        (manager().*privateMember(FreeBlockTag()))(hash.data(), false, hashLocked);
-        bool free = false;
-        std::thread([&] {
-            free = hash->tryLock();
-            if (free)
-                hash->unlock();
-        }).join();
-        EXPECT_TRUE(free);
-        EXPECT_FALSE(manager().isInMemory(hash.data()));
-        EXPECT_TRUE(blockIsLocked(hash.data()));
-    }
-    EXPECT_EQ(ended, 2);
-    EXPECT_EQ(manager().liveBytes(), 3);
-    EXPECT_THAT(newestToOldest(), ElementsAre(three.data()));
-    EXPECT_EQ(manager().managedBlocks(), 3);
-    // Freeing it again finds nothing to free.
-    (manager().*privateMember(FreeBlockTag()))(one.data(), false, false);
-    EXPECT_EQ(manager().liveBytes(), 3);
-    EXPECT_EQ((manager().*privateMember(BlocksFreedTag())).load(), 1);
-}
-
-TEST(ZebDataBlockManagerResidency, ReadersAndAdmissionsKeepTheTablesInStep)
+TEST(ZebDataBlockManagerAdmissionResidency, ReadersAndAdmissionsKeepTheTablesInStep)
 {
     const TemporaryStore store;
     constexpr int contents = 20;
@@ -329,8 +229,39 @@ TEST(ZebDataBlockManagerResidency, ReadersAndAdmissionsKeepTheTablesInStep)
     }
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_EQ(blockMap().size(), contents);
+    EXPECT_EQ(StoreInside::residentBlocks(), contents);
     EXPECT_EQ(manager().liveBlocks(), contents);
     EXPECT_EQ(manager().liveBytes(), 10 * contents);
     EXPECT_EQ(newestToOldest().size(), static_cast<size_t>(contents));
+}
+
+TEST(ZebDataBlockManagerAdmissionResidency, AResidentBlockAboveTheLimitMayBeAddedAgainButNotLoaded)
+{
+    const TemporaryStore store;
+    const ZebDataReference resident = add(s_Megabyte + 1, 1);
+    manager().setMaxDataCacheSize(s_Megabyte);
+    EXPECT_EQ(add(s_Megabyte + 1, 1), resident);
+    const ZebDataReference fitting = add(s_Megabyte, 2);
+    EXPECT_EQ(manager().liveBytes(), s_Megabyte);
+    EXPECT_FATAL(add(s_Megabyte + 1, 3),
+                 "Requested Block is larger than the maximum allocation size 1048577 / 1048576");
+    EXPECT_FATAL(resident.constAccessor(),
+                 "Requested Block is larger than the maximum allocation size 1048577 / 1048576");
+}
+
+TEST(ZebDataBlockManagerAdmissionResidency, BytesThatAreOnDiskAreNotWrittenAgain)
+{
+    const TemporaryStore store;
+    const ZebDataReference reference = add(s_Block, 1);
+    manager().flush(true, ZebDataBlockManager::AllThreads);
+    manager().freeAllBlocks();
+    const int handled = StoreInside::writesHandled();
+    const qint64 written = StoreInside::bytesWritten();
+    EXPECT_GT(written, 0);
+    ZebModifyAccessor accessor = manager().createNewBlock(testBytes(s_Block, 1));
+    EXPECT_EQ(accessor.release(ZebModifyAccessor::Cached, true), reference);
+    manager().flush(true, ZebDataBlockManager::AllThreads);
+    EXPECT_EQ(StoreInside::writesHandled(), handled + 1);
+    EXPECT_EQ(StoreInside::bytesWritten(), written);
+    EXPECT_TRUE(StoreInside::blockOf(reference)->cached());
 }

@@ -1,5 +1,5 @@
-// The store with compression workers: who makes them, that nothing stalls however many there are,
-// and that bytes come back.
+// The store with compression workers: which writers have them, that nothing stalls however many
+// there are, and that bytes can be read again.
 
 #include "manager/ZebDataBlockManager.h"
 
@@ -8,14 +8,14 @@
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "support/FailingDisk.h"
 #include "support/FakeMemory.h"
+#include "support/FilesBelow.h"
+#include "support/Manager.h"
 #include "support/Pattern2Inside.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
 #include "support/WaitUntil.h"
 
-#include <QDirIterator>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QObject>
 
@@ -32,7 +32,6 @@
 #include <thread>
 #include <vector>
 
-using StoreInside::manager;
 using testing::IsEmpty;
 
 namespace {
@@ -55,18 +54,7 @@ ZebDataReference add(int size, quint32 seed)
     return manager().addBlock(testBytes(size, seed), ZebModifyAccessor::Cached, true);
 }
 
-int filesBelow(const QStringList& roots)
-{
-    int count = 0;
-    for (const QString& root : roots) {
-        QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
-        for (; files.hasNext(); files.next())
-            ++count;
-    }
-    return count;
-}
-
-// Ends the process with a word about it when a scope takes too long: a hang could say nothing.
+// Ends the process with a message when a scope takes too long: a hang could print nothing.
 class Watchdog
 {
 public:
@@ -100,8 +88,8 @@ private:
     std::thread m_Thread;
 };
 
-// One life of a store: bursts of blocks, each waited for in another way. Fails when a block has not
-// come to the disk, or comes back with other bytes.
+// One life of a store: bursts of blocks, each waited for in another way. Fails when a block is not
+// on disk, or has other bytes.
 void liveThroughBursts(int roots, int workers, quint32 round)
 {
     constexpr quint32 burst = 24;
@@ -109,7 +97,7 @@ void liveThroughBursts(int roots, int workers, quint32 round)
                             " workers, round " + std::to_string(round));
     const TemporaryStore store(options(roots, workers));
     std::vector<ZebDataReference> references;
-    // Sizes from small to some times what a worker does between two looks of its writer.
+    // Sizes from small to several times what a worker compresses between two looks of its writer.
     const auto sizeOf = [round](quint32 i) {
         return static_cast<int>(16 + (i * 2654435761U + round * 40503U) % 8192U);
     };
@@ -128,7 +116,7 @@ void liveThroughBursts(int roots, int workers, quint32 round)
     }
     addBurst();
     manager().freeAllBlocks();
-    ASSERT_EQ(filesBelow(store.roots()), static_cast<int>(references.size()));
+    ASSERT_EQ(filesBelow(store.roots()).size(), static_cast<int>(references.size()));
     for (quint32 i = round % 7; i < references.size(); i += 7)
         ASSERT_TRUE(holdsTestBytes(references[i], sizeOf(i), i)) << i;
     addBurst();
@@ -153,7 +141,7 @@ void liveManyTimes(quint32 rounds)
 
 // setup
 
-TEST(ZebDataBlockManagerCompression, NoWorkersMakeWritersThatCompressThemselves)
+TEST(ZebDataBlockManagerDiskThreadsCompression, NoWorkersMakeWritersThatCompressThemselves)
 {
     for (const int workers : {0, -1, -100}) {
         const TemporaryStore store(options(2, workers));
@@ -165,7 +153,7 @@ TEST(ZebDataBlockManagerCompression, NoWorkersMakeWritersThatCompressThemselves)
     }
 }
 
-TEST(ZebDataBlockManagerCompression, EveryWriterGetsSoManyWorkersOfItsOwn)
+TEST(ZebDataBlockManagerDiskThreadsCompression, EveryWriterHasThatManyWorkersOfItsOwn)
 {
     {
         const TemporaryStore store(options(3, 2));
@@ -182,7 +170,7 @@ TEST(ZebDataBlockManagerCompression, EveryWriterGetsSoManyWorkersOfItsOwn)
     EXPECT_EQ(Pattern2Inside::freeWorkers(), 0);
 }
 
-TEST(ZebDataBlockManagerCompression, AFailureReachesTheHostAndTheBlockItsFile)
+TEST(ZebDataBlockManagerDiskThreadsCompression, AFailureIsReportedAndTheBlockStillWritten)
 {
     TemporaryStore::Options one = options(1, 2);
     one.m_Buckets = 1;
@@ -204,7 +192,7 @@ TEST(ZebDataBlockManagerCompression, AFailureReachesTheHostAndTheBlockItsFile)
     EXPECT_THAT(StoreInside::beingWritten(), IsEmpty());
 }
 
-TEST(ZebDataBlockManagerCompression, WhatIsWithTheWorkersCountsAsWaitingForTheDisk)
+TEST(ZebDataBlockManagerDiskThreadsCompression, BlocksAtTheWorkersCountAsQueued)
 {
     TemporaryStore::Options one = options(1, 1);
     one.m_Buckets = 1;
@@ -220,7 +208,7 @@ TEST(ZebDataBlockManagerCompression, WhatIsWithTheWorkersCountsAsWaitingForTheDi
     EXPECT_FALSE(manager().isBlockBeingWritten(reference));
 }
 
-TEST(ZebDataBlockManagerCompression, AReaderMeetsABlockOnItsWayToTheDisk)
+TEST(ZebDataBlockManagerDiskThreadsCompression, ABlockOnItsWayToTheDiskCanBeRead)
 {
     const FakeMemory memory;
     TemporaryStore::Options small = options(2, 2);
@@ -229,21 +217,20 @@ TEST(ZebDataBlockManagerCompression, AReaderMeetsABlockOnItsWayToTheDisk)
     std::vector<ZebDataReference> references;
     for (quint32 i = 0; i < 400; ++i)
         references.push_back(add(s_Block, i));
-    // Most have been evicted, some of them with their write still ahead.
+    // Most are evicted by now, some of them with their write still queued.
     for (quint32 i = 0; i < references.size(); ++i)
         EXPECT_TRUE(holdsTestBytes(references[i], s_Block, i)) << i;
 }
 
-// Stalls. Permits of the workers are shared by all roots, so wakes get lost all the time.
+// Stalls. Permits of the workers are shared by all roots, so wake-ups are missed all the time.
 
-TEST(ZebDataBlockManagerCompression, NothingStallsWithAnyCountOfRootsAndWorkers)
+TEST(ZebDataBlockManagerDiskThreadsCompression, NothingStallsWithAnyNumberOfRootsAndWorkers)
 {
     liveManyTimes(1);
 }
 
-// For a run by hand, of about ten minutes: --gtest_also_run_disabled_tests
-// --gtest_filter=*ThousandLives
-TEST(ZebDataBlockManagerCompression, DISABLED_NothingStallsInAThousandLives)
+// Takes about ten minutes; scripts/soak.sh runs it.
+TEST(ZebDataBlockManagerDiskThreadsCompression, DISABLED_NothingStallsInAThousandLives)
 {
     liveManyTimes(s_LivesByHand / s_LivesPerRound + 1);
 }
