@@ -6,7 +6,8 @@
 #include "support/BlockFiles.h"
 #include "support/MessageCapture.h"
 #include "support/Pattern2Inside.h"
-#include "support/PrivateAccess.h"
+#include "support/RequestInside.h"
+#include "support/StartedThread.h"
 #include "support/WaitUntil.h"
 
 #include <QMutexLocker>
@@ -21,12 +22,6 @@
 #include <string>
 #include <vector>
 
-ZEBTDX_ACCESS(RequestPayloadTag, ZebDataBlockWriteRequest, QByteArray ZebDataBlockWriteRequest::*,
-              m_CompressedData)
-ZEBTDX_ACCESS(PushCompressionTag, ZebDataBlockWriteThread_Pattern2,
-              void (ZebDataBlockWriteThread_Pattern2::*)(ZebDataBlockWriteRequest*),
-              pushCompression)
-
 using Pattern2Inside::freeWorkers;
 using Pattern2Inside::workersAreFree;
 using testing::ElementsAre;
@@ -34,19 +29,15 @@ using testing::IsEmpty;
 
 namespace {
 
-// How long something that must not happen is waited for.
-constexpr int s_HeldOffMs = 100;
-
 constexpr int s_DeadlineMs = 20000;
 
-// Permits of other writers' workers, which a writer of the test uses up.
-void addForeignPermits(int count)
+// Adds permits as the workers of other writers do.
+void addPermits(int count)
 {
     ZebDataBlockCompressionThread::AvailableThreads.release(count);
 }
 
-// Takes them back at the end of a test.
-void takeForeignPermits(int count)
+void takePermits(int count)
 {
     ASSERT_TRUE(ZebDataBlockCompressionThread::AvailableThreads.tryAcquire(count, s_DeadlineMs));
 }
@@ -67,6 +58,7 @@ public:
 
     ZebDataBlockCompressionThread& addWorker()
     {
+        m_Thread = std::make_unique<StartedThread>("TDX Compression");
         m_Workers.push_back(std::make_unique<ZebDataBlockCompressionThread>(&m_Condition, &m_Mutex,
                                                                             &m_Queue, nullptr));
         QObject::connect(
@@ -94,7 +86,7 @@ public:
         return request;
     }
 
-    // The same with the permit in hand, and without a wake.
+    // Queues the block without taking a permit and without waking a worker.
     ZebDataBlockWriteRequest* enqueue(const std::string& name)
     {
         const QByteArray content = QByteArray::fromStdString(name);
@@ -106,6 +98,12 @@ public:
     }
 
     void wakeOne() { m_Condition.wakeOne(); }
+
+    // The thread of the started worker.
+    ThreadWatch thread() const { return m_Thread->watch(); }
+
+    // Waits until the worker waits for its wake-up.
+    bool workerSleeps() const { return thread().waitsFor(m_Condition); }
 
     bool doneIs(int count)
     {
@@ -135,6 +133,7 @@ private:
     QObject m_Receiver;
     QMutex m_DoneMutex;
     RequestQueue m_Done;
+    std::unique_ptr<StartedThread> m_Thread;
     std::deque<std::unique_ptr<ZebDataBlockCompressionThread>> m_Workers;
 };
 
@@ -151,16 +150,15 @@ TEST(ZebDataBlockCompressionThread, MakesThePayloadOnItsOwnThreadAndHandsTheRequ
     ASSERT_TRUE(workersAreFree(1));
     ZebDataBlockWriteRequest* const request = workshop.queue("some text, some text, some text");
     ASSERT_TRUE(workshop.doneIs(1));
-    EXPECT_EQ(request->*privateMember(RequestPayloadTag()),
-              qCompress("some text, some text, some text", 2));
+    EXPECT_EQ(RequestInside::payload(*request), qCompress("some text, some text, some text", 2));
     EXPECT_EQ(workshop.m_LastThread, &worker);
-    EXPECT_TRUE(workshop.m_WasFree) << "the queue's mutex is not held meanwhile";
+    EXPECT_TRUE(workshop.m_WasFree) << "the worker does not hold the queue's mutex";
 }
 
 TEST(ZebDataBlockCompressionThread, TakesRequestsInTheOrderOfTheirArrival)
 {
     Workshop workshop;
-    addForeignPermits(3);
+    addPermits(3);
     for (const char* const name : {"a", "b", "c"})
         workshop.queue(name);
     workshop.addWorker().start();
@@ -169,29 +167,31 @@ TEST(ZebDataBlockCompressionThread, TakesRequestsInTheOrderOfTheirArrival)
         return workshop.done().size() == 3;
     }));
     EXPECT_THAT(workshop.done(), ElementsAre("a", "b", "c"));
-    takeForeignPermits(3);
+    takePermits(3);
 }
 
-TEST(ZebDataBlockCompressionThread, LooksAtTheQueueOnlyAfterAWake)
+TEST(ZebDataBlockCompressionThread, TakesOneRequestForEachWakeUp)
 {
     Workshop workshop;
     workshop.addWorker().start();
     ASSERT_TRUE(workersAreFree(1));
-    addForeignPermits(1);
-    takeForeignPermits(2);
+    addPermits(1);
+    takePermits(2);
     workshop.enqueue("first");
     workshop.enqueue("second");
-    EXPECT_FALSE(waitUntil([&] { return !workshop.done().empty(); }, s_HeldOffMs));
+    EXPECT_TRUE(workshop.workerSleeps());
+    EXPECT_TRUE(workshop.thread().standsStill()) << "it does not poll";
+    EXPECT_THAT(workshop.done(), IsEmpty());
     workshop.wakeOne();
     EXPECT_TRUE(workshop.doneIs(1));
-    EXPECT_FALSE(waitUntil([&] { return workshop.done().size() > 1; }, s_HeldOffMs))
-        << "one wake, one request";
+    EXPECT_TRUE(workshop.workerSleeps());
+    EXPECT_THAT(workshop.done(), ElementsAre("first"));
     workshop.wakeOne();
     EXPECT_TRUE(workshop.doneIs(2));
-    takeForeignPermits(1);
+    takePermits(1);
 }
 
-TEST(ZebDataBlockCompressionThread, AWakeWithNothingQueuedChangesNothing)
+TEST(ZebDataBlockCompressionThread, AWakeUpWithNothingQueuedHasNoEffect)
 {
     Workshop workshop;
     workshop.addWorker().start();
@@ -205,7 +205,7 @@ TEST(ZebDataBlockCompressionThread, AWakeWithNothingQueuedChangesNothing)
 
 // The permits
 
-TEST(ZebDataBlockCompressionThread, PermitsAreThereOnceTheWorkersWaitAndGoWithThem)
+TEST(ZebDataBlockCompressionThread, WorkersGiveAPermitEachWhileTheyWait)
 {
     EXPECT_EQ(freeWorkers(), 0);
     Workshop workshop;
@@ -227,31 +227,33 @@ TEST(ZebDataBlockCompressionThread, AWorkerThatNeverStartedEndsWithoutAPermit)
     EXPECT_EQ(freeWorkers(), 0);
 }
 
-TEST(ZebDataBlockCompressionThread, ThePermitIsGivenWithTheQueueHeld)
+TEST(ZebDataBlockCompressionThread, AWorkerGivesItsPermitWithTheQueueLocked)
 {
     Workshop workshop;
     ZebDataBlockCompressionThread& worker = workshop.addWorker();
     {
         const QMutexLocker locker(&workshop.m_Mutex);
         worker.start();
-        EXPECT_FALSE(waitUntil([] { return freeWorkers() > 0; }, s_HeldOffMs));
+        EXPECT_TRUE(workshop.thread().waitsFor(workshop.m_Mutex));
+        EXPECT_EQ(freeWorkers(), 0);
     }
     EXPECT_TRUE(workersAreFree(1));
 }
 
-TEST(ZebDataBlockCompressionThread, APermitThatIsTakenWhenItsWorkerEndsIsOwed)
+TEST(ZebDataBlockCompressionThread, APermitInUseWhenItsWorkerEndsIsReplacedByTheNext)
 {
     Workshop ending;
     Workshop staying;
     ending.addWorker().start();
     ASSERT_TRUE(workersAreFree(1));
-    // A writer has it, and is about to queue a request.
-    takeForeignPermits(1);
+    // As a writer does that is about to queue a request.
+    takePermits(1);
     ending.endWorkers();
     EXPECT_EQ(freeWorkers(), 0);
-    // The next one to be given settles that.
+    // The next worker's first permit replaces the one in use.
     staying.addWorker().start();
-    EXPECT_FALSE(waitUntil([] { return freeWorkers() > 0; }, s_HeldOffMs));
+    EXPECT_TRUE(staying.workerSleeps());
+    EXPECT_EQ(freeWorkers(), 0);
     staying.enqueue("the request of that writer");
     EXPECT_TRUE(waitUntil([&] {
         staying.wakeOne();
@@ -264,7 +266,7 @@ TEST(ZebDataBlockCompressionThread, APermitThatIsTakenWhenItsWorkerEndsIsOwed)
 
 // The end
 
-TEST(ZebDataBlockCompressionThread, EndsWhileItWaitsAndLeavesItsSiblings)
+TEST(ZebDataBlockCompressionThread, EndsWhileItWaitsAndDoesNotAffectOtherWorkers)
 {
     Workshop workshop;
     auto ending = std::make_unique<Workshop>();
@@ -278,7 +280,7 @@ TEST(ZebDataBlockCompressionThread, EndsWhileItWaitsAndLeavesItsSiblings)
     EXPECT_TRUE(workersAreFree(1));
 }
 
-TEST(ZebDataBlockCompressionThread, AWriterThatEndsGivesThePermitsOfItsLeftoversBack)
+TEST(ZebDataBlockCompressionThread, AWriterThatEndsReturnsThePermitsOfItsQueuedRequests)
 {
     const MessageCapture messages;
     ZebDataBlockManager::instance();
@@ -287,16 +289,16 @@ TEST(ZebDataBlockCompressionThread, AWriterThatEndsGivesThePermitsOfItsLeftovers
     ASSERT_TRUE(workersAreFree(1));
     ZebDataBlockWriteRequest fence(0);
     {
-        // It has no worker of its own, so what it queues stays.
+        // It has no worker, so its request stays queued.
         ZebDataBlockWriteThread_Pattern2 writer("/nowhere", 10, 0, nullptr);
-        (writer.*privateMember(PushCompressionTag()))(&fence);
+        Pattern2Inside::pushCompression(writer, &fence);
         EXPECT_EQ(freeWorkers(), 0);
         EXPECT_EQ(Pattern2Inside::queued(writer), 1);
     }
     EXPECT_EQ(freeWorkers(), 1);
 }
 
-TEST(ZebDataBlockCompressionThread, IsAKindOfItsOwnForQt)
+TEST(ZebDataBlockCompressionThread, HasAQtClassOfItsOwn)
 {
     EXPECT_STREQ(ZebDataBlockCompressionThread::staticMetaObject.className(),
                  "ZebDataBlockCompressionThread");

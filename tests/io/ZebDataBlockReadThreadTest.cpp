@@ -1,49 +1,31 @@
-// The reader as a thread: its list of preloads. What one load does stands in
-// ZebDataBlockReadThread_LoadTest.
+// The reader as a thread: its list of preloads. What one load does is tested in
+// ZebDataBlockReadThread_LoadTest.cpp.
 
 #include "io/ZebDataBlockReadThread.h"
 
 #include "data/ZebDataReference.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
+#include "support/BlockedThread.h"
+#include "support/BytesOf.h"
 #include "support/FlushProbe.h"
-#include "support/PrivateAccess.h"
+#include "support/ReaderInside.h"
+#include "support/SequencePoints.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
 #include "support/Wakes.h"
 
-#include <QReadWriteLock>
-#include <QSemaphore>
-#include <QVector>
+#include <QWriteLocker>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <future>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
-
-using PreloadList = ZebPriorityList<ZebSmartPointer<ZebDataHash>>;
-using ReadersMember = QVector<ZebDataBlockReadThread*> ZebDataBlockManager::*;
-
-ZEBTDX_ACCESS(ReadersTag, ZebDataBlockManager, ReadersMember, m_ReadThreads)
-ZEBTDX_ACCESS(ReaderListTag, ZebDataBlockReadThread, PreloadList ZebDataBlockReadThread::*,
-              m_Requests)
-ZEBTDX_ACCESS(ReaderExitTag, ZebDataBlockReadThread, bool ZebDataBlockReadThread::*, m_Exit)
-ZEBTDX_ACCESS(ReaderWaitMutexTag, ZebDataBlockReadThread, QMutex ZebDataBlockReadThread::*,
-              m_WaitMutex)
-ZEBTDX_ACCESS(ReaderConditionTag, ZebDataBlockReadThread, QWaitCondition ZebDataBlockReadThread::*,
-              m_WaitCondition)
-ZEBTDX_ACCESS(ReaderLockTag, ZebDataBlockReadThread, QReadWriteLock ZebDataBlockReadThread::*,
-              m_Lock)
-ZEBTDX_ACCESS(PromotionsTag, ZebDataBlockReadThread, std::atomic<qint64> ZebDataBlockReadThread::*,
-              m_PromotionCount)
-ZEBTDX_ACCESS(MaxLowTag, ZebDataBlockReadThread, const int ZebDataBlockReadThread::*,
-              m_MaxLowPriorityRequests)
 
 namespace {
 
@@ -57,22 +39,13 @@ constexpr auto s_Low = ZebDataBlockManager::PreloadLow;
 
 constexpr int s_Buckets = 10;
 constexpr int s_MaxLow = 50;
-constexpr int s_DeadlineMs = 20000;
-
-// How long something that must not happen is waited for.
-constexpr int s_HeldOffMs = 100;
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
 
 ZebDataBlockReadThread& managersReader()
 {
-    return *(manager().*privateMember(ReadersTag())).first();
+    return *StoreInside::readers().first();
 }
 
-// A reader that is not started at first, and hashes by the names of their contents.
+// A reader that is not started at first, for hashes that are named after the bytes of their blocks.
 class ReaderStation
 {
 public:
@@ -111,9 +84,9 @@ public:
             request("filling " + std::to_string(i), s_Normal);
     }
 
-    PreloadList& requests() { return m_Reader.*privateMember(ReaderListTag()); }
+    ReaderInsideList& requests() { return ReaderInside::requests(m_Reader); }
 
-    // What waits, each as its priority and its name. For a reader that does not run.
+    // The waiting requests, each as its priority and its name. For a reader that does not run.
     std::vector<std::string> list()
     {
         std::vector<std::string> entries;
@@ -126,16 +99,16 @@ public:
         return entries;
     }
 
-    qint64 promotions() const { return m_Reader.*privateMember(PromotionsTag()); }
+    qint64 promotions() { return ReaderInside::promotionCount(m_Reader); }
 
     void start() { m_Reader.start(); }
 
-    // waitUntil(), with the thread kept awake.
+    // waitUntil() that keeps the thread awake.
     template <typename Condition>
     bool waitFor(Condition condition)
     {
         return waitUntil([&] {
-            (m_Reader.*privateMember(ReaderConditionTag())).wakeAll();
+            ReaderInside::waitCondition(m_Reader).wakeAll();
             return condition();
         });
     }
@@ -151,10 +124,10 @@ public:
 
     // Whether `action` wakes an idle reader. Not for a started one.
     template <typename Action>
-    bool actionWakes(Action action, int deadlineMs)
+    bool actionWakes(Action action)
     {
-        return wakes(m_Reader.*privateMember(ReaderWaitMutexTag()),
-                     m_Reader.*privateMember(ReaderConditionTag()), action, deadlineMs);
+        return wakes(ReaderInside::waitMutex(m_Reader), ReaderInside::waitCondition(m_Reader),
+                     action);
     }
 
 private:
@@ -199,7 +172,7 @@ TEST(ZebDataBlockReadThread, ARequestIsListedByItsPriorityAndMarksItsHash)
 TEST(ZebDataBlockReadThread, ANewRequestWakesTheThread)
 {
     ReaderStation station;
-    EXPECT_TRUE(station.actionWakes([&] { station.request("new"); }, s_DeadlineMs));
+    EXPECT_TRUE(station.actionWakes([&] { station.request("new"); }));
 }
 
 TEST(ZebDataBlockReadThread, RefusesALowRequestFromTheLimitOn)
@@ -209,7 +182,7 @@ TEST(ZebDataBlockReadThread, RefusesALowRequestFromTheLimitOn)
     station.request("the last low one", s_Low);
     EXPECT_EQ(station.reader().requests(), s_MaxLow);
     EXPECT_TRUE(station.hash("the last low one").isPreloading());
-    EXPECT_FALSE(station.actionWakes([&] { station.request("refused", s_Low); }, s_HeldOffMs));
+    EXPECT_FALSE(station.actionWakes([&] { station.request("refused", s_Low); }));
     EXPECT_EQ(station.reader().requests(), s_MaxLow);
     EXPECT_FALSE(station.hash("refused").isPreloading()) << "it can be asked for again";
     EXPECT_EQ(station.hash("refused").refCount(), 1);
@@ -228,7 +201,7 @@ TEST(ZebDataBlockReadThread, RefusesALowRequestFromTheLimitOn)
 TEST(ZebDataBlockReadThread, TheManagersReadersRefuseLowRequestsFromFiftyOn)
 {
     const TemporaryStore store;
-    EXPECT_EQ(managersReader().*privateMember(MaxLowTag()), 50);
+    EXPECT_EQ(ReaderInside::maxLowPriorityRequests(managersReader()), 50);
 }
 
 TEST(ZebDataBlockReadThread, WithoutPromotionARepeatedRequestHasNoEffect)
@@ -241,7 +214,7 @@ TEST(ZebDataBlockReadThread, WithoutPromotionARepeatedRequestHasNoEffect)
         station.request("second", s_Normal);
         station.request("second", s_Low);
     };
-    EXPECT_FALSE(station.actionWakes(repeat, s_HeldOffMs));
+    EXPECT_FALSE(station.actionWakes(repeat));
     EXPECT_THAT(station.list(), ElementsAre("1 first", "1 second"));
     EXPECT_EQ(station.promotions(), 0);
     EXPECT_EQ(station.hash("second").refCount(), 2);
@@ -257,7 +230,7 @@ TEST(ZebDataBlockReadThread, ARepeatedRequestPromotesTheEntryByOneWhateverItsPri
     station.request("promoted", s_Low);
     station.request("tail", s_Low);
     EXPECT_EQ(station.promotions(), 0) << "a first request is none";
-    EXPECT_TRUE(station.actionWakes([&] { station.request("promoted", s_Low); }, s_DeadlineMs));
+    EXPECT_TRUE(station.actionWakes([&] { station.request("promoted", s_Low); }));
     EXPECT_THAT(station.list(), ElementsAre("1 head", "1 promoted", "2 tail"));
     station.request("promoted", s_High);
     station.request("promoted", s_Normal);
@@ -267,24 +240,24 @@ TEST(ZebDataBlockReadThread, ARepeatedRequestPromotesTheEntryByOneWhateverItsPri
     EXPECT_EQ(station.hash("promoted").refCount(), 2);
 }
 
-TEST(ZebDataBlockReadThread, TheHeadIsNotPromotedAndGivesNoWake)
+TEST(ZebDataBlockReadThread, TheHeadIsNotPromotedAndDoesNotWakeTheThread)
 {
     ReaderStation station;
     station.reader().setRequestPromotionEnabled(true);
     station.request("head", s_Low);
     station.request("tail", s_Low);
-    EXPECT_FALSE(station.actionWakes([&] { station.request("head", s_High); }, s_HeldOffMs));
+    EXPECT_FALSE(station.actionWakes([&] { station.request("head", s_High); }));
     EXPECT_THAT(station.list(), ElementsAre("2 head", "2 tail"));
     EXPECT_EQ(station.promotions(), 1) << "the attempt counts";
 }
 
-TEST(ZebDataBlockReadThread, AHashOnItsWayThatIsNotListedIsNotPromoted)
+TEST(ZebDataBlockReadThread, AHashThatIsPreloadingAndNotListedIsNotPromoted)
 {
     ReaderStation station;
     station.reader().setRequestPromotionEnabled(true);
     station.request("listed", s_Normal);
     station.hash("taken").setPreloading(true);
-    EXPECT_FALSE(station.actionWakes([&] { station.request("taken", s_High); }, s_HeldOffMs));
+    EXPECT_FALSE(station.actionWakes([&] { station.request("taken", s_High); }));
     EXPECT_THAT(station.list(), ElementsAre("1 listed"));
     EXPECT_EQ(station.promotions(), 1);
     EXPECT_TRUE(station.hash("taken").isPreloading());
@@ -300,7 +273,7 @@ TEST(ZebDataBlockReadThread, TheListIsSortedAtEachHundredthAttempt)
     EXPECT_THAT(station.list(), ElementsAre("1 first", "-98 second"));
     station.request("second", 1);
     EXPECT_THAT(station.list(), ElementsAre("-99 second", "1 first"));
-    // 99 more attempts on what stands behind now, and one that sorts.
+    // 99 more attempts on what is second now, and one that sorts.
     station.request("first", 99);
     EXPECT_THAT(station.list(), ElementsAre("-99 second", "-98 first"));
     station.request("third", s_Normal);
@@ -325,9 +298,9 @@ TEST(ZebDataBlockReadThread, AHundredthAttemptThatPromotesNothingDoesNotSort)
     EXPECT_THAT(station.list(), ElementsAre("-198 promoted", "1 head"));
 }
 
-// Forgetting requests
+// Dropping requests
 
-TEST(ZebDataBlockReadThread, KillingRequestsLeavesTheirHashesMarked)
+TEST(ZebDataBlockReadThread, KillingRequestsKeepsTheirHashesMarked)
 {
     ReaderStation station;
     for (const bool promotion : {false, true}) {
@@ -341,12 +314,12 @@ TEST(ZebDataBlockReadThread, KillingRequestsLeavesTheirHashesMarked)
         EXPECT_TRUE(station.hash("killed").isPreloading());
         EXPECT_TRUE(station.hash("also killed").isPreloading());
         station.request("killed");
-        EXPECT_THAT(station.list(), IsEmpty()) << "refused as on its way";
+        EXPECT_THAT(station.list(), IsEmpty()) << "refused, since it is still marked as preloading";
     }
     EXPECT_EQ(station.reader().requestsHandled(), 0);
 }
 
-TEST(ZebDataBlockReadThread, KillingRequestsEndsHashesThatNobodyElseHolds)
+TEST(ZebDataBlockReadThread, KillingRequestsDeletesHashesThatOnlyTheListHolds)
 {
     ReaderStation station;
     const int before = ZebDataHash::hashCount();
@@ -357,7 +330,7 @@ TEST(ZebDataBlockReadThread, KillingRequestsEndsHashesThatNobodyElseHolds)
     EXPECT_EQ(ZebDataHash::hashCount(), before);
 }
 
-TEST(ZebDataBlockReadThread, AKilledRequestIsTakenAgainOnceTheBlockWasLoaded)
+TEST(ZebDataBlockReadThread, AKilledRequestIsAcceptedAgainOnceTheBlockWasLoaded)
 {
     TemporaryStore store;
     const QByteArray content("killed and loaded");
@@ -377,7 +350,7 @@ TEST(ZebDataBlockReadThread, AKilledRequestIsTakenAgainOnceTheBlockWasLoaded)
 
 // The thread
 
-TEST(ZebDataBlockReadThread, BringsEveryPreloadedBlockBack)
+TEST(ZebDataBlockReadThread, LoadsEveryPreloadedBlock)
 {
     constexpr int count = 60;
     TemporaryStore store;
@@ -407,9 +380,7 @@ TEST(ZebDataBlockReadThread, BringsEveryPreloadedBlockBack)
     for (int i = 0; i < count; ++i) {
         ASSERT_TRUE(references[static_cast<size_t>(i)].isInMemory());
         const ZebConstAccessor accessor = references[static_cast<size_t>(i)].constAccessor();
-        ASSERT_EQ(QByteArray(reinterpret_cast<const char*>(accessor.data()),
-                             static_cast<int>(accessor.size())),
-                  BlockFiles::text(20 + i));
+        ASSERT_EQ(bytesOf(accessor), BlockFiles::text(20 + i));
     }
     EXPECT_EQ(managersReader().requestsHandled(), count);
     EXPECT_EQ(managersReader().bytesRead(), bytes);
@@ -435,10 +406,10 @@ TEST(ZebDataBlockReadThread, APreloadThatFailsCountsAsHandledAndStaysMarked)
     EXPECT_TRUE(station.hash("missing").isPreloading());
     EXPECT_EQ(station.hash("missing").refCount(), 1);
     station.request("missing");
-    EXPECT_EQ(station.reader().requests(), 0) << "refused as on its way";
+    EXPECT_EQ(station.reader().requests(), 0) << "refused, since it is still marked as preloading";
 }
 
-TEST(ZebDataBlockReadThread, PassesOverANullHash)
+TEST(ZebDataBlockReadThread, SkipsANullHash)
 {
     TemporaryStore store;
     const FlushProbe probe;
@@ -452,56 +423,64 @@ TEST(ZebDataBlockReadThread, PassesOverANullHash)
     EXPECT_EQ(probe.flushes(), 0);
 }
 
-TEST(ZebDataBlockReadThread, FlushWaitsForTheListAndNotForTheLoadInHand)
+TEST(ZebDataBlockReadThread, FlushWaitsForTheListAndNotForTheCurrentLoad)
 {
     TemporaryStore store;
     FlushProbe probe;
     ReaderStation station(store.roots().first());
-    QSemaphore goOn;
+    SequencePoints points;
     probe.onFlush([&](int number) {
-        if (number == 1) {
-            EXPECT_TRUE(goOn.tryAcquire(1, s_DeadlineMs));
-        }
+        if (number == 1)
+            points.wait("checked");
     });
-    station.request("in hand");
+    station.request("loading");
     station.request("listed");
     station.start();
     EXPECT_TRUE(station.waitFor([&] { return probe.flushes() == 1; }));
-    const std::future<void> flush =
-        std::async(std::launch::async, [&] { station.reader().flush(); });
-    const auto isReady = [&] {
-        return flush.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    };
-    EXPECT_FALSE(waitUntil(isReady, s_HeldOffMs));
+    QReadWriteLock& lock = ReaderInside::lock(station.reader());
+    std::unique_ptr<BlockedThread> flush;
+    int listedAtItsEnd = -1;
+    // It asks for the list's length again and again while that is not 0.
+    for (int look = 0; look < 3; ++look) {
+        const QWriteLocker locker(&lock);
+        if (!flush) {
+            flush = std::make_unique<BlockedThread>([&] {
+                station.reader().flush();
+                listedAtItsEnd = station.reader().requests();
+            });
+        }
+        EXPECT_TRUE(flush->waitsFor(lock)) << look;
+    }
     station.reader().killRequests();
-    EXPECT_TRUE(waitUntil(isReady));
-    EXPECT_EQ(probe.flushes(), 1) << "the load is still in hand";
-    goOn.release();
+    EXPECT_TRUE(flush->ends());
+    EXPECT_EQ(listedAtItsEnd, 0);
+    EXPECT_EQ(probe.flushes(), 1) << "the load has not ended";
+    points.reached("checked");
 }
 
 TEST(ZebDataBlockReadThread, FlushAndClosingDownWakeTheThread)
 {
     ReaderStation station;
-    EXPECT_TRUE(station.actionWakes([&] { station.reader().flush(); }, s_DeadlineMs));
-    EXPECT_TRUE(station.actionWakes([&] { station.reader().closeDown(); }, s_DeadlineMs));
+    EXPECT_TRUE(station.actionWakes([&] { station.reader().flush(); }));
+    EXPECT_TRUE(station.actionWakes([&] { station.reader().closeDown(); }));
 }
 
-TEST(ZebDataBlockReadThread, ARequestWhoseWakeWasLostIsFoundAllTheSame)
+TEST(ZebDataBlockReadThread, ARequestWhoseWakeUpWasMissedIsFoundAfterTheLimitedWait)
 {
     const TemporaryStore store;
     ReaderStation station;
-    // On its way to its first wait, or in it.
+    // It is in its first wait, or about to be.
     station.start();
     ASSERT_TRUE(waitUntil([&station] { return station.reader().isRunning(); }));
     {
-        const QWriteLocker locker(&(station.reader().*privateMember(ReaderLockTag())));
+        const QWriteLocker locker(&ReaderInside::lock(station.reader()));
         station.requests().insert(s_Normal, &station.hash("a"));
     }
-    // Nothing wakes the thread; its own wait is bounded.
+    // Nothing wakes the thread; its own wait is limited.
     EXPECT_TRUE(waitUntil([&station] { return station.reader().requestsHandled() == 1; }));
 }
 
-TEST(ZebDataBlockReadThread, ClosesDownAfterItsListHasRunEmpty)
+TEST(ZebDataBlockReadThread, ClosesDownWhenItsListIsEmpty)
 {
     TemporaryStore store;
     const FlushProbe probe;
@@ -515,11 +494,11 @@ TEST(ZebDataBlockReadThread, ClosesDownAfterItsListHasRunEmpty)
     EXPECT_EQ(station.reader().requestsHandled(), 3);
 }
 
-TEST(ZebDataBlockReadThread, AThreadThatIsAskedToEndForgetsWhatIsListed)
+TEST(ZebDataBlockReadThread, AThreadThatIsAskedToEndDropsItsRequests)
 {
     ReaderStation station;
     station.request("listed");
-    station.reader().*privateMember(ReaderExitTag()) = true;
+    ReaderInside::exit(station.reader()) = true;
     station.start();
     EXPECT_TRUE(station.waitFor([&] { return station.reader().isFinished(); }));
     EXPECT_EQ(station.reader().requests(), 0);

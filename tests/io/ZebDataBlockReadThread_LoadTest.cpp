@@ -1,4 +1,4 @@
-// What one load of a block does, on whatever thread it is called.
+// What one load of a block does, on any thread.
 
 #include "io/ZebDataBlockReadThread.h"
 
@@ -6,38 +6,29 @@
 #include "data/ZebDataReference.h"
 #include "hash/ZebHashManager.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
-#include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
+#include "support/BlockedThread.h"
+#include "support/BytesOf.h"
 #include "support/FlushProbe.h"
-#include "support/PrivateAccess.h"
+#include "support/ReaderInside.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
+#include "support/WriterInside.h"
 #include "support/ZebDataDeleteLocker.h"
 
 #include <QFileInfo>
 #include <QSemaphore>
 #include <QThreadPool>
-#include <QVector>
 #include <QtEndian>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 #include <limits>
 #include <memory>
 #include <thread>
 #include <vector>
-
-using WritersMember = QVector<ZebDataBlockWriteThread*> ZebDataBlockManager::*;
-
-using DecompressTask = ZebDataBlock* (*)(QByteArray, const ZebSmartPointer<ZebDataHash>&, bool,
-                                         qint64);
-
-ZEBTDX_ACCESS(TaskTag, ZebDataBlockReadThread, DecompressTask, decompressAndMakeBlock)
-ZEBTDX_ACCESS(WritersTag, ZebDataBlockManager, WritersMember, m_WriteThreads)
-ZEBTDX_ACCESS(WriterConditionTag, ZebDataBlockWriteThread,
-              QWaitCondition ZebDataBlockWriteThread::*, m_WaitCondition)
 
 namespace {
 
@@ -47,27 +38,10 @@ using Load = QFuture<ZebDataBlock*>;
 constexpr int s_Buckets = 10;
 constexpr int s_DeadlineMs = 20000;
 
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
+using StoreInside::manager;
+using StoreInside::writers;
 
-QVector<ZebDataBlockWriteThread*>& writers()
-{
-    return manager().*privateMember(WritersTag());
-}
-
-QByteArray bytesOf(const ZebDataBlock& block)
-{
-    return {reinterpret_cast<const char*>(block.constData()), static_cast<int>(block.size())};
-}
-
-QByteArray bytesOf(const ZebConstAccessor& accessor)
-{
-    return {reinterpret_cast<const char*>(accessor.data()), static_cast<int>(accessor.size())};
-}
-
-// A header that promises `length` bytes, and some other number of them behind it.
+// A header with the payload length `length`, and `present` bytes of payload.
 QByteArray fileWithLength(qint32 length, int present)
 {
     QByteArray bytes = BlockFiles::fileBytes(1000, QByteArray(present, 'p'));
@@ -75,13 +49,8 @@ QByteArray fileWithLength(qint32 length, int present)
     return bytes;
 }
 
-bool isReady(const std::future<void>& call)
-{
-    return call.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-}
-
-// A store with a reader that is not started, for the file of one content that the store does not
-// know. The store's writers are out of the way unless a test asks for them.
+// A store, and a reader that is not started for the file of one block that is not in the store. A
+// probe replaces the store's writers.
 class LoadStation
 {
 public:
@@ -115,7 +84,7 @@ public:
         return future;
     }
 
-    // The block that a load without makeLive gives; null when it fails.
+    // The block that a load without makeLive returns; null when it fails.
     std::unique_ptr<ZebDataBlock> loaded()
     {
         const Load future = load();
@@ -131,7 +100,7 @@ private:
     ZebDataBlockReadThread m_Reader;
 };
 
-// Sets the number of threads of Qt's global pool for the length of a scope.
+// Sets the number of threads of Qt's global pool for the duration of a scope.
 class GlobalPoolSize
 {
 public:
@@ -154,17 +123,17 @@ private:
 TEST(ZebDataBlockReadThread_Load, TheTaskMakesTheBlockFromTheBytesAndNotByTheSize)
 {
     LoadStation station;
-    const auto task = privateMember(TaskTag());
     station.hash()->setPreloading(true);
     const std::unique_ptr<ZebDataBlock> block(
-        task(qCompress(text(50), 9), station.hash(), false, 3));
+        ReaderInside::decompressAndMakeBlock(qCompress(text(50), 9), station.hash(), false, 3));
     EXPECT_EQ(bytesOf(*block), text(50));
     EXPECT_TRUE(block->cached());
     EXPECT_FALSE(block->isCompressed());
     EXPECT_FALSE(station.hash()->isPreloading());
     EXPECT_EQ(station.reader().bytesRead(), 0);
     EXPECT_EQ(manager().liveBytes(), 0);
-    ZebDataBlock* const live = task(qCompress(text(60), 9), station.hash(), true, 3);
+    ZebDataBlock* const live =
+        ReaderInside::decompressAndMakeBlock(qCompress(text(60), 9), station.hash(), true, 3);
     EXPECT_EQ(manager().liveBytes(), text(60).size());
     EXPECT_EQ(bytesOf(ZebDataReference(station.hash()).constAccessor()), text(60));
     EXPECT_EQ(bytesOf(*live), text(60));
@@ -172,7 +141,7 @@ TEST(ZebDataBlockReadThread_Load, TheTaskMakesTheBlockFromTheBytesAndNotByTheSiz
 
 // A load that succeeds
 
-TEST(ZebDataBlockReadThread_Load, GivesTheBlockToWhoeverAsksForIt)
+TEST(ZebDataBlockReadThread_Load, ReturnsTheBlockToTheCaller)
 {
     LoadStation station;
     station.write(BlockFiles::fileOf(text(50)));
@@ -191,7 +160,7 @@ TEST(ZebDataBlockReadThread_Load, GivesTheBlockToWhoeverAsksForIt)
     EXPECT_TRUE(station.store().messages().messages().isEmpty());
 }
 
-TEST(ZebDataBlockReadThread_Load, HandsTheBlockToTheManagerWhenItIsToBecomeLive)
+TEST(ZebDataBlockReadThread_Load, HandsTheBlockToTheManagerWithMakeLive)
 {
     LoadStation station;
     station.write(BlockFiles::fileOf(text(50)));
@@ -232,7 +201,7 @@ TEST(ZebDataBlockReadThread_Load, ReadsFromItsSubCache)
     EXPECT_EQ(station.loaded(), nullptr);
 }
 
-TEST(ZebDataBlockReadThread_Load, NeverReadsBehindThePayload)
+TEST(ZebDataBlockReadThread_Load, NeverReadsAfterThePayload)
 {
     LoadStation station;
     station.write(BlockFiles::fileOf(text(50)) + BlockFiles::incompressible(5000));
@@ -241,24 +210,24 @@ TEST(ZebDataBlockReadThread_Load, NeverReadsBehindThePayload)
     EXPECT_EQ(bytesOf(*block), text(50));
 }
 
-TEST(ZebDataBlockReadThread_Load, TakesTheSizeFromTheBytesAndOnlyCountsTheOneInTheHeader)
+TEST(ZebDataBlockReadThread_Load, TakesTheSizeFromThePayloadAndOnlyCountsTheOneInTheHeader)
 {
     qint64 expected = 0;
     LoadStation station;
-    for (const qint64 told : {qint64(5), qint64(0), qint64(-7), qint64(1) << 40}) {
-        station.write(BlockFiles::fileBytes(told, qCompress(text(50), 2)));
+    for (const qint64 size : {qint64(5), qint64(0), qint64(-7), qint64(1) << 40}) {
+        station.write(BlockFiles::fileBytes(size, qCompress(text(50), 2)));
         const std::unique_ptr<ZebDataBlock> block = station.loaded();
         ASSERT_NE(block, nullptr);
         EXPECT_EQ(bytesOf(*block), text(50));
-        expected += told;
+        expected += size;
         EXPECT_EQ(station.reader().bytesRead(), expected);
     }
     EXPECT_TRUE(station.store().messages().messages().isEmpty());
 }
 
-// Payloads that are no good
+// Damaged payloads
 
-TEST(ZebDataBlockReadThread_Load, ADamagedPayloadBecomesAnEmptyBlockThatLives)
+TEST(ZebDataBlockReadThread_Load, ADamagedPayloadBecomesAnEmptyResidentBlock)
 {
     QByteArray damaged = qCompress(text(50), 2);
     damaged[damaged.size() / 2] = static_cast<char>(~damaged[damaged.size() / 2]);
@@ -273,7 +242,7 @@ TEST(ZebDataBlockReadThread_Load, ADamagedPayloadBecomesAnEmptyBlockThatLives)
         EXPECT_FALSE(future.result()->isCompressed());
         EXPECT_FALSE(station.hash()->isPreloading());
         EXPECT_EQ(station.reader().bytesRead(), text(50).size());
-        EXPECT_EQ(station.probe().flushes(), 0) << "to the reader it was a success";
+        EXPECT_EQ(station.probe().flushes(), 0) << "the reader counts it as a success";
         EXPECT_EQ(station.store().messages().debugLines(),
                   QStringList("Failed to decompress block data."));
         EXPECT_EQ(manager().isInMemory(station.hash().data()), makeLive);
@@ -301,7 +270,7 @@ TEST(ZebDataBlockReadThread_Load, APayloadOfNoBytesIsReadAndBecomesAnEmptyBlock)
 
 // A load that fails
 
-TEST(ZebDataBlockReadThread_Load, AMissingFileIsTriedTwiceAndGivesACancelledFuture)
+TEST(ZebDataBlockReadThread_Load, AMissingFileIsReadTwiceAndReturnsACancelledFuture)
 {
     LoadStation station;
     for (const bool wasPreloading : {false, true}) {
@@ -314,7 +283,7 @@ TEST(ZebDataBlockReadThread_Load, AMissingFileIsTriedTwiceAndGivesACancelledFutu
         EXPECT_TRUE(future.isCanceled());
         EXPECT_FALSE(future.isRunning());
         EXPECT_EQ(future.resultCount(), 0);
-        EXPECT_EQ(station.probe().flushes() - before, 2) << "one behind each attempt";
+        EXPECT_EQ(station.probe().flushes() - before, 2) << "one after each attempt";
         EXPECT_EQ(station.probe().lastHash(), station.hash().data());
         EXPECT_EQ(station.probe().lastThread(), QThread::currentThread());
         EXPECT_EQ(station.store().messages().debugLines(), QStringList(station.cannotRead()));
@@ -325,7 +294,7 @@ TEST(ZebDataBlockReadThread_Load, AMissingFileIsTriedTwiceAndGivesACancelledFutu
     EXPECT_FALSE(manager().isInMemory(station.hash().data()));
 }
 
-TEST(ZebDataBlockReadThread_Load, AFileThatComesWithTheFlushIsReadByTheSecondAttempt)
+TEST(ZebDataBlockReadThread_Load, TheSecondAttemptReadsAFileThatTheFlushHasWritten)
 {
     LoadStation station;
     station.probe().onFlush([&](int) { station.write(BlockFiles::fileOf(text(50))); });
@@ -337,7 +306,7 @@ TEST(ZebDataBlockReadThread_Load, AFileThatComesWithTheFlushIsReadByTheSecondAtt
     EXPECT_TRUE(station.store().messages().messages().isEmpty());
 }
 
-TEST(ZebDataBlockReadThread_Load, TheFlushBehindTheSecondAttemptComesTooLate)
+TEST(ZebDataBlockReadThread_Load, TheFlushAfterTheSecondAttemptIsTooLate)
 {
     LoadStation station;
     station.probe().onFlush([&](int number) {
@@ -351,7 +320,7 @@ TEST(ZebDataBlockReadThread_Load, TheFlushBehindTheSecondAttemptComesTooLate)
     EXPECT_EQ(station.probe().flushes(), 2);
 }
 
-TEST(ZebDataBlockReadThread_Load, AHalfWrittenFileIsReadOnceItIsWhole)
+TEST(ZebDataBlockReadThread_Load, AnIncompleteFileIsReadOnceItIsComplete)
 {
     const QByteArray whole = BlockFiles::fileOf(text(50));
     for (const int size : {0, 7, 8, 11, 12, whole.size() - 1}) {
@@ -365,7 +334,7 @@ TEST(ZebDataBlockReadThread_Load, AHalfWrittenFileIsReadOnceItIsWhole)
     }
 }
 
-TEST(ZebDataBlockReadThread_Load, ALengthThatTheFileCannotKeepIsAFailedAttempt)
+TEST(ZebDataBlockReadThread_Load, ALengthBeyondTheFileIsAFailedAttempt)
 {
     constexpr qint32 least = std::numeric_limits<qint32>::min();
     constexpr qint32 most = std::numeric_limits<qint32>::max();
@@ -391,12 +360,12 @@ TEST(ZebDataBlockReadThread_Load, ALengthThatTheFileCannotKeepIsAFailedAttempt)
         EXPECT_EQ(BlockFiles::read(station.file()), bytes) << "reading changes no file";
     }
     EXPECT_EQ(station.reader().bytesRead(), 0);
-    // What is there in full can be had, although it is no payload.
+    // A complete file is read, although these bytes are no payload.
     station.write(fileWithLength(40, 40));
     EXPECT_NE(station.loaded(), nullptr);
 }
 
-TEST(ZebDataBlockReadThread_Load, ALengthThatTheFileKeepsAndNoArrayCanIsAFailedAttempt)
+TEST(ZebDataBlockReadThread_Load, ALengthBeyondTheLargestArrayIsAFailedAttempt)
 {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer ends a process that asks for so much memory";
@@ -404,14 +373,14 @@ TEST(ZebDataBlockReadThread_Load, ALengthThatTheFileKeepsAndNoArrayCanIsAFailedA
     constexpr qint32 most = std::numeric_limits<qint32>::max();
     LoadStation station;
     station.write(fileWithLength(most, 0));
-    // Full of holes, so the disk needs no room for it.
+    // A sparse file takes no space on the disk.
     ASSERT_TRUE(QFile::resize(station.file(), qint64(BlockFiles::s_HeaderBytes) + most));
     EXPECT_TRUE(station.load().isCanceled());
     EXPECT_EQ(station.probe().flushes(), 2);
     EXPECT_EQ(station.store().messages().debugLines(), QStringList(station.cannotRead()));
 }
 
-TEST(ZebDataBlockReadThread_Load, MakesTheBucketDirectoryAgainAndFailsForWantOfTheFile)
+TEST(ZebDataBlockReadThread_Load, MakesTheBucketDirectoryAgainAndFailsWithoutAFile)
 {
     LoadStation station;
     EXPECT_FALSE(QFileInfo::exists(station.bucket()));
@@ -420,7 +389,7 @@ TEST(ZebDataBlockReadThread_Load, MakesTheBucketDirectoryAgainAndFailsForWantOfT
     EXPECT_FALSE(QFileInfo::exists(station.file()));
 }
 
-TEST(ZebDataBlockReadThread_Load, AReferenceOfAMissingBlockGivesANullAccessor)
+TEST(ZebDataBlockReadThread_Load, AReferenceOfAMissingBlockReturnsANullAccessor)
 {
     LoadStation station;
     EXPECT_TRUE(ZebDataReference(station.hash()).constAccessor().isNull());
@@ -433,24 +402,24 @@ TEST(ZebDataBlockReadThread_Load, ReadsABlockWhoseWriteIsStillQueued)
 {
     TemporaryStore store;
     ZebDataBlockReadThread reader(store.roots().first(), s_Buckets, 50, nullptr);
-    ZebDataReference inHand;
+    ZebDataReference taken;
     ZebDataReference queued;
     Load load;
-    std::future<void> reading;
+    std::unique_ptr<BlockedThread> reading;
     {
-        // The writer cannot finish the first block meanwhile, so the second stays behind it.
+        // The writer cannot finish the first block without this lock, so the second stays queued.
         const ZebDataDeleteLocker locker;
-        inHand = manager().addBlock("in hand", ZebModifyAccessor::Cached, true);
+        taken = manager().addBlock("taken", ZebModifyAccessor::Cached, true);
         EXPECT_TRUE(waitUntil([&] { return writers()[0]->requestsInProgress() == 1; }));
         queued = manager().addBlock(text(50), ZebModifyAccessor::Cached, true);
         const ZebSmartPointer<ZebDataHash> hash = queued.hashPtr();
-        reading = std::async(std::launch::async,
-                             [&reader, &load, hash] { load = reader.loadBlock(hash, false); });
-        // The block and the fence of the reader behind it.
+        reading = std::make_unique<BlockedThread>(
+            [&reader, &load, hash] { load = reader.loadBlock(hash, false); });
+        // The block, and after it the reader's fence.
         EXPECT_TRUE(waitUntil([] { return writers()[0]->requests() == 2; }));
         EXPECT_FALSE(QFileInfo::exists(manager().getBlockDestination(QString(), queued.hash())));
     }
-    EXPECT_TRUE(waitUntil([&] { return isReady(reading); }));
+    EXPECT_TRUE(reading->ends());
     load.waitForFinished();
     ASSERT_EQ(load.resultCount(), 1);
     const std::unique_ptr<ZebDataBlock> block(load.result());
@@ -467,24 +436,20 @@ TEST(ZebDataBlockReadThread_Load, AnAccessorWaitsForTheWriteOfItsBlock)
     const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(text(50));
     writer->writeBlock(ZebDataBlockManager::PreloadNormal, hash, new ZebDataBlock(text(50)), true);
     QByteArray bytes;
-    const std::future<void> reading = std::async(std::launch::async, [&bytes, hash] {
-        const ZebConstAccessor accessor = ZebDataReference(hash).constAccessor();
-        if (!accessor.isNull())
-            bytes = bytesOf(accessor);
-    });
+    const BlockedThread reading([&bytes, hash] { bytes = bytesOf(ZebDataReference(hash)); });
     EXPECT_TRUE(waitUntil([&] {
-        (writers()[0]->*privateMember(WriterConditionTag())).wakeAll();
+        WriterInside::waitCondition(*writers()[0]).wakeAll();
         return writer->requests() == 2;
     }));
     writer->start();
     EXPECT_TRUE(waitUntil([&] {
-        (writer->*privateMember(WriterConditionTag())).wakeAll();
-        return isReady(reading);
+        WriterInside::waitCondition(*writer).wakeAll();
+        return reading.hasEnded();
     }));
     EXPECT_EQ(bytes, text(50));
 }
 
-TEST(ZebDataBlockReadThread_Load, TwoLoadsOfOneBlockAtATimeMakeItLiveOnce)
+TEST(ZebDataBlockReadThread_Load, ConcurrentLoadsOfOneBlockMakeItResidentOnce)
 {
     LoadStation station;
     station.write(BlockFiles::fileOf(text(50)));
@@ -517,11 +482,10 @@ TEST(ZebDataBlockReadThread_Load, ALoadInsideAFullPoolEnds)
     });
     begun.acquire();
     std::unique_ptr<ZebDataBlock> block;
-    const std::future<void> loading =
-        std::async(std::launch::async, [&] { block = station.loaded(); });
-    EXPECT_TRUE(waitUntil([&] { return isReady(loading); }));
+    BlockedThread loading([&] { block = station.loaded(); });
+    EXPECT_TRUE(loading.ends());
     goOn.release();
-    loading.wait();
+    loading.join();
     ASSERT_NE(block, nullptr);
     EXPECT_EQ(bytesOf(*block), text(50));
 }
@@ -551,7 +515,7 @@ TEST(ZebDataBlockReadThread_Load, AccessorsOpenedInsideTasksOfAOneThreadPoolEnd)
         }
         const bool allEnded = waitUntil([&] { return ended == count; });
         EXPECT_TRUE(allEnded);
-        // Room for all of them, so that the test ends when they wait for each other.
+        // Threads for all of them, so that the test ends when they wait for each other.
         if (!allEnded)
             QThreadPool::globalInstance()->setMaxThreadCount(2 * count);
         EXPECT_TRUE(waitUntil([&] { return ended == count; }));

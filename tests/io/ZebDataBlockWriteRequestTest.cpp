@@ -2,13 +2,14 @@
 
 #include "data/ZebDataBlock.h"
 #include "hash/ZebHashManager.h"
-#include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
+#include "support/BlockInside.h"
+#include "support/BlockedThread.h"
+#include "support/CountedBlock.h"
 #include "support/MessageCapture.h"
-#include "support/PrivateAccess.h"
+#include "support/RequestInside.h"
 #include "support/ResourceLimit.h"
-#include "support/WaitUntil.h"
-#include "support/ZebDataDeleteLocker.h"
+#include "support/StoreInside.h"
 
 #include <QDir>
 #include <QFile>
@@ -23,16 +24,6 @@
 #include <dlfcn.h>
 #include <memory>
 #include <set>
-#include <thread>
-
-ZEBTDX_ACCESS(RequestFile, ZebDataBlockWriteRequest, QFile ZebDataBlockWriteRequest::*, m_File)
-ZEBTDX_ACCESS(RequestPayload, ZebDataBlockWriteRequest, QByteArray ZebDataBlockWriteRequest::*,
-              m_CompressedData)
-ZEBTDX_ACCESS(BlockBytes, ZebDataBlock, QByteArray ZebDataBlock::*, m_Data)
-ZEBTDX_ACCESS(BlockIsCompressed, ZebDataBlock, bool ZebDataBlock::*, m_Compressed)
-ZEBTDX_ACCESS(BlockIsCached, ZebDataBlock, std::atomic<bool> ZebDataBlock::*, m_Cached)
-ZEBTDX_ACCESS(BlocksToFree, ZebDataBlockManager, QSet<ZebDataBlock*> ZebDataBlockManager::*,
-              m_BlocksToFreeAfterWriting)
 
 namespace {
 
@@ -42,9 +33,6 @@ using BlockFiles::text;
 
 constexpr int s_Buckets = 10;
 
-// How long an operation is given to come through a lock that must hold it off.
-constexpr int s_HeldOffMs = 100;
-
 std::atomic<int> s_Compressions{0};
 std::atomic<int> s_LastLevel{-100};
 std::atomic<bool> s_CodecIsOutOfMemory{false};
@@ -53,23 +41,10 @@ std::atomic<bool> s_CodecIsOutOfMemory{false};
 std::unique_ptr<ZebDataBlock> compressedBlock(const QByteArray& payload, int size)
 {
     auto block = std::make_unique<ZebDataBlock>(QByteArray(size, 'x'));
-    (*block).*privateMember(BlockBytes()) = payload;
-    (*block).*privateMember(BlockIsCompressed()) = true;
+    BlockInside::storedBytes(*block) = payload;
+    BlockInside::compressed(*block) = true;
     return block;
 }
-
-// Notes its end.
-class WatchedBlock : public ZebDataBlock
-{
-public:
-    explicit WatchedBlock(std::atomic<int>* ended)
-        : ZebDataBlock(QByteArray("watched")), m_Ended(ended)
-    {}
-    ~WatchedBlock() override { ++*m_Ended; }
-
-private:
-    std::atomic<int>* m_Ended;
-};
 
 // A request on a cache root of its own.
 class Place
@@ -83,7 +58,7 @@ public:
         : m_Block(std::move(block)), m_Hash(ZebHashManager::instance().getHash(identity))
     {
         ZebDataBlockManager::instance();
-        m_Messages.clear(); // of what the store says when it is built
+        m_Messages.clear(); // from the store's construction
     }
 
     // The request, named.
@@ -101,7 +76,7 @@ public:
     QString root() const { return m_Directory.path() + m_Below; }
     QString file() const { return BlockFiles::pathOf(*m_Hash, root(), QString(), s_Buckets); }
     QString bucket() const { return BlockFiles::bucketOf(*m_Hash, root(), QString(), s_Buckets); }
-    const QByteArray& payload() { return request().*privateMember(RequestPayload()); }
+    const QByteArray& payload() { return RequestInside::payload(request()); }
     MessageCapture& messages() { return m_Messages; }
 
     // Moves the root further down, to a directory of this name.
@@ -121,8 +96,8 @@ QString cannotOpen(const QString& path, int error)
     return "Cannot Open File " + path + " : '" + qt_error_string(error) + "'";
 }
 
-// What a plain file of Qt's says of the same writes under the same limit: the text that the request
-// must give for `path`. Empty when nothing fails.
+// The text that the request must give for `path`: how a plain QFile reports the same writes under
+// the same limit. Empty when nothing fails.
 QString failureOfPlainWrites(const QString& probe, const QString& path, const QByteArray& payload)
 {
     QFile file(probe);
@@ -154,7 +129,7 @@ std::set<int> limitsFor(int payload)
 
 } // namespace
 
-// Stands before zlib's own function for everything that this program loads.
+// Replaces zlib's function for everything that this program loads.
 extern "C" __attribute__((visibility("default"))) int compress2(unsigned char* out,
                                                                 unsigned long* outLength,
                                                                 const unsigned char* in,
@@ -186,8 +161,8 @@ TEST(ZebDataBlockWriteRequest, AWriteHoldsItsHashAndPointsAtItsBlock)
         EXPECT_EQ(hash->refCount(), 2);
         EXPECT_EQ(request.block(), &block);
         EXPECT_EQ(request.blockSize(), 300);
-        EXPECT_TRUE((request.*privateMember(RequestFile())).fileName().isEmpty());
-        EXPECT_TRUE((request.*privateMember(RequestPayload())).isNull());
+        EXPECT_TRUE(RequestInside::file(request).fileName().isEmpty());
+        EXPECT_TRUE(RequestInside::payload(request).isNull());
     }
     EXPECT_EQ(hash->refCount(), 1);
 }
@@ -209,10 +184,10 @@ TEST(ZebDataBlockWriteRequest, AFenceHasANumberAndNothingElse)
 TEST(ZebDataBlockWriteRequest, DoublesTheSeparatorBeforeTheFileName)
 {
     Place place;
-    EXPECT_EQ((place.request().*privateMember(RequestFile())).fileName(), place.file());
+    EXPECT_EQ(RequestInside::file(place.request()).fileName(), place.file());
     EXPECT_TRUE(place.file().startsWith(place.root() + "//"));
     place.request().setFileName(place.root(), "sub", 7);
-    EXPECT_EQ((place.request().*privateMember(RequestFile())).fileName(),
+    EXPECT_EQ(RequestInside::file(place.request()).fileName(),
               BlockFiles::pathOf(*place.hash(), place.root(), "sub", 7));
 }
 
@@ -224,13 +199,13 @@ TEST(ZebDataBlockWriteRequest, MakesTheBucketDirectoryWithItsParents)
     place.request();
     EXPECT_TRUE(QFileInfo(place.bucket()).isDir());
     EXPECT_FALSE(QFileInfo::exists(place.file()));
-    // Also a second time, when it has gone meanwhile.
+    // Also a second time, after it was removed.
     ASSERT_TRUE(QDir().rmdir(place.bucket()));
     place.request().setFileName(place.root(), QString(), s_Buckets);
     EXPECT_TRUE(QFileInfo(place.bucket()).isDir());
 }
 
-TEST(ZebDataBlockWriteRequest, ADirectoryThatCannotBeMadeShowsWhenTheFileIsOpened)
+TEST(ZebDataBlockWriteRequest, ADirectoryThatCannotBeMadeIsReportedWhenTheFileIsOpened)
 {
     Place place;
     const FileInTheWay obstacle(place.bucket());
@@ -249,7 +224,7 @@ TEST(ZebDataBlockWriteRequest, FindsNoFileWhereThereIsNone)
     EXPECT_FALSE(place.block().cached());
 }
 
-TEST(ZebDataBlockWriteRequest, TakesAFileOfTwelveBytesForAStump)
+TEST(ZebDataBlockWriteRequest, TakesAFileOfTwelveBytesForATruncatedOne)
 {
     for (const int size : {0, 1, 11, 12}) {
         Place place;
@@ -260,7 +235,7 @@ TEST(ZebDataBlockWriteRequest, TakesAFileOfTwelveBytesForAStump)
     }
 }
 
-TEST(ZebDataBlockWriteRequest, TakesAFileOfThirteenBytesForTheBlockWhateverItHolds)
+TEST(ZebDataBlockWriteRequest, TakesAFileOfThirteenBytesForTheBlockWhateverItContains)
 {
     for (const int size : {13, 14, 5000}) {
         Place place;
@@ -276,7 +251,7 @@ TEST(ZebDataBlockWriteRequest, TakesAFileOfThirteenBytesForTheBlockWhateverItHol
 
 TEST(ZebDataBlockWriteRequest, WritesAThousandBytesWithAStreamOfThirtySevenAsFiftyThree)
 {
-    // How much a stream takes is the codec's affair, so a content with this length is looked for.
+    // The codec decides the length of a stream, so the test searches for bytes with this one.
     QByteArray content;
     for (int length = 0; length < 200 && qCompress(content, 2).size() != 41; ++length)
         content = incompressible(length) + QByteArray(1000 - length, 'a');
@@ -290,7 +265,7 @@ TEST(ZebDataBlockWriteRequest, WritesAThousandBytesWithAStreamOfThirtySevenAsFif
     EXPECT_EQ(qUncompress(file.mid(s_HeaderBytes)), content);
 }
 
-TEST(ZebDataBlockWriteRequest, WritesHeaderAndPayloadAndNothingMore)
+TEST(ZebDataBlockWriteRequest, WritesTheHeaderThePayloadAndNothingElse)
 {
     const QByteArray contents[] = {QByteArray("a"),
                                    QByteArray(1000, 'b'),
@@ -337,7 +312,7 @@ TEST(ZebDataBlockWriteRequest, WritesACompressedBlockAsItIs)
     const QByteArray content = text(2000);
     Place place(content);
     ASSERT_TRUE(place.block().compress(9));
-    const QByteArray stored = place.block().*privateMember(BlockBytes());
+    const QByteArray stored = BlockInside::storedBytes(place.block());
     ASSERT_NE(stored, qCompress(content, 2));
     EXPECT_EQ(place.request().blockSize(), content.size());
     const int before = s_Compressions;
@@ -348,7 +323,7 @@ TEST(ZebDataBlockWriteRequest, WritesACompressedBlockAsItIs)
     EXPECT_EQ(place.payload().constData(), stored.constData()) << "the bytes are shared";
 }
 
-TEST(ZebDataBlockWriteRequest, WritesWhatWasCompressedBefore)
+TEST(ZebDataBlockWriteRequest, WritesThePayloadThatItMadeBefore)
 {
     Place place(text(100));
     place.request().compress();
@@ -360,7 +335,7 @@ TEST(ZebDataBlockWriteRequest, WritesWhatWasCompressedBefore)
     EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileBytes(text(100).size(), payload));
 }
 
-TEST(ZebDataBlockWriteRequest, OverwritesWhateverLiesThere)
+TEST(ZebDataBlockWriteRequest, OverwritesAnyOlderFile)
 {
     for (const int size : {0, 12, 13, 500000}) {
         Place place(text(100));
@@ -373,10 +348,10 @@ TEST(ZebDataBlockWriteRequest, OverwritesWhateverLiesThere)
 
 // An empty payload
 
-TEST(ZebDataBlockWriteRequest, AnEmptyPayloadIsWrittenAndReportedAsAFailureWithoutWords)
+TEST(ZebDataBlockWriteRequest, AnEmptyPayloadIsWrittenAndReportedAsAFailureWithoutAText)
 {
     const QString failed = "Failed to compress data block.";
-    // A null payload is asked for anew by each attempt, an empty one is there already.
+    // Each attempt makes a null payload again; an empty payload is kept.
     for (const bool isNull : {false, true}) {
         Place place(compressedBlock(isNull ? QByteArray() : QByteArray(""), 700), "no payload");
         QString error = "untouched";
@@ -385,7 +360,7 @@ TEST(ZebDataBlockWriteRequest, AnEmptyPayloadIsWrittenAndReportedAsAFailureWitho
         EXPECT_TRUE(place.block().cached());
         EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileBytes(700, QByteArray()));
         EXPECT_EQ(place.messages().debugLines(), QStringList(failed));
-        EXPECT_FALSE(place.request().fileExits()) << "twelve bytes are a stump";
+        EXPECT_FALSE(place.request().fileExits()) << "twelve bytes are a truncated file";
         EXPECT_EQ(place.request().write(&error), 0);
         EXPECT_EQ(place.messages().count(failed), isNull ? 2 : 1);
         EXPECT_EQ(BlockFiles::read(place.file()).size(), s_HeaderBytes);
@@ -408,11 +383,11 @@ TEST(ZebDataBlockWriteRequest, AFailureToCompressPlainBytesIsNotReported)
 
 // Failures
 
-TEST(ZebDataBlockWriteRequest, SaysWhyAFileCannotBeOpened)
+TEST(ZebDataBlockWriteRequest, ReportsWhyAFileCannotBeOpened)
 {
     for (const bool wasCached : {false, true}) {
         Place place;
-        place.block().*privateMember(BlockIsCached()) = wasCached;
+        BlockInside::cached(place.block()) = wasCached;
         const FileInTheWay obstacle(place.bucket());
         const QString expected = cannotOpen(place.file(), ENOTDIR);
         QString error;
@@ -420,7 +395,7 @@ TEST(ZebDataBlockWriteRequest, SaysWhyAFileCannotBeOpened)
         EXPECT_EQ(error, expected);
         EXPECT_EQ(place.messages().debugLines(), QStringList(expected));
         EXPECT_EQ(place.block().cached(), wasCached);
-        EXPECT_TRUE(place.payload().isNull()) << "nothing is compressed for a file that isn't open";
+        EXPECT_TRUE(place.payload().isNull()) << "nothing is compressed when no file is open";
     }
 }
 
@@ -435,7 +410,7 @@ TEST(ZebDataBlockWriteRequest, CanBeWrittenOnceTheFileCanBeOpened)
     EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileOf(text(100)));
 }
 
-TEST(ZebDataBlockWriteRequest, AFailedOpenRemovesTheStumpThatWasThere)
+TEST(ZebDataBlockWriteRequest, AFailedOpenRemovesTheTruncatedFile)
 {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer needs files of its own";
@@ -453,7 +428,7 @@ TEST(ZebDataBlockWriteRequest, AFailedOpenRemovesTheStumpThatWasThere)
     EXPECT_GT(place.request().write(nullptr), 0);
 }
 
-TEST(ZebDataBlockWriteRequest, BytesThatDoNotLeaveTheProcessAreAFailedWrite)
+TEST(ZebDataBlockWriteRequest, BytesThatStayInTheProcessAreAFailedWrite)
 {
     // Around the sizes at which a buffered file passes bytes on at once.
     for (const int size :
@@ -504,7 +479,7 @@ TEST(ZebDataBlockWriteRequest, IsNotCompressedAgainAfterAFailure)
     }
 }
 
-TEST(ZebDataBlockWriteRequest, TheWordsOfAFailureKeepAPathWithPercentSigns)
+TEST(ZebDataBlockWriteRequest, TheTextOfAFailureKeepsPercentSignsInThePath)
 {
     const QByteArray payload = incompressible(100);
     Place place(compressedBlock(payload, 7), "percent signs");
@@ -526,47 +501,48 @@ TEST(ZebDataBlockWriteRequest, TheWordsOfAFailureKeepAPathWithPercentSigns)
 
 // The end of a request
 
-TEST(ZebDataBlockWriteRequest, DeletesABlockThatItOwnsAndLeavesOthers)
+TEST(ZebDataBlockWriteRequest, DeletesABlockThatItOwnsAndNoOther)
 {
-    std::atomic<int> ended{0};
+    std::atomic<int> deleted{0};
     const ZebSmartPointer<ZebDataHash> hash =
         ZebHashManager::instance().getHash(QByteArray("owned"));
-    delete new ZebDataBlockWriteRequest(hash, new WatchedBlock(&ended), true);
-    EXPECT_EQ(ended, 1);
-    WatchedBlock block(&ended);
+    delete new ZebDataBlockWriteRequest(hash, new CountedBlock(QByteArray("counted"), &deleted),
+                                        true);
+    EXPECT_EQ(deleted, 1);
+    CountedBlock block(QByteArray("counted"), &deleted);
     delete new ZebDataBlockWriteRequest(hash, &block, false);
-    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(deleted, 1);
     delete new ZebDataBlockWriteRequest(hash, nullptr, true);
     delete new ZebDataBlockWriteRequest(hash, nullptr, false);
     EXPECT_EQ(hash->refCount(), 1);
 }
 
-TEST(ZebDataBlockWriteRequest, DeletesABlockWhoseEndWasPutOff)
+TEST(ZebDataBlockWriteRequest, DeletesABlockWhoseDeletionWasDeferred)
 {
-    std::atomic<int> ended{0};
-    QSet<ZebDataBlock*>& putOff = ZebDataBlockManager::instance().*privateMember(BlocksToFree());
-    auto* const block = new WatchedBlock(&ended);
-    putOff.insert(block);
+    std::atomic<int> deleted{0};
+    QSet<ZebDataBlock*>& deferred = StoreInside::toFreeAfterWritingSet();
+    auto* const block = new CountedBlock(QByteArray("counted"), &deleted);
+    deferred.insert(block);
     EXPECT_TRUE(ZebDataBlockManager::instance().needsFreeingAfterWriting(block));
-    delete new ZebDataBlockWriteRequest(ZebHashManager::instance().getHash(QByteArray("put off")),
+    delete new ZebDataBlockWriteRequest(ZebHashManager::instance().getHash(QByteArray("deferred")),
                                         block, false);
-    EXPECT_EQ(ended, 1);
-    EXPECT_TRUE(putOff.isEmpty());
+    EXPECT_EQ(deleted, 1);
+    EXPECT_TRUE(deferred.isEmpty());
 }
 
 TEST(ZebDataBlockWriteRequest, AFenceDeletesNothing)
 {
     EXPECT_FALSE(ZebDataBlockManager::instance().needsFreeingAfterWriting(nullptr));
-    std::atomic<int> ended{0};
-    WatchedBlock block(&ended);
-    QSet<ZebDataBlock*>& putOff = ZebDataBlockManager::instance().*privateMember(BlocksToFree());
-    putOff.insert(&block);
+    std::atomic<int> deleted{0};
+    CountedBlock block(QByteArray("counted"), &deleted);
+    QSet<ZebDataBlock*>& deferred = StoreInside::toFreeAfterWritingSet();
+    deferred.insert(&block);
     delete new ZebDataBlockWriteRequest(3);
-    EXPECT_TRUE(putOff.remove(&block));
-    EXPECT_EQ(ended, 0);
+    EXPECT_TRUE(deferred.remove(&block));
+    EXPECT_EQ(deleted, 0);
 }
 
-TEST(ZebDataBlockWriteRequest, EndsAHashOfWhichItIsTheLastHolder)
+TEST(ZebDataBlockWriteRequest, DeletesAHashThatOnlyItHolds)
 {
     const int before = ZebDataHash::hashCount();
     auto request = std::make_unique<ZebDataBlockWriteRequest>(
@@ -578,23 +554,17 @@ TEST(ZebDataBlockWriteRequest, EndsAHashOfWhichItIsTheLastHolder)
 
 TEST(ZebDataBlockWriteRequest, ReleasesItsHashOnlyWithTheDeleteLock)
 {
-    std::atomic<int> ended{0};
-    std::atomic<bool> gone{false};
+    std::atomic<int> deleted{0};
     const ZebSmartPointer<ZebDataHash> hash =
-        ZebHashManager::instance().getHash(QByteArray("held off"));
-    auto request = std::make_unique<ZebDataBlockWriteRequest>(hash, new WatchedBlock(&ended), true);
-    std::thread thread;
-    {
-        const ZebDataDeleteLocker locker;
-        thread = std::thread([&] {
-            request.reset();
-            gone = true;
-        });
-        // The block goes first, and needs no lock; then the request stands at the lock.
-        EXPECT_TRUE(waitUntil([&] { return ended == 1; }));
-        EXPECT_FALSE(waitUntil([&] { return hash->refCount() != 2; }, s_HeldOffMs));
-        EXPECT_FALSE(gone);
-    }
-    thread.join();
+        ZebHashManager::instance().getHash(QByteArray("held"));
+    auto request = std::make_unique<ZebDataBlockWriteRequest>(
+        hash, new CountedBlock(QByteArray("counted"), &deleted), true);
+    StoreInside::deleteLock().lock();
+    BlockedThread deleting([&] { request.reset(); });
+    EXPECT_TRUE(deleting.waitsFor(StoreInside::deleteLock()));
+    EXPECT_EQ(deleted, 1) << "the block is deleted first, without the lock";
+    EXPECT_EQ(hash->refCount(), 2);
+    StoreInside::deleteLock().unlock();
+    EXPECT_TRUE(deleting.ends());
     EXPECT_EQ(hash->refCount(), 1);
 }

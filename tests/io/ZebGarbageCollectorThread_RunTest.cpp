@@ -93,7 +93,7 @@ TEST_F(ZebGarbageCollectorThreadRun, StoppedAmongLiveFilesItFinishesTheSweep)
     EXPECT_EQ(sizeFound(), 60);
 }
 
-TEST_F(ZebGarbageCollectorThreadRun, ARunningPassNeedsNeitherTheDeleteLockNorBlocksItsOwn)
+TEST_F(ZebGarbageCollectorThreadRun, ARunningPassNeedsNoDeleteLockAndDoesNotHoldItsOwnLock)
 {
     const QString dead = writeDead("0");
     const QString live = writeLive("0", 10);

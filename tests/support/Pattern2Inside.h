@@ -41,6 +41,9 @@ ZEBTDX_ACCESS(Pattern2FlushMutexTag, ZebDataBlockWriteThread_Pattern2,
               QMutex ZebDataBlockWriteThread_Pattern2::*, m_FlushMutex)
 ZEBTDX_ACCESS(Pattern2FlushConditionTag, ZebDataBlockWriteThread_Pattern2,
               QWaitCondition ZebDataBlockWriteThread_Pattern2::*, m_FlushCondition)
+ZEBTDX_ACCESS(Pattern2PushCompressionTag, ZebDataBlockWriteThread_Pattern2,
+              void (ZebDataBlockWriteThread_Pattern2::*)(ZebDataBlockWriteRequest*),
+              pushCompression)
 
 /// The private state of a writer with workers, for tests that must see it.
 namespace Pattern2Inside {
@@ -89,6 +92,13 @@ inline int queued(ZebDataBlockWriteThread_Pattern2& writer)
 {
     const QMutexLocker locker(&(writer.*privateMember(Pattern2QueueMutexTag())));
     return (writer.*privateMember(Pattern2QueueTag())).size();
+}
+
+/// Hands a request to the workers. Waits while none is free.
+inline void pushCompression(ZebDataBlockWriteThread_Pattern2& writer,
+                            ZebDataBlockWriteRequest* request)
+{
+    (writer.*privateMember(Pattern2PushCompressionTag()))(request);
 }
 
 /// How many workers of the process are free.

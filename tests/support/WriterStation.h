@@ -10,6 +10,7 @@
 #include "support/BlockedThread.h"
 #include "support/MessageCapture.h"
 #include "support/Pattern2Inside.h"
+#include "support/StartedThread.h"
 #include "support/WaitUntil.h"
 #include "support/Wakes.h"
 #include "support/WriterInside.h"
@@ -186,16 +187,8 @@ public:
     /// Waits until everything is written.
     bool drain() { return waitFor(beginFlush()); }
 
-    /// The running writer's thread.
-    ThreadWatch watch() const
-    {
-        std::vector<pid_t> threads;
-        EXPECT_TRUE(pollUntil([&] {
-            threads = ThreadWatch::threadsNamed("TDX Write");
-            return threads.size() == 1;
-        }));
-        return ThreadWatch(threads.empty() ? 0 : threads.front());
-    }
+    /// The thread of the started writer.
+    ThreadWatch watch() const { return m_Thread.watch(); }
 
     /// Ends the thread once its list is empty.
     void stop()
@@ -273,6 +266,7 @@ private:
     MessageCapture m_Messages;
     QTemporaryDir m_Directory;
     std::map<std::string, Work> m_Work;
+    StartedThread m_Thread{"TDX Write"};
     Writer m_Writer;
 };
 
