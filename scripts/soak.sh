@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the tests that take too long for every change, for as many minutes as there are:
+# Runs the tests that take too long for every change, for a given number of minutes:
 #
 #   stress:PROGRAM       a program of threads that race, shuffled
 #   kill-loop            scripts/kill_loop.sh: ingests killed at random moments

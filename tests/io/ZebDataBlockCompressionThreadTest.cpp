@@ -89,9 +89,9 @@ public:
     // Queues the block without taking a permit and without waking a worker.
     ZebDataBlockWriteRequest* enqueue(const std::string& name)
     {
-        const QByteArray content = QByteArray::fromStdString(name);
+        const QByteArray bytes = QByteArray::fromStdString(name);
         auto* const request = new ZebDataBlockWriteRequest(
-            ZebHashManager::instance().getHash(content), new ZebDataBlock(content), true);
+            ZebHashManager::instance().getHash(bytes), new ZebDataBlock(bytes), true);
         const QMutexLocker locker(&m_Mutex);
         m_Queue.enqueue(request);
         return request;

@@ -333,18 +333,18 @@ TEST(ZebDataBlockReadThread, KillingRequestsDeletesHashesThatOnlyTheListHolds)
 TEST(ZebDataBlockReadThread, AKilledRequestIsAcceptedAgainOnceTheBlockWasLoaded)
 {
     TemporaryStore store;
-    const QByteArray content("killed and loaded");
-    const ZebDataReference reference = manager().addBlock(content, ZebModifyAccessor::Cached, true);
+    const QByteArray plain("killed and loaded");
+    const ZebDataReference reference = manager().addBlock(plain, ZebModifyAccessor::Cached, true);
     manager().flush();
     manager().freeAllBlocks();
     ReaderStation station(store.roots().first());
-    station.request(content.toStdString());
+    station.request(plain.toStdString());
     station.reader().killRequests();
-    station.request(content.toStdString());
+    station.request(plain.toStdString());
     EXPECT_THAT(station.list(), IsEmpty());
     EXPECT_FALSE(reference.constAccessor().isNull());
     EXPECT_FALSE(reference.hashPtr()->isPreloading());
-    station.request(content.toStdString());
+    station.request(plain.toStdString());
     EXPECT_THAT(station.list(), SizeIs(1));
 }
 
@@ -357,9 +357,9 @@ TEST(ZebDataBlockReadThread, LoadsEveryPreloadedBlock)
     std::vector<ZebDataReference> references;
     qint64 bytes = 0;
     for (int i = 0; i < count; ++i) {
-        const QByteArray content = BlockFiles::text(20 + i);
-        bytes += content.size();
-        references.push_back(manager().addBlock(content, ZebModifyAccessor::Cached, true));
+        const QByteArray plain = BlockFiles::text(20 + i);
+        bytes += plain.size();
+        references.push_back(manager().addBlock(plain, ZebModifyAccessor::Cached, true));
     }
     manager().flush();
     manager().freeAllBlocks();

@@ -54,8 +54,8 @@ QByteArray fileWithLength(qint32 length, int present)
 class LoadStation
 {
 public:
-    explicit LoadStation(const QByteArray& content = text(50))
-        : m_Hash(ZebHashManager::instance().getHash(content)),
+    explicit LoadStation(const QByteArray& plain = text(50))
+        : m_Hash(ZebHashManager::instance().getHash(plain)),
           m_Reader(m_Store.roots().first(), s_Buckets, 50, nullptr)
     {
         m_Store.messages().clear();
@@ -177,14 +177,14 @@ TEST(ZebDataBlockReadThread_Load, HandsTheBlockToTheManagerWithMakeLive)
 
 TEST(ZebDataBlockReadThread_Load, ReadsBlocksOfEveryLengthAndCompression)
 {
-    for (const QByteArray& content :
+    for (const QByteArray& plain :
          {QByteArray("x"), QByteArray(1 << 20, 'z'), BlockFiles::incompressible(100000)}) {
         for (const int level : {0, 2, 9}) {
-            LoadStation station(content);
-            station.write(BlockFiles::fileBytes(content.size(), qCompress(content, level)));
+            LoadStation station(plain);
+            station.write(BlockFiles::fileBytes(plain.size(), qCompress(plain, level)));
             const std::unique_ptr<ZebDataBlock> block = station.loaded();
             ASSERT_NE(block, nullptr);
-            EXPECT_EQ(bytesOf(*block), content);
+            EXPECT_EQ(bytesOf(*block), plain);
         }
     }
 }

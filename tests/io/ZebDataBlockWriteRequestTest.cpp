@@ -50,10 +50,8 @@ std::unique_ptr<ZebDataBlock> compressedBlock(const QByteArray& payload, int siz
 class Place
 {
 public:
-    Place() : Place(QByteArray("some content")) {}
-    explicit Place(const QByteArray& content)
-        : Place(std::make_unique<ZebDataBlock>(content), content)
-    {}
+    Place() : Place(QByteArray("some bytes")) {}
+    explicit Place(const QByteArray& plain) : Place(std::make_unique<ZebDataBlock>(plain), plain) {}
     Place(std::unique_ptr<ZebDataBlock> block, const QByteArray& identity)
         : m_Block(std::move(block)), m_Hash(ZebHashManager::instance().getHash(identity))
     {
@@ -252,34 +250,34 @@ TEST(ZebDataBlockWriteRequest, TakesAFileOfThirteenBytesForTheBlockWhateverItCon
 TEST(ZebDataBlockWriteRequest, WritesAThousandBytesWithAStreamOfThirtySevenAsFiftyThree)
 {
     // The codec decides the length of a stream, so the test searches for bytes with this one.
-    QByteArray content;
-    for (int length = 0; length < 200 && qCompress(content, 2).size() != 41; ++length)
-        content = incompressible(length) + QByteArray(1000 - length, 'a');
-    Place place(content);
+    QByteArray plain;
+    for (int length = 0; length < 200 && qCompress(plain, 2).size() != 41; ++length)
+        plain = incompressible(length) + QByteArray(1000 - length, 'a');
+    Place place(plain);
     EXPECT_EQ(place.request().write(nullptr), 41);
     const QByteArray file = BlockFiles::read(place.file());
     EXPECT_EQ(file.size(), 53);
     EXPECT_EQ(file.left(16), QByteArray::fromHex("E803000000000000"
                                                  "29000000"
                                                  "000003E8"));
-    EXPECT_EQ(qUncompress(file.mid(s_HeaderBytes)), content);
+    EXPECT_EQ(qUncompress(file.mid(s_HeaderBytes)), plain);
 }
 
 TEST(ZebDataBlockWriteRequest, WritesTheHeaderThePayloadAndNothingElse)
 {
-    const QByteArray contents[] = {QByteArray("a"),
-                                   QByteArray(1000, 'b'),
-                                   incompressible(1000),
-                                   incompressible(16 * 1024),
-                                   text(6000),
-                                   incompressible(256 * 1024),
-                                   QByteArray(1 << 20, 'c')};
-    for (const QByteArray& content : contents) {
-        Place place(content);
-        const QByteArray payload = qCompress(content, 2);
+    const QByteArray samples[] = {QByteArray("a"),
+                                  QByteArray(1000, 'b'),
+                                  incompressible(1000),
+                                  incompressible(16 * 1024),
+                                  text(6000),
+                                  incompressible(256 * 1024),
+                                  QByteArray(1 << 20, 'c')};
+    for (const QByteArray& plain : samples) {
+        Place place(plain);
+        const QByteArray payload = qCompress(plain, 2);
         QString error = "untouched";
         EXPECT_EQ(place.request().write(&error), payload.size());
-        EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileBytes(content.size(), payload));
+        EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileBytes(plain.size(), payload));
         EXPECT_TRUE(place.block().cached());
         EXPECT_EQ(error, "untouched");
         EXPECT_TRUE(place.messages().messages().isEmpty());
@@ -309,17 +307,17 @@ TEST(ZebDataBlockWriteRequest, CompressesAtLevelTwo)
 
 TEST(ZebDataBlockWriteRequest, WritesACompressedBlockAsItIs)
 {
-    const QByteArray content = text(2000);
-    Place place(content);
+    const QByteArray plain = text(2000);
+    Place place(plain);
     ASSERT_TRUE(place.block().compress(9));
     const QByteArray stored = BlockInside::storedBytes(place.block());
-    ASSERT_NE(stored, qCompress(content, 2));
-    EXPECT_EQ(place.request().blockSize(), content.size());
+    ASSERT_NE(stored, qCompress(plain, 2));
+    EXPECT_EQ(place.request().blockSize(), plain.size());
     const int before = s_Compressions;
     EXPECT_EQ(place.request().write(nullptr), stored.size());
     EXPECT_EQ(s_Compressions, before);
     // The size in the header is the logical one, not that of the stored bytes.
-    EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileBytes(content.size(), stored));
+    EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileBytes(plain.size(), stored));
     EXPECT_EQ(place.payload().constData(), stored.constData()) << "the bytes are shared";
 }
 
@@ -464,8 +462,8 @@ TEST(ZebDataBlockWriteRequest, BytesThatStayInTheProcessAreAFailedWrite)
 
 TEST(ZebDataBlockWriteRequest, IsNotCompressedAgainAfterAFailure)
 {
-    for (const QByteArray& content : {QByteArray("x"), text(50), incompressible(100000)}) {
-        Place place(content);
+    for (const QByteArray& plain : {QByteArray("x"), text(50), incompressible(100000)}) {
+        Place place(plain);
         place.request();
         const int before = s_Compressions;
         for (int attempt = 0; attempt < 3; ++attempt) {
@@ -475,7 +473,7 @@ TEST(ZebDataBlockWriteRequest, IsNotCompressedAgainAfterAFailure)
         EXPECT_EQ(s_Compressions - before, 1);
         EXPECT_GT(place.request().write(nullptr), 0);
         EXPECT_EQ(s_Compressions - before, 1);
-        EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileOf(content));
+        EXPECT_EQ(BlockFiles::read(place.file()), BlockFiles::fileOf(plain));
     }
 }
 

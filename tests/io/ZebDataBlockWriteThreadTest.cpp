@@ -64,8 +64,8 @@ TEST(ZebDataBlockWriteThread, AFailureReachesTheHostInTheManagersThread)
     TemporaryStore::Options options;
     options.m_Buckets = 1;
     TemporaryStore store(options);
-    const QByteArray content("cannot be written yet");
-    const ZebDataHash hash(content, ZebDataHash::Hash512);
+    const QByteArray plain("cannot be written yet");
+    const ZebDataHash hash(plain, ZebDataHash::Hash512);
     const QString expected = "Cannot Open File " +
                              BlockFiles::pathOf(hash, store.roots()[0], QString(), 1) + " : '" +
                              qt_error_string(ENOTDIR) + "'";
@@ -80,7 +80,7 @@ TEST(ZebDataBlockWriteThread, AFailureReachesTheHostInTheManagersThread)
                          // Now, as each further attempt would queue one more message.
                          obstacle.remove();
                      });
-    const ZebDataReference reference = manager().addBlock(content, ZebModifyAccessor::Cached, true);
+    const ZebDataReference reference = manager().addBlock(plain, ZebModifyAccessor::Cached, true);
     EXPECT_EQ(received, 0) << "only the event loop delivers it";
     EXPECT_TRUE(waitUntil([&] { return received > 0; }));
     EXPECT_TRUE(store.messages().contains(expected));
@@ -94,12 +94,12 @@ TEST(ZebDataBlockWriteThread, EveryBlockOfFourRootsCanBeReadBackFromItsRoot)
     TemporaryStore::Options options;
     options.m_Roots = 4;
     TemporaryStore store(options);
-    const auto content = [](int number) {
+    const auto plain = [](int number) {
         return "four roots " + QByteArray::number(number);
     };
     std::vector<ZebDataReference> references;
     for (int i = 0; i < count; ++i)
-        references.push_back(manager().addBlock(content(i), ZebModifyAccessor::Cached, true));
+        references.push_back(manager().addBlock(plain(i), ZebModifyAccessor::Cached, true));
     manager().flush(false, ZebDataBlockManager::WriteThreads);
     manager().freeAllBlocks();
     EXPECT_EQ(manager().liveBytes(), 0);
@@ -111,7 +111,7 @@ TEST(ZebDataBlockWriteThread, EveryBlockOfFourRootsCanBeReadBackFromItsRoot)
     }
     EXPECT_EQ(handled, count);
     for (int i = 0; i < count; ++i) {
-        const QByteArray expected = content(i);
+        const QByteArray expected = plain(i);
         int digits = 0;
         for (const QChar digit : references[static_cast<size_t>(i)].hash().left(4))
             digits += digit.digitValue();

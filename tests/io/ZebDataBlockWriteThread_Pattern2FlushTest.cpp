@@ -146,8 +146,8 @@ TEST(ZebDataBlockWriteThread_Pattern2Flush, AFenceWhoseFlushHasReturnedIsNotReac
     station.start();
     const ThreadWatch writer = station.watch();
     const SleeplessWriter sleepless(station);
-    // New work comes while the writer pauses after the fence, and its pass goes on. In every second
-    // round the work comes at once.
+    // New work comes while the writer pauses after the fence, and its pass continues. In every
+    // second round the work comes at once.
     for (int round = 0; round < 30; ++round) {
         station.writer().flush(station.hash("wanted"));
         if (round % 2 == 0) {

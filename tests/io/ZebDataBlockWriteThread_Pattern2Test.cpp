@@ -217,7 +217,7 @@ TEST(ZebDataBlockWriteThread_Pattern2, AFailedRequestReturnsToTheTailOfTheWriteQ
     station.queue("stuck");
     station.start();
     EXPECT_TRUE(station.waitFor([&] { return points.arrivals("failed") > 0; }));
-    // The writer is in its first failure; what a worker returns meanwhile comes after it.
+    // The writer handles its first failure. A request that a worker returns now comes after it.
     auto* const request =
         new ZebDataBlockWriteRequest(station.hash("next"), &station.block("next"), false);
     request->setFileName(station.root(), QString(), WriterStation::s_Buckets);

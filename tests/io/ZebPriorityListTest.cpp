@@ -41,7 +41,7 @@ QStringList takeAll(ZebPriorityList<QString>& list)
     return taken;
 }
 
-// The described behaviour and nothing else: every insertion walks from the head.
+// The documented behaviour in its simplest form: every insertion walks from the head.
 class PlainWalk
 {
 public:
@@ -65,7 +65,7 @@ public:
     void removeAt(int index) { m_Entries.erase(m_Entries.begin() + index); }
     void clear() { m_Entries.clear(); }
 
-    // How equals come out of a sort is left open, so the order that the list chose is taken over.
+    // The order of equals after a sort is unspecified, so the list's order is adopted.
     void adopt(const Entries& entries) { m_Entries = entries; }
 
     int size() const { return static_cast<int>(m_Entries.size()); }
@@ -81,7 +81,7 @@ bool isAscending(const Entries& entries)
                           [](const Entry& a, const Entry& b) { return a.first < b.first; });
 }
 
-// Does one random thing to both. Returns the name of what was done.
+// Applies one random operation to both. Returns its name.
 const char* step(ZebPriorityList<int>& list, PlainWalk& walk, std::mt19937& random, int serial)
 {
     const int size = walk.size();
@@ -96,7 +96,7 @@ const char* step(ZebPriorityList<int>& list, PlainWalk& walk, std::mt19937& rand
         return "insert";
     }
     if (choice < 68) {
-        // A second step on the same entry goes through another state than the first.
+        // A second step on the same entry starts from another state than the first.
         const int index = below(size);
         for (int steps = 1 + below(3); steps > 0; --steps) {
             list.lowerPriorityAt(index);
@@ -213,7 +213,7 @@ TEST(ZebPriorityList, PromotionLowersTheNumberAndLeavesTheEntryWhereItIs)
     EXPECT_THAT(entriesOf(list), ElementsAre(Entry(1, 10), Entry(-2, 11), Entry(2, 12)));
 }
 
-TEST(ZebPriorityList, InsertStopsAtTheFirstGreaterEntryAlthoughASmallerOneStandsBehindIt)
+TEST(ZebPriorityList, InsertStopsAtTheFirstGreaterEntryEvenBeforeASmallerOne)
 {
     ZebPriorityList<int> list;
     list.insert(2, 10);
@@ -221,11 +221,11 @@ TEST(ZebPriorityList, InsertStopsAtTheFirstGreaterEntryAlthoughASmallerOneStands
     list.insert(3, 12);
     list.lowerPriorityAt(1);
     list.lowerPriorityAt(1);
-    // 11 has 0 now, yet an entry of 1 goes before 10, which has 2.
+    // 11 has 0 now, but an entry of 1 is placed before 10, which has 2.
     list.insert(1, 13);
     EXPECT_THAT(entriesOf(list),
                 ElementsAre(Entry(1, 13), Entry(2, 10), Entry(0, 11), Entry(3, 12)));
-    // One of 2 goes past its equal, past the smaller one too, and stops at 3.
+    // An entry of 2 passes its equal and the smaller one, and stops at 3.
     list.insert(2, 14);
     EXPECT_THAT(entriesOf(list),
                 ElementsAre(Entry(1, 13), Entry(2, 10), Entry(0, 11), Entry(2, 14), Entry(3, 12)));
@@ -250,7 +250,7 @@ TEST(ZebPriorityList, OnlySortBringsAPromotedEntryForward)
                 ElementsAre(Entry(0, 12), Entry(1, 14), Entry(2, 10), Entry(3, 11), Entry(5, 13)));
 }
 
-TEST(ZebPriorityList, PlacesByAWalkAlsoBesideANumberThatHasWrapped)
+TEST(ZebPriorityList, PlacesByAWalkAlsoNextToANumberThatHasWrapped)
 {
     ZebPriorityList<int> list;
     list.insert(std::numeric_limits<int>::min(), 10);
@@ -292,7 +292,7 @@ TEST(ZebPriorityList, TakesTheHeadOfAListThatIsOutOfOrder)
     EXPECT_THAT(entriesOf(list), ElementsAre(Entry(0, 11)));
 }
 
-TEST(ZebPriorityList, ClearForgetsPointersAndLeavesWhatTheyPointAt)
+TEST(ZebPriorityList, ClearDropsPointersAndDoesNotDeleteWhatTheyPointTo)
 {
     int one = 1;
     int two = 2;
@@ -340,8 +340,8 @@ TEST(ZebPriorityList, ClearedWhileOutOfOrderItIsInOrderAgain)
     EXPECT_THAT(entriesOf(list), ElementsAre(Entry(1, 1), Entry(1, 3), Entry(2, 2), Entry(3, 0)));
 }
 
-// Whatever was done before, every entry stands where a walk from the head would have put it.
-TEST(ZebPriorityList, AgreesWithAPlainWalkWhateverIsDone)
+// After any history, every entry is where a walk from the head would have put it.
+TEST(ZebPriorityList, AgreesWithAPlainWalkAfterEveryOperation)
 {
     for (unsigned seed = 1; seed <= 300; ++seed) {
         std::mt19937 random(seed);
@@ -362,7 +362,7 @@ TEST(ZebPriorityList, AgreesWithAPlainWalkOnListsInOrder)
     ZebPriorityList<int> list;
     PlainWalk walk;
     for (int serial = 0; serial < 3000; ++serial) {
-        // The widths let long runs of equals stand beside lonely entries.
+        // These ranges make long runs of equals next to single entries.
         const int priority = static_cast<int>(random() % 100 < 70 ? random() % 3 : random() % 1000);
         list.insert(priority, serial);
         walk.insert(priority, serial);

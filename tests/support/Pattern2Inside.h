@@ -79,7 +79,7 @@ inline void endPass(ZebDataBlockWriteThread_Pattern2& writer)
     flushCondition(writer).wakeAll();
 }
 
-/// Calls `action` with the queue of requests to be written, which is locked meanwhile.
+/// Calls `action` with the queue of requests to be written, which is locked until `action` returns.
 template <typename Action>
 auto withWriteQueue(ZebDataBlockWriteThread_Pattern2& writer, Action action)
 {
