@@ -5,6 +5,7 @@
 
 #include "support/CountedBlock.h"
 #include "support/EndingBlock.h"
+#include "support/IsFree.h"
 #include "support/ResourceLimit.h"
 #include "support/SequencePoints.h"
 
@@ -17,7 +18,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -286,7 +286,7 @@ TYPED_TEST(WriterConformance, NotifiesTheManagerAndDeletesTheBlockUnderOneHoldOf
         std::atomic<bool> wasFree{true};
         auto* const block = new EndingBlock("finished", [&](ZebDataBlock* self) {
             wasFlagged = StoreInside::beingWritten().contains(self);
-            wasFree = deleteLockIsFree();
+            wasFree = isFree(StoreInside::deleteLock());
             ++deleted;
         });
         StoreInside::beingWrittenSet() = {block};
@@ -300,7 +300,7 @@ TYPED_TEST(WriterConformance, NotifiesTheManagerAndDeletesTheBlockUnderOneHoldOf
         EXPECT_THAT(StoreInside::beingWritten(), IsEmpty());
         EXPECT_EQ(station.writer().requestsHandled(),
                   hasFile && !TypeParam::s_CountsFoundFiles ? 0 : 1);
-        EXPECT_TRUE(deleteLockIsFree());
+        EXPECT_TRUE(isFree(StoreInside::deleteLock()));
     }
 }
 

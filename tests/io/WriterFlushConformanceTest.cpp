@@ -2,6 +2,7 @@
 
 #include "io/WriterForms.h"
 
+#include "support/RunTogether.h"
 #include "support/ZebDataDeleteLocker.h"
 
 #include <QFile>
@@ -12,7 +13,6 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 using ::testing::ElementsAre;
@@ -36,17 +36,6 @@ void reachFence(Pattern2Station& station, int fence)
 {
     station.withFences([&] { WriterInside::fencesReached(station.writer()).insert(fence); });
     Pattern2Inside::fenceCondition(station.writer()).wakeAll();
-}
-
-// Runs `work` on each of so many threads, with the thread's number.
-template <typename Work>
-void onThreads(int count, Work work)
-{
-    std::vector<std::thread> threads;
-    for (int number = 0; number < count; ++number)
-        threads.emplace_back(work, number);
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
 } // namespace
@@ -140,7 +129,7 @@ TYPED_TEST(WriterFlushConformance, DoesNotWakeTheThread)
     EXPECT_FALSE(station.actionWakes([&] { station.writer().flush(); }));
 }
 
-TYPED_TEST(WriterFlushConformance, AnIdleWriterReachesAFenceWithoutAWakeUp)
+TYPED_TEST(WriterFlushConformance, AnIdleWriterReachesAFenceByItself)
 {
     TypeParam station;
     station.start();
@@ -195,7 +184,7 @@ TYPED_TEST(WriterFlushConformance, ConcurrentFlushesWaitForTheirBlocksAndShareTh
     station.start();
     const SleeplessWriter sleepless(station);
     std::atomic<int> missing{0};
-    onThreads(threads, [&](int thread) {
+    runTogether(threads, [&](int thread) {
         for (int round = 0; round < rounds; ++round) {
             const QByteArray bytes = QByteArray::number(thread) + " " + QByteArray::number(round);
             const auto hash = ZebHashManager::instance().getHash(bytes);
@@ -338,7 +327,7 @@ TYPED_TEST(WriterFlushConformance, NeverReturnsEarly)
     station.start();
     {
         const SleeplessWriter sleepless(station);
-        onThreads(threads, work);
+        runTogether(threads, work);
     }
     EXPECT_TRUE(station.drain());
     EXPECT_EQ(unwritten, 0);

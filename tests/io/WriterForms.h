@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
-#include <thread>
 
 // The forms of writer that the conformance suites test. Each form is a station that starts without
 // arguments. The constants say what a form counts differently, and how often its races are run.
@@ -97,16 +97,4 @@ void emptyPayload(Station& station, const std::string& name)
 {
     BlockInside::storedBytes(station.block(name)) = QByteArray("");
     BlockInside::compressed(station.block(name)) = true;
-}
-
-/// Whether another thread can take the delete lock at this moment.
-inline bool deleteLockIsFree()
-{
-    bool isFree = false;
-    std::thread([&isFree] {
-        isFree = StoreInside::deleteLock().tryLock();
-        if (isFree)
-            StoreInside::deleteLock().unlock();
-    }).join();
-    return isFree;
 }

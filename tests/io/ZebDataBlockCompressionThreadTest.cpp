@@ -191,7 +191,7 @@ TEST(ZebDataBlockCompressionThread, TakesOneRequestForEachWakeUp)
     takePermits(1);
 }
 
-TEST(ZebDataBlockCompressionThread, AWakeUpWithNothingQueuedHasNoEffect)
+TEST(ZebDataBlockCompressionThread, WakingAWorkerWithNothingQueuedHasNoEffect)
 {
     Workshop workshop;
     workshop.addWorker().start();

@@ -11,6 +11,7 @@
 #include "support/BytesOf.h"
 #include "support/FlushProbe.h"
 #include "support/ReaderInside.h"
+#include "support/RunTogether.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
@@ -27,7 +28,6 @@
 #include <atomic>
 #include <limits>
 #include <memory>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -453,17 +453,12 @@ TEST(ZebDataBlockReadThread_Load, ConcurrentLoadsOfOneBlockMakeItResidentOnce)
 {
     LoadStation station;
     station.write(BlockFiles::fileOf(text(50)));
-    std::vector<std::thread> hosts;
+    constexpr int threads = 8;
     std::atomic<int> good{0};
-    for (int i = 0; i < 8; ++i) {
-        hosts.emplace_back([&] {
-            const ZebConstAccessor accessor = ZebDataReference(station.hash()).constAccessor();
-            good += !accessor.isNull() && bytesOf(accessor) == text(50) ? 1 : 0;
-        });
-    }
-    for (std::thread& host : hosts)
-        host.join();
-    EXPECT_EQ(good, 8);
+    runTogether(threads, [&](int) {
+        good += bytesOf(ZebDataReference(station.hash())) == text(50) ? 1 : 0;
+    });
+    EXPECT_EQ(good, threads);
     EXPECT_EQ(manager().liveBytes(), text(50).size());
 }
 

@@ -1,6 +1,7 @@
 // One pass of a collector on a root of its own: what it visits, removes and counts, and when there
 // is none. Passes that are stopped early and the thread are tested in
-// ZebGarbageCollectorThread_RunTest.cpp, passes of the store in ZebDataBlockManagerGarbageTest.cpp.
+// ZebGarbageCollectorThread_RunTest.cpp, passes of the store in
+// ZebDataBlockManager_GarbageCollectionTest.cpp.
 
 #include "support/CollectorStation.h"
 
