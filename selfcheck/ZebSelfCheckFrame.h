@@ -3,12 +3,11 @@
 // Internal: the frame of a check that uses the store. Not installed.
 
 #include "selfcheck/ZebSelfCheck.h"
+#include "selfcheck/ZebSelfCheckStore.h"
 
 #include <QString>
 #include <QStringList>
 #include <QtGlobal>
-
-#include <functional>
 
 /// What a check that uses the store does around its own work, and the settings of its store. Fill
 /// in the settings, then run().
@@ -16,8 +15,6 @@
 /// Thread safety: belongs to the thread that runs the check.
 struct ZebSelfCheckFrame
 {
-    using Step = std::function<bool()>;
-
     /// The first line, and the last line of success.
     const char* m_StartLine;
     const char* m_PassedLine;
@@ -37,7 +34,33 @@ struct ZebSelfCheckFrame
     bool m_IsCollecting = true;
 
     /// Prints the first line, sets the store up on empty roots, does the work, closes the store,
-    /// does `afterwards` if there is any, and prints the last line. Returns false at the first step
-    /// that does. The store is closed in every case.
-    bool run(const Step& work, const Step& afterwards = Step()) const;
+    /// does what comes afterwards, and prints the last line. Returns false at the first step that
+    /// does. The store is closed in every case.
+    ///
+    /// The steps are template arguments because std::function would export the type information of
+    /// their types.
+    template <typename Work, typename Afterwards>
+    bool run(const Work& work, const Afterwards& afterwards) const
+    {
+        ZebSelfCheck::line("%s", m_StartLine);
+        ZebSelfCheckStore store(m_Roots, m_MemoryBytes, m_Buckets);
+        if (!begin(store) || !work())
+            return false;
+        store.close();
+        if (!afterwards())
+            return false;
+        ZebSelfCheck::line("%s", m_PassedLine);
+        return true;
+    }
+
+    /// The same, with nothing afterwards.
+    template <typename Work>
+    bool run(const Work& work) const
+    {
+        return run(work, [] { return true; });
+    }
+
+    /// Whether the store is ready for the work. Starts the collection, as the settings say. A
+    /// part of run().
+    bool begin(const ZebSelfCheckStore& store) const;
 };
