@@ -1,6 +1,6 @@
-// A host with pictures: dices one into tiles, keeps the tiles in the store, inverts the colours of
-// all tiles in parallel, puts them together again, and saves the result. Equal tiles are stored
-// once, which a drawing or a screenshot with large plain areas shows best.
+// A host for images: cuts an image into tiles, adds the tiles to the store, inverts the colours of
+// all tiles in parallel, assembles them again, and saves the result. Equal tiles are stored once,
+// which a drawing or a screenshot with large plain areas shows best.
 //
 //     tiles INPUT OUTPUT.png
 
@@ -25,7 +25,7 @@ namespace {
 constexpr int s_TileSide = 256;
 constexpr int s_PixelBytes = 4;
 
-// Far less than a large picture takes: what does not fit waits in the disk cache.
+// Far less than a large image needs. Blocks that do not fit are evicted to the disk cache.
 constexpr qint64 s_MemoryLimit = 64LL << 20;
 
 struct Tile
@@ -53,21 +53,21 @@ QVector<Tile> dice(const QImage& image)
                 const uchar* const line = image.constScanLine(row) + x * s_PixelBytes;
                 pixels.append(reinterpret_cast<const char*>(line), rowBytes);
             }
-            // Hashed in the background, while the next tile is cut.
+            // The block is hashed in the background while the next tile is cut.
             tiles.append({place, ZebDataBlockManager::instance().addBlock(pixels)});
         }
     }
     return tiles;
 }
 
-// Says how many tiles differ, and what the others save.
+// Prints how many tiles are distinct, and how many bytes the others save.
 void report(const char* title, const QVector<Tile>& tiles)
 {
     QSet<ZebDataReference> distinct;
     qint64 allBytes = 0;
     qint64 savedBytes = 0;
     for (const Tile& tile : tiles) {
-        // Only resolved references of equal content are equal.
+        // References to equal bytes compare equal only once they are resolved.
         tile.m_Pixels.resolveWork();
         allBytes += bytesOf(tile);
         if (distinct.contains(tile.m_Pixels))
@@ -79,7 +79,7 @@ void report(const char* title, const QVector<Tile>& tiles)
 }
 
 // Changes a private copy of each tile, on all threads of Qt's global pool. Returns whether every
-// tile could be had.
+// tile was available.
 bool invert(QVector<Tile>* tiles)
 {
     std::atomic<bool> complete{true};
@@ -93,16 +93,16 @@ bool invert(QVector<Tile>* tiles)
         for (qint64 i = 0; i < accessor.size(); i += s_PixelBytes) {
             quint32 pixel = 0;
             std::memcpy(&pixel, pixels + i, sizeof pixel);
-            pixel ^= 0x00FFFFFFU; // the colours, and not how opaque they are
+            pixel ^= 0x00FFFFFFU; // the colours, not the opacity
             std::memcpy(pixels + i, &pixel, sizeof pixel);
         }
-        // The block becomes another one, and the old one goes with its last reference.
+        // The copy becomes a new block. The old block is freed with its last reference.
         tile.m_Pixels = accessor.release();
     });
     return complete;
 }
 
-// The image of these tiles, null when one of them can't be had.
+// The image of these tiles; null when a tile is not available.
 QImage assemble(const QVector<Tile>& tiles, const QSize& size)
 {
     QImage image(size, QImage::Format_ARGB32);

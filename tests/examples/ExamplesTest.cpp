@@ -1,4 +1,4 @@
-// The example hosts as a user meets them: what they print, and the pictures they make.
+// Runs the example hosts as a user does, and checks their output and their images.
 
 #include <QFile>
 #include <QImage>
@@ -46,7 +46,7 @@ protected:
         return run(QStringLiteral(ZEBTDX_TILES), {input, output});
     }
 
-    // What the program makes of the image.
+    // The image that the program writes for `image`.
     QImage inverted(const QImage& image, std::string* printed = nullptr)
     {
         EXPECT_TRUE(image.save(path("in.png")));
@@ -61,7 +61,7 @@ private:
     QTemporaryDir m_Directory;
 };
 
-// A plain picture of 900 x 600 with a disc in it, which lies in six of its twelve tiles.
+// A plain image of 900 x 600 with a disc in six of its twelve tiles.
 QImage drawing()
 {
     QImage image(900, 600, QImage::Format_ARGB32);
@@ -85,7 +85,7 @@ TEST(QuickstartExample, AddsChangesGroupsAndReadsBlocks)
     EXPECT_EQ(outcome.m_Output, "Hello, store\nJello, store\nHello, store\n3 blocks\n");
 }
 
-TEST_F(TilesExample, InvertsAPictureTileByTile)
+TEST_F(TilesExample, InvertsAnImageTileByTile)
 {
     const QImage image = drawing();
     const QImage result = inverted(image);
@@ -93,16 +93,16 @@ TEST_F(TilesExample, InvertsAPictureTileByTile)
     QImage expected = image;
     expected.invertPixels(QImage::InvertRgb);
     EXPECT_EQ(result, expected);
-    // A corner, outside of the disc, and its middle.
+    // A corner, outside the disc, and the centre of the disc.
     EXPECT_EQ(result.pixel(899, 599), qRgba(5, 15, 235, 255));
     EXPECT_EQ(result.pixel(380, 256), qRgba(35, 255 - 380 / 4, 255 - 256 / 4, 255));
 }
 
-TEST_F(TilesExample, SaysHowManyTilesDifferAndWhatThatSaves)
+TEST_F(TilesExample, PrintsTheDistinctTilesAndTheSavedBytes)
 {
     // Four columns, the last of 132 pixels, and three rows, the last of 88. The six tiles of the
-    // disc all differ. Of the plain ones, the two narrow ones at the right edge are equal, and the
-    // three flat ones at the bottom; the one in the corner stands alone.
+    // disc all differ. Of the plain tiles, the two narrow ones at the right edge are equal, and so
+    // are the three flat ones at the bottom; the corner tile has no equal.
     std::string printed;
     inverted(drawing(), &printed);
     const auto line = [](const char* title) {
@@ -114,7 +114,7 @@ TEST_F(TilesExample, SaysHowManyTilesDifferAndWhatThatSaves)
     EXPECT_EQ(printed, line("As read") + line("Inverted"));
 }
 
-TEST_F(TilesExample, KeepsWhatIsTransparent)
+TEST_F(TilesExample, KeepsTheTransparency)
 {
     QImage image(10, 300, QImage::Format_ARGB32);
     image.fill(qRgba(10, 20, 30, 128));
@@ -123,15 +123,15 @@ TEST_F(TilesExample, KeepsWhatIsTransparent)
     EXPECT_EQ(result.pixel(9, 299), qRgba(245, 235, 225, 128));
 }
 
-TEST_F(TilesExample, APictureBeyondTheMemoryLimitComesBackWhole)
+TEST_F(TilesExample, AnImageLargerThanTheMemoryLimitIsComplete)
 {
-    // 72 MB of pixels that repeat nowhere, through a store of 64 MiB.
+    // 72 MB of pixels without repetition, with a memory limit of 64 MiB.
     QImage image(4500, 4000, QImage::Format_RGB32);
     quint32 value = 1;
     for (int y = 0; y < image.height(); ++y) {
         auto* const line = reinterpret_cast<QRgb*>(image.scanLine(y));
         for (int x = 0; x < image.width(); ++x) {
-            // A new value every 16 pixels, so that files of pixels stay small.
+            // A new value only every 16 pixels, so that the files stay small.
             if (x % 16 == 0)
                 value = value * 1664525U + 1013904223U;
             line[x] = 0xFF000000U | (value >> 8);
@@ -142,7 +142,7 @@ TEST_F(TilesExample, APictureBeyondTheMemoryLimitComesBackWhole)
     EXPECT_EQ(inverted(image), expected);
 }
 
-TEST_F(TilesExample, SaysWhatItCannotDo)
+TEST_F(TilesExample, ReportsWrongUseAndUnusableFiles)
 {
     EXPECT_EQ(run(QStringLiteral(ZEBTDX_TILES), {}).m_Status, 2);
     const Outcome missing = runTiles(path("missing.png"), path("out.png"));

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks what the shared library shows to its hosts: the names of its installed headers only.
+"""Checks that the shared library exports only the names of its installed headers.
 
     check_symbols.py NM READELF LIBRARY SONAME HEADERS
 """
@@ -9,16 +9,16 @@ import subprocess
 import sys
 from pathlib import Path
 
-# Internal, although a header might name them one day.
+# Internal, even if a public header mentions them one day.
 HIDDEN = ("ZebSkein", "ZebTdxMessage", "ZebMemoryStatus", "ZebStoredCall")
 
-# Exported names that do not begin as ours do, each with its reason.
+# Exported names without our prefix, each with its reason.
 OTHER_NAMES = {
     "m_LruNodeCount": "a process-wide count, kept for inspection under this name",
-    # Made by the linker for every library that is linked with one that shows its own, as Qt Gui is.
-    "__bss_start": "where the data begin that start as zeros",
-    "_edata": "where the other data end",
-    "_end": "where all data end",
+    # The linker adds these to every library whose dependencies export theirs, such as Qt Gui.
+    "__bss_start": "the start of the zero-initialised data",
+    "_edata": "the end of the initialised data",
+    "_end": "the end of all data",
 }
 
 WEAK = "WwVvu"
@@ -43,13 +43,13 @@ def problem(kind, symbol, public_names):
     if name in OTHER_NAMES or SANITIZER.match(name):
         return None
     if re.match(r"(?:Zeb|TdxTester$)", name):
-        return None if name in public_names else "is of no installed header"
+        return None if name in public_names else "is not in an installed header"
     if name in ("qHash", "swap") and "Zeb" in symbol:
         return None
-    # Instances of other people's templates, which their own attributes make visible.
+    # Instances of other libraries' templates, which are visible by their own attributes.
     if kind in WEAK and LIBRARIES.search(re.split("[<(]", symbol)[0]):
         return None
-    return "is none of ours"
+    return "is not ours"
 
 
 def output_of(*command):
@@ -68,7 +68,7 @@ def main(nm, readelf, library, soname, headers):
         symbols.append(symbol)
         reason = problem(kind, symbol, public_names)
         if reason:
-            failures.append(f"{symbol} is exported, and {reason}")
+            failures.append(f"{symbol} is exported, but {reason}")
     if not any(symbol.startswith("ZebDataBlockManager::setup(") for symbol in symbols):
         failures.append("ZebDataBlockManager::setup() is not exported")
 
@@ -76,7 +76,7 @@ def main(nm, readelf, library, soname, headers):
     if f"Library soname: [{soname}]" not in dynamic:
         failures.append(f"the SONAME is not {soname}")
     if "RUNPATH" in dynamic or "RPATH" in dynamic:
-        failures.append("the installed library has a path of its own to search in")
+        failures.append("the installed library has an RPATH or RUNPATH")
 
     for failure in failures:
         print(failure)

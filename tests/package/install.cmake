@@ -1,5 +1,5 @@
-# Installs the build BUILD_DIR, then moves what was installed to PREFIX, as a distribution's package
-# does: nothing may depend on where it was installed first.
+# Installs the build BUILD_DIR, then moves the installation to PREFIX, as the package of a
+# distribution does: no installed file may depend on its first location.
 set(first_prefix ${PREFIX}-first)
 file(REMOVE_RECURSE ${PREFIX} ${first_prefix})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${first_prefix}

@@ -1,4 +1,4 @@
-// A host outside the library's own build. It names headers in both forms that a host may use.
+// A host outside the library's build. It includes headers in both forms that hosts may use.
 #include "ZebDataReference.h"
 #include "hash/ZebDataHash.h"
 #include "support/ZebTdxVersion.h"
@@ -57,14 +57,14 @@ int main(int argc, char** argv)
     const bool good = addsAndReads(store);
     store.cleanUp();
     if (!good) {
-        std::fprintf(stderr, "the store gave other bytes than it was given\n");
+        std::fprintf(stderr, "the store returned different bytes\n");
         return 1;
     }
     if (store.isInitialized() || store.liveBytes() != 0 ||
         ZebDataReference::referenceCount() != 0) {
-        std::fprintf(stderr, "the store is not clean at its end\n");
+        std::fprintf(stderr, "the store is not empty after cleanUp()\n");
         return 1;
     }
-    std::printf("ZebTdx %s serves\n", ZEBTDX_VERSION_STRING);
+    std::printf("ZebTdx %s works\n", ZEBTDX_VERSION_STRING);
     return 0;
 }

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compiles and runs the consumer with what pkg-config says about the package under a prefix.
+# Compiles and runs the consumer with the flags from pkg-config for the package under a prefix.
 # usage: pkg_config.sh PREFIX LIBDIR VERSION COMPILER SOURCE WORK_DIRECTORY
 set -euo pipefail
 
@@ -14,7 +14,7 @@ expect() {
 }
 
 expect version "$(pkg-config --modversion zebtdx)" "$version"
-# The directories are compared as such: the file may reach its prefix over "..".
+# Compares resolved paths, because the file may refer to its prefix through "..".
 expect libdir "$(realpath -m "$(pkg-config --variable=libdir zebtdx)")" "$(realpath "$prefix/$libdir")"
 expect includedir "$(realpath -m "$(pkg-config --variable=includedir zebtdx)")" \
     "$(realpath "$prefix/include/ZebTdx")"
@@ -22,7 +22,7 @@ expect includedir "$(realpath -m "$(pkg-config --variable=includedir zebtdx)")" 
 rm -rf "$work"
 mkdir -p "$work/store"
 read -ra flags <<<"$(pkg-config --cflags --libs zebtdx)"
-# Qt's headers ask for position-independent code.
+# Qt's headers require position-independent code.
 "$compiler" -std=c++17 -fPIC "$source" -o "$work/consumer" "${flags[@]}"
 LD_LIBRARY_PATH=$prefix/$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
     "$work/consumer" "$work/store" "$version"
