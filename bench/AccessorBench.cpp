@@ -1,11 +1,10 @@
-// What it costs to open and close an accessor on a resident block, alone and beside another thread.
+// The cost of opening and closing an accessor on a resident block, with one thread and with two.
+
+#include "bench/BenchStore.h"
 
 #include "data/ZebDataReference.h"
-#include "manager/ZebDataBlockManager.h"
 
 #include <QByteArray>
-#include <QStringList>
-#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 
@@ -17,26 +16,15 @@ namespace {
 constexpr qint64 s_MemoryLimit = 64LL * 1024 * 1024;
 constexpr int s_BlockSize = 4096;
 
-// The store on a cache root of its own with one resident block for each thread of a run.
+// A store with one resident block for each thread of a run.
 class ResidentBlocks
 {
 public:
-    explicit ResidentBlocks(int count)
+    explicit ResidentBlocks(int count) : m_Store(s_MemoryLimit)
     {
-        ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-        manager.setup(QStringList(m_Directory.path()), s_MemoryLimit);
-        for (int i = 0; i < count; ++i) {
-            const QByteArray bytes(s_BlockSize, static_cast<char>(i));
-            m_References.push_back(manager.addBlock(bytes, ZebModifyAccessor::Cached, true));
-        }
+        for (int i = 0; i < count; ++i)
+            m_References.push_back(BenchStore::add(QByteArray(s_BlockSize, static_cast<char>(i))));
     }
-    ~ResidentBlocks()
-    {
-        m_References.clear();
-        ZebDataBlockManager::instance().cleanUp(true);
-    }
-    ResidentBlocks(const ResidentBlocks&) = delete;
-    ResidentBlocks& operator=(const ResidentBlocks&) = delete;
 
     const ZebDataReference& reference(int index) const
     {
@@ -44,11 +32,11 @@ public:
     }
 
 private:
-    QTemporaryDir m_Directory;
+    BenchStore m_Store;
     std::vector<ZebDataReference> m_References;
 };
 
-// Made before the threads of a run start, and gone after they have ended.
+// Created before the threads of a run start, and destroyed after they have ended.
 std::unique_ptr<ResidentBlocks> s_Blocks;
 
 void makeBlocks(const benchmark::State& state)
@@ -71,7 +59,7 @@ void openAndClose(benchmark::State* state, const ZebDataReference& reference)
     state->SetItemsProcessed(static_cast<int64_t>(state->iterations()));
 }
 
-// Waiting counts, so real time is what is measured.
+// Real time, so that waiting for a lock counts.
 void threads(benchmark::internal::Benchmark* benchmark)
 {
     benchmark->Setup(makeBlocks)->Teardown(dropBlocks)->Threads(1)->Threads(2)->UseRealTime();

@@ -1,51 +1,21 @@
-// What it costs to admit a block, beside the digest that every admission has to compute.
+// The cost of admitting a block, compared with the digest that every admission computes.
+
+#include "bench/BenchStore.h"
+#include "bench/SampleBlocks.h"
 
 #include "data/ZebDataReference.h"
 #include "hash/ZebDataHash.h"
-#include "manager/ZebDataBlockManager.h"
 
 #include <QByteArray>
-#include <QStringList>
-#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 
-#include <cstring>
 #include <vector>
 
 namespace {
 
-constexpr qint64 s_MemoryLimit = 1024LL * 1024 * 1024;
-
-// How many bytes of distinct blocks are held before they are dropped.
+// The bytes of distinct blocks that are held before they are dropped.
 constexpr qint64 s_HeldBytes = 64LL * 1024 * 1024;
-
-// The store on a cache root of its own, for the length of one run.
-class BenchStore
-{
-public:
-    BenchStore()
-    {
-        ZebDataBlockManager::instance().setup(QStringList(m_Directory.path()), s_MemoryLimit);
-    }
-    ~BenchStore() { ZebDataBlockManager::instance().cleanUp(true); }
-    BenchStore(const BenchStore&) = delete;
-    BenchStore& operator=(const BenchStore&) = delete;
-
-private:
-    QTemporaryDir m_Directory;
-};
-
-// Bytes that no earlier round has had.
-void stamp(QByteArray* bytes, quint64 round)
-{
-    std::memcpy(bytes->data(), &round, sizeof(round));
-}
-
-ZebDataReference admit(const QByteArray& bytes)
-{
-    return ZebDataBlockManager::instance().addBlock(bytes, ZebModifyAccessor::Cached, true);
-}
 
 void setBytes(benchmark::State* state)
 {
@@ -62,7 +32,7 @@ void DigestAlone(benchmark::State& state)
     QByteArray bytes(static_cast<int>(state.range(0)), 'd');
     quint64 round = 0;
     for ([[maybe_unused]] auto _ : state) {
-        stamp(&bytes, ++round);
+        SampleBlocks::stamp(&bytes, ++round);
         const ZebDataHash hash(bytes, ZebDataHash::Hash512);
         benchmark::DoNotOptimize(hash.data());
     }
@@ -79,10 +49,10 @@ void AdmitDistinctBlocks(benchmark::State& state)
     held.reserve(most);
     quint64 round = 0;
     for ([[maybe_unused]] auto _ : state) {
-        stamp(&bytes, ++round);
-        held.push_back(admit(bytes));
+        SampleBlocks::stamp(&bytes, ++round);
+        held.push_back(BenchStore::add(bytes));
         if (held.size() == most) {
-            // The end of the blocks is no part of their admission.
+            // Destroying the blocks is not part of admission.
             state.PauseTiming();
             held.clear();
             state.ResumeTiming();
@@ -96,9 +66,9 @@ void AdmitDuplicates(benchmark::State& state)
 {
     const BenchStore store;
     const QByteArray bytes(static_cast<int>(state.range(0)), 'b');
-    const ZebDataReference resident = admit(bytes);
+    const ZebDataReference resident = BenchStore::add(bytes);
     for ([[maybe_unused]] auto _ : state) {
-        const ZebDataReference duplicate = admit(bytes);
+        const ZebDataReference duplicate = BenchStore::add(bytes);
         if (duplicate != resident) {
             state.SkipWithError("equal bytes became two blocks");
             break;

@@ -1,26 +1,24 @@
-// What asynchronous adding gains: the same new blocks with `immediate` off and on, by one thread
-// and by two.
+// The gain of asynchronous admission: the same new blocks with `immediate` off and on, by one
+// thread and by two.
 //
-// Each row measures both, round about. "immediate_us" and "async_us" are medians for one block of
-// one thread, until the block is in the store; "call_us" is how long the asynchronous calls alone
-// keep their thread. "ratio" is async by immediate, "call_ratio" call by immediate: below 1 the
-// asynchronous way is the shorter one. The hashing pool has a thread for each processor, and the
-// writer works beside it, so on a small machine they all share what there is.
+// Each row measures both in interleaved rounds. "immediate_us" and "async_us" are medians per block
+// of one thread, until the block is in the store; "call_us" is how long the asynchronous calls
+// alone occupy their thread. "ratio" is async by immediate, "call_ratio" call by immediate; below 1
+// the asynchronous form is faster. The hashing pool has a thread per processor, and the writer
+// works at the same time, so on a small machine they share the processors.
 
+#include "bench/BenchStore.h"
 #include "bench/RoundTimes.h"
+#include "bench/SampleBlocks.h"
 
 #include "data/ZebDataReference.h"
-#include "manager/ZebDataBlockManager.h"
 
 #include <QByteArray>
 #include <QSemaphore>
-#include <QStringList>
-#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 
 #include <chrono>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -29,45 +27,25 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using References = std::vector<ZebDataReference>;
 
-constexpr qint64 s_MemoryLimit = 1024LL * 1024 * 1024;
 constexpr qint64 s_BytesPerThread = 2LL * 1024 * 1024;
 constexpr double s_UsPerSecond = 1e6;
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
-
-// The store on a cache root of its own.
-class Store
-{
-public:
-    Store() { manager().setup(QStringList(m_Root.path()), s_MemoryLimit); }
-    ~Store() { manager().cleanUp(); }
-    Store(const Store&) = delete;
-    Store& operator=(const Store&) = delete;
-
-private:
-    QTemporaryDir m_Root;
-};
 
 double secondsSince(Clock::time_point begin)
 {
     return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-// Contents that nobody has had, and that the writer compresses at next to no cost.
-std::vector<QByteArray> freshContents(int size, std::size_t count)
+// Blocks that were never added before, and that cost the writer next to nothing to compress.
+std::vector<QByteArray> freshBlocks(int size, std::size_t count)
 {
     static quint64 s_Stamp = 0;
-    std::vector<QByteArray> contents;
+    std::vector<QByteArray> blocks;
     for (std::size_t i = 0; i < count; ++i) {
         QByteArray bytes(size, 'a');
-        ++s_Stamp;
-        std::memcpy(bytes.data(), &s_Stamp, sizeof s_Stamp);
-        contents.push_back(bytes);
+        SampleBlocks::stamp(&bytes, ++s_Stamp);
+        blocks.push_back(bytes);
     }
-    return contents;
+    return blocks;
 }
 
 struct AddTimes
@@ -77,16 +55,16 @@ struct AddTimes
     double m_All = 0;
 };
 
-// Has `threads` threads add that many new blocks each. The threads have started before the clock
-// does, and the blocks end after it has stopped.
+// Lets `threads` threads add new blocks of s_BytesPerThread each. The threads start before the
+// clock does, and the blocks are destroyed after it has stopped.
 AddTimes addBlocks(int threads, int size, bool immediate)
 {
     const auto perThread = static_cast<std::size_t>(s_BytesPerThread / size);
-    std::vector<std::vector<QByteArray>> contents;
+    std::vector<std::vector<QByteArray>> blocks;
     std::vector<References> references(static_cast<std::size_t>(threads));
-    for (References& theirs : references) {
-        contents.push_back(freshContents(size, perThread));
-        theirs.reserve(perThread);
+    for (References& ofThread : references) {
+        blocks.push_back(freshBlocks(size, perThread));
+        ofThread.reserve(perThread);
     }
     QSemaphore ready;
     QSemaphore go;
@@ -97,9 +75,9 @@ AddTimes addBlocks(int threads, int size, bool immediate)
         adders.emplace_back([&, thread] {
             ready.release();
             go.acquire();
-            for (const QByteArray& bytes : contents[thread]) {
+            for (const QByteArray& bytes : blocks[thread]) {
                 references[thread].push_back(
-                    manager().addBlock(bytes, ZebModifyAccessor::Cached, immediate));
+                    BenchStore::manager().addBlock(bytes, ZebModifyAccessor::Cached, immediate));
             }
             called.release();
             // Resolving helps the pool, so no thread begins before all calls are measured.
@@ -125,19 +103,16 @@ void asyncAdd(benchmark::State& state)
 {
     const auto size = static_cast<int>(state.range(0));
     const auto threads = static_cast<int>(state.range(1));
-    const Store store;
+    const BenchStore store;
     RoundTimes immediate;
     RoundTimes calls;
     RoundTimes async;
-    const auto idle = [] {
-        manager().flush(false, ZebDataBlockManager::WriteThreads);
-    };
     for ([[maybe_unused]] auto _ : state) {
-        // Which way comes first changes, so that neither always finds the warmer machine.
+        // The order alternates, so that neither form always finds the warmer machine.
         const bool immediateFirst = immediate.rounds() % 2 == 0;
         for (const bool isImmediate : {immediateFirst, !immediateFirst}) {
             const AddTimes times = addBlocks(threads, size, isImmediate);
-            idle();
+            BenchStore::waitForWriters();
             if (isImmediate) {
                 immediate.addSeconds(times.m_All);
             } else {

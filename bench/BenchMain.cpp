@@ -6,7 +6,7 @@
 
 namespace {
 
-// The store's debug lines would be measured with what writes them.
+// Drops the store's debug lines, so that no benchmark measures their output.
 void dropMessage(QtMsgType type, const QMessageLogContext& context, const QString& text)
 {
     Q_UNUSED(type)

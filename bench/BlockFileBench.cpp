@@ -1,18 +1,22 @@
-// What the disk costs through the store, beside a bare loop over the same bytes: a writer against
-// compressing and writing the files one after another, and accessors of blocks that are not in
-// memory against opening, reading and decompressing their files.
+// The cost of the store's disk work, compared with a baseline loop over the same bytes: a writer
+// compared with compressing and writing the files one by one, and accessors of blocks that are not
+// resident compared with opening, reading and decompressing their files.
 //
-// Each row measures both, round about. Its time is that of the store, on average; "store_ms" and
-// "bare_ms" are medians of single rounds, and "ratio" is the one by the other: 1 means that the
-// store costs nothing beside the bare loop. "cpu_ratio" is the same of the processor time that all
-// threads took, which a busy machine does not move; the polling of whoever waits for the writer is
-// in it. The files come from the page cache in both, so it is not the disk that is measured.
+// Each row measures both in interleaved rounds. Its time is the average of the store; "store_ms"
+// and "baseline_ms" are medians of single rounds, and "ratio" is store by baseline: 1 means that
+// the store adds no cost. "cpu_ratio" is the same ratio of the processor time of all threads, which
+// a busy machine does not change; it includes the polling of the thread that waits for the writer.
+// The files come from the page cache in both, so the disk itself is not measured.
+
+#include "bench/BenchStore.h"
+#include "bench/RoundTimes.h"
+#include "bench/SampleBlocks.h"
 
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
-#include "hash/ZebHashManager.h"
+#include "io/ZebBlockFile.h"
+#include "io/ZebBlockPlace.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
-#include "manager/ZebDataBlockManager.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -21,194 +25,125 @@
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <vector>
-
-#include <time.h>
 
 namespace {
 
 constexpr int s_BlockBytes = 256 * 1024;
 constexpr int s_Blocks = 16;
-constexpr int s_Buckets = 10;
-constexpr int s_CompressionLevel = 2;
-constexpr int s_HeaderBytes = 12;
+constexpr int s_Buckets = BenchStore::s_DefaultBuckets;
 constexpr double s_MsPerSecond = 1e3;
-constexpr double s_NsPerSecond = 1e9;
-constexpr qint64 s_MemoryLimit = 1024LL * 1024 * 1024;
 
-using Contents = std::vector<QByteArray>;
-using Hashes = std::vector<ZebSmartPointer<ZebDataHash>>;
+using Blobs = std::vector<QByteArray>;
 
-Contents textLike()
+Blobs textLike()
 {
-    static const char* const words[] = {"block", "writes", "the",  "reader", "of",    "a",
-                                        "cache", "which",  "disk", "hash",   "holds", "every"};
     std::mt19937 random(1);
-    Contents contents;
-    for (int i = 0; i < s_Blocks; ++i) {
-        QByteArray content;
-        while (content.size() < s_BlockBytes) {
-            content += words[random() % std::size(words)];
-            content += random() % 12 == 0
-                           ? "\n" + QByteArray::number(static_cast<quint32>(random()))
-                           : QByteArray(" ");
-        }
-        content.truncate(s_BlockBytes);
-        contents.push_back(content);
-    }
-    return contents;
+    Blobs blobs;
+    for (int i = 0; i < s_Blocks; ++i)
+        blobs.push_back(SampleBlocks::text(&random, s_BlockBytes));
+    return blobs;
 }
 
-Contents incompressible()
+Blobs incompressible()
 {
     std::mt19937 random(2);
-    Contents contents;
-    for (int i = 0; i < s_Blocks; ++i) {
-        QByteArray content(s_BlockBytes, '\0');
-        for (char& byte : content)
-            byte = static_cast<char>(random() & 0xFFU);
-        contents.push_back(content);
-    }
-    return contents;
+    Blobs blobs;
+    for (int i = 0; i < s_Blocks; ++i)
+        blobs.push_back(SampleBlocks::noise(&random, s_BlockBytes));
+    return blobs;
 }
 
-// Identities for the blocks. Nothing here asks that they are the digests of their contents, and so
-// no digest is measured.
-Hashes identities()
+// Random hashes: nothing here requires the digests of the blobs, so no digest is measured.
+SampleBlocks::Hashes randomHashes()
 {
-    std::mt19937 random(3);
-    Hashes hashes;
-    for (int i = 0; i < s_Blocks; ++i) {
-        unsigned char digest[ZebDataHash::Hash512];
-        for (unsigned char& byte : digest)
-            byte = static_cast<unsigned char>(random() & 0xFFU);
-        hashes.push_back(
-            ZebHashManager::instance().addHash(new ZebDataHash(ZebDataHash::Hash512, digest)));
-    }
-    return hashes;
+    return SampleBlocks::hashes(3, s_Blocks);
 }
 
-// The bare way to write a block. Returns the length of the payload, 0 when it fails.
-qint64 writeBare(const QString& path, const QByteArray& content)
+// Writes a block file without the store. Returns the length of the payload, 0 on failure.
+qint64 writeBaseline(const QString& path, const QByteArray& blob)
 {
     QFile file(path);
-    const QByteArray payload = qCompress(content, s_CompressionLevel);
-    const qint64 size = content.size();
-    const qint32 length = payload.size();
-    const bool written =
-        file.open(QIODevice::WriteOnly) &&
-        file.write(reinterpret_cast<const char*>(&size), sizeof size) == sizeof size &&
-        file.write(reinterpret_cast<const char*>(&length), sizeof length) == sizeof length &&
-        file.write(payload) == length && file.flush();
-    return written ? length : 0;
+    const QByteArray payload = ZebBlockFile::encodePayload(blob);
+    const auto header = ZebBlockFile::Header{blob.size(), payload.size()}.encode();
+    const bool written = file.open(QIODevice::WriteOnly) &&
+                         file.write(header.data(), header.size()) == qint64(header.size()) &&
+                         file.write(payload) == payload.size() && file.flush();
+    return written ? payload.size() : 0;
 }
 
-// The bare way to read a block.
-QByteArray readBare(const QString& path)
+// Reads a block file without the store.
+QByteArray readBaseline(const QString& path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    file.read(s_HeaderBytes);
-    return qUncompress(file.readAll());
+    file.read(ZebBlockFile::s_HeaderBytes);
+    return ZebBlockFile::decodePayload(file.readAll());
 }
 
-// Collects the times of both ways.
+// Collects the times of the store and of the baseline.
 class Comparison
 {
 public:
     explicit Comparison(benchmark::State* state) : m_State(state) {}
 
-    // One round. Which way comes first changes, so that neither always finds the warmer machine.
-    void measure(const std::function<void()>& store, const std::function<void()>& bare)
+    // One round. The order alternates, so that neither always finds the warmer machine.
+    void measure(const std::function<void()>& store, const std::function<void()>& baseline)
     {
-        const bool bareFirst = m_Store.m_Wall.size() % 2 == 1;
-        if (bareFirst)
-            m_Bare.add(bare);
-        m_Store.add(store);
-        if (!bareFirst)
-            m_Bare.add(bare);
-        m_State->SetIterationTime(m_Store.m_Wall.back());
+        const bool baselineFirst = m_Store.rounds() % 2 == 1;
+        if (baselineFirst)
+            m_Baseline.add(baseline);
+        m_State->SetIterationTime(m_Store.add(store));
+        if (!baselineFirst)
+            m_Baseline.add(baseline);
     }
 
     void report()
     {
-        if (m_Store.m_Wall.empty())
+        if (m_Store.rounds() == 0)
             return;
-        const auto rounds = static_cast<int64_t>(m_Store.m_Wall.size());
-        const double store = median(&m_Store.m_Wall);
-        const double bare = median(&m_Bare.m_Wall);
+        const auto rounds = static_cast<int64_t>(m_Store.rounds());
         m_State->SetBytesProcessed(rounds * s_Blocks * s_BlockBytes);
-        m_State->counters["store_ms"] = store * s_MsPerSecond;
-        m_State->counters["bare_ms"] = bare * s_MsPerSecond;
-        m_State->counters["ratio"] = store / bare;
-        m_State->counters["cpu_ratio"] = median(&m_Store.m_Cpu) / median(&m_Bare.m_Cpu);
+        m_State->counters["store_ms"] = m_Store.median() * s_MsPerSecond;
+        m_State->counters["baseline_ms"] = m_Baseline.median() * s_MsPerSecond;
+        m_State->counters["ratio"] = m_Store.median() / m_Baseline.median();
+        m_State->counters["cpu_ratio"] = m_Store.processorMedian() / m_Baseline.processorMedian();
     }
 
 private:
-    // Seconds, one value for each round.
-    struct Times
-    {
-        void add(const std::function<void()>& work)
-        {
-            const double wall = now(CLOCK_MONOTONIC);
-            const double cpu = now(CLOCK_PROCESS_CPUTIME_ID);
-            work();
-            m_Cpu.push_back(now(CLOCK_PROCESS_CPUTIME_ID) - cpu);
-            m_Wall.push_back(now(CLOCK_MONOTONIC) - wall);
-        }
-        std::vector<double> m_Wall;
-        std::vector<double> m_Cpu;
-    };
-
-    static double now(clockid_t clock)
-    {
-        timespec time{};
-        clock_gettime(clock, &time);
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / s_NsPerSecond;
-    }
-
-    static double median(std::vector<double>* values)
-    {
-        const auto middle = values->begin() + static_cast<std::ptrdiff_t>(values->size() / 2);
-        std::nth_element(values->begin(), middle, values->end());
-        return *middle;
-    }
-
     benchmark::State* m_State;
-    Times m_Store;
-    Times m_Bare;
+    RoundTimes m_Store;
+    RoundTimes m_Baseline;
 };
 
-// Nothing is handed to the writer but blocks: what the manager does around it is not measured.
-void writeFiles(benchmark::State& state, Contents (*make)())
+// Hands the blocks straight to the writer, so the manager is not measured.
+void writeFiles(benchmark::State& state, Blobs (*make)())
 {
-    const Contents contents = make();
-    const Hashes hashes = identities();
+    const Blobs blobs = make();
+    const SampleBlocks::Hashes hashes = randomHashes();
     const QTemporaryDir directory;
-    const QString bareRoot = directory.path() + "/bare/";
+    const QString baselineRoot = directory.path() + "/baseline/";
     const QString storeRoot = directory.path() + "/store/";
     ZebDataBlockWriteThread_Pattern1 writer(storeRoot, s_Buckets, nullptr);
     writer.start();
-    // The thread has begun when this returns, and idles: the first block will not miss it.
+    // Once this returns, the thread has started and is idle, so the first block does not wait.
     writer.flush(hashes.front());
     Comparison comparison(&state);
     for ([[maybe_unused]] auto _ : state) {
         for (int bucket = 0; bucket < s_Buckets; ++bucket) {
-            QDir().mkpath(bareRoot + QString::number(bucket));
+            QDir().mkpath(baselineRoot + QString::number(bucket));
             QDir().mkpath(storeRoot + "/" + QString::number(bucket));
         }
         std::vector<std::unique_ptr<ZebDataBlock>> blocks;
-        for (const QByteArray& content : contents)
-            blocks.push_back(std::make_unique<ZebDataBlock>(content));
+        for (const QByteArray& blob : blobs)
+            blocks.push_back(std::make_unique<ZebDataBlock>(blob));
         const qint64 before = writer.bytesWritten();
-        qint64 bareBytes = 0;
+        qint64 baselineBytes = 0;
         comparison.measure(
             [&] {
                 for (size_t i = 0; i < blocks.size(); ++i) {
@@ -218,17 +153,17 @@ void writeFiles(benchmark::State& state, Contents (*make)())
                 writer.flush();
             },
             [&] {
-                for (size_t i = 0; i < contents.size(); ++i) {
+                for (size_t i = 0; i < blobs.size(); ++i) {
                     const QString bucket = QString::number(i % s_Buckets);
-                    bareBytes +=
-                        writeBare(bareRoot + bucket + "/" + hashes[i]->toString(), contents[i]);
+                    baselineBytes += writeBaseline(
+                        baselineRoot + bucket + "/" + hashes[i]->toString(), blobs[i]);
                 }
             });
-        if (bareBytes == 0 || writer.bytesWritten() - before != bareBytes) {
-            state.SkipWithError("the two have not written the same");
+        if (baselineBytes == 0 || writer.bytesWritten() - before != baselineBytes) {
+            state.SkipWithError("the store and the baseline wrote different files");
             break;
         }
-        QDir(bareRoot).removeRecursively();
+        QDir(baselineRoot).removeRecursively();
         QDir(storeRoot).removeRecursively();
     }
     comparison.report();
@@ -236,29 +171,28 @@ void writeFiles(benchmark::State& state, Contents (*make)())
     writer.wait();
 }
 
-void readFiles(benchmark::State& state, Contents (*make)())
+void readFiles(benchmark::State& state, Blobs (*make)())
 {
-    const Contents contents = make();
-    const QTemporaryDir directory;
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    manager.setup({directory.path()}, s_MemoryLimit, s_Buckets);
+    const Blobs blobs = make();
+    const BenchStore store;
+    ZebDataBlockManager& manager = BenchStore::manager();
     {
         std::vector<ZebDataReference> references;
         std::vector<QString> paths;
-        for (const ZebSmartPointer<ZebDataHash>& hash : identities()) {
+        for (const ZebSmartPointer<ZebDataHash>& hash : randomHashes()) {
             references.emplace_back(hash);
             paths.push_back(manager.getBlockDestination(QString(), hash->toString()));
         }
         for (int bucket = 0; bucket < s_Buckets; ++bucket)
-            QDir().mkpath(directory.path() + "//" + QString::number(bucket));
+            QDir().mkpath(ZebBlockPlace::directory(store.root(), QString(), bucket));
         for (size_t i = 0; i < paths.size(); ++i)
-            writeBare(paths[i], contents[i]);
+            writeBaseline(paths[i], blobs[i]);
         Comparison comparison(&state);
         for ([[maybe_unused]] auto _ : state) {
             manager.freeAllBlocks();
             qint64 storeBytes = 0;
-            // Kept until the round is over, as the store keeps its blocks.
-            Contents bareBlocks;
+            // Kept until the end of the round, as the store keeps its blocks.
+            Blobs baselineBlocks;
             comparison.measure(
                 [&] {
                     for (const ZebDataReference& reference : references) {
@@ -268,16 +202,15 @@ void readFiles(benchmark::State& state, Contents (*make)())
                 },
                 [&] {
                     for (const QString& path : paths)
-                        bareBlocks.push_back(readBare(path));
+                        baselineBlocks.push_back(readBaseline(path));
                 });
-            if (bareBlocks != contents || storeBytes != qint64(s_Blocks) * s_BlockBytes) {
-                state.SkipWithError("the two have not read the same");
+            if (baselineBlocks != blobs || storeBytes != qint64(s_Blocks) * s_BlockBytes) {
+                state.SkipWithError("the store and the baseline read different bytes");
                 break;
             }
         }
         comparison.report();
     }
-    manager.cleanUp();
 }
 
 BENCHMARK_CAPTURE(writeFiles, text, &textLike)

@@ -1,11 +1,13 @@
-// What a garbage collector costs: a pass over many files, whose contents are all alive or all dead,
-// and a poll that finds nothing to do, which every collector makes ten times a second.
+// The cost of garbage collection: a pass over many files whose hashes are all live or all dead, and
+// a poll that finds no work, which every collector does ten times a second.
 //
-// The files come from the page cache, so it is not the disk that is measured; removing them is a
-// matter of the file system.
+// The files come from the page cache, so the disk itself is not measured; how long it takes to
+// remove a file depends on the file system.
+
+#include "bench/SampleBlocks.h"
 
 #include "data/ZebDataReference.h"
-#include "hash/ZebHashManager.h"
+#include "io/ZebBlockPlace.h"
 #include "io/ZebGarbageCollectorThread.h"
 #include "manager/ZebDataBlockManager.h"
 
@@ -16,10 +18,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cstddef>
-#include <random>
-#include <vector>
-
 namespace {
 
 constexpr int s_SmallTree = 1000;
@@ -28,22 +26,24 @@ constexpr int s_Buckets = 10;
 constexpr int s_FileBytes = 100;
 constexpr qint64 s_MemoryLimit = 1024 * 1024;
 
-using Hashes = std::vector<ZebSmartPointer<ZebDataHash>>;
+using SampleBlocks::Hashes;
+
+const QString s_SubCache = QStringLiteral("Sub");
 
 ZebDataBlockManager& manager()
 {
     return ZebDataBlockManager::instance();
 }
 
-// A collector that runs on this thread alone, on a tree of its own. The store has no root, and so
-// no other collector disturbs it.
+// A collector on a tree of its own, which runs only when this thread calls it. The store has no
+// root, so it has no collectors.
 class Tree
 {
 public:
     Tree() : m_Collector(m_Root.path(), s_Buckets, nullptr)
     {
         manager().setup({}, s_MemoryLimit);
-        manager().setSubCache(QStringLiteral("Sub"));
+        manager().setSubCache(s_SubCache);
         manager().startGarbageCollection();
         for (int bucket = 0; bucket < s_Buckets; ++bucket)
             QDir().mkpath(this->bucket(bucket));
@@ -52,13 +52,13 @@ public:
     Tree(const Tree&) = delete;
     Tree& operator=(const Tree&) = delete;
 
-    // Makes a file for each of these hashes. False when one can't be made.
+    // Creates a file for each of these hashes. Returns false when that fails.
     bool makeFiles(const Hashes& hashes) const
     {
         const QByteArray bytes(s_FileBytes, 'x');
         int number = 0;
         for (const ZebSmartPointer<ZebDataHash>& hash : hashes) {
-            QFile file(bucket(number++ % s_Buckets) + QDir::separator() + hash->toString());
+            QFile file(bucket(number++ % s_Buckets) + hash->toString());
             if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
                 return false;
         }
@@ -76,7 +76,7 @@ public:
     // A pass, in seconds.
     double pass()
     {
-        // A block that leaves memory opens the gate.
+        // A freed block opens the gate.
         manager().addBlock("freed", ZebModifyAccessor::DontCache);
         QElapsedTimer timer;
         timer.start();
@@ -89,61 +89,46 @@ public:
 private:
     QString bucket(int number) const
     {
-        return m_Root.path() + QStringLiteral("/Sub/%1").arg(number);
+        return ZebBlockPlace::directory(m_Root.path(), s_SubCache, number);
     }
 
     QTemporaryDir m_Root;
     ZebGarbageCollectorThread m_Collector;
 };
 
-Hashes identities(int count)
-{
-    std::mt19937 random(1);
-    Hashes hashes;
-    hashes.reserve(static_cast<std::size_t>(count));
-    for (int i = 0; i < count; ++i) {
-        unsigned char digest[ZebDataHash::Hash512];
-        for (unsigned char& byte : digest)
-            byte = static_cast<unsigned char>(random() & 0xFFU);
-        hashes.push_back(
-            ZebHashManager::instance().addHash(new ZebDataHash(ZebDataHash::Hash512, digest)));
-    }
-    return hashes;
-}
-
-// Nothing is to be removed, and every size is asked for.
+// The pass removes no file, and reads the size of every file.
 void passOverLive(benchmark::State& state)
 {
     const int count = static_cast<int>(state.range(0));
     Tree tree;
-    const Hashes hashes = identities(count);
+    const Hashes hashes = SampleBlocks::hashes(1, count);
     if (!tree.makeFiles(hashes))
-        state.SkipWithError("a file cannot be made");
+        state.SkipWithError("cannot create a file");
     for (auto _ : state)
         state.SetIterationTime(tree.pass());
     if (tree.files() != count)
-        state.SkipWithError("a live file has gone");
+        state.SkipWithError("a live file was removed");
     state.SetItemsProcessed(state.iterations() * count);
 }
 
-// Every file is removed. They are made again for each pass, which is not measured.
+// The pass removes every file. Creating them again for each pass is not measured.
 void passOverDead(benchmark::State& state)
 {
     const int count = static_cast<int>(state.range(0));
     Tree tree;
     for (auto _ : state) {
-        if (!tree.makeFiles(identities(count))) {
-            state.SkipWithError("a file cannot be made");
+        if (!tree.makeFiles(SampleBlocks::hashes(1, count))) {
+            state.SkipWithError("cannot create a file");
             break;
         }
         state.SetIterationTime(tree.pass());
     }
     if (tree.files() != 0)
-        state.SkipWithError("a dead file has stayed");
+        state.SkipWithError("a dead file was not removed");
     state.SetItemsProcessed(state.iterations() * count);
 }
 
-void pollWithNothingToDo(benchmark::State& state)
+void pollWithoutWork(benchmark::State& state)
 {
     Tree tree;
     tree.pass();
@@ -165,6 +150,6 @@ BENCHMARK(passOverDead)
     ->Arg(s_LargeTree)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
-BENCHMARK(pollWithNothingToDo)->Name("Collector/poll")->Unit(benchmark::kMicrosecond);
+BENCHMARK(pollWithoutWork)->Name("Collector/poll")->Unit(benchmark::kMicrosecond);
 
 } // namespace

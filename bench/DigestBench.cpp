@@ -1,3 +1,5 @@
+// The speed of the digest, with SHA-512 as the baseline.
+
 #include "hash/Skein.h"
 
 #include <openssl/evp.h>
@@ -12,7 +14,7 @@ namespace {
 
 constexpr int s_KiB = 1024;
 
-std::vector<unsigned char> content(std::int64_t byteCount)
+std::vector<unsigned char> sampleBytes(std::int64_t byteCount)
 {
     std::vector<unsigned char> bytes(static_cast<std::size_t>(byteCount));
     unsigned char next = 0;
@@ -23,11 +25,11 @@ std::vector<unsigned char> content(std::int64_t byteCount)
     return bytes;
 }
 
-// Arguments: digest length in bytes, content length in bytes.
+// Arguments: digest length and input length, in bytes.
 void digestSkein(benchmark::State& state)
 {
     const int digestBits = static_cast<int>(state.range(0)) * 8;
-    const std::vector<unsigned char> bytes = content(state.range(1));
+    const std::vector<unsigned char> bytes = sampleBytes(state.range(1));
     std::vector<unsigned char> digest(static_cast<std::size_t>(state.range(0)));
     for ([[maybe_unused]] auto _ : state) {
         if (ZebSkein::Hash(digestBits, bytes.data(), std::uint64_t{bytes.size()} * 8,
@@ -39,11 +41,11 @@ void digestSkein(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * state.range(1));
 }
 
-// The yardstick: speeds of this machine say little, their ratio to a digest that everybody has
-// tuned says more. Argument: content length in bytes.
+// The baseline: a widely tuned digest, whose ratio to ours depends on the machine less than the
+// speeds do. Argument: input length in bytes.
 void digestSha512(benchmark::State& state)
 {
-    const std::vector<unsigned char> bytes = content(state.range(0));
+    const std::vector<unsigned char> bytes = sampleBytes(state.range(0));
     unsigned char digest[EVP_MAX_MD_SIZE] = {};
     for ([[maybe_unused]] auto _ : state) {
         if (EVP_Digest(bytes.data(), bytes.size(), digest, nullptr, EVP_sha512(), nullptr) != 1)

@@ -1,20 +1,19 @@
-// What admission costs when every block drives another one out, and when very many blocks are
-// resident. Each block leaves a file, so these want their temporary directory (TMPDIR) in memory.
+// The cost of admission when every block evicts another one, and when very many blocks are
+// resident. Each block leaves a file, so run these with the temporary directory (TMPDIR) in memory.
+
+#include "bench/BenchStore.h"
+#include "bench/SampleBlocks.h"
 
 #include "data/ZebDataReference.h"
-#include "manager/ZebDataBlockManager.h"
 #include "manager/ZebSystemMemory.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
-#include <QStringList>
-#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <vector>
 
 #include <malloc.h>
@@ -27,53 +26,54 @@ constexpr int s_SmallBlock = 4096;
 constexpr int s_LargeBlock = 256 * 1024;
 constexpr int s_Tenths = 10;
 
-// More than the store needs for a block beside its bytes.
+// An upper bound of what the store needs for a block in addition to its bytes.
 constexpr qint64 s_MostOverhead = 1024;
 
 // Many, so that no directory grows large.
 constexpr int s_Buckets = 1000;
 
-// How many admissions may pass between two looks at the writers' queue.
-constexpr qint64 s_LookInterval = 10000;
+// The number of admissions between two waits for the writers.
+constexpr qint64 s_AdmissionsPerWait = 10000;
 
 ZebDataBlockManager& manager()
 {
     return ZebDataBlockManager::instance();
 }
 
-// The store on a cache root of its own. The machine's free memory plays no part.
+// A store that ignores the machine's free memory.
 class Store
 {
 public:
-    explicit Store(qint64 limit) : m_FreeTarget(manager().targetFreeMemorySize())
-    {
-        manager().setTargetFreeMemorySize(0);
-        manager().setup(QStringList(m_Root.path()), limit, s_Buckets);
-    }
-    ~Store()
-    {
-        manager().cleanUp();
-        manager().setTargetFreeMemorySize(m_FreeTarget);
-    }
-    Store(const Store&) = delete;
-    Store& operator=(const Store&) = delete;
+    explicit Store(qint64 limit) : m_FreeMemory(), m_Store(limit, s_Buckets) {}
 
 private:
-    QTemporaryDir m_Root;
-    qint64 m_FreeTarget;
+    // Restores the target after the store is cleaned up.
+    struct IgnoredFreeMemory
+    {
+        IgnoredFreeMemory() : m_Before(manager().targetFreeMemorySize())
+        {
+            manager().setTargetFreeMemorySize(0);
+        }
+        ~IgnoredFreeMemory() { manager().setTargetFreeMemorySize(m_Before); }
+        IgnoredFreeMemory(const IgnoredFreeMemory&) = delete;
+        IgnoredFreeMemory& operator=(const IgnoredFreeMemory&) = delete;
+        qint64 m_Before;
+    };
+
+    IgnoredFreeMemory m_FreeMemory;
+    BenchStore m_Store;
 };
 
-// Contents that all differ, and that the writers compress at next to no cost: they share the
+// Distinct blocks that cost the writers next to nothing to compress, because the writers share the
 // processors with what is measured.
-class Contents
+class DistinctBlocks
 {
 public:
-    explicit Contents(int size) : m_Bytes(size, 'z') {}
+    explicit DistinctBlocks(int size) : m_Bytes(size, 'z') {}
 
     const QByteArray& next()
     {
-        ++m_Count;
-        std::memcpy(m_Bytes.data(), &m_Count, sizeof m_Count);
+        SampleBlocks::stamp(&m_Bytes, ++m_Count);
         return m_Bytes;
     }
 
@@ -82,29 +82,19 @@ private:
     quint64 m_Count = 0;
 };
 
-ZebDataReference add(const QByteArray& bytes)
-{
-    return manager().addBlock(bytes, ZebModifyAccessor::Cached, true);
-}
-
-void waitForWriters()
-{
-    manager().flush(false, ZebDataBlockManager::WriteThreads);
-}
-
-// Bytes that the process has taken from the heap, what the heap itself needs for them included.
+// The bytes that the process has allocated, with the overhead of the heap.
 qint64 heapInUse()
 {
     const struct mallinfo2 info = ::mallinfo2();
     return static_cast<qint64>(info.uordblks + info.hblkhd);
 }
 
-// Has the machine give its memory before anything is measured: a virtual one gets a page of its
-// host's when it touches it for the first time, which takes longer than an admission.
+// Touches the heap before anything is measured: on a virtual machine, the first touch of a page can
+// take longer than an admission.
 void touchHeap(qint64 bytes)
 {
-    // All from one heap that never shrinks. A piece is smaller than what would be mapped for
-    // itself.
+    // All pieces come from one heap that never shrinks: a piece is below the threshold for a
+    // mapping of its own.
     constexpr qint64 piece = 16 * s_Megabyte;
     ::mallopt(M_MMAP_THRESHOLD, static_cast<int>(2 * piece));
     ::mallopt(M_TRIM_THRESHOLD, -1);
@@ -113,29 +103,28 @@ void touchHeap(qint64 bytes)
         pieces.emplace_back(static_cast<std::size_t>(std::min(piece, bytes - done)), 't');
 }
 
-// Admission into a full store. Digest included, as no admission goes without one; waiting for the
-// disk not.
+// Admission into a full store, with the digest and without waiting for the disk.
 void admissionWithEviction(benchmark::State& state)
 {
     const auto size = static_cast<int>(state.range(0));
     const Store store(s_Limit);
-    Contents contents(size);
-    // A block that nobody refers to ends with its write and is never evicted, so the references
-    // outlast their blocks' stay in memory.
+    DistinctBlocks blocks(size);
+    // A block without references is freed after its write and never evicted, so the references
+    // outlive the residency of their blocks.
     std::vector<ZebDataReference> references(static_cast<std::size_t>(2 * s_Limit / size));
     std::size_t next = 0;
     const auto admit = [&] {
-        references[next] = add(contents.next());
+        references[next] = BenchStore::add(blocks.next());
         next = (next + 1) % references.size();
     };
     for (std::size_t i = 0; i < references.size(); ++i)
         admit();
-    waitForWriters();
+    BenchStore::waitForWriters();
     for (auto _ : state) {
         admit();
         if (manager().isWriteThreadsFull()) {
             state.PauseTiming();
-            waitForWriters();
+            BenchStore::waitForWriters();
             state.ResumeTiming();
         }
     }
@@ -145,15 +134,15 @@ void admissionWithEviction(benchmark::State& state)
     state.counters["resident_blocks"] = static_cast<double>(manager().liveBlocks());
 }
 
-// The same with room for every block: what the eviction adds is the difference.
+// The same with room for every block. The difference is the cost of eviction.
 void admissionWithoutEviction(benchmark::State& state)
 {
     const auto size = static_cast<int>(state.range(0));
     const Store store(4 * s_Limit);
-    Contents contents(size);
+    DistinctBlocks blocks(size);
     std::vector<ZebDataReference> references;
     for (auto _ : state) {
-        references.push_back(add(contents.next()));
+        references.push_back(BenchStore::add(blocks.next()));
         if (manager().liveBytes() > 2 * s_Limit) {
             state.PauseTiming();
             manager().freeAllBlocks();
@@ -164,23 +153,23 @@ void admissionWithoutEviction(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * size);
 }
 
-// What a full store pays once for each admission, since an eviction has the next request measured.
+// A full store pays this once per admission, because after an eviction the next request measures.
 void measureFreeMemory(benchmark::State& state)
 {
     for (auto _ : state)
         benchmark::DoNotOptimize(ZebGetFreePhysicalMemoryBytes());
 }
 
-// Fills the store with small blocks that all stay. Whether admission slows down shows in the time
-// per block of the last tenth against that of the first.
+// Fills the store with small blocks that all stay resident. The time per block of the last tenth,
+// compared with the first, shows whether admission slows down.
 void admissionWithManyResident(benchmark::State& state)
 {
-    const qint64 blocks = state.range(0);
-    const qint64 perTenth = blocks / s_Tenths;
-    touchHeap(blocks * (s_SmallBlock + s_MostOverhead));
+    const qint64 count = state.range(0);
+    const qint64 perTenth = count / s_Tenths;
+    touchHeap(count * (s_SmallBlock + s_MostOverhead));
     for (auto _ : state) {
-        const Store store(2 * blocks * s_SmallBlock + s_Limit);
-        Contents contents(s_SmallBlock);
+        const Store store(2 * count * s_SmallBlock + s_Limit);
+        DistinctBlocks blocks(s_SmallBlock);
         std::vector<ZebDataReference> references(static_cast<std::size_t>(perTenth * s_Tenths));
         const qint64 memoryBefore = heapInUse();
         std::vector<double> nanoseconds;
@@ -188,20 +177,20 @@ void admissionWithManyResident(benchmark::State& state)
         for (int tenth = 0; tenth < s_Tenths; ++tenth) {
             qint64 elapsed = 0;
             for (qint64 done = 0; done < perTenth;) {
-                // The same start for each stretch: an idle writer.
-                waitForWriters();
+                // Each stretch starts with an idle writer.
+                BenchStore::waitForWriters();
                 QElapsedTimer timer;
                 timer.start();
-                for (qint64 i = 0; i < s_LookInterval && done < perTenth; ++i, ++done)
-                    *reference++ = add(contents.next());
+                for (qint64 i = 0; i < s_AdmissionsPerWait && done < perTenth; ++i, ++done)
+                    *reference++ = BenchStore::add(blocks.next());
                 elapsed += timer.nsecsElapsed();
             }
             nanoseconds.push_back(static_cast<double>(elapsed) / static_cast<double>(perTenth));
         }
-        waitForWriters();
+        BenchStore::waitForWriters();
         const auto resident = static_cast<double>(manager().liveBlocks());
         if (manager().liveBlocks() != perTenth * s_Tenths)
-            state.SkipWithError("a block has left memory");
+            state.SkipWithError("a block was evicted");
         const auto memory = static_cast<double>(heapInUse() - memoryBefore);
         double total = 0;
         for (const double perBlock : nanoseconds)
@@ -222,7 +211,7 @@ BENCHMARK(admissionWithEviction)->Arg(s_SmallBlock)->Arg(s_LargeBlock);
 BENCHMARK(admissionWithoutEviction)->Arg(s_SmallBlock)->Arg(s_LargeBlock);
 BENCHMARK(measureFreeMemory);
 
-// The larger ones take gigabytes of memory and disk; pick by --benchmark_filter.
+// The larger ones need gigabytes of memory and disk; choose them with --benchmark_filter.
 BENCHMARK(admissionWithManyResident)
     ->Arg(20000)
     ->Arg(200000)

@@ -1,6 +1,6 @@
-// The text form of a digest, the registry, and the pointer that holds a hash. The text form is the
-// name of a block's file and the key of every look-up by name, so it stands here beside the same
-// work done by Qt's general tools, in the same run.
+// The text form of a digest, the registry, and the reference-counting pointer. The text form is the
+// name of a block's file and the key of every look-up by name, so it is compared with the same work
+// done by Qt's general tools, which on purpose share no code with the library.
 
 #include "hash/ZebDataHash.h"
 #include "hash/ZebHashManager.h"
@@ -22,7 +22,7 @@ using Pointer = ZebSmartPointer<ZebDataHash>;
 
 constexpr int s_DigestBytes = ZebDataHash::Hash512;
 
-// Digests of different contents, so that no branch of the conversions is learned by heart.
+// Different digests, so that the branch predictor cannot learn the conversions.
 constexpr size_t s_Variety = 256;
 
 ZebDataHash hashOfNumber(size_t number)
@@ -80,7 +80,7 @@ void toStringByTextStream(benchmark::State& state)
 {
     const std::vector<ZebDataHash> hashes = someHashes();
     if (streamedText(hashes[0].data()) != hashes[0].toString())
-        state.SkipWithError("The two ways differ");
+        state.SkipWithError("the two conversions differ");
     size_t next = 0;
     for (auto _ : state)
         benchmark::DoNotOptimize(streamedText(hashes[next++ % s_Variety].data()));
@@ -103,13 +103,13 @@ void fromStringBySplit(benchmark::State& state)
     const ZebDataHash hash(texts[0]);
     if (splitDigest(texts[0]) !=
         QByteArray(reinterpret_cast<const char*>(hash.data()), s_DigestBytes))
-        state.SkipWithError("The two ways differ");
+        state.SkipWithError("the two conversions differ");
     size_t next = 0;
     for (auto _ : state)
         benchmark::DoNotOptimize(splitDigest(texts[next++ % s_Variety]));
 }
 
-// Contents that are interned already; range(0) bytes each, as the digest is part of the look-up.
+// Look-ups that find an interned hash. The digest of the range(0) bytes is part of the look-up.
 void getHashHit(benchmark::State& state)
 {
     ZebHashManager& registry = ZebHashManager::instance();
@@ -120,7 +120,7 @@ void getHashHit(benchmark::State& state)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
 }
 
-// Contents that nobody holds: each is interned, and ends at once.
+// Look-ups of bytes without a hash: each interns a new hash, which is destroyed immediately.
 void getHashMiss(benchmark::State& state)
 {
     ZebHashManager& registry = ZebHashManager::instance();
@@ -155,7 +155,7 @@ void isHashLive(benchmark::State& state)
 {
     ZebHashManager& registry = ZebHashManager::instance();
     const std::vector<QString> texts = someTexts();
-    // Half of what a collector asks for is there.
+    // Half of the hashes that are looked up are live.
     std::vector<Pointer> held;
     for (size_t i = 0; i < s_Variety; i += 2)
         held.push_back(registry.getHash(texts[i]));
@@ -164,7 +164,7 @@ void isHashLive(benchmark::State& state)
         benchmark::DoNotOptimize(registry.isHashLive(texts[next++ % s_Variety]));
 }
 
-// One holder more and one less, of a hash of the thread's own and of one that threads share.
+// Adds and drops one reference: to a hash per thread, and to a hash that the threads share.
 void copyPointer(benchmark::State& state)
 {
     const Pointer held = ZebHashManager::instance().getHash(

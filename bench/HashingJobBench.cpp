@@ -1,97 +1,81 @@
-// What it gains that hashing jobs which wait for the pool are digested together: contents that are
-// resident already, added without waiting by one thread, which then resolves them all.
+// The gain of digesting queued hashing jobs together: blobs whose blocks are already resident,
+// added by one thread without waiting, which then resolves them all.
 //
-// Each row measures two ways, round about: the jobs as they are, and "alone", the same work handed
-// to the same pool as a call for each content. "jobs_us" and "alone_us" are medians for one
-// content, until all are resolved; "gain" says how many times as fast the jobs are. A row of one
-// content is the latency of a lone job, where nothing can be gained and nothing may be lost.
+// Each row measures two forms in interleaved rounds: the jobs, and "alone", the same work handed to
+// the same pool as one call per blob. "jobs_us" and "alone_us" are medians per blob, until all are
+// resolved; "gain" is alone by jobs. A row with one blob shows the latency of a single job, which
+// can gain nothing and must lose nothing.
 
+#include "bench/BenchStore.h"
 #include "bench/RoundTimes.h"
+#include "bench/SampleBlocks.h"
 
 #include "data/ZebDataReference.h"
 #include "data/ZebHashingJob.h"
 #include "data/ZebThreadPoolManager.h"
 #include "hash/SkeinLaneForm.h"
-#include "manager/ZebDataBlockManager.h"
 #include "support/ZebStoredCall.h"
 
 #include <QByteArray>
 #include <QFuture>
-#include <QStringList>
-#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 
-#include <cstring>
 #include <vector>
 
 namespace {
 
-constexpr qint64 s_MemoryLimit = 1024LL * 1024 * 1024;
 constexpr double s_UsPerSecond = 1e6;
-
-ZebDataBlockManager& manager()
-{
-    return ZebDataBlockManager::instance();
-}
 
 QThreadPool* hashingPool()
 {
     return ZebThreadPoolManager::instance().threadPool(ZebThreadPoolManager::HashingThreadPool);
 }
 
-// The store on a cache root of its own, with `count` blocks that stay.
+// A store with `count` resident blocks.
 class ResidentStore
 {
 public:
     ResidentStore(int size, int count)
     {
-        manager().setup(QStringList(m_Root.path()), s_MemoryLimit);
         for (int i = 0; i < count; ++i) {
             QByteArray bytes(size, 'r');
-            std::memcpy(bytes.data(), &i, sizeof i);
-            m_Contents.push_back(bytes);
-            m_Held.push_back(manager().addBlock(bytes, ZebModifyAccessor::Cached, true));
+            SampleBlocks::stamp(&bytes, static_cast<quint64>(i));
+            m_Blobs.push_back(bytes);
+            m_Held.push_back(BenchStore::add(bytes));
         }
-        manager().flush(false, ZebDataBlockManager::WriteThreads);
+        BenchStore::waitForWriters();
     }
-    ~ResidentStore()
-    {
-        m_Held.clear();
-        manager().cleanUp();
-    }
-    ResidentStore(const ResidentStore&) = delete;
-    ResidentStore& operator=(const ResidentStore&) = delete;
 
-    const std::vector<QByteArray>& contents() const { return m_Contents; }
+    const std::vector<QByteArray>& blobs() const { return m_Blobs; }
 
 private:
-    QTemporaryDir m_Root;
-    std::vector<QByteArray> m_Contents;
+    BenchStore m_Store;
+    std::vector<QByteArray> m_Blobs;
     std::vector<ZebDataReference> m_Held;
 };
 
-// The work of a job, for a call of its own.
+// Gives access to the work of a job.
 struct OpenJob : ZebHashingJob
 {
     using ZebHashingJob::processBlockByteArray;
 };
 
-void addByJobs(const std::vector<QByteArray>& contents)
+void addByJobs(const std::vector<QByteArray>& blobs)
 {
     std::vector<ZebDataReference> references;
-    references.reserve(contents.size());
-    for (const QByteArray& bytes : contents)
-        references.push_back(manager().addBlock(bytes));
+    references.reserve(blobs.size());
+    for (const QByteArray& bytes : blobs)
+        references.push_back(BenchStore::manager().addBlock(bytes));
     for (const ZebDataReference& reference : references)
         reference.resolveWork();
 }
 
-void addAlone(const std::vector<QByteArray>& contents)
+void addAlone(const std::vector<QByteArray>& blobs)
 {
     std::vector<QFuture<ZebDataReference>> futures;
-    futures.reserve(contents.size());
-    for (const QByteArray& bytes : contents) {
+    futures.reserve(blobs.size());
+    for (const QByteArray& bytes : blobs) {
         futures.push_back(ZebStoredCall::start<ZebDataReference>(
             hashingPool(), [bytes] { return OpenJob::processBlockByteArray(bytes); }));
     }
@@ -99,7 +83,7 @@ void addAlone(const std::vector<QByteArray>& contents)
         future.waitForFinished();
 }
 
-// Arguments: bytes of a content, how many contents are added before the first is waited for.
+// Arguments: the bytes of a blob, and how many blobs are added before the first wait.
 void addResident(benchmark::State& state)
 {
     const auto count = static_cast<int>(state.range(1));
@@ -107,13 +91,13 @@ void addResident(benchmark::State& state)
     RoundTimes jobs;
     RoundTimes alone;
     for ([[maybe_unused]] auto _ : state) {
-        // Which way comes first changes, so that neither always finds the warmer machine.
+        // The order alternates, so that neither form always finds the warmer machine.
         const bool jobsFirst = jobs.rounds() % 2 == 0;
         for (const bool isJobs : {jobsFirst, !jobsFirst}) {
             if (isJobs)
-                state.SetIterationTime(jobs.add([&] { addByJobs(store.contents()); }));
+                state.SetIterationTime(jobs.add([&] { addByJobs(store.blobs()); }));
             else
-                alone.add([&] { addAlone(store.contents()); });
+                alone.add([&] { addAlone(store.blobs()); });
             hashingPool()->waitForDone();
         }
     }
@@ -125,7 +109,7 @@ void addResident(benchmark::State& state)
 }
 
 BENCHMARK(addResident)
-    ->ArgNames({"bytes", "contents"})
+    ->ArgNames({"bytes", "blobs"})
     ->Args({256 * 1024, 64})
     ->Args({256 * 1024, 256})
     ->Args({256 * 1024, 8})
@@ -136,7 +120,7 @@ BENCHMARK(addResident)
 
 BENCHMARK(addResident)
     ->Name("addLone")
-    ->ArgNames({"bytes", "contents"})
+    ->ArgNames({"bytes", "blobs"})
     ->Args({256 * 1024, 1})
     ->Args({4 * 1024, 1})
     ->Iterations(401)

@@ -1,10 +1,10 @@
-// Contents digested side by side, against the same contents one after the other.
+// Blobs digested together in lanes, compared with the same blobs one by one.
 //
-// Each row measures a form of the lanes, the digest of one content at a time, and OpenSSL's SHA-512
-// one at a time, round about, by the processor time of the one thread that does it, so that other
-// work of the machine shows less. "MiB_s" is the speed of the form, "gain" says how many times as
-// fast it is as one at a time, and "by_sha512" the same beside SHA-512. A row whose form the
-// processor lacks says so.
+// Each row measures, in interleaved rounds, a form of the lanes, the digest of one blob at a time,
+// and OpenSSL's SHA-512 of one blob at a time. It uses the processor time of its single thread, so
+// that other work of the machine shows less. "MiB_s" is the speed of the form, "gain" its speed-up
+// over one by one, and "by_sha512" its speed-up over SHA-512. Only the forms that the processor
+// supports have rows.
 
 #include "bench/RoundTimes.h"
 
@@ -18,48 +18,29 @@
 #include <cstdint>
 #include <vector>
 
-#include <time.h>
-
 namespace {
 
 using ZebSkein::SkeinBatch;
 using ZebSkein::SkeinLaneForm;
 
-// Adds the processor time of `work`. Returns it in seconds.
-template <typename Work>
-double addProcessorTime(RoundTimes& times, Work work)
-{
-    const auto now = [] {
-        timespec time = {};
-        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-        constexpr double secondsPerNs = 1e-9;
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * secondsPerNs;
-    };
-    const double begin = now();
-    work();
-    const double seconds = now() - begin;
-    times.addSeconds(seconds);
-    return seconds;
-}
-
 constexpr int s_KiB = 1024;
 constexpr double s_BytesPerMiB = 1024.0 * 1024.0;
 
-std::vector<std::vector<unsigned char>> contentsOf(std::size_t count, std::size_t size)
+std::vector<std::vector<unsigned char>> sampleBlobs(std::size_t count, std::size_t size)
 {
-    std::vector<std::vector<unsigned char>> contents;
+    std::vector<std::vector<unsigned char>> blobs;
     for (std::size_t i = 0; i < count; ++i) {
-        contents.emplace_back(size);
+        blobs.emplace_back(size);
         unsigned char next = static_cast<unsigned char>(i);
-        for (unsigned char& byte : contents.back()) {
+        for (unsigned char& byte : blobs.back()) {
             byte = next;
             next = static_cast<unsigned char>(next * 5U + 1U);
         }
     }
-    return contents;
+    return blobs;
 }
 
-// Arguments: the form, by its place among those that there are; how many contents; bytes of each.
+// Arguments: the index of the form among the available ones, the number of blobs, and their bytes.
 void digestTogether(benchmark::State& state)
 {
     const SkeinLaneForm& form =
@@ -67,7 +48,7 @@ void digestTogether(benchmark::State& state)
     state.SetLabel(form.name);
     const auto count = static_cast<std::size_t>(state.range(1));
     const std::vector<std::vector<unsigned char>> bytes =
-        contentsOf(count, static_cast<std::size_t>(state.range(2)));
+        sampleBlobs(count, static_cast<std::size_t>(state.range(2)));
     std::vector<SkeinBatch::Content> contents;
     for (const std::vector<unsigned char>& each : bytes)
         contents.push_back({each.data(), each.size()});
@@ -76,18 +57,18 @@ void digestTogether(benchmark::State& state)
     RoundTimes oneByOne;
     RoundTimes sha512;
     for ([[maybe_unused]] auto _ : state) {
-        state.SetIterationTime(addProcessorTime(together, [&] {
+        state.SetIterationTime(together.addThreadTime([&] {
             SkeinBatch::digest(form, contents, [](std::size_t, const unsigned char* known) {
                 benchmark::DoNotOptimize(known);
             });
         }));
-        addProcessorTime(oneByOne, [&] {
+        oneByOne.addThreadTime([&] {
             for (const SkeinBatch::Content& each : contents) {
                 ZebSkein::Hash(512, each.bytes, each.byteCount * 8, digest);
                 benchmark::DoNotOptimize(digest);
             }
         });
-        addProcessorTime(sha512, [&] {
+        sha512.addThreadTime([&] {
             for (const SkeinBatch::Content& each : contents) {
                 EVP_Digest(each.bytes, each.byteCount, digest, nullptr, EVP_sha512(), nullptr);
                 benchmark::DoNotOptimize(digest);
@@ -112,7 +93,7 @@ void forEveryForm(benchmark::internal::Benchmark* bench)
 }
 
 BENCHMARK(digestTogether)
-    ->ArgNames({"form", "contents", "bytes"})
+    ->ArgNames({"form", "blobs", "bytes"})
     ->Apply(&forEveryForm)
     ->Iterations(101)
     ->UseManualTime()

@@ -1,6 +1,5 @@
-// What the list of evictable blocks costs. Every operation takes constant time, so the rows of the
-// large list should differ from those of the small one by the misses of the processor's cache
-// alone.
+// The cost of the list of evictable blocks. Every operation takes constant time, so the rows of the
+// large list should differ from those of the small list only by cache misses.
 
 #include "manager/ZebDataBlockLru.h"
 
@@ -17,16 +16,16 @@ namespace {
 constexpr int s_SmallList = 1000;
 constexpr int s_LargeList = 1000000;
 
-// As far apart as objects of a hash's kind are on the heap.
+// About the distance of two hashes on the heap.
 constexpr quintptr s_KeyDistance = 128;
 
-// The list never looks behind the addresses that it keeps.
+// The list never dereferences its keys.
 ZebDataHash* key(quintptr number)
 {
     return reinterpret_cast<ZebDataHash*>((number + 1) * s_KeyDistance);
 }
 
-// The keys of a full list in an order that no prefetcher foresees.
+// The keys of a full list in an order that the prefetcher cannot predict.
 std::vector<ZebDataHash*> shuffledKeys(int count)
 {
     std::vector<ZebDataHash*> keys;
@@ -43,7 +42,7 @@ void fill(ZebDataBlockLru& lru, int count)
         lru.add(key(static_cast<quintptr>(i)));
 }
 
-// A block is admitted and evicted again.
+// Adds a block and removes it again.
 void addAndRemove(benchmark::State& state)
 {
     const int count = static_cast<int>(state.range(0));
@@ -60,8 +59,9 @@ void addAndRemove(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 
-// A block anywhere in the list is used.
-void touchAny(benchmark::State& state)
+// Applies `operation` to the keys of a full list in random order.
+template <typename Operation>
+void forAnyKey(benchmark::State& state, Operation operation)
 {
     const int count = static_cast<int>(state.range(0));
     ZebDataBlockLru lru;
@@ -70,26 +70,22 @@ void touchAny(benchmark::State& state)
     size_t next = 0;
     for (auto iteration : state) {
         (void)iteration;
-        lru.touch(keys[next]);
+        operation(lru, keys[next]);
         next = next + 1 == keys.size() ? 0 : next + 1;
     }
     state.SetItemsProcessed(state.iterations());
 }
 
-// A block is looked for and found.
+void touchAny(benchmark::State& state)
+{
+    forAnyKey(state, [](ZebDataBlockLru& lru, ZebDataHash* hash) { lru.touch(hash); });
+}
+
 void containsAny(benchmark::State& state)
 {
-    const int count = static_cast<int>(state.range(0));
-    ZebDataBlockLru lru;
-    fill(lru, count);
-    const std::vector<ZebDataHash*> keys = shuffledKeys(count);
-    size_t next = 0;
-    for (auto iteration : state) {
-        (void)iteration;
-        benchmark::DoNotOptimize(lru.contains(keys[next]));
-        next = next + 1 == keys.size() ? 0 : next + 1;
-    }
-    state.SetItemsProcessed(state.iterations());
+    forAnyKey(state, [](ZebDataBlockLru& lru, ZebDataHash* hash) {
+        benchmark::DoNotOptimize(lru.contains(hash));
+    });
 }
 
 BENCHMARK(addAndRemove)

@@ -1,20 +1,19 @@
-// What preloading gains: blocks that are on disk only, read one after another as they stand, and
-// read after all of them have been asked for ahead of need.
+// The gain of preloading: blocks that are only on disk, read one by one, and read after all of them
+// were preloaded.
 //
-// Each row measures both, round about: "plain_ms" and "preload_ms" are medians of single rounds,
-// and "ratio" is preload by plain: below 1 preloading is the shorter way. A row with "Digest" does
-// work on each block that it has got, which is what a preload can hide the disk behind; a row
-// without shows the bare cost. The files come from the page cache.
+// Each row measures both in interleaved rounds: "plain_ms" and "preload_ms" are medians of single
+// rounds, and "ratio" is preload by plain; below 1 preloading is faster. A row with "Digest" does
+// work on each block after reading it, during which a preload can read the next ones; a row without
+// shows the cost of reading alone. The files come from the page cache.
 
+#include "bench/BenchStore.h"
 #include "bench/RoundTimes.h"
+#include "bench/SampleBlocks.h"
 
 #include "data/ZebDataReference.h"
 #include "hash/ZebDataHash.h"
-#include "manager/ZebDataBlockManager.h"
 
 #include <QByteArray>
-#include <QStringList>
-#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 
@@ -27,26 +26,17 @@ using References = std::vector<ZebDataReference>;
 
 constexpr int s_BlockBytes = 256 * 1024;
 constexpr int s_Blocks = 32;
-constexpr int s_Buckets = 10;
 constexpr double s_MsPerSecond = 1e3;
-constexpr qint64 s_MemoryLimit = 1024LL * 1024 * 1024;
 
-ZebDataBlockManager& manager()
+// Bytes of 16 values, which compress to about half their size.
+QByteArray sampleBytes(unsigned seed)
 {
-    return ZebDataBlockManager::instance();
-}
-
-// Bytes of 16 values, which a codec makes about half as long.
-QByteArray content(unsigned seed)
-{
+    constexpr unsigned mask = 0x0FU;
     std::mt19937 random(seed);
-    QByteArray bytes(s_BlockBytes, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(random() & 0x0FU);
-    return bytes;
+    return SampleBlocks::noise(&random, s_BlockBytes, mask);
 }
 
-// Reads every block and, if asked, digests its bytes. Returns how many bytes there were.
+// Reads every block and, if `digest` is set, digests its bytes. Returns the number of bytes.
 qint64 readAll(const References& references, bool digest)
 {
     qint64 bytes = 0;
@@ -65,22 +55,20 @@ qint64 readAll(const References& references, bool digest)
 
 void preload(benchmark::State& state, bool digest)
 {
-    const QTemporaryDir root;
-    manager().setup(QStringList(root.path()), s_MemoryLimit, s_Buckets);
+    const BenchStore store;
     {
         References references;
-        for (unsigned i = 0; i < s_Blocks; ++i) {
-            references.push_back(manager().addBlock(content(i), ZebModifyAccessor::Cached, true));
-        }
-        manager().flush(true);
+        for (unsigned i = 0; i < s_Blocks; ++i)
+            references.push_back(BenchStore::add(sampleBytes(i)));
+        BenchStore::manager().flush(true);
         RoundTimes plain;
         RoundTimes preloaded;
         qint64 bytes = 0;
         for ([[maybe_unused]] auto _ : state) {
-            // Which way comes first changes, so that neither always finds the warmer machine.
+            // The order alternates, so that neither form always finds the warmer machine.
             const bool plainFirst = plain.rounds() % 2 == 0;
             for (const bool isPlain : {plainFirst, !plainFirst}) {
-                manager().freeAllBlocks();
+                BenchStore::manager().freeAllBlocks();
                 if (isPlain) {
                     plain.add([&] { bytes += readAll(references, digest); });
                     continue;
@@ -93,13 +81,12 @@ void preload(benchmark::State& state, bool digest)
             }
         }
         if (bytes != qint64(state.iterations()) * 2 * s_Blocks * s_BlockBytes)
-            state.SkipWithError("a block could not be had");
+            state.SkipWithError("a block cannot be loaded");
         state.counters["plain_ms"] = plain.median() * s_MsPerSecond;
         state.counters["preload_ms"] = preloaded.median() * s_MsPerSecond;
         state.counters["ratio"] = preloaded.median() / plain.median();
         state.SetBytesProcessed(state.iterations() * s_Blocks * s_BlockBytes);
     }
-    manager().cleanUp();
 }
 
 BENCHMARK_CAPTURE(preload, bare, false)

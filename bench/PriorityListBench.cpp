@@ -1,8 +1,9 @@
-// What a long queue of equals costs, beside a list that walks from its head to every place. The
-// writers' queues are such: every block comes at one priority, and a fence goes to the head.
+// The cost of a long queue of equal priorities, compared with a list that searches from its head
+// for every insertion. The writers' queues are like that: every block has the same priority, and a
+// fence goes to the head.
 //
-// With the queue's length, the work of one block should not grow here, while in the walk it does. A
-// fence finds its place at the head either way.
+// The cost of one block should not grow with the length of the queue; in the naive list it does. A
+// fence finds its place at the head in both.
 
 #include "io/ZebPriorityList.h"
 
@@ -17,10 +18,10 @@ constexpr int s_FencePriority = 0;
 constexpr int s_ShortQueue = 1000;
 constexpr int s_LongQueue = 100000;
 
-// The walk takes seconds for the long queue, and no second round would tell more.
+// The naive list takes seconds for the long queue, so it runs once.
 constexpr int s_OneRound = 1;
 
-// The same places, found by a walk each time.
+// The naive list: every insertion searches from the head.
 class PlainWalk
 {
 public:
@@ -43,7 +44,7 @@ private:
     QList<Entry> m_Entries;
 };
 
-// As many equals come, and go again in the order in which they came.
+// Inserts `count` values of equal priority, and takes them all in the same order.
 template <typename List>
 void equalsComeAndGo(benchmark::State& state)
 {
@@ -54,7 +55,7 @@ void equalsComeAndGo(benchmark::State& state)
             list.insert(s_BlockPriority, i);
         for (int expected = 0; !list.isEmpty(); ++expected) {
             if (list.takeFirst() != expected) {
-                state.SkipWithError("equals have changed places");
+                state.SkipWithError("equal priorities changed their order");
                 return;
             }
         }
@@ -62,7 +63,7 @@ void equalsComeAndGo(benchmark::State& state)
     state.SetItemsProcessed(state.iterations() * count);
 }
 
-// A fence passes ahead of as many equals.
+// Inserts a fence before `count` values of equal priority, and takes it.
 template <typename List>
 void fenceAtTheHead(benchmark::State& state)
 {

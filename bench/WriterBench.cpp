@@ -1,19 +1,21 @@
-// What compression workers are worth: the writer with workers against the writer without, for the
-// same blocks of 256 KiB of text, round about.
+// The gain of compression workers: the writer with workers compared with the writer without, for
+// the same blocks of 256 KiB of text, in interleaved rounds.
 //
-// The time of a row is that of the writer with workers, on average; "alone_ms" and "workers_ms" are
-// medians of single rounds, and "speedup" is the one by the other. A round ends up to 10 ms late,
-// since a writer with workers pauses so long when its list is empty.
+// The time of a row is the average of the writer with workers; "alone_ms" and "workers_ms" are
+// medians of single rounds, and "speedup" is alone by workers. A round can end up to 10 ms late,
+// because a writer with workers pauses that long when its list is empty.
 //
-// What the machine itself gives is measured in the same rounds: a bare loop that compresses the
-// blocks and writes the files, in one thread and shared out to as many threads as there are
-// workers. "machine" is how many times as fast the second is. Cores that other machines share
-// seldom give their number; "of_machine" is what of it the workers reach.
+// The same rounds measure what the machine itself can gain: a baseline loop that compresses the
+// blocks and writes the files, in one thread and in as many threads as there are workers. "machine"
+// is that speed-up, which on shared cores is seldom their number; "of_machine" is the share of it
+// that the workers reach.
 
 #include "bench/RoundTimes.h"
+#include "bench/SampleBlocks.h"
 
 #include "data/ZebDataBlock.h"
 #include "hash/ZebHashManager.h"
+#include "io/ZebBlockFile.h"
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "manager/ZebDataBlockManager.h"
@@ -26,7 +28,6 @@
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <thread>
@@ -37,38 +38,22 @@ namespace {
 constexpr int s_BlockBytes = 256 * 1024;
 constexpr int s_Blocks = 384;
 constexpr int s_Buckets = 10;
-constexpr int s_CompressionLevel = 2;
 constexpr double s_MsPerSecond = 1e3;
 
-QByteArray textLike(std::mt19937* random)
-{
-    static const char* const words[] = {"block", "writes", "the",  "reader", "of",    "a",
-                                        "cache", "which",  "disk", "hash",   "holds", "every"};
-    QByteArray content;
-    while (content.size() < s_BlockBytes) {
-        content += words[(*random)() % std::size(words)];
-        content += (*random)() % 12 == 0
-                       ? "\n" + QByteArray::number(static_cast<quint32>((*random)()))
-                       : QByteArray(" ");
-    }
-    content.truncate(s_BlockBytes);
-    return content;
-}
-
-// The same work with no store: each thread compresses its share and writes its files.
-class BareWriters
+// The baseline without the store: each thread compresses its share and writes its files.
+class BaselineWriters
 {
 public:
-    explicit BareWriters(int threads) : m_Threads(static_cast<std::size_t>(threads)) {}
+    explicit BaselineWriters(int threads) : m_Threads(static_cast<std::size_t>(threads)) {}
 
-    void round(const std::vector<QByteArray>& contents)
+    void round(const std::vector<QByteArray>& blobs)
     {
         ++m_Round;
         QDir(m_Directory.path()).mkdir(QString::number(m_Round));
         m_Times.add([&] {
             std::vector<std::thread> threads;
             for (std::size_t first = 0; first < m_Threads; ++first)
-                threads.emplace_back([this, &contents, first] { writeShare(contents, first); });
+                threads.emplace_back([this, &blobs, first] { writeShare(blobs, first); });
             for (std::thread& thread : threads)
                 thread.join();
         });
@@ -83,12 +68,12 @@ private:
                                     QString::number(static_cast<int>(block)));
     }
 
-    void writeShare(const std::vector<QByteArray>& contents, std::size_t first) const
+    void writeShare(const std::vector<QByteArray>& blobs, std::size_t first) const
     {
-        for (std::size_t i = first; i < contents.size(); i += m_Threads) {
+        for (std::size_t i = first; i < blobs.size(); i += m_Threads) {
             QFile file(path(i));
             if (file.open(QIODevice::WriteOnly))
-                file.write(qCompress(contents[i], s_CompressionLevel));
+                file.write(ZebBlockFile::encodePayload(blobs[i]));
         }
     }
 
@@ -117,17 +102,17 @@ public:
     Measured(const Measured&) = delete;
     Measured& operator=(const Measured&) = delete;
 
-    void round(const std::vector<QByteArray>& contents,
+    void round(const std::vector<QByteArray>& blobs,
                const std::vector<ZebSmartPointer<ZebDataHash>>& hashes)
     {
-        // A place of its own for each round. Files that were removed just before would make ext4
-        // search for every new one, since it does not use what was freed in the last seconds.
+        // A new sub-cache for each round. If the files were removed instead, ext4 would search for
+        // every new inode, because it does not reuse those freed in the last seconds.
         m_Writer.setSubCache("round" + QString::number(static_cast<int>(m_Times.rounds())));
-        // Behind a fence the thread is awake, and has looked at its list: no round starts late.
+        // After a fence the thread is awake and has checked its list, so no round starts late.
         m_Writer.flush(hashes.front());
         std::vector<std::unique_ptr<ZebDataBlock>> blocks;
-        for (const QByteArray& content : contents)
-            blocks.push_back(std::make_unique<ZebDataBlock>(content));
+        for (const QByteArray& blob : blobs)
+            blocks.push_back(std::make_unique<ZebDataBlock>(blob));
         m_LastSeconds = m_Times.add([&] {
             for (std::size_t i = 0; i < blocks.size(); ++i) {
                 m_Writer.writeBlock(ZebDataBlockManager::PreloadNormal, hashes[i], blocks[i].get(),
@@ -151,31 +136,31 @@ private:
 void workersAgainstNone(benchmark::State& state)
 {
     std::mt19937 random(1);
-    std::vector<QByteArray> contents;
+    std::vector<QByteArray> blobs;
     std::vector<ZebSmartPointer<ZebDataHash>> hashes;
     for (int i = 0; i < s_Blocks; ++i) {
-        contents.push_back(textLike(&random));
-        hashes.push_back(ZebHashManager::instance().getHash(contents.back()));
+        blobs.push_back(SampleBlocks::text(&random, s_BlockBytes));
+        hashes.push_back(ZebHashManager::instance().getHash(blobs.back()));
     }
     const auto count = static_cast<int>(state.range(0));
     Measured<ZebDataBlockWriteThread_Pattern1> alone;
     Measured<ZebDataBlockWriteThread_Pattern2> workers(count);
-    BareWriters bare(1);
-    BareWriters bareShared(count);
+    BaselineWriters baseline(1);
+    BaselineWriters baselineShared(count);
     for ([[maybe_unused]] auto _ : state) {
-        alone.round(contents, hashes);
-        workers.round(contents, hashes);
-        bare.round(contents);
-        bareShared.round(contents);
+        alone.round(blobs, hashes);
+        workers.round(blobs, hashes);
+        baseline.round(blobs);
+        baselineShared.round(blobs);
         state.SetIterationTime(workers.lastSeconds());
         if (alone.bytesWritten() == 0 || alone.bytesWritten() != workers.bytesWritten()) {
-            state.SkipWithError("the two have not written the same");
+            state.SkipWithError("the two writers wrote different bytes");
             return;
         }
     }
     state.SetBytesProcessed(state.iterations() * s_Blocks * s_BlockBytes);
     const double speedup = alone.median() / workers.median();
-    const double machine = bare.median() / bareShared.median();
+    const double machine = baseline.median() / baselineShared.median();
     state.counters["alone_ms"] = alone.median() * s_MsPerSecond;
     state.counters["workers_ms"] = workers.median() * s_MsPerSecond;
     state.counters["speedup"] = speedup;
