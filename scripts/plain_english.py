@@ -51,7 +51,7 @@ COMMENT_OR_TEXT = re.compile(
     r'|"(?:\\.|[^"\\\n])*"'
     r"|(?<![0-9a-fA-F])'(?:\\.|[^'\\\n])*'",
     re.S)
-MARKDOWN_CODE = re.compile(r"^```.*?^```|`[^`\n]+`", re.S | re.M)
+MARKDOWN_CODE = re.compile(r"^ *```.*?^ *```|`[^`\n]+`", re.S | re.M)
 TEST_NAME = re.compile(r"\b(?:TEST|TEST_F|TEST_P|TYPED_TEST)\s*\(\s*\w+\s*,\s*(?P<name>\w+)")
 
 WORD_BREAK = re.compile(r"(?<=[a-z0-9])(?=[A-Z])|(?<=[A-Z])(?=[A-Z][a-z])")

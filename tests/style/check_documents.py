@@ -20,7 +20,7 @@ CODE_FOLDERS = ("support", "hash", "data", "io", "manager", "selfcheck", "tools"
                 "examples")
 LOWER_FOLDERS = ("support", "hash", "data", "io")
 CODE_SPAN = re.compile(r"`([^`\n]+)`")
-FENCE = re.compile(r"^```.*?^```", re.S | re.M)
+FENCE = re.compile(r"^ *```.*?^ *```", re.S | re.M)
 
 
 def table_after(text, heading):
