@@ -4,6 +4,7 @@
 #include "manager/ZebDataBlockManager.h"
 
 #include "support/CollectedStore.h"
+#include "support/CollectorInside.h"
 #include "support/StoreInside.h"
 #include "support/WaitUntil.h"
 
@@ -201,7 +202,7 @@ TEST_F(ZebDataBlockManagerGarbageCollectionReports, ASizeFoundForTheHostIsNotRep
     // The store's own collector finds nothing: its gate is closed, with a size of 0.
     store.startGarbageCollection();
     store.collectGarbage(nullptr);
-    EXPECT_EQ(CollectionInside::sizeFound(idle), fileSize(fileOf(reference)));
+    EXPECT_EQ(CollectorInside::cacheSize(idle).load(), fileSize(fileOf(reference)));
     own = before;
     EXPECT_TRUE(updates.waitFor(fileSize(fileOf(reference))));
     EXPECT_THAT(updates.sizes(), SizeIs(1)) << "reported by the store's own collector";

@@ -3,7 +3,6 @@
 #include "data/ZebDataReference.h"
 #include "hash/ZebDataHash.h"
 #include "io/ZebGarbageCollectorThread.h"
-#include "manager/ZebDataBlockManager.h"
 #include "support/BlockFiles.h"
 #include "support/CollectorInside.h"
 #include "support/FakeMemory.h"
@@ -15,41 +14,10 @@
 #include <QByteArray>
 #include <QDirIterator>
 #include <QFile>
-#include <QMutexLocker>
 #include <QString>
 #include <QStringList>
-#include <QVector>
 
 #include <gtest/gtest.h>
-
-#include <atomic>
-
-ZEBTDX_ACCESS(StoreCollectorsTag, ZebDataBlockManager, StoreInsideCollectors ZebDataBlockManager::*,
-              m_GarbageCollectors)
-ZEBTDX_ACCESS(StoreCollectingTag, ZebDataBlockManager, std::atomic<bool> ZebDataBlockManager::*,
-              m_GarbageCollecting)
-ZEBTDX_ACCESS(CollectorSizeTag, ZebGarbageCollectorThread,
-              std::atomic<qint64> ZebGarbageCollectorThread::*, m_CacheSize)
-ZEBTDX_ACCESS(CollectorFreedTag, ZebGarbageCollectorThread,
-              std::atomic<qint64> ZebGarbageCollectorThread::*, m_LastBlocksFreedCount)
-
-/// The collectors of the process's store.
-namespace CollectionInside {
-
-inline StoreInsideCollectors collectors()
-{
-    return StoreInside::collectors();
-}
-
-using StoreInside::passesRunning;
-
-/// The size that the last pass of this collector has found.
-inline qint64 sizeFound(ZebGarbageCollectorThread& collector)
-{
-    return CollectorInside::cacheSize(collector).load();
-}
-
-} // namespace CollectionInside
 
 /// A store with a sub-cache and the collection off. Its own collectors keep polling; a test that
 /// they would disturb uses a CollectorStation.
@@ -99,11 +67,11 @@ protected:
         for (int pass = 0; pass < 2; ++pass) {
             freeABlock();
             EXPECT_TRUE(waitUntil([freed = StoreInside::blocksFreed()] {
-                for (ZebGarbageCollectorThread* const collector : CollectionInside::collectors()) {
+                for (ZebGarbageCollectorThread* const collector : StoreInside::collectors()) {
                     if (CollectorInside::lastBlocksFreedCount(*collector).load() != freed)
                         return false;
                 }
-                return CollectionInside::passesRunning() == 0;
+                return StoreInside::passesRunning() == 0;
             }));
         }
     }

@@ -30,19 +30,21 @@ using StoreBlockSetMember = QSet<ZebDataBlock*> ZebDataBlockManager::*;
 using StoreReadersMember = QVector<ZebDataBlockReadThread*> ZebDataBlockManager::*;
 using StoreWritersMember = QVector<ZebDataBlockWriteThread*> ZebDataBlockManager::*;
 
-ZEBTDX_ACCESS(StoreBlocksTag, ZebDataBlockManager, StoreBlocksMember, m_HashToBlockMap)
-ZEBTDX_ACCESS(StoreLruTag, ZebDataBlockManager, ZebDataBlockLru ZebDataBlockManager::*, m_Lru)
-ZEBTDX_ACCESS(StoreBeingWrittenTag, ZebDataBlockManager, StoreBlockSetMember, m_BlocksBeingWritten)
-ZEBTDX_ACCESS(StoreToFreeTag, ZebDataBlockManager, StoreBlockSetMember, m_BlocksToFreeAfterWriting)
-ZEBTDX_ACCESS(StoreFreedTag, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
+ZEBTDX_ACCESS(StoreInsideBlocks, ZebDataBlockManager, StoreBlocksMember, m_HashToBlockMap)
+ZEBTDX_ACCESS(StoreInsideLru, ZebDataBlockManager, ZebDataBlockLru ZebDataBlockManager::*, m_Lru)
+ZEBTDX_ACCESS(StoreInsideBeingWritten, ZebDataBlockManager, StoreBlockSetMember,
+              m_BlocksBeingWritten)
+ZEBTDX_ACCESS(StoreInsideToFree, ZebDataBlockManager, StoreBlockSetMember,
+              m_BlocksToFreeAfterWriting)
+ZEBTDX_ACCESS(StoreInsideFreed, ZebDataBlockManager, std::atomic<qint64> ZebDataBlockManager::*,
               m_BlocksFreedCount)
-ZEBTDX_ACCESS(StoreDeleteLockTag, ZebDataBlockManager, ZebTdxMutex ZebDataBlockManager::*,
+ZEBTDX_ACCESS(StoreInsideDeleteLock, ZebDataBlockManager, ZebTdxMutex ZebDataBlockManager::*,
               m_DeleteMutex)
-ZEBTDX_ACCESS(StoreReadersTag, ZebDataBlockManager, StoreReadersMember, m_ReadThreads)
-ZEBTDX_ACCESS(StoreWritersTag, ZebDataBlockManager, StoreWritersMember, m_WriteThreads)
-ZEBTDX_ACCESS(StoreMakeRoomTag, ZebDataBlockManager, bool (ZebDataBlockManager::*)(quint64, bool),
-              managePhysicalMemoryUse)
-ZEBTDX_ACCESS(StoreFreeBlockTag, ZebDataBlockManager,
+ZEBTDX_ACCESS(StoreInsideReaders, ZebDataBlockManager, StoreReadersMember, m_ReadThreads)
+ZEBTDX_ACCESS(StoreInsideWriters, ZebDataBlockManager, StoreWritersMember, m_WriteThreads)
+ZEBTDX_ACCESS(StoreInsideMakeRoom, ZebDataBlockManager,
+              bool (ZebDataBlockManager::*)(quint64, bool), managePhysicalMemoryUse)
+ZEBTDX_ACCESS(StoreInsideFreeBlock, ZebDataBlockManager,
               void (ZebDataBlockManager::*)(ZebDataHash*, bool, bool), freeBlock)
 
 using StoreInsideCollectors = QVector<ZebGarbageCollectorThread*>;
@@ -99,13 +101,13 @@ using ::manager;
 
 inline ZebTdxMutex& deleteLock()
 {
-    return manager().*privateMember(StoreDeleteLockTag());
+    return manager().*privateMember(StoreInsideDeleteLock());
 }
 
 /// The resident blocks by their hashes; guarded by deleteLock().
 inline StoreBlocks& blockMap()
 {
-    return manager().*privateMember(StoreBlocksTag());
+    return manager().*privateMember(StoreInsideBlocks());
 }
 
 /// The resident block of a reference, null when there is none.
@@ -125,7 +127,7 @@ inline int residentBlocks()
 
 inline ZebDataBlockLru& lru()
 {
-    return manager().*privateMember(StoreLruTag());
+    return manager().*privateMember(StoreInsideLru());
 }
 
 /// The evictable hashes, the next victim first.
@@ -138,24 +140,24 @@ inline std::vector<ZebDataHash*> evictable()
 inline QSet<ZebDataBlock*> beingWritten()
 {
     const ZebTdxMutexLocker locker(&deleteLock());
-    return manager().*privateMember(StoreBeingWrittenTag());
+    return manager().*privateMember(StoreInsideBeingWritten());
 }
 
 inline QSet<ZebDataBlock*> toFreeAfterWriting()
 {
     const ZebTdxMutexLocker locker(&deleteLock());
-    return manager().*privateMember(StoreToFreeTag());
+    return manager().*privateMember(StoreInsideToFree());
 }
 
 inline qint64 blocksFreed()
 {
-    return (manager().*privateMember(StoreFreedTag())).load();
+    return (manager().*privateMember(StoreInsideFreed())).load();
 }
 
 /// Set to -1 by construction and clean-up, and counted up by the first set-up.
 inline std::atomic<qint64>& blocksFreedCount(ZebDataBlockManager& store = manager())
 {
-    return store.*privateMember(StoreFreedTag());
+    return store.*privateMember(StoreInsideFreed());
 }
 
 inline std::atomic<bool>& requestPromotionEnabled(ZebDataBlockManager& store = manager())
@@ -181,23 +183,23 @@ inline qint64 writePendingLimit()
 /// The blocks that a writer has in hand, as the field; guarded by deleteLock().
 inline QSet<ZebDataBlock*>& beingWrittenSet()
 {
-    return manager().*privateMember(StoreBeingWrittenTag());
+    return manager().*privateMember(StoreInsideBeingWritten());
 }
 
 /// The blocks to delete after their write, as the field; guarded by deleteLock().
 inline QSet<ZebDataBlock*>& toFreeAfterWritingSet()
 {
-    return manager().*privateMember(StoreToFreeTag());
+    return manager().*privateMember(StoreInsideToFree());
 }
 
 inline QVector<ZebDataBlockReadThread*>& readers()
 {
-    return manager().*privateMember(StoreReadersTag());
+    return manager().*privateMember(StoreInsideReaders());
 }
 
 inline QVector<ZebDataBlockWriteThread*>& writers()
 {
-    return manager().*privateMember(StoreWritersTag());
+    return manager().*privateMember(StoreInsideWriters());
 }
 
 inline StoreInsideCollectors& collectors()
@@ -278,12 +280,12 @@ inline int preloadsHandled()
 /// Decides about eviction. Only a host's last resort passes false for `write`.
 inline bool makeRoom(quint64 size, bool write = true)
 {
-    return (manager().*privateMember(StoreMakeRoomTag()))(size, write);
+    return (manager().*privateMember(StoreInsideMakeRoom()))(size, write);
 }
 
 inline void freeBlock(ZebDataHash* hash, bool write, bool hashLocked)
 {
-    (manager().*privateMember(StoreFreeBlockTag()))(hash, write, hashLocked);
+    (manager().*privateMember(StoreInsideFreeBlock()))(hash, write, hashLocked);
 }
 
 /// addBlock() for a block that exists already, which the store takes over.
