@@ -14,9 +14,7 @@
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
-#include "support/WaitUntil.h"
-
-#include <QObject>
+#include "support/WriteErrors.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -137,15 +135,11 @@ TEST_F(ZebDataBlockManagerDiskThreadsFlush, WaitingForReadersEmptiesTheirLists)
 
 TEST_F(ZebDataBlockManagerDiskThreadsFlush, WaitsForAFailingDiskUntilItRecovers)
 {
-    std::atomic<int> errors{0};
-    const QObject receiver;
-    QObject::connect(
-        &manager(), &ZebDataBlockManager::writeError, &receiver, [&errors] { ++errors; },
-        Qt::DirectConnection);
+    const WriteErrors errors;
     FailingDisk disk(m_Store.roots());
     const ZebDataReference reference = add(s_Block, 1);
     BlockedThread waiting([] { manager().flush(true, ZebDataBlockManager::AllThreads); });
-    EXPECT_TRUE(waitUntil([&errors] { return errors >= 20; }));
+    EXPECT_TRUE(errors.waitFor(20));
     EXPECT_FALSE(waiting.hasEnded());
     disk.recover();
     EXPECT_TRUE(waiting.ends());

@@ -7,6 +7,7 @@
 #include "support/DeleteLockProbe.h"
 #include "support/Fatal.h"
 #include "support/FilesBelow.h"
+#include "support/IsFree.h"
 #include "support/StoreFixture.h"
 #include "support/StoreInside.h"
 #include "support/WaitUntil.h"
@@ -54,17 +55,6 @@ private:
     std::promise<void> m_Release;
     std::thread m_Thread;
 };
-
-bool canBeLockedElsewhere(const ZebSmartPointer<ZebDataHash>& hash)
-{
-    bool locked = false;
-    std::thread([&] {
-        locked = hash->tryLock();
-        if (locked)
-            hash->unlock();
-    }).join();
-    return locked;
-}
 
 class ZebDataBlockManagerEviction : public StoreFixture
 {
@@ -141,7 +131,7 @@ TEST_F(ZebDataBlockManagerEviction, AHashHeldByAnotherThreadIsSkippedAndBecomesT
     }
     EXPECT_EQ(StoreInside::blocksFreed(), freed + 1);
     EXPECT_THAT(StoreInside::evictable(), ElementsAre(c.hashPtr().data(), a.hashPtr().data()));
-    EXPECT_TRUE(canBeLockedElsewhere(b.hashPtr())) << "unlocked by the eviction";
+    EXPECT_TRUE(isFree(*b.hashPtr())) << "unlocked by the eviction";
 }
 
 TEST_F(ZebDataBlockManagerEviction, EvictionRetriesWhileEveryHashIsHeld)
@@ -231,7 +221,7 @@ TEST_F(ZebDataBlockManagerEviction, FreeingABlockThatIsNotResidentUnlocksItsHash
         ASSERT_TRUE(hash->tryLock());
         StoreInside::freeBlock(hash.data(), true, true);
     }
-    EXPECT_TRUE(canBeLockedElsewhere(hash));
+    EXPECT_TRUE(isFree(*hash));
 }
 
 TEST_F(ZebDataBlockManagerEviction, FreeingWithoutAStoreIsSilent)
@@ -283,7 +273,7 @@ TEST_F(ZebDataBlockManagerEviction, FreeingABlockRemovesItFromBothTablesAndUnloc
             }
             StoreInside::freeBlock(hash.data(), false, hashLocked);
         }
-        EXPECT_TRUE(canBeLockedElsewhere(hash));
+        EXPECT_TRUE(isFree(*hash));
         EXPECT_FALSE(manager().isInMemory(hash.data()));
         EXPECT_THAT(StoreInside::evictable(), Not(Contains(hash.data())));
     }

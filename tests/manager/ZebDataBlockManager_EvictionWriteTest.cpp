@@ -8,15 +8,14 @@
 #include "support/StoreFixture.h"
 #include "support/StoreInside.h"
 #include "support/WaitUntil.h"
+#include "support/WriteErrors.h"
 
 #include <QFile>
-#include <QObject>
 #include <QRegularExpression>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <future>
 
 using testing::IsEmpty;
@@ -69,16 +68,12 @@ TEST_F(ZebDataBlockManagerEvictionWrite, ABlockWithAWriteInFlightIsDeletedAfterT
 
 TEST_F(ZebDataBlockManagerEvictionWrite, ABlockOnAFailingDiskIsDeletedAfterItIsWritten)
 {
-    std::atomic<int> errors{0};
-    const QObject receiver;
-    QObject::connect(
-        &manager(), &ZebDataBlockManager::writeError, &receiver, [&errors] { ++errors; },
-        Qt::DirectConnection);
+    const WriteErrors errors;
     FailingDisk disk(m_Store.roots());
     const ZebDataReference evicted = addCounted(1);
     EXPECT_TRUE(evictEverything());
     const ZebDataReference resident = addCounted(2);
-    EXPECT_TRUE(waitUntil([&errors] { return errors >= 3; }));
+    EXPECT_TRUE(errors.waitFor(3));
     EXPECT_EQ(m_Deleted, 0);
     EXPECT_EQ(StoreInside::beingWritten().size(), 2);
     EXPECT_EQ(StoreInside::toFreeAfterWriting().size(), 1);
