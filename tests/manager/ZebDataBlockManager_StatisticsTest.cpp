@@ -208,14 +208,14 @@ TEST(ZebDataBlockManagerStatisticsOfNoStore, AnEmptyManagerPrintsZerosAndNoThrea
     // Its construction logs lines of its own.
     manager();
     const MessageCapture messages;
-    QStringList expected = {"==== ZebTdx Block Stats ====",
-                            QStringLiteral("Max Cache Size %1Mb")
-                                .arg(ZebDataBlockManager::defaultCacheSize() / 1048576),
-                            "Number of managed blocks 0",
-                            "Number of existant blocks -1",
-                            "Block Memory Usage 0Mb",
-                            "Number of LRU Blocks 0",
-                            "Number Block Future Pointers -1"};
+    QStringList expected = {
+        "==== ZebTdx Block Stats ====",
+        QStringLiteral("Max Cache Size %1Mb").arg(manager().maxDataCacheSize() / 1048576),
+        "Number of managed blocks 0",
+        "Number of existant blocks -1",
+        "Block Memory Usage 0Mb",
+        "Number of LRU Blocks 0",
+        "Number Block Future Pointers -1"};
     expected += linesOf([] { ZebHashManager::instance().dumpStats(); });
     expected += QStringLiteral("==== Thread Stats ====");
     EXPECT_EQ(statistics(), expected);
