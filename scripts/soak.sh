@@ -108,6 +108,12 @@ tests_of() {
         /^  /       { print suite $1 }'
 }
 
+# The disabled tests of a source file as SUITE.TEST, one a line.
+disabled_tests_of() {
+    tr '\n' ' ' <"$1" | grep -oE 'TEST(_F|_P)?\( *\w+, *DISABLED_\w+' |
+        sed -E 's/.*\( *(\w+), *(\w+)/\1.\2/'
+}
+
 find_work() {
     local source test
     names=()
@@ -119,7 +125,7 @@ find_work() {
     while IFS= read -r source; do
         while IFS= read -r test; do
             add "disabled:$test" "$(program_of "$source")" "$test"
-        done < <(sed -nE 's/^TEST(_F|_P)?\((\w+), (DISABLED_\w+)\)$/\2.\3/p' "$source")
+        done < <(disabled_tests_of "$source")
     done < <(grep -rl --include='*Test.cpp' DISABLED_ "$root/tests" | LC_ALL=C sort)
     while IFS= read -r source; do
         if ! [[ -x $(program_of "$source") ]]; then
@@ -162,7 +168,7 @@ set_line() {
         ;;
     *)
         line=("${program[$name]}" --gtest_also_run_disabled_tests --gtest_shuffle
-            --gtest_random_seed="$run_seed" --gtest_filter="${filter[$name]}")
+            --gtest_random_seed="$run_seed" --gtest_filter="*${filter[$name]}*")
         ;;
     esac
 }

@@ -32,7 +32,8 @@ make_program PassingStressTest 'exit 0'
 make_program FailingStressTest 'echo the reason; exit 3'
 make_program SleepingStressTest 'sleep 60'
 make_program ListedHeavyTest 'printf "Rows.\n  First\n  Second  # comment\n"; exit 0'
-printf 'TEST(Slow, DISABLED_Run)\n{}\n' >"$work/tests/data/SlowTest.cpp"
+printf 'TEST(Slow, DISABLED_Run)\n{}\nTEST_F(Slow,\n       DISABLED_Wrapped)\n{}\n' \
+    >"$work/tests/data/SlowTest.cpp"
 
 expect 2 'unknown argument: --often' --often
 expect 2 '--minutes requires a value' --minutes
@@ -45,6 +46,7 @@ expect 2 'SlowTest' --only Slow.
 expect 2 'build/asan/tests/PassingStressTest' --asan --only Passing
 expect 0 'stress:PassingStressTest' --list
 expect 0 'disabled:Slow.DISABLED_Run' --list
+expect 0 'disabled:Slow.DISABLED_Wrapped' --list
 expect 0 'heavy:Rows.Second' --list
 expect 1 'FAILED with status 3' --only Failing --minutes 1
 expect 1 'the reason' --only Failing --minutes 1 --seed 7

@@ -5,12 +5,12 @@
 
 #include "support/CountedBlock.h"
 #include "support/EndingBlock.h"
+#include "support/FilesBelow.h"
 #include "support/IsFree.h"
 #include "support/ResourceLimit.h"
 #include "support/SequencePoints.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QTemporaryDir>
 #include <QThread>
 
@@ -39,15 +39,6 @@ template <typename Form>
 class OrderedWriterConformance : public ::testing::Test
 {};
 TYPED_TEST_SUITE(OrderedWriterConformance, OrderedWriterForms, WriterFormNames);
-
-int filesBelow(const QString& root)
-{
-    int count = 0;
-    QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
-    for (; files.hasNext(); files.next())
-        ++count;
-    return count;
-}
 
 } // namespace
 
@@ -245,7 +236,7 @@ TYPED_TEST(WriterConformance, WritesBelowItsSubCache)
     BlockInside::cached(station.block("below")) = false;
     station.queue("below");
     EXPECT_TRUE(station.drain());
-    EXPECT_EQ(filesBelow(station.root()), 2);
+    EXPECT_EQ(filesBelow({station.root()}).size(), 2);
 }
 
 TYPED_TEST(WriterConformance, WritesBelowARootThatIsRelativeToTheWorkingDirectory)
@@ -269,7 +260,7 @@ TYPED_TEST(WriterConformance, WritesBelowARootThatIsRelativeToTheWorkingDirector
             BlockFiles::read(BlockFiles::pathOf(*hash, directory.path() + "/root", QString(), 10)),
             BlockFiles::fileOf("relative"));
     }
-    EXPECT_EQ(filesBelow(directory.path()), 1);
+    EXPECT_EQ(filesBelow({directory.path()}).size(), 1);
     EXPECT_TRUE(QDir::setCurrent(before));
 }
 

@@ -9,30 +9,16 @@
 #include "support/BlockFiles.h"
 #include "support/BytesOf.h"
 #include "support/Fatal.h"
+#include "support/FilesBelow.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
 #include "support/WriterInside.h"
 
-#include <QDirIterator>
-
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <vector>
-
-namespace {
-
-int filesBelow(const QString& root)
-{
-    int count = 0;
-    QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
-    for (; files.hasNext(); files.next())
-        ++count;
-    return count;
-}
-
-} // namespace
 
 TEST(ZebDataBlockWriteThread, AFlushOfTheStorePassesAFenceInEveryWriter)
 {
@@ -105,7 +91,8 @@ TEST(ZebDataBlockWriteThread, EveryBlockOfFourRootsCanBeReadBackFromItsRoot)
     EXPECT_EQ(manager().liveBytes(), 0);
     int handled = 0;
     for (int root = 0; root < 4; ++root) {
-        EXPECT_EQ(filesBelow(store.roots()[root]), StoreInside::writers()[root]->requestsHandled());
+        EXPECT_EQ(filesBelow({store.roots()[root]}).size(),
+                  StoreInside::writers()[root]->requestsHandled());
         EXPECT_GT(StoreInside::writers()[root]->requestsHandled(), count / 8);
         handled += StoreInside::writers()[root]->requestsHandled();
     }
