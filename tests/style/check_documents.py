@@ -140,7 +140,7 @@ def check_api(text, library):
 
 def check_damage(text, source):
     """The table of OPERATIONS.md lists the tool's codes of damage, and no other."""
-    codes = re.findall(r'case BlockFinding::(\w+):\s*return \{"(\w+)"', source)
+    codes = re.findall(r'case \w*BlockFinding::(\w+):\s*return \{"(\w+)"', source)
     names = [name for name, _ in codes]
     damage = {code for name, code in codes
               if names.index("NoPlace") <= names.index(name) <= names.index("Unreadable")}
@@ -244,8 +244,8 @@ def findings(root, tool):
     yield from of("docs/ARCHITECTURE.md", check_component(architecture, sources))
     yield from of("docs/API.md", check_api(documents["docs/API.md"], library))
     yield from of("docs/FORMAT.md", check_worked_file(documents["docs/FORMAT.md"]))
-    yield from of("docs/OPERATIONS.md", check_damage(documents["docs/OPERATIONS.md"],
-                                                     sources.get("tools/cache/BlockFinding.cpp", "")))
+    tool_sources = "\n".join(text for path, text in sources.items() if path.startswith("tools/"))
+    yield from of("docs/OPERATIONS.md", check_damage(documents["docs/OPERATIONS.md"], tool_sources))
     yield from of("docs/PERFORMANCE.md", check_ten_numbers(documents["docs/PERFORMANCE.md"]))
     if tool:
         yield from check_tool(documents, str(Path(tool).resolve()))
