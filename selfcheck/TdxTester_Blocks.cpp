@@ -252,6 +252,7 @@ bool additionsMakeOneBlock()
     QElapsedTimer whole;
     whole.start();
     std::vector<ZebDataReference> references;
+    references.reserve(static_cast<std::size_t>(additions));
     for (int i = 0; i < additions; ++i)
         references.push_back(manager.addBlock(bytes));
     line("Added All Blocks in %.2fs", ZebSelfCheck::seconds(whole.elapsed()));
@@ -274,6 +275,7 @@ bool largeBlockIsReleased()
         QElapsedTimer timer;
         timer.start();
         std::vector<ZebDataReference> references;
+        references.reserve(static_cast<std::size_t>(additions));
         for (int i = 0; i < additions; ++i)
             references.push_back(manager.addBlock(buffer));
         line("Added All Blocks in %.2fs", ZebSelfCheck::seconds(timer.elapsed()));

@@ -94,7 +94,7 @@ QImage compared(const QString& folder, const TextureRecord& record)
         line("Cannot load incoming image *%s*", qUtf8Printable(record.m_Name));
         return QImage();
     }
-    const QImage stored = assemble(record);
+    QImage stored = assemble(record);
     if (stored != incoming) {
         line("Image Mismatch %s", qUtf8Printable(record.m_Name));
         return QImage();
