@@ -19,3 +19,16 @@ function(zebtdx_compile_options target)
     endif()
   endif()
 endfunction()
+
+# zebtdx_check_locks(TARGET): compiles the target with Clang's thread-safety analysis, in which any
+# finding is an error. The header with the attributes comes before all others, so that Qt's locks
+# are known as locks; see docs/LOCKING.md.
+function(zebtdx_check_locks target)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "ZEBTDX_CHECK_LOCKS needs Clang, not ${CMAKE_CXX_COMPILER_ID}")
+  endif()
+  target_compile_definitions(${target} PRIVATE ZEBTDX_CHECK_LOCKS)
+  target_compile_options(${target} PRIVATE
+    -include ${PROJECT_SOURCE_DIR}/support/ZebThreadSafety.h
+    -Wthread-safety -Wthread-safety-beta -Werror=thread-safety -Werror=thread-safety-beta)
+endfunction()

@@ -7,6 +7,7 @@ set(ZEBTDX_PUBLIC_HEADERS
   support/ZebTdxLog.h
   support/ZebTdxMutex.h
   support/ZebDataDeleteLocker.h
+  support/ZebThreadSafety.h
   hash/ZebDataHash.h
   hash/ZebHashHandle.h
   hash/ZebHashManager.h
@@ -134,6 +135,9 @@ target_include_directories(ZebTdxObjects PUBLIC ${zebtdx_build_includes})
 # Images are the self-check's alone, and no header of a host's names them.
 target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
 zebtdx_compile_options(ZebTdxObjects)
+if(ZEBTDX_CHECK_LOCKS)
+  zebtdx_check_locks(ZebTdxObjects)
+endif()
 
 target_sources(ZebTdx PRIVATE $<TARGET_OBJECTS:ZebTdxObjects>)
 set_target_properties(ZebTdx PROPERTIES

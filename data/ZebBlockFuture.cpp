@@ -7,7 +7,7 @@ ZebBlockFuture::ZebBlockFuture() : m_RefCount(0)
     m_NumHashJobs.fetchAndAddOrdered(1);
 }
 
-// NOLINTNEXTLINE(bugprone-copy-constructor-init): there is no base, and the asymmetry is meant.
+// NOLINTNEXTLINE(bugprone-copy-constructor-init): there is no base, and the asymmetry is intended.
 ZebBlockFuture::ZebBlockFuture(const ZebBlockFuture& other) : m_RefCount(other.refCount()) {}
 
 ZebBlockFuture::~ZebBlockFuture()

@@ -7,34 +7,34 @@
 
 class ZebDataReference;
 
-/// A reference that will exist once some work has ended. A pending ZebDataReference holds one in
-/// place of a hash. Hosts may derive futures of their own.
+/// A reference that is still being computed. A pending ZebDataReference holds a future instead of a
+/// hash. Hosts may derive their own.
 ///
-/// Ownership: on the heap, held by ZebSmartPointer; the last release deletes it through its
-/// virtual destructor.
+/// Ownership: allocated on the heap and held by ZebSmartPointer; the last release deletes it
+/// through its virtual destructor.
 ///
-/// Thread safety: counting is atomic, and deletion is safe from any thread. data() must be callable
-/// from several threads at once.
+/// Thread safety: the reference count is atomic, and any thread may drop the last reference.
+/// Several threads may call data() at once, so a derived class must allow that.
 class ZEBTDX_EXPORT ZebBlockFuture
 {
 public:
-    /// Nobody holds the new object; it is counted as alive.
+    /// The new object has no holder and counts as alive.
     ZebBlockFuture();
 
-    /// Kept on purpose: takes over the count of holders, and is not counted as alive although its
-    /// destruction counts down. Nothing in the library copies a future.
+    /// Kept on purpose: copies the reference count, and does not count as alive although its
+    /// destruction counts down. The library never copies a future.
     ZebBlockFuture(const ZebBlockFuture& other);
 
-    /// Counts one future less.
+    /// Counts one future less as alive.
     virtual ~ZebBlockFuture();
 
-    /// Kept on purpose: takes over the count of holders, and nothing else.
+    /// Kept on purpose: copies the reference count and nothing else.
     ZebBlockFuture& operator=(const ZebBlockFuture& other);
 
-    /// Waits until the work has ended and gives the reference, which may itself be pending.
+    /// Waits until the work has finished and returns the reference, which may itself be pending.
     virtual ZebDataReference data() = 0;
 
-    /// How many smart pointers hold this future at this moment.
+    /// How many smart pointers hold this future right now.
     int refCount() const;
 
     /// How many futures are alive.
@@ -46,10 +46,10 @@ protected:
     /// Adds a holder. The argument has no effect.
     void incRef(void* holder);
 
-    /// Takes a holder away; the last one deletes the object. The argument has no effect.
+    /// Removes a holder; the last release deletes the object. The argument has no effect.
     void decRef(void* holder);
 
-    /// Does nothing: counts do not move when two holders exchange their objects.
+    /// Does nothing: exchanging two smart pointers changes no count.
     void swap(void* from, void* to);
 
 private:

@@ -3,9 +3,8 @@
 #include "data/ZebDataBlock.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebDataDeleteLocker.h"
+#include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
-
-#include <QMutexLocker>
 
 ZebConstAccessor::ZebConstAccessor(const ZebSmartPointer<ZebDataHash>& hash, void* block)
     : m_Block(static_cast<ZebDataBlock*>(block)), m_DataHash(hash)
@@ -16,7 +15,7 @@ ZebConstAccessor::ZebConstAccessor(const ZebSmartPointer<ZebDataHash>& hash, voi
         return;
     }
     const ZebDataDeleteLocker deleteLocker;
-    const QMutexLocker blockLocker(&m_Block->m_Mutex);
+    const ZebMutexLocker blockLocker(&m_Block->m_Mutex);
     if (m_Block->m_AccessCount.loadRelaxed() == 0)
         ZebDataBlockManager::instance().lockBlock(m_DataHash.data());
     m_Block->m_AccessCount.fetchAndAddOrdered(1);
@@ -28,8 +27,8 @@ ZebConstAccessor::ZebConstAccessor(const ZebConstAccessor& other) : m_Block(null
     if (other.m_Block == nullptr)
         ZebTdxMessage::fatal(QStringLiteral("Null Block Value in That"));
     const ZebDataDeleteLocker deleteLocker;
-    const QMutexLocker blockLocker(&other.m_Block->m_Mutex);
-    // The count is above 0 already, so the block is out of the evictable set.
+    const ZebMutexLocker blockLocker(&other.m_Block->m_Mutex);
+    // The count is above 0 already, so the block is not evictable.
     other.m_Block->m_AccessCount.fetchAndAddOrdered(1);
     m_Block = other.m_Block;
     m_DataHash = other.m_DataHash;
@@ -40,17 +39,18 @@ ZebConstAccessor::~ZebConstAccessor()
     if (m_Block == nullptr)
         return;
     const ZebDataDeleteLocker deleteLocker;
-    const QMutexLocker blockLocker(&m_Block->m_Mutex);
+    const ZebMutexLocker blockLocker(&m_Block->m_Mutex);
     if (m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1)
         ZebDataBlockManager::instance().unlockBlock(m_DataHash.data());
-    // m_DataHash goes as a member, behind both locks: its release may be the last one and end the
-    // block.
+    // m_DataHash is destroyed as a member, after both locks are released: this may be the last
+    // release, which frees the block.
 }
 
-// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): both members stand self-assignment.
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): both members allow self-assignment.
 ZebConstAccessor& ZebConstAccessor::operator=(const ZebConstAccessor& other)
 {
-    // Kept on purpose: no count moves.
+    // Kept on purpose: no count changes, so the old block stays pinned, and the new one is unpinned
+    // once too often. Hosts may rely on the counts as they are.
     m_Block = other.m_Block;
     m_DataHash = other.m_DataHash;
     return *this;

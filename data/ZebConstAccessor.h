@@ -9,49 +9,49 @@
 class ZebDataBlock;
 class ZebDataReference;
 
-/// The proof that a block is in memory: while one exists, the manager does not evict the block,
-/// and its bytes may be read with no lock.
+/// Pins a block in memory for reading: while an accessor exists, the manager does not evict the
+/// block, and its bytes may be read without a lock.
 ///
-/// Test isNull() first: data(), size() and count() of a null accessor are the caller's error.
+/// Check isNull() first: a null accessor has no data(), size() or count().
 ///
-/// Thread safety: any thread may hold accessors of any block; one accessor belongs to one thread at
-/// a time.
+/// Thread safety: any thread may hold accessors to any block. Only one thread at a time may use a
+/// given accessor.
 ///
 /// Locks: making, copying and destroying one takes the delete lock and inside it the block's mutex.
 class ZEBTDX_EXPORT ZebConstAccessor
 {
 public:
-    /// Holds the same block once more. Fatal for a null accessor: "Null Block Value in That".
+    /// Pins the same block once more. Fatal for a null accessor: "Null Block Value in That".
     ZebConstAccessor(const ZebConstAccessor& other);
 
-    /// Lets the block go; it may be evicted again when nobody else holds it. The hash is released
+    /// Unpins the block; it may be evicted once no other accessor pins it. The hash is released
     /// last, outside the delete lock.
     ~ZebConstAccessor();
 
-    /// Kept on purpose: takes over block and hash, and moves no count, neither of the old block nor
-    /// of the new one. A host must not assign accessors over live ones.
+    /// Kept on purpose: copies block and hash, and changes the count of neither the old nor the new
+    /// block. So a host must not assign to an accessor that holds a block.
     ZebConstAccessor& operator=(const ZebConstAccessor& other);
 
-    /// The block's bytes, the same address for every accessor of one block. Valid while an accessor
-    /// of the block exists.
+    /// The bytes of the block, at the same address for all its accessors. Valid while one of them
+    /// exists.
     const unsigned char* data() const;
 
-    /// The block's size in bytes.
+    /// The size of the block in bytes.
     qint64 size() const;
 
-    /// How many accessors hold the block at this moment, of whatever reference.
+    /// How many accessors pin the block right now, through any reference.
     int count() const;
 
-    /// Whether there is no block: it could not be had.
+    /// Whether there is no block, because it could not be loaded.
     bool isNull() const;
 
 protected:
     friend class ZebDataBlockManager;
     friend class ZebDataReference;
 
-    /// Holds `block`, a ZebDataBlock, whose hash is `hash`. A null block with a hash gives a null
-    /// accessor that keeps the hash; fatal when both are null: "Both Block and Pointer Are Null".
-    /// The first accessor of a block takes it out of the evictable set.
+    /// Pins `block`, a ZebDataBlock, whose hash is `hash`. A null block with a hash makes a null
+    /// accessor that holds the hash; fatal if both are null: "Both Block and Pointer Are Null". The
+    /// first accessor of a block removes it from the evictable blocks.
     ZebConstAccessor(const ZebSmartPointer<ZebDataHash>& hash, void* block);
 
 private:

@@ -8,14 +8,15 @@
 
 namespace {
 
-// The length of the array for a payload of `size` bytes: its low 32 bits, as arrays hold no more.
-// Kept on purpose: the size itself is not cut. What comes out negative has no bytes.
+// The length of the array for a payload of `size` bytes: its low 32 bits, since arrays cannot be
+// longer, and 0 if these are negative.
+// Kept on purpose: the size of the block is not truncated with it.
 int arrayLength(qint64 size)
 {
     return std::max(0, static_cast<int>(static_cast<quint32>(static_cast<quint64>(size))));
 }
 
-// A private copy, whatever storage `bytes` shares with others.
+// A copy with its own storage.
 QByteArray detached(const QByteArray& bytes)
 {
     QByteArray copy(bytes);
@@ -121,8 +122,8 @@ bool ZebDataBlock::compress(int level)
 {
     if (m_Compressed)
         return true;
-    // Kept on purpose: no copy is held back, so a failure loses the bytes. That way the peak is
-    // the plain and the compressed bytes together and nothing more.
+    // Kept on purpose: no copy is kept, so a failure loses the bytes. The peak memory is that of
+    // the uncompressed and the compressed bytes.
     m_Data = qCompress(m_Data, level);
     if (m_Data.isEmpty()) {
         ZebTdxMessage::debug(QStringLiteral("Failed to compress data block."));

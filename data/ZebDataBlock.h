@@ -3,6 +3,7 @@
 #include "hash/ZebDataHash.h"
 #include "hash/ZebSmartPointer.h"
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QAtomicInt>
 #include <QByteArray>
@@ -13,34 +14,33 @@
 
 /// The bytes of one block in memory.
 ///
-/// Ownership: a block that the manager has received belongs to it. A block that nobody has handed
-/// over is a plain value of its maker's. The payload is never shared with a caller's array.
+/// Ownership: the manager owns the blocks that were passed to it; any other block belongs to its
+/// creator. The payload never shares storage with a caller's array.
 ///
-/// Thread safety: the payload of a block under a ZebConstAccessor is immutable, and any number of
-/// threads may read it. Every operation that changes the payload needs the block for itself.
+/// Thread safety: while a ZebConstAccessor pins the block, its payload does not change, and any
+/// number of threads may read it. Operations that change the payload need exclusive use of the
+/// block.
 ///
-/// Locks: m_Mutex stands at level 2 of the lock order, inside the delete lock.
+/// Locks: m_Mutex is at level 2 of the lock order, inside the delete lock.
 class ZEBTDX_EXPORT ZebDataBlock
 {
 public:
-    /// Copies the payload and whether it is compressed. Nobody accesses the copy, and no file of
-    /// it is known.
+    /// Copies the payload and whether it is compressed. The copy has no accessors and is not
+    /// cached().
     ZebDataBlock(const ZebDataBlock& other);
 
     /// Copies the bytes.
     ZebDataBlock(const QByteArray& bytes);
 
-    /// Copies `size` bytes at `data`. With a null `data` the block holds no bytes, and its size is
-    /// `size` all the same. An array holds at most a 32-bit length: of a larger size only the low
-    /// 32 bits count for the bytes, while size() keeps all of it; maxBlockSize() is the bound to
-    /// respect.
+    /// Copies `size` bytes at `data`. With a null `data` the block has no bytes, but size() is
+    /// `size`. Do not exceed maxBlockSize(): only the low 32 bits of a larger `size` count as the
+    /// number of bytes, while size() returns all of it.
     ZebDataBlock(const unsigned char* data, qint64 size);
 
-    /// A block of `size` bytes of the value `fill`. A larger size than 32 bits hold is cut as told
-    /// above.
+    /// A block of `size` bytes of the value `fill`. The limit above applies.
     ZebDataBlock(qint64 size, unsigned char fill);
 
-    /// The same for any two integers, so that a size of plain 0 is not taken for a null pointer.
+    /// The same for any two integers, so that a literal 0 as the size is not a null pointer.
     template <typename Size, typename Fill,
               typename = std::enable_if_t<std::is_integral_v<Size> && std::is_integral_v<Fill>>>
     ZebDataBlock(Size size, Fill fill)
@@ -49,21 +49,21 @@ public:
 
     virtual ~ZebDataBlock();
 
-    /// Takes a copy of the payload. Accessors of this block and what is known of its file stay.
+    /// Copies the payload. The accessors of this block and its cached() stay.
     ZebDataBlock& operator=(const ZebDataBlock& other);
 
-    /// Compares the stored bytes, so a compressed block differs from its plain twin.
+    /// Compares the stored bytes, so a compressed block differs from an uncompressed one.
     bool operator==(const ZebDataBlock& other) const;
     bool operator!=(const ZebDataBlock& other) const;
 
-    /// The stored bytes, as they are: a compressed block is not decompressed.
+    /// The stored bytes; those of a compressed block are compressed.
     const unsigned char* constData() const;
 
-    /// The plain bytes, for writing. Decompresses the block first when needed; null when that
+    /// The uncompressed bytes, for writing. Decompresses the block first if necessary; null if that
     /// fails.
     unsigned char* data();
 
-    /// The length of the plain payload in bytes, also while the block is compressed.
+    /// The length of the uncompressed payload in bytes.
     qint64 size() const;
 
     /// A new hash of the stored bytes, of size Hash512, not interned.
@@ -75,19 +75,19 @@ public:
     /// Whether the stored bytes are compressed.
     bool isCompressed() const;
 
-    /// Compresses the payload in place by zlib at `level`, 0 to 9, or -1 for zlib's default. True
-    /// also when it was compressed already. On failure the plain bytes are gone, and a debug line
-    /// says so.
+    /// Compresses the payload with zlib at `level`, 0 to 9, or -1 for zlib's default. Returns true
+    /// also if it was compressed already. Failure is reported by a debug line.
+    /// Kept on purpose: after a failure the block has lost its bytes.
     bool compress(int level = -1);
 
-    /// Decompresses the payload in place. True also when it was plain already. On failure the
-    /// stored bytes stay, and a debug line says so.
+    /// Decompresses the payload. Returns true also if it was not compressed. On failure the stored
+    /// bytes stay, and a debug line reports it.
     bool uncompress();
 
-    /// The largest block that the manager takes: its memory limit, or 2 GiB less one byte.
+    /// The largest block that the manager accepts, in bytes: its memory limit, at most 2 GiB - 1.
     static qint64 maxBlockSize();
 
-    /// Kept on purpose: always -1. Blocks are not counted.
+    /// Kept on purpose: always -1; blocks are not counted.
     static int blockCount();
 
 private:
@@ -98,17 +98,17 @@ private:
     friend class ZebDataBlockReadThread;
     friend class ZebDataBlockWriteRequest;
 
-    // Makes changes of m_AccessCount between 0 and 1 one step with the manager's note of them.
-    // Recursive. Taken inside the delete lock; the manager's own locks come inside it.
-    QMutex m_Mutex;
+    // Makes a change of m_AccessCount between 0 and 1 and the manager's update of the LRU one step.
+    // Recursive. Taken inside the delete lock; the lock of the LRU comes inside it.
+    QMutex m_Mutex ZEBTDX_LOCK_LEVEL_2;
 
-    // How many accessors hold this block; changed under m_Mutex.
+    // How many accessors pin this block. Changed with m_Mutex held, read without.
     QAtomicInt m_AccessCount;
 
     QByteArray m_Data;
     qint64 m_Size;
     bool m_Compressed;
 
-    // Set by the thread that wrote or read the file, read by whoever evicts.
+    // Whether the block has a file. Set by the thread that wrote or read it, read by eviction.
     std::atomic<bool> m_Cached;
 };

@@ -89,7 +89,7 @@ void ZebDataReference::checkAndWaitJob() const
         return;
     ZebSmartPointer<ZebBlockFuture> job = m_HashJob;
     while (!job.isNull()) {
-        // A job may yield a reference that is itself pending.
+        // A job may return a reference that is itself pending.
         const ZebDataReference result = job->data();
         result.checkAndWaitJob();
         m_DataHash = result.m_DataHash;
@@ -147,8 +147,8 @@ const ZebConstAccessor ZebDataReference::constAccessor() const
                                                static_cast<const void*>(m_HashJob.data())));
         ZebTdxMessage::fatal(QStringLiteral("Null Value of m_DataHash"));
     }
-    // The accessor locks the block under this same hold of the delete lock, so nothing evicts the
-    // block in between.
+    // The accessor pins the block before the delete lock is released, so that no other thread
+    // evicts it in between.
     ZebDataBlock* const block = ZebDataBlockManager::instance().getDataBlock(m_DataHash.data());
     return ZebConstAccessor(m_DataHash, block);
 }

@@ -7,24 +7,25 @@
 #include "hash/ZebSmartPointer.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QAtomicInt>
 #include <QString>
 
 #include <cstddef>
 
-/// What a host keeps of a block: a cheap value that may be copied freely.
+/// A host's handle to a block: a small value that is cheap to copy.
 ///
 /// It is null, pending (its block is still being hashed) or resolved (its hash is known). The first
-/// operation that needs the hash waits for the job and resolves the reference; those operations say
-/// "waits". A reference pins nothing: its block may be on disk only. It owns its hash, never the
-/// block, and so outlives the manager's clean-up.
+/// operation that needs the hash waits for the job and resolves the reference; these operations say
+/// "Waits". A reference does not pin its block, which may be on disk only. It holds the hash, not
+/// the block, so it may outlive the manager's cleanUp().
 ///
-/// Thread safety: a value. Each thread works on its own copy; one object must not be used by two
-/// threads at once, not even through its const operations, since those may resolve it. Copies of
-/// one pending reference resolve apart.
+/// Thread safety: a value. Each thread uses its own copy: two threads must not use one object at
+/// once, not even through const operations, since these may resolve it. Copies of a pending
+/// reference are resolved independently.
 ///
-/// Locks: those of the operations that it calls; none of its own. No operation that waits may be
+/// Locks: no lock of its own, only those of the operations it calls. No operation that waits may be
 /// called with the delete lock held.
 class ZEBTDX_EXPORT ZebDataReference
 {
@@ -32,7 +33,7 @@ public:
     /// Null.
     ZebDataReference();
 
-    /// The same block. A pending reference stays pending; does not wait.
+    /// Refers to the same block. The copy of a pending reference is pending; does not wait.
     ZebDataReference(const ZebDataReference& other);
 
     /// Resolved, or null for a null hash.
@@ -41,64 +42,67 @@ public:
     /// Pending, or null for a null job.
     ZebDataReference(const ZebSmartPointer<ZebBlockFuture>& job);
 
-    /// Dropping a pending reference may wait until its job has ended.
+    /// Dropping a pending reference may wait until its job has finished.
     ~ZebDataReference();
 
     ZebDataReference& operator=(const ZebDataReference& other);
 
-    /// Drops the hash at once and takes the job: the reference is pending.
+    /// Drops the hash and holds the job instead: the reference is pending then.
     ZebDataReference& operator=(const ZebSmartPointer<ZebBlockFuture>& job);
 
-    /// Equal hash and equal job, as objects. Does not wait, so a pending reference never equals a
-    /// resolved one; resolved references of equal content are equal.
+    /// Whether both refer to the same hash object and the same job object. So resolved references
+    /// to equal bytes are equal, while a pending reference never equals a resolved one. Does not
+    /// wait.
     bool operator==(const ZebDataReference& other) const;
     bool operator!=(const ZebDataReference& other) const;
 
     /// Exchanges both. Does not wait.
     void swap(ZebDataReference& other);
 
-    /// Whether there is neither hash nor job. Does not wait.
+    /// Whether it has neither a hash nor a job. Does not wait.
     bool isNull() const;
 
     /// Whether the reference is pending. Does not wait.
     bool hasHashJob() const;
 
-    /// Waits until the reference is resolved. Fatal when the job ends without a hash: "Null Value
-    /// for m_DataHash"; so do all operations that wait.
-    void resolveWork() const;
+    /// Waits until the reference is resolved. Fatal if the job finishes without a hash: "Null Value
+    /// for m_DataHash"; this holds for all operations that wait.
+    void resolveWork() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// The text form of the hash, or "NULL" when there is none. Waits.
-    QString hash() const;
+    /// The text form of the hash, or "NULL" without one. Waits.
+    QString hash() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// The hash, null when there is none. Waits.
-    ZebSmartPointer<ZebDataHash> hashPtr() const;
+    /// The hash, or null without one. Waits.
+    ZebSmartPointer<ZebDataHash> hashPtr() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// Whether the block is in memory. Asking counts as using it. True for a null reference. Waits.
-    bool isInMemory() const;
+    /// Whether the block is resident; true for a null reference. Counts as a use of the block.
+    /// Waits.
+    bool isInMemory() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// The value that the host attached to this content, or -1 when there is no hash. Waits.
-    int userId() const;
+    /// The value that the host attached to the block's identity, or -1 without a hash. Waits.
+    int userId() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// Attaches a value to this content, seen through every reference to it. Nothing happens when
-    /// there is no hash. Waits.
-    void setUserId(int id) const;
+    /// Attaches a value to the block's identity, visible through every reference to it. Does
+    /// nothing without a hash. Waits.
+    void setUserId(int id) const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// Asks for the block ahead of need. Waits for the hash, not for the block.
-    void preload(
-        ZebDataBlockManager::PreloadPriority priority = ZebDataBlockManager::PreloadNormal) const;
+    /// Requests the block before it is needed. Waits for the hash, but not for the block.
+    void preload(ZebDataBlockManager::PreloadPriority priority =
+                     ZebDataBlockManager::PreloadNormal) const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// Brings the block into memory if need be and holds it there. The accessor is null when the
-    /// block cannot be had. Fatal for a null reference: "Null Value of m_DataHash". Waits.
-    const ZebConstAccessor constAccessor() const;
+    /// Loads the block if it is not resident, and pins it. The accessor is null if the block cannot
+    /// be loaded. Fatal for a null reference: "Null Value of m_DataHash". Waits.
+    const ZebConstAccessor constAccessor() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// A private copy of the block to write into; null when the block cannot be had, and for a null
-    /// reference. This reference does not change. Waits. Holds the delete lock while it copies.
-    ZebModifyAccessor modifyAccessor() const;
+    /// A private copy of the block to write to; null if the block cannot be loaded, and for a null
+    /// reference. This reference still refers to the old bytes. Waits. Holds the delete lock while
+    /// it copies.
+    ZebModifyAccessor modifyAccessor() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// How many references exist, wherever they lie.
+    /// How many references exist, in any storage.
     static int referenceCount();
 
-    /// How many references exist that were made by `new`, containers' nodes among them.
+    /// How many references exist that were allocated with `new`, nodes of containers included.
     static int allocCount();
 
     static void* operator new(std::size_t size);
@@ -109,11 +113,11 @@ public:
 private:
     friend class ZebDataBlockManager;
 
-    /// Resolves a pending reference: waits for its job, and for the job that this one yields, until
-    /// there is a hash. A pointer test on a reference that is not pending.
-    void checkAndWaitJob() const;
+    /// Resolves a pending reference: waits for its job, and for the job that this one returns,
+    /// until there is a hash. Only tests two pointers if the reference is not pending.
+    void checkAndWaitJob() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    // Resolving happens behind const operations.
+    // Mutable, since const operations resolve the reference.
     mutable ZebSmartPointer<ZebDataHash> m_DataHash;
     mutable ZebSmartPointer<ZebBlockFuture> m_HashJob;
 
@@ -121,5 +125,5 @@ private:
     static QAtomicInt m_AllocCount;
 };
 
-/// A hash of the content, 0 when there is none. Waits.
+/// A hash of the digest, 0 without one. Waits.
 ZEBTDX_EXPORT unsigned int qHash(const ZebDataReference& reference);

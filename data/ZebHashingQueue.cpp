@@ -1,8 +1,7 @@
 #include "data/ZebHashingQueue.h"
 
 #include "data/ZebHashingTask.h"
-
-#include <QMutexLocker>
+#include "support/ZebMutexLocker.h"
 
 #include <algorithm>
 
@@ -14,15 +13,15 @@ ZebHashingQueue& ZebHashingQueue::instance()
 
 void ZebHashingQueue::add(const TaskPointer& task)
 {
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     task->m_Place = m_Waiting.insert(m_Waiting.end(), task);
 }
 
 bool ZebHashingQueue::take(ZebHashingTask* task)
 {
-    // The last hold on a task may not go with the mutex held: its end frees a block.
+    // Dropped after the mutex is released: the end of a task frees a block.
     TaskPointer dropped;
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     if (task->m_Taken)
         return false;
     task->m_Taken = true;
@@ -37,7 +36,7 @@ bool ZebHashingQueue::take(ZebHashingTask* task)
 std::size_t ZebHashingQueue::takeWaiting(std::size_t fewest, std::size_t most,
                                          TaskPointer* taken) noexcept
 {
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     if (m_Waiting.size() < fewest)
         return 0;
     const std::size_t count = std::min(m_Waiting.size(), most);

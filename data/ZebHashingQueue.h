@@ -2,6 +2,8 @@
 
 // Internal: the hashing tasks that no thread has begun. Not installed.
 
+#include "support/ZebThreadSafety.h"
+
 #include <QMutex>
 
 #include <cstddef>
@@ -10,32 +12,34 @@
 
 class ZebHashingTask;
 
-/// The hashing tasks that wait for a thread of the pool, oldest first, so that one that begins can
-/// take others along. A task is in here from before the pool queues it until somebody takes it; a
-/// task that found an idle thread never is.
+/// The hashing tasks that wait for a thread of the pool, oldest first, so that a task that starts
+/// can claim others and digest all of them together. A task is listed from before the pool queues
+/// it until a thread claims it. A task for which the pool has an idle thread is never listed.
 ///
-/// Ownership: shared with the pool, which keeps a hold of its own until it has run the task.
+/// Ownership: shared with the pool, which holds the task until it has run it.
 ///
 /// Thread safety: any thread may call any operation.
+///
+/// Locks: m_Mutex is not part of the lock order: no other lock is taken inside it.
 class ZebHashingQueue
 {
 public:
     using TaskPointer = std::shared_ptr<ZebHashingTask>;
 
-    /// The one queue of the process. It outlives the pools, whose tasks ask it.
+    /// The queue of the process. It outlives the pools, since their tasks use it.
     static ZebHashingQueue& instance();
 
-    /// Puts a task at the end.
+    /// Appends a task.
     void add(const TaskPointer& task);
 
-    /// Takes this very task, waiting or not. False when somebody has taken it before: then it is
-    /// theirs to do.
+    /// Claims the given task, listed or not. Returns false if another thread has claimed it, which
+    /// then does its work.
     bool take(ZebHashingTask* task);
 
-    /// Takes the oldest tasks that wait, up to `most` of them, and writes them to `taken`, which
-    /// has room for them; none when fewer than `fewest` wait. Returns how many were taken. The
-    /// caller does their work. Throws nothing: a task that is taken and not done would be waited
-    /// for in vain.
+    /// Claims the oldest tasks of the list, at most `most`, or none if there are fewer than
+    /// `fewest`. Stores them in `taken`, which has room for `most`, and returns how many. The
+    /// caller does their work. Does not throw: nothing would ever finish a task that is claimed and
+    /// lost.
     std::size_t takeWaiting(std::size_t fewest, std::size_t most, TaskPointer* taken) noexcept;
 
 private:
@@ -43,9 +47,9 @@ private:
 
     ZebHashingQueue() = default;
 
-    std::list<TaskPointer> m_Waiting;
-
-    // Guards the list, and what each task notes about its place in it. It stands aside of the
-    // lock order: nothing else is taken inside it.
+    // Also guards m_Place and m_Taken of every task. The analysis cannot check these, since a task
+    // does not know the queue.
     QMutex m_Mutex;
+
+    std::list<TaskPointer> m_Waiting ZEBTDX_GUARDED_BY(m_Mutex);
 };

@@ -3,8 +3,7 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "manager/ZebDataBlockManager.h"
-
-#include <QMutexLocker>
+#include "support/ZebMutexLocker.h"
 
 #include <utility>
 
@@ -12,7 +11,7 @@ ZebModifyAccessor::ZebModifyAccessor(void* block) : m_Block(static_cast<ZebDataB
 {
     if (m_Block == nullptr)
         return;
-    const QMutexLocker locker(&m_Block->m_Mutex);
+    const ZebMutexLocker locker(&m_Block->m_Mutex);
     m_Block->m_AccessCount.fetchAndAddOrdered(1);
 }
 
@@ -26,17 +25,18 @@ ZebModifyAccessor::~ZebModifyAccessor()
         return;
     bool last = false;
     {
-        const QMutexLocker locker(&m_Block->m_Mutex);
+        const ZebMutexLocker locker(&m_Block->m_Mutex);
         last = m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1;
     }
     if (last)
         delete m_Block;
 }
 
-// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): a raw pointer stands self-assignment.
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): a raw pointer allows self-assignment.
 ZebModifyAccessor& ZebModifyAccessor::operator=(const ZebModifyAccessor& other)
 {
-    // Kept on purpose: no count moves.
+    // Kept on purpose: no count changes. The old block is leaked, and the new one has one accessor
+    // more than it counts.
     m_Block = other.m_Block;
     return *this;
 }
@@ -66,11 +66,11 @@ ZebDataReference ZebModifyAccessor::release(Caching caching, bool immediate)
     if (m_Block == nullptr)
         return {};
     {
-        const QMutexLocker locker(&m_Block->m_Mutex);
+        const ZebMutexLocker locker(&m_Block->m_Mutex);
         m_Block->m_AccessCount.fetchAndAddOrdered(-1);
     }
-    // Kept on purpose: the new count is not looked at. The block is the manager's from here on,
-    // also when it throws.
+    // Kept on purpose: the new count is not checked. The manager owns the block from here on, even
+    // if it throws.
     return ZebDataBlockManager::instance().addBlock(std::exchange(m_Block, nullptr), caching,
                                                     immediate);
 }

@@ -7,45 +7,46 @@
 class ZebDataBlock;
 class ZebDataReference;
 
-/// A private block that a host may write into: a new one, or a copy of an existing one. Blocks are
-/// immutable once they are in the store, so changing one means making another.
+/// A private block that a host may write to: a new one, or a copy of an existing one. Blocks in the
+/// store are immutable, so changing one means adding another.
 ///
-/// It ends in release(), which turns the block into a reference, or in its destructor, which throws
-/// the work away.
+/// release() adds the block to the store and returns its reference; without it the destructor of
+/// the last accessor discards the block.
 ///
-/// Ownership: the copies of an accessor own its block together. The manager's limits do not apply
-/// to the block until it is released.
+/// Ownership: the copies of an accessor share the ownership of its block. The manager's limits
+/// apply to the block from release() on.
 ///
-/// Thread safety: an accessor and its block belong to one thread at a time.
+/// Thread safety: only one thread at a time may use the accessors of a block.
 ///
-/// Locks: takes the block's mutex; release() takes what adding a block takes.
+/// Locks: takes the block's mutex; release() takes the locks of ZebDataBlockManager::addBlock().
 class ZEBTDX_EXPORT ZebModifyAccessor
 {
 public:
-    /// What becomes of a block that is added.
+    /// How a block is stored.
     enum Caching : int
     {
-        /// Identified by the hash of its bytes, stored once, and written to the disk cache.
+        /// Identified by the digest of its bytes, stored once, and written to the disk cache.
         Cached = 0,
-        /// An identity of its own; stays in memory and is never evicted.
+        /// An uncached block: it has a unique identity, stays resident and is never written to
+        /// disk.
         DontCache = 1
     };
 
-    /// Shares the block. A null accessor stays null.
+    /// Shares the block. The copy of a null accessor is null.
     ZebModifyAccessor(const ZebModifyAccessor& other);
 
-    /// Deletes the block when no other accessor of it is left.
+    /// Deletes the block if this was its last accessor.
     ~ZebModifyAccessor();
 
-    /// Kept on purpose: takes over the raw pointer, and moves no count. A host must not assign over
-    /// a live accessor.
+    /// Kept on purpose: copies the raw pointer and changes no count. So a host must not assign to
+    /// an accessor that holds a block.
     ZebModifyAccessor& operator=(const ZebModifyAccessor& other);
 
-    /// The address to write through; null for a null accessor or when the block cannot be
+    /// The bytes of the block, for writing; null for a null accessor, or if the block cannot be
     /// decompressed.
     unsigned char* data() const;
 
-    /// The block's size in bytes; 0 for a null accessor.
+    /// The size of the block in bytes; 0 for a null accessor.
     qint64 size() const;
 
     /// How many accessors share the block; 0 for a null accessor.
@@ -53,13 +54,13 @@ public:
 
     bool isNull() const;
 
-    /// Hands the block to the store and gives its reference; the accessor is null from then on,
-    /// and the bytes must not be written any more. A null accessor gives a null reference.
+    /// Adds the block to the store and returns its reference. The accessor is null then, and the
+    /// bytes must not be written to any more. Returns a null reference for a null accessor.
     ///
-    /// Kept on purpose: the block passes on whatever the count says, and copies of this accessor
-    /// are not told. Release the only copy.
+    /// Kept on purpose: adds the block even if other accessors share it, and these are not set to
+    /// null. Release only an accessor that has no copies.
     ///
-    /// @param caching what becomes of the block
+    /// @param caching how the block is stored
     /// @param immediate whether the digest is computed before the call returns
     ZebDataReference release(Caching caching = Cached, bool immediate = false);
 
@@ -67,7 +68,7 @@ protected:
     friend class ZebDataReference;
     friend class ZebDataBlockManager;
 
-    /// Takes the ownership of `block`, a ZebDataBlock; null gives a null accessor.
+    /// Takes ownership of `block`, a ZebDataBlock; null makes a null accessor.
     explicit ZebModifyAccessor(void* block);
 
 private:

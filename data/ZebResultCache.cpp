@@ -1,13 +1,7 @@
 #include "data/ZebResultCache.h"
 
-#include <QReadLocker>
-#include <QWriteLocker>
-
-namespace {
-
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
-
-} // namespace
+#include "support/ZebReadLocker.h"
+#include "support/ZebWriteLocker.h"
 
 ZebResultCache::ZebResultCache()
     : m_CacheHits(0), m_Enabled(true), m_Lock(QReadWriteLock::Recursive)
@@ -17,17 +11,18 @@ ZebResultCache::~ZebResultCache() = default;
 
 bool ZebResultCache::addResult(const QString& key, ZebDataReference& ref)
 {
-    if (!m_Enabled.load(s_Relaxed))
+    if (!m_Enabled.load(std::memory_order_relaxed))
         return false;
     if (contains(key))
         return true;
-    // What is replaced ends with the lock free: dropping it may wait for its job, or end its hash.
+    // Declared before the locker, so that a replaced reference is dropped after the lock is
+    // released: dropping it may wait for its job, or be the last release of its hash.
     ZebDataReference copy(ref);
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     const auto entry = m_Results.find(key);
     if (entry != m_Results.end()) {
-        // Kept on purpose: a result that has come since the look above is replaced. That is the
-        // one case in which the first one does not stay.
+        // Kept on purpose: a result that another thread has stored since contains() above is
+        // replaced. This is the only case in which the first result does not stay.
         entry->swap(copy);
     } else {
         m_Results.insert(key, copy);
@@ -37,34 +32,34 @@ bool ZebResultCache::addResult(const QString& key, ZebDataReference& ref)
 
 bool ZebResultCache::contains(const QString& key) const
 {
-    if (!m_Enabled.load(s_Relaxed))
+    if (!m_Enabled.load(std::memory_order_relaxed))
         return false;
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_Results.contains(key);
 }
 
 ZebDataReference ZebResultCache::lookup(const QString& key) const
 {
-    // No entry ever leaves, so what is there now is there below.
+    // No entry is ever removed, so what contains() finds is still there below.
     if (!contains(key))
         return {};
-    const QReadLocker locker(&m_Lock);
-    m_CacheHits.fetch_add(1, s_Relaxed);
+    const ZebReadLocker locker(&m_Lock);
+    m_CacheHits.fetch_add(1, std::memory_order_relaxed);
     return m_Results.value(key);
 }
 
 int ZebResultCache::resultCount() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_Results.size();
 }
 
 int ZebResultCache::cacheHits() const
 {
-    return m_CacheHits.load(s_Relaxed);
+    return m_CacheHits.load(std::memory_order_relaxed);
 }
 
 void ZebResultCache::setEnabled(bool enabled)
 {
-    m_Enabled.store(enabled, s_Relaxed);
+    m_Enabled.store(enabled, std::memory_order_relaxed);
 }

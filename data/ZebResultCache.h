@@ -2,6 +2,7 @@
 
 #include "data/ZebDataReference.h"
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QMap>
 #include <QReadWriteLock>
@@ -9,62 +10,62 @@
 
 #include <atomic>
 
-/// A map from keys that a host makes up to the references of its results, so that a result which
-/// was computed once is found again. What a key means is the host's affair.
+/// A map from keys to references, in which a host finds results that it has computed before. The
+/// host defines the keys.
 ///
-/// An entry pins the identity of its block and not its memory: the block may be on disk only.
-/// There is no limit, and no entry leaves before the object ends.
+/// An entry keeps the identity of its block alive, but not the block in memory, which may be on
+/// disk only. The number of entries is not limited, and none is removed before the object is
+/// destroyed.
 ///
-/// Ownership: a plain object of the host's, as many as it likes.
+/// Ownership: a host creates as many objects as it needs.
 ///
 /// Thread safety: any thread may call every operation.
 ///
-/// Locks: m_Lock, beside the lock order; none of the library's outer locks is needed or taken, but
-/// for the reference that addResult() may drop at its end, with m_Lock free.
+/// Locks: m_Lock is not part of the lock order, since only the mutex of a hash is taken inside it.
+/// addResult() may drop a reference, which takes outer locks, after releasing m_Lock.
 class ZEBTDX_EXPORT ZebResultCache
 {
 public:
     /// Empty and enabled.
     ZebResultCache();
 
-    /// Releases all references, which waits for the jobs of those that are pending and held by
-    /// nobody else.
+    /// Drops all references. Waits for the jobs of pending ones that have no other holder.
     ~ZebResultCache();
 
-    /// Stores a copy of `ref` under `key`, pending or resolved as it is; never waits for a job. The
-    /// first result under a key stays, and a later one is ignored. Returns false only when the
-    /// cache is disabled; nothing is stored then.
+    /// Stores a copy of `ref`, pending or resolved, under `key`. Does not wait for a job. The first
+    /// result of a key stays; later ones are ignored. Returns false, and stores nothing, only if
+    /// the cache is disabled.
     ///
-    /// Kept on purpose: of two threads that store under a new key at once, the later one may
-    /// replace the result of the earlier one, and both are told true.
+    /// Kept on purpose: if two threads store a result under a new key at once, the second may
+    /// replace the first, and both get true.
     bool addResult(const QString& key, ZebDataReference& ref);
 
-    /// Whether there is a result under `key`; false when the cache is disabled. Counts nothing.
+    /// Whether there is a result for `key`; false if the cache is disabled. Not counted as a hit.
     bool contains(const QString& key) const;
 
-    /// The result under `key`, and one hit more; a null reference and no hit when there is none or
-    /// the cache is disabled. A pending result stays pending here when the copy is resolved.
+    /// The result for `key`, counted as a hit; a null reference if there is none or the cache is
+    /// disabled. A pending result stays pending in the cache when the returned copy is resolved.
     ZebDataReference lookup(const QString& key) const;
 
     /// How many results are stored, also while the cache is disabled.
     int resultCount() const;
 
-    /// How many look-ups have found a result.
+    /// How many calls of lookup() have found a result.
     int cacheHits() const;
 
-    /// While disabled the cache behaves as empty, and its results are kept.
+    /// A disabled cache acts as if it were empty, but keeps its results.
     void setEnabled(bool enabled);
 
 private:
     Q_DISABLE_COPY(ZebResultCache)
 
-    // Both are read and written with no lock: one is a statistic, the other a plain switch.
+    // Read and written without the lock: a statistic and a switch.
     mutable std::atomic<int> m_CacheHits;
     std::atomic<bool> m_Enabled;
 
-    // Guards m_Results. Recursive. Only the mutex of a hash is taken inside it, to count a holder;
-    // nothing is released inside it.
+    // Recursive. Only the mutex of a hash is taken inside it, to add a holder; no reference is
+    // dropped inside it.
     mutable QReadWriteLock m_Lock;
 
-    QMap<QString, ZebDataReference> m_Results;
+    QMap<QString, ZebDataReference> m_Results ZEBTDX_GUARDED_BY(m_Lock);
 };

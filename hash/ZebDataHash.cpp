@@ -14,10 +14,8 @@ QAtomicInt ZebDataHash::m_NumHashes;
 
 namespace {
 
-// The lock order puts a hash's mutex ninth, behind everything a caller may hold.
+// Kept on purpose: ignored by ZebTdxMutex. In the lock order the mutex is at level 3.
 constexpr int s_HashMutexLevel = 9;
-
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 void requireSize(ZebDataHash::Size size)
 {
@@ -94,7 +92,7 @@ ZebDataHash& ZebDataHash::operator=(const ZebDataHash& other)
     m_Size = other.m_Size;
     m_Data = other.m_Data;
     setUserId(other.userId());
-    // Kept on purpose: m_DontCache of the target stays, although a constructed copy takes it.
+    // Kept on purpose: m_DontCache of the target stays, although a constructed copy copies it.
     return *this;
 }
 
@@ -114,7 +112,7 @@ bool ZebDataHash::operator<(const ZebDataHash& other) const
 {
     if (m_Size != other.m_Size)
         return m_Size < other.m_Size;
-    // A hash without a digest has fewer bytes than its size says; it comes before the others.
+    // A hash without a digest has fewer bytes than its size; it comes before the others.
     const int mine = m_Data.size();
     const int theirs = other.m_Data.size();
     const int order = std::memcmp(m_Data.constData(), other.m_Data.constData(),
@@ -163,22 +161,22 @@ void ZebDataHash::setUserId(int id)
 
 bool ZebDataHash::isDontCache() const
 {
-    return m_DontCache.load(s_Relaxed);
+    return m_DontCache.load(std::memory_order_relaxed);
 }
 
 void ZebDataHash::setDontCache(bool dontCache)
 {
-    m_DontCache.store(dontCache, s_Relaxed);
+    m_DontCache.store(dontCache, std::memory_order_relaxed);
 }
 
 bool ZebDataHash::isPreloading() const
 {
-    return m_Preloading.load(s_Relaxed);
+    return m_Preloading.load(std::memory_order_relaxed);
 }
 
 void ZebDataHash::setPreloading(bool preloading)
 {
-    m_Preloading.store(preloading, s_Relaxed);
+    m_Preloading.store(preloading, std::memory_order_relaxed);
 }
 
 int ZebDataHash::refCount() const
@@ -191,7 +189,8 @@ bool ZebDataHash::tryLock()
     return m_Mutex.tryLock();
 }
 
-void ZebDataHash::unlock()
+// Not analysed: tryLock() has no attribute, see the header.
+void ZebDataHash::unlock() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
     m_Mutex.unlock();
 }
@@ -210,7 +209,8 @@ void ZebDataHash::incRef(void* holder)
 
 ZebSmartPointer<ZebDataHash> ZebDataHash::holdUnlessEnding()
 {
-    // Under the mutex a count of 0 is final: where it is so for a moment only, the mutex is held.
+    // With the mutex held a count of 0 is final: a count that is 0 only for a moment is so inside
+    // the mutex.
     const ZebTdxMutexLocker locker(&m_Mutex);
     return refCount() == 0 ? ZebSmartPointer<ZebDataHash>() : ZebSmartPointer<ZebDataHash>(this);
 }
@@ -222,8 +222,8 @@ void ZebDataHash::decRef(void* holder)
         ZebTdxMessage::fatal(QStringLiteral("No Positive Ref Count in Dec Ref"));
     if (!ZebHashManager::instance().derefRemoveHash(this))
         return;
-    // Nobody can find this hash any more, so its block can go, and then the hash itself. No lock
-    // is held here: freeing a block starts at the outermost one.
+    // No look-up can find this hash any more, so its block is freed, and then the hash itself. No
+    // lock is held here: freeing a block starts with the outermost one.
     ZebDataBlockManager::instance().freeBlock(this, false, false);
     delete this;
 }

@@ -4,11 +4,11 @@
 
 class ZebDataHash;
 
-/// The registry's key: a raw pointer to a hash that compares by content. It moves no count, so the
-/// registry never keeps a hash alive.
+/// The registry's key: a raw pointer to a hash that is compared by digest. It changes no reference
+/// count, so the registry never keeps a hash alive.
 ///
-/// Thread safety: that of a plain pointer. Comparing reads the digests, so both hashes must be
-/// alive, which the registry's mutex sees to.
+/// Thread safety: that of a plain pointer. A comparison reads both digests, so both hashes must be
+/// alive; the registry's mutex ensures that.
 class ZEBTDX_EXPORT ZebHashHandle
 {
 public:
@@ -21,12 +21,13 @@ public:
     /// The raw pointer; may be null.
     ZebDataHash* data() const;
 
-    /// Two null handles are equal, a null one equals no other; otherwise the contents decide.
+    /// Two null handles are equal, a null and a non-null handle are not; otherwise compares the
+    /// hashes.
     bool operator==(const ZebHashHandle& other) const;
 
 private:
     ZebDataHash* m_Hash;
 };
 
-/// 0 for a null handle, otherwise the hash of the content.
+/// 0 for a null handle, otherwise qhash() of the hash.
 ZEBTDX_EXPORT unsigned int qHash(const ZebHashHandle& handle);

@@ -1,22 +1,13 @@
 #include "hash/ZebHashManager.h"
 
+#include "support/ZebCountUp.h"
+#include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
 
-#include <QMutexLocker>
 #include <QStringList>
 #include <QThread>
 
 #include <memory>
-
-namespace {
-
-// A host that runs for days counts past the end of an int; the counter then goes on from below.
-void countUp(int& counter)
-{
-    counter = static_cast<int>(static_cast<unsigned>(counter) + 1U);
-}
-
-} // namespace
 
 ZebHashManager::ZebHashManager() : m_Mutex(QMutex::Recursive)
 {
@@ -39,7 +30,7 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(unsigned char* bytes, qint6
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(const QByteArray& bytes)
 {
-    // The digest only reads; the pointer is not const for the sake of hosts with plain buffers.
+    // The bytes are only read; the parameter is not const for hosts with plain buffers.
     return getHash(reinterpret_cast<unsigned char*>(const_cast<char*>(bytes.constData())),
                    bytes.size());
 }
@@ -51,34 +42,33 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(const QString& text)
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::getDigested(const unsigned char* digest)
 {
-    // The hash only reads.
+    // The digest is only read.
     return intern(new ZebDataHash(ZebDataHash::Hash512, const_cast<unsigned char*>(digest)));
 }
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::intern(ZebDataHash* fresh)
 {
     std::unique_ptr<ZebDataHash> owned(fresh);
-    QMutexLocker locker(&m_Mutex);
-    countUp(m_Requests);
+    ZebMutexLocker locker(&m_Mutex);
+    ZebCountUp(m_Requests);
     const auto entry = m_Hashes.constFind(ZebHashHandle(fresh));
     if (entry == m_Hashes.constEnd()) {
-        // The entry comes first, as a table that cannot grow must leave nothing half made.
+        // The entry comes first: if the table cannot grow, nothing has changed.
         m_Hashes.insert(ZebHashHandle(fresh));
         const ZebSmartPointer<ZebDataHash> result(owned.release());
-        countUp(m_CacheMisses);
-        // The registry is free before a caller sees the hash: dropping it takes the delete lock,
-        // which stands outside this one.
+        ZebCountUp(m_CacheMisses);
+        // Unlocked before the caller sees the hash: dropping it takes the delete lock, which comes
+        // before this one.
         locker.unlock();
         return result;
     }
-    countUp(m_CacheHits);
+    ZebCountUp(m_CacheHits);
     ZebDataHash* const registered = entry->data();
     owned.reset();
-    // A bare count, taken without the hash's mutex: a last release under way decides with the
-    // registry locked, and so sees it. The mutex must not be waited for here.
+    // Counted without the hash's mutex, for which this thread must not wait here. A concurrent last
+    // release decides with the registry locked, and so sees the count.
     registered->m_RefCount.fetchAndAddOrdered(1);
-    // Giving the bare count back may itself be the last release, and so must find the registry
-    // free.
+    // The decRef() below may be the last release, so it needs the registry unlocked.
     locker.unlock();
     ZebSmartPointer<ZebDataHash> result(registered);
     registered->decRef(&result);
@@ -87,7 +77,7 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::intern(ZebDataHash* fresh)
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::addHash(ZebDataHash* hash)
 {
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     return addHash_Unlocked(hash);
 }
 
@@ -98,10 +88,10 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::addHash_Unlocked(ZebDataHash* hash)
     const auto entry = m_Hashes.constFind(ZebHashHandle(hash));
     if (entry == m_Hashes.constEnd()) {
         m_Hashes.insert(ZebHashHandle(hash));
-        countUp(m_CacheMisses);
+        ZebCountUp(m_CacheMisses);
         return ZebSmartPointer<ZebDataHash>(hash);
     }
-    countUp(m_CacheHits);
+    ZebCountUp(m_CacheHits);
     ZebDataHash* const registered = entry->data();
     if (registered != hash)
         delete hash;
@@ -116,19 +106,19 @@ bool ZebHashManager::derefRemoveHash(ZebDataHash* hash)
         const ZebTdxMutexLocker hashLocker(&hash->m_Mutex);
         if (hash->m_RefCount.fetchAndAddOrdered(-1) != 1)
             return false;
-        // That looked like the last release. The count goes back, so that the decision can be made
-        // with the registry locked, where no look-up can cross it.
+        // Probably the last release. The count is restored, and the decision is made with the
+        // registry locked, where no look-up can interfere.
         hash->m_RefCount.fetchAndAddOrdered(1);
     }
-    const QMutexLocker registryLocker(&m_Mutex);
+    const ZebMutexLocker registryLocker(&m_Mutex);
     const ZebTdxMutexLocker hashLocker(&hash->m_Mutex);
     if (hash->m_RefCount.fetchAndAddOrdered(-1) != 1)
         return false;
     const auto entry = m_Hashes.find(ZebHashHandle(hash));
-    // Only this very object is erased: an unregistered twin ends without touching the entry of the
-    // content.
+    // Only the entry of this very object is erased: an unregistered hash of equal digest leaves it
+    // alone.
     if (entry != m_Hashes.end() && entry->data() == hash) {
-        countUp(m_Removes);
+        ZebCountUp(m_Removes);
         m_Hashes.erase(entry);
     }
     return true;
@@ -137,19 +127,19 @@ bool ZebHashManager::derefRemoveHash(ZebDataHash* hash)
 bool ZebHashManager::isHashLive(const QString& text) const
 {
     ZebDataHash wanted(text);
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     return m_Hashes.contains(ZebHashHandle(&wanted));
 }
 
 int ZebHashManager::hashCount() const
 {
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     return m_Hashes.size();
 }
 
 void ZebHashManager::dumpStats()
 {
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     ZebTdxMessage::debug(QStringLiteral("==== ZebTdx Hash Stats ===="));
     ZebTdxMessage::debug(QString::asprintf("Cache Hits %d", m_CacheHits));
     ZebTdxMessage::debug(QString::asprintf("Cache Misses %d", m_CacheMisses));
@@ -157,13 +147,13 @@ void ZebHashManager::dumpStats()
     ZebTdxMessage::debug(QString::asprintf("Removes %d", m_Removes));
     ZebTdxMessage::debug(QString::asprintf("Registered %d", m_Hashes.size()));
     ZebTdxMessage::debug(QString::asprintf("Existant %d", ZebDataHash::hashCount()));
-    // Kept on purpose: holders are not counted, and the line stands with the constant -1.
+    // Kept on purpose: smart pointers are not counted, and the line always prints -1.
     ZebTdxMessage::debug(QString::asprintf("HashPtrs %d", -1));
 }
 
 void ZebHashManager::clearStats()
 {
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     m_Requests = 0;
     m_CacheHits = 0;
     m_CacheMisses = 0;
@@ -172,7 +162,7 @@ void ZebHashManager::clearStats()
 
 void ZebHashManager::printDebugInfo()
 {
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     for (const ZebHashHandle& handle : qAsConst(m_Hashes)) {
         const ZebDataHash* const hash = handle.data();
         ZebTdxMessage::debug(QString::asprintf("%p %d %s", static_cast<const void*>(hash),
@@ -183,12 +173,13 @@ void ZebHashManager::printDebugInfo()
 
 void ZebHashManager::snapshot(QList<ZebSmartPointer<ZebDataHash>>& list) const
 {
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     for (const ZebHashHandle& handle : m_Hashes)
         list.append(ZebSmartPointer<ZebDataHash>(handle.data()));
 }
 
-void ZebHashManager::validateState()
+// Not analysed: meant for a quiet system, so it takes no lock.
+void ZebHashManager::validateState() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
     QStringList cached;
     QStringList notCached;

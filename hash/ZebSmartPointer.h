@@ -3,15 +3,15 @@
 #include <cstddef>
 #include <utility>
 
-/// A counted pointer to an object that keeps its own count.
+/// An intrusive smart pointer: the object keeps its own reference count.
 ///
-/// T grants this template friendship and offers three operations: `incRef(void* holder)`,
+/// T makes this template a friend and has three operations: `incRef(void* holder)`,
 /// `decRef(void* holder)` and `swap(void* from, void* to)`. The arguments are the addresses of the
-/// smart pointers that act; no class of the library reads them. `decRef` destroys the object with
-/// its last release.
+/// smart pointers; no class of the library reads them. `decRef` destroys the object with the last
+/// release.
 ///
-/// T may be incomplete where a smart pointer is only declared as a member; the operations need it
-/// complete.
+/// T may be incomplete where a smart pointer is only declared as a member; the operations need the
+/// complete type.
 ///
 /// Thread safety: that of a plain pointer. Any number of threads may hold smart pointers to one
 /// object; one smart pointer belongs to one thread at a time.
@@ -22,8 +22,8 @@ public:
     /// Null.
     ZebSmartPointer() noexcept : m_Pointer(nullptr) {}
 
-    /// Holds `pointer` with a new reference; null stays null. Implicit, so that a raw object can
-    /// stand where a smart pointer is asked for.
+    /// Adds a reference to `pointer`; null stays null. Implicit, so that a raw pointer can be
+    /// passed where a smart pointer is expected.
     ZebSmartPointer(T* pointer) : m_Pointer(pointer)
     {
         if (m_Pointer != nullptr)
@@ -46,8 +46,8 @@ public:
     {
         if (this == &other)
             return *this;
-        // Taking the new object first keeps it alive when both point at one object, and when the
-        // old object is what holds the new one.
+        // The new object comes first. That keeps it alive if both point at the same object, and if
+        // the old object holds the new one.
         T* const taken = other.m_Pointer;
         T* const dropped = m_Pointer;
         if (taken != nullptr)
@@ -58,7 +58,7 @@ public:
         return *this;
     }
 
-    /// Exchanges the objects of both. No count moves.
+    /// Exchanges the two objects. No count changes.
     void swap(ZebSmartPointer& other)
     {
         if (m_Pointer != nullptr)
@@ -74,7 +74,7 @@ public:
     /// Requires a non-null pointer.
     T& operator*() const { return *m_Pointer; }
 
-    /// The raw pointer, with no reference of its own; may be null.
+    /// The raw pointer, without a reference; may be null.
     T* data() const { return m_Pointer; }
 
     /// The same as data().
@@ -84,7 +84,7 @@ public:
 
     explicit operator bool() const { return m_Pointer != nullptr; }
 
-    /// Equality is that of the raw pointers, never of what they point at.
+    /// Compares the raw pointers, never the objects.
     friend bool operator==(const ZebSmartPointer& a, const ZebSmartPointer& b)
     {
         return a.m_Pointer == b.m_Pointer;

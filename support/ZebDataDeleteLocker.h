@@ -1,22 +1,24 @@
 #pragma once
 
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
-/// Holds the block manager's delete lock for the length of a scope: while one exists, no block is
-/// deleted.
+/// Holds the block manager's delete lock for the length of a scope. Meanwhile no block is evicted
+/// by another thread, and the tables of blocks do not change.
 ///
-/// Locks: takes level 1 of the lock order, the outermost lock, which is recursive. Nobody may hold
-/// it while waiting for a writer.
-class ZEBTDX_EXPORT ZebDataDeleteLocker
+/// Locks: level 1 of the lock order, the outermost lock, which is recursive. The holder must not
+/// wait for a hashing job or for a disk thread, so it must not call an operation that does:
+/// everything of ZebDataReference that waits, and flushing.
+class ZEBTDX_EXPORT ZEBTDX_SCOPED_CAPABILITY ZebDataDeleteLocker
 {
 public:
     /// Takes the delete lock of the one manager, waiting without limit.
-    ZebDataDeleteLocker();
+    ZebDataDeleteLocker() ZEBTDX_ACQUIRE(ZebDeleteLock);
     ZebDataDeleteLocker(const ZebDataDeleteLocker&) = delete;
 
-    /// Gives one level of the delete lock back.
-    ~ZebDataDeleteLocker();
+    /// Releases one level of the delete lock.
+    ~ZebDataDeleteLocker() ZEBTDX_RELEASE();
 
-    /// Does nothing: there is no field, and a lock that is held cannot change hands.
+    /// Does nothing: a lock cannot pass from one locker to another.
     ZebDataDeleteLocker& operator=(const ZebDataDeleteLocker&);
 };

@@ -1,11 +1,11 @@
 #include "support/ZebTdxLog.h"
 
+#include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
 
 #include <QDebug>
 #include <QDir>
 #include <QMessageLogger>
-#include <QMutexLocker>
 #include <QTextStream>
 #include <QTime>
 
@@ -52,7 +52,8 @@ void ZebTdxLog::setEnabled(bool enabled)
     m_Enabled.store(enabled, std::memory_order_relaxed);
 }
 
-bool ZebTdxLog::setSubCache(const QString& path)
+// Not analysed: no other thread logs meanwhile, so it takes no lock.
+bool ZebTdxLog::setSubCache(const QString& path) ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
     if (s_Dead.load(std::memory_order_relaxed) || !enabled())
         return true;
@@ -79,7 +80,7 @@ bool ZebTdxLog::log(Level level, const char* file, int line, const QString& mess
 {
     if (s_Dead.load(std::memory_order_relaxed) || !enabled())
         return true;
-    const QMutexLocker locker(&m_Mutex);
+    const ZebMutexLocker locker(&m_Mutex);
     if (!m_File.isOpen())
         return true;
     const QString tag = tagOf(level);
@@ -89,7 +90,7 @@ bool ZebTdxLog::log(Level level, const char* file, int line, const QString& mess
         stream << tag << time << ' ' << message << " - " << file << ':' << line << '\n';
         stream.flush();
     }
-    // A crash must lose no more than the line in progress, so the device is emptied as well.
+    // The device is flushed as well: a crash must not lose more than the line in progress.
     m_File.flush();
     QMessageLogger().debug() << tag << time << ' ' << message << " - " << file << ':' << line
                              << Qt::endl;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QFile>
 #include <QMutex>
@@ -8,17 +9,22 @@
 
 #include <atomic>
 
-/// A small process-wide log for the host, one text file inside the current sub-cache directory.
+/// A small process-wide log for the host: one text file in the current sub-cache directory.
 ///
-/// The library's own components write their debug lines straight to Qt's message handler. Only the
-/// block manager touches this class, to point it at a directory and to turn it off at the end.
+/// The library's own components send their debug lines straight to Qt's message handler. Of the
+/// library, only the block manager uses this class: it sets the directory, and disables the log at
+/// process exit.
 ///
-/// States: disabled, or dead after its own destruction: every operation is a silent success.
+/// States: disabled, or destroyed at process exit: every operation succeeds and does nothing.
 /// Enabled with no file: nothing is written. Enabled with a file: lines are appended, also to the
 /// file of an earlier run.
 ///
-/// Thread safety: any thread may call log(). setSubCache() belongs to the controlling thread, with
-/// no line being written meanwhile.
+/// Thread safety: any thread may call log(). Only the controlling thread may call setSubCache(),
+/// while no other thread logs.
+///
+/// Locks: log() holds m_Mutex, which is not recursive, while it writes the line and while Qt's
+/// message handler processes the copy. So a message handler must not call log(): a thread that logs
+/// would deadlock with itself. It must not wait for a thread that logs, either.
 class ZEBTDX_EXPORT ZebTdxLog
 {
 public:
@@ -31,39 +37,39 @@ public:
 
     ZebTdxLog();
 
-    /// Turns the log off for the rest of the process, then closes the file.
+    /// Disables the log for the rest of the process, then closes the file.
     ~ZebTdxLog();
 
-    /// The one log of the process, built at first use.
+    /// The log of the process, constructed at first use.
     static ZebTdxLog& instance();
 
-    /// Whether lines are taken. Starts true. Takes no lock.
+    /// Whether log() writes. True at first. Takes no lock.
     bool enabled() const;
 
-    /// Turns the log on or off without closing or opening the file. Takes no lock.
+    /// Enables or disables the log without closing or opening the file. Takes no lock.
     void setEnabled(bool enabled);
 
-    /// Moves the log to "TdxLog.txt" in the directory `path`, which is made with its parents when
-    /// it is missing. An empty path closes the file. Returns false, with a debug line, when the
-    /// directory cannot be made or the file cannot be opened; the file is closed then. Takes no
+    /// Continues the log in "TdxLog.txt" in the directory `path`, which is created with its parents
+    /// if it is missing. An empty path closes the file. Returns false, with a debug line, if the
+    /// directory cannot be created or the file cannot be opened; no file is open then. Takes no
     /// lock.
     bool setSubCache(const QString& path);
 
-    /// Appends one line of the tag of `level`, the time of day, `message`, `file` and `line`, and
-    /// sends the same pieces to Qt's debug channel. Fatal then ends the process, with the line
-    /// already in the file. Without an open file nothing happens at any level. Always true; a
-    /// failed write to the file is not noticed.
+    /// Appends a line with the tag of `level`, the time of day, `message`, `file` and `line`, and
+    /// then sends the same to Qt's debug channel. Fatal then ends the process; the line is in the
+    /// file by then. Without an open file nothing happens at any level. Always returns true; a
+    /// failed write to the file goes unnoticed.
     bool log(Level level, const char* file, int line, const QString& message);
 
 private:
     Q_DISABLE_COPY(ZebTdxLog)
 
-    // Held for the writing of one line, so that lines never interleave. Taken with nothing else
-    // held inside it.
+    // Held while one line is written, so that lines never interleave. No lock of the library is
+    // taken inside it.
     QMutex m_Mutex;
-    QFile m_File;
+    QFile m_File ZEBTDX_GUARDED_BY(m_Mutex);
     std::atomic<bool> m_Enabled;
 
-    // Set by the destructor and never cleared: code that runs during process exit may still call.
+    // Set by the destructor and never cleared: code that runs during process exit may still log.
     static std::atomic<bool> s_Dead;
 };

@@ -1,33 +1,38 @@
 #pragma once
 
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QMutex>
 
-/// One QMutex behind the interface that all of the store's own locks share.
+/// A QMutex whose constructor takes a level of the lock order. The delete lock and the mutex of
+/// each hash are of this class.
 ///
-/// Thread safety: that of QMutex. Copying is not possible.
-class ZEBTDX_EXPORT ZebTdxMutex
+/// Thread safety: that of QMutex. Not copyable.
+class ZEBTDX_CAPABILITY("mutex") ZEBTDX_EXPORT ZebTdxMutex
 {
 public:
-    /// Builds the mutex with the given recursion mode. `level` names the place of the mutex in the
-    /// lock order for the reader of the code; it is accepted and dropped (the delete lock passes 0,
-    /// the mutex of a hash 9).
+    /// Constructs an unlocked mutex.
+    ///
+    /// @param level
+    /// Kept on purpose: ignored. The delete lock passes 0 and the mutex of a hash 9, which are not
+    /// the levels of docs/LOCKING.md; those stand at the fields.
+    /// @param mode whether the thread that holds the mutex may take it again
     ZebTdxMutex(int level, QMutex::RecursionMode mode);
     ~ZebTdxMutex();
 
-    /// Waits for the mutex without limit and takes it.
-    void lock();
+    /// Takes the mutex, waiting without limit.
+    void lock() ZEBTDX_ACQUIRE();
 
-    /// Gives the mutex back. The calling thread must hold it.
-    void unlock();
+    /// Releases the mutex. The calling thread must hold it.
+    void unlock() ZEBTDX_RELEASE();
 
-    /// Takes the mutex if that needs no wait. Returns whether it was taken.
-    bool tryLock();
+    /// Takes the mutex if that needs no wait. Returns whether it did.
+    bool tryLock() ZEBTDX_TRY_ACQUIRE(true);
 
     /// Takes the mutex, waiting at most `timeout` milliseconds; a negative value waits without
-    /// limit. Returns whether it was taken.
-    bool tryLock(int timeout);
+    /// limit. Returns whether it did.
+    bool tryLock(int timeout) ZEBTDX_TRY_ACQUIRE(true);
 
 private:
     Q_DISABLE_COPY(ZebTdxMutex)
@@ -35,31 +40,33 @@ private:
     QMutex m_Mutex;
 };
 
-/// Holds a ZebTdxMutex for the length of a scope, with the freedom to let it go early and to take
-/// it again.
+/// Holds a ZebTdxMutex for the length of a scope; may release it early and take it again.
 ///
 /// Thread safety: a locker belongs to the thread that made it.
-class ZEBTDX_EXPORT ZebTdxMutexLocker
+class ZEBTDX_SCOPED_CAPABILITY ZEBTDX_EXPORT ZebTdxMutexLocker
 {
 public:
-    /// Takes `mutex`, waiting without limit. A null mutex is accepted: the locker then does
-    /// nothing. The mutex is not owned and must outlive the locker.
-    ZebTdxMutexLocker(ZebTdxMutex* mutex);
+    /// Takes `mutex`, waiting without limit. A locker of a null mutex does nothing. The mutex is
+    /// not owned and must outlive the locker.
+    ZebTdxMutexLocker(ZebTdxMutex* mutex) ZEBTDX_ACQUIRE(mutex);
+
+    /// Copies both fields and takes no lock.
+    /// Kept on purpose: original and copy then both act as holders of one mutex, and each unlocks
+    /// it. The thread-safety analysis does not follow copies.
     ZebTdxMutexLocker(const ZebTdxMutexLocker& other) = default;
 
-    /// Gives the mutex back when this locker still holds it.
-    ~ZebTdxMutexLocker();
+    /// Releases the mutex if this locker still holds it.
+    ~ZebTdxMutexLocker() ZEBTDX_RELEASE();
 
-    /// Copies both fields and moves no lock.
-    /// Kept on purpose: two lockers then believe that they hold one mutex, and each unlocks it.
+    /// Kept on purpose: copies both fields and moves no lock, as the copy constructor does.
     ZebTdxMutexLocker& operator=(const ZebTdxMutexLocker& other);
 
-    /// Gives the mutex back. Nothing is tested: a second call in a row, or a call on a locker of a
-    /// null mutex, is an error of the caller.
-    void unlock();
+    /// Releases the mutex. Must not be called twice in a row, or on a locker of a null mutex; this
+    /// is not checked.
+    void unlock() ZEBTDX_RELEASE();
 
-    /// Takes the mutex again. Does nothing when there is none or when it is held already.
-    void relock();
+    /// Takes the mutex again. Does nothing if there is none or it is held already.
+    void relock() ZEBTDX_ACQUIRE();
 
 private:
     ZebTdxMutex* m_Mutex;
