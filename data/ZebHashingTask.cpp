@@ -3,7 +3,6 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebHashingJob.h"
 #include "hash/SkeinBatch.h"
-#include "support/ZebStoredCall.h"
 
 #include <QScopedValueRollback>
 #include <QThreadPool>
@@ -15,7 +14,7 @@
 
 namespace {
 
-// Whether this thread is waiting for a task, and so runs one only if it is that one.
+// Whether this thread waits for a task. If it runs a task then, it is the one it waits for.
 thread_local bool s_IsWaiting = false;
 
 } // namespace
@@ -46,14 +45,10 @@ QFuture<ZebDataReference> ZebHashingTask::start(QThreadPool* pool, ZebDataBlock*
 
 QFuture<ZebDataReference> ZebHashingTask::startShared(QThreadPool* pool, const TaskPointer& task)
 {
-    task->m_Promise->setThreadPool(pool);
-    task->m_Promise->setRunnable(task.get());
-    task->m_Promise->reportStarted();
-    // The task may have run once the pool has it.
-    QFuture<ZebDataReference> future = task->m_Promise->future();
+    QFuture<ZebDataReference> future = ZebStoredCall::begin(task->m_Promise, pool, task.get());
     task->m_HeldByPool = task;
-    // A task that has a thread to itself is no one else's to take along. A null block has no
-    // content to be digested with others.
+    // A task that gets a thread at once is not listed for others to claim, and neither is a null
+    // block, which has no digest.
     if (pool->tryStart(task.get()))
         return future;
     if (task->hasContent())
@@ -103,7 +98,7 @@ void ZebHashingTask::runTogether(const TaskPointer* tasks, std::size_t count)
                                          tasks[index]->finish(digest);
                                      });
     } catch (const std::bad_alloc&) {
-        // Each of those that are left has its own try, and its own future to say so.
+        // Each remaining task is tried alone, so that its own future reports the failure.
         for (std::size_t i = 0; i < count; ++i) {
             if (tasks[i]->m_Promise)
                 tasks[i]->finish(nullptr);
@@ -118,13 +113,12 @@ bool ZebHashingTask::hasContent() const
 
 void ZebHashingTask::finish(const unsigned char* digest)
 {
-    QFutureInterfaceBase state(*m_Promise);
-    if (!state.isCanceled())
-        ZebStoredCall::report(*m_Promise, [this, digest] { return admit(digest); });
-    m_Bytes = QByteArray();
-    m_Block.reset();
-    m_Promise.reset();
-    state.reportFinished();
+    ZebStoredCall::finish(
+        m_Promise, [this, digest] { return admit(digest); },
+        [this] {
+            m_Bytes = QByteArray();
+            m_Block.reset();
+        });
 }
 
 ZebDataReference ZebHashingTask::admit(const unsigned char* digest)

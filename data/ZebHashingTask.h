@@ -4,10 +4,10 @@
 
 #include "data/ZebDataReference.h"
 #include "data/ZebHashingQueue.h"
+#include "support/ZebStoredCall.h"
 
 #include <QByteArray>
 #include <QFuture>
-#include <QFutureInterface>
 #include <QRunnable>
 
 #include <cstddef>
@@ -18,38 +18,38 @@
 class QThreadPool;
 class ZebDataBlock;
 
-/// Digests, interns and admits one block, and leaves the reference in a future.
+/// Digests, interns and admits one block, and stores the reference in a future.
 ///
-/// A task that begins while others wait for a thread takes some of them along, as many as the
-/// processor has lanes: their contents are digested together, and each is then finished as if it
-/// had run alone. The pool still has those tasks in its queue; they find themselves taken and
-/// return at once. With idle threads nothing waits, and each task has a thread for itself.
+/// A task that starts while others wait for a thread claims some of them, up to the number of lanes
+/// of the processor: their blocks are digested together, and each is then finished as if it had run
+/// alone. The pool still has the claimed tasks in its queue; they return at once when it runs them.
+/// While the pool has idle threads no task waits, and each has a thread to itself.
 ///
-/// As with any stored call, pool and task are noted on the future, so a thread that waits for a
-/// task that nobody has begun runs it itself; that one takes no others along, since who waits for
-/// one content must not pay for more. When the future reports that it has finished, the task holds
-/// neither the content nor the result any more.
+/// It is a stored call, see ZebStoredCall::begin() and finish(). A thread that waits for a task
+/// which has not started runs it itself, and then claims no others: it should not have to wait for
+/// blocks that it does not need.
 ///
-/// Ownership: the pool holds the task until it has run it, and whoever has taken it until its
-/// future has finished. So its address, which is noted on the future, is nobody else's before.
+/// Ownership: the pool holds the task until it has run it, and the thread that claimed it until its
+/// future has finished. Its address, which the future stores, is not reused before.
 class ZebHashingTask final : public QRunnable
 {
 public:
-    /// Starts the work for these bytes on `pool` at priority 0. Their storage is shared until the
-    /// block makes its copy.
+    /// Queues the work for `bytes` on `pool` at priority 0. Shares their storage until the block is
+    /// constructed.
     static QFuture<ZebDataReference> start(QThreadPool* pool, const QByteArray& bytes);
 
-    /// Starts the work for this block, which passes to the task. A null block gives a null
+    /// Queues the work for `block` and takes ownership of it. The result of a null block is a null
     /// reference.
     static QFuture<ZebDataReference> start(QThreadPool* pool, ZebDataBlock* block);
 
-    /// Waits until the work has ended, or does it. Throws what the work has thrown. To be called
-    /// instead of the future's own wait, for a steal to be told from a start by the pool.
+    /// Waits until the work has finished, or does it on this thread. Throws what the work has
+    /// thrown. Use it instead of waitForFinished() of the future, so that the task can tell a
+    /// waiting thread from one of the pool.
     static void wait(QFuture<ZebDataReference>& future);
 
     ~ZebHashingTask() override;
 
-    /// Called by the pool, or by a thread that waits.
+    /// Called by a thread of the pool, or by a waiting thread.
     void run() override;
 
 private:
@@ -62,34 +62,34 @@ private:
 
     static QFuture<ZebDataReference> startShared(QThreadPool* pool, const TaskPointer& task);
 
-    /// Digests the contents of all of them together and finishes each.
+    /// Digests the blocks of all these tasks together and finishes each.
     static void runTogether(const TaskPointer* tasks, std::size_t count);
 
-    /// Whether there is anything to digest.
+    /// Whether there is anything to digest: false for a null block.
     bool hasContent() const;
 
-    /// Does what is left to do and reports the end. With a null digest that is all of the work.
+    /// Interns and admits the block under `digest`, and reports the end. With a null `digest` it is
+    /// computed first.
     void finish(const unsigned char* digest);
 
-    /// Digest, interning and admission, or what is left of that. Gives the content away.
+    /// The work of finish(). Passes the block on.
     ZebDataReference admit(const unsigned char* digest);
 
     /// The bytes to digest.
     const QByteArray& content() const;
 
-    // One of the two: the bytes when there is no block.
+    // m_Block if m_IsBlock is true, otherwise m_Bytes.
     QByteArray m_Bytes;
     std::unique_ptr<ZebDataBlock> m_Block;
     const bool m_IsBlock;
 
-    // Empty once the work has ended.
-    std::optional<QFutureInterface<ZebDataReference>> m_Promise;
+    ZebStoredCall::Promise<ZebDataReference> m_Promise;
 
-    // The pool's hold, given up when it runs the task.
+    // The pool's reference to the task, dropped when it runs the task.
     TaskPointer m_HeldByPool;
 
-    // The place in the queue, while it has one, and whether somebody does the work. Guarded by the
-    // queue's mutex.
+    // The place in the queue, if it is listed, and whether a thread has claimed the task. Guarded
+    // by the queue's mutex.
     std::optional<std::list<TaskPointer>::iterator> m_Place;
     bool m_Taken = false;
 };

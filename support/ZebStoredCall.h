@@ -1,6 +1,6 @@
 #pragma once
 
-// Internal: a call that runs on a thread pool and leaves its result in a future. Not installed.
+// Internal: calls that run on a thread pool and leave their result in a future. Not installed.
 
 #include <QException>
 #include <QFuture>
@@ -13,31 +13,53 @@
 
 namespace ZebStoredCall {
 
-/// Runs `call` and leaves its result on `promise`. An exception that leaves the call is kept there
-/// and thrown again where the result is asked for.
-template <typename T, typename Call>
-void report(QFutureInterface<T>& promise, Call&& call)
+/// The result of a task that has not finished; empty afterwards.
+template <typename T>
+using Promise = std::optional<QFutureInterface<T>>;
+
+/// Marks `promise` as started and returns its future. Called before `pool` gets `task`, since the
+/// task may run and end at once then.
+///
+/// Pool and task are noted on the future, so a thread that waits for a task that has not begun runs
+/// it itself: a wait inside a full or one-thread pool ends.
+template <typename T>
+QFuture<T> begin(Promise<T>& promise, QThreadPool* pool, QRunnable* task)
 {
-    try {
-        const T result = call();
-        promise.reportResult(result);
-    } catch (const QException& exception) {
-        promise.reportException(exception);
-    } catch (...) {
-        promise.reportException(QUnhandledException());
+    promise->setThreadPool(pool);
+    promise->setRunnable(task);
+    promise->reportStarted();
+    return promise->future();
+}
+
+/// Runs `call` unless its future is cancelled, leaves the result on `promise`, and reports the end.
+/// An exception that leaves the call is stored there and thrown again where the result is asked
+/// for.
+///
+/// `drop` releases what the task holds. It runs before the end is reported, and so does the end of
+/// `promise`: once the future has finished, the task keeps nothing alive. What call and result hold
+/// then ends with the last future, on the thread that drops it, and not later on the pool.
+template <typename T, typename Call, typename Drop>
+void finish(Promise<T>& promise, Call&& call, Drop&& drop)
+{
+    QFutureInterfaceBase state(*promise);
+    if (!state.isCanceled()) {
+        try {
+            const T result = call();
+            promise->reportResult(result);
+        } catch (const QException& exception) {
+            promise->reportException(exception);
+        } catch (...) {
+            promise->reportException(QUnhandledException());
+        }
     }
+    drop();
+    promise.reset();
+    state.reportFinished();
 }
 
 } // namespace ZebStoredCall
 
-/// The task behind ZebStoredCall::start().
-///
-/// Pool and task are noted on the future, so a thread that waits for a call that has not begun runs
-/// it itself: a wait inside a full or one-thread pool ends.
-///
-/// When the future reports that it has finished, the task holds neither the call nor the result any
-/// more: what they keep alive ends with the last future, on the thread that drops it, and not some
-/// time later on the pool.
+/// The task that ZebStoredCall::start() queues.
 template <typename T, typename Call>
 class ZebStoredCallTask final : public QRunnable
 {
@@ -46,34 +68,24 @@ public:
 
     QFuture<T> start(QThreadPool* pool)
     {
-        m_Promise->setThreadPool(pool);
-        m_Promise->setRunnable(this);
-        m_Promise->reportStarted();
-        // The task may have run and gone once the pool has it.
-        QFuture<T> future = m_Promise->future();
+        QFuture<T> future = ZebStoredCall::begin(m_Promise, pool, this);
         pool->start(this, 0);
         return future;
     }
 
     void run() override
     {
-        QFutureInterfaceBase state(*m_Promise);
-        if (!state.isCanceled())
-            ZebStoredCall::report(*m_Promise, *m_Call);
-        m_Call.reset();
-        m_Promise.reset();
-        state.reportFinished();
+        ZebStoredCall::finish(m_Promise, *m_Call, [this] { m_Call.reset(); });
     }
 
 private:
     std::optional<Call> m_Call;
-    std::optional<QFutureInterface<T>> m_Promise;
+    ZebStoredCall::Promise<T> m_Promise;
 };
 
 namespace ZebStoredCall {
 
-/// Runs `call`, which gives a T, on `pool` at priority 0 and returns the future of its result. An
-/// exception that leaves the call is kept and thrown again where the result is asked for.
+/// Runs `call`, which returns a T, on `pool` at priority 0, and returns the future of its result.
 template <typename T, typename Call>
 QFuture<T> start(QThreadPool* pool, Call call)
 {
