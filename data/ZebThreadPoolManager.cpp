@@ -1,11 +1,14 @@
 #include "data/ZebThreadPoolManager.h"
 
 #include "data/ZebHashingQueue.h"
+#include "hash/SkeinLaneForm.h"
 
 ZebThreadPoolManager::ZebThreadPoolManager()
 {
-    // What is built first goes last: tasks ask this queue, and the pools wait for their tasks.
+    // What is constructed first is destroyed last. At process exit the pools wait for their tasks,
+    // and these use the queue and the table of lane forms.
     ZebHashingQueue::instance();
+    ZebSkein::SkeinLaneForm::available();
 }
 
 ZebThreadPoolManager::~ZebThreadPoolManager() = default;

@@ -14,20 +14,20 @@ public:
     {
         /// Qt's global pool.
         GlobalThreadPool = 0,
-        /// A pool that the library leaves to its host.
+        /// A pool for the host; the library does not use it.
         PrivateThreadPool = 1,
-        /// Where blocks are hashed.
+        /// The pool of the hashing jobs.
         HashingThreadPool = 2
     };
 
-    /// Waits for the tasks of both own pools.
+    /// Waits for the tasks of its own two pools.
     ~ZebThreadPoolManager();
 
-    /// The one object of the process, built at first use.
+    /// The object of the process, constructed at first use.
     static ZebThreadPoolManager& instance();
 
-    /// The pool of that type, never null while the application runs; Qt's global pool for any other
-    /// value. The pool stays owned where it is.
+    /// The pool of the given type, never null while the application runs; Qt's global pool for any
+    /// other value. The caller does not own it.
     QThreadPool* threadPool(ZebThreadPoolType type);
 
 private:
