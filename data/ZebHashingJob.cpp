@@ -5,8 +5,7 @@
 #include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
-
-#include <QMutexLocker>
+#include "support/ZebMutexLocker.h"
 
 #include <memory>
 #include <utility>
@@ -40,7 +39,7 @@ ZebHashingJob::~ZebHashingJob()
     try {
         ZebHashingTask::wait(m_Future);
     } catch (...) {
-        // What went wrong in the work belongs to whoever asks for its result; here nobody does.
+        // A failure of the work is reported to the callers of data(), of which there is none left.
         // NOLINTNEXTLINE(bugprone-empty-catch)
         Q_UNUSED(this)
     }
@@ -52,10 +51,11 @@ ZebHashingJob& ZebHashingJob::operator=(const ZebHashingJob& other)
         return *this;
     ZebBlockFuture::operator=(other);
     m_Future = other.m_Future;
-    // The old result goes with the guard free: it may be the last reference on its hash.
+    // The old result is dropped after the mutex is released: it may be the last reference to its
+    // hash.
     ZebDataReference theirs = other.result();
     {
-        const QMutexLocker locker(&m_ResultMutex);
+        const ZebMutexLocker locker(&m_ResultMutex);
         m_Result.swap(theirs);
     }
     return *this;
@@ -63,7 +63,7 @@ ZebHashingJob& ZebHashingJob::operator=(const ZebHashingJob& other)
 
 ZebDataReference ZebHashingJob::result() const
 {
-    const QMutexLocker locker(&m_ResultMutex);
+    const ZebMutexLocker locker(&m_ResultMutex);
     return m_Result;
 }
 
@@ -72,11 +72,11 @@ ZebDataReference ZebHashingJob::data()
     ZebDataReference known = result();
     if (!known.isNull())
         return known;
-    // Waiting for the end of the task, and not only for its result, makes sure that the task holds
-    // nothing any more. The stored result never changes, so it is copied with no lock.
+    // Waits for the end of the task, not only for its result: the task keeps nothing alive then.
+    // The result in the future does not change, so it is copied without a lock.
     ZebHashingTask::wait(m_Future);
     known = m_Future.result();
-    const QMutexLocker locker(&m_ResultMutex);
+    const ZebMutexLocker locker(&m_ResultMutex);
     if (m_Result.isNull())
         m_Result = known;
     return known;
@@ -98,13 +98,13 @@ ZebDataReference ZebHashingJob::processBlock(ZebDataBlock* block)
         return {};
     std::unique_ptr<ZebDataBlock> owned(block);
     const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(block->m_Data);
-    return admit(hash.data(), std::move(owned));
+    return ZebDataBlockManager::instance().admit(hash, owned.release());
 }
 
 ZebDataReference ZebHashingJob::processBlockByteArray(const QByteArray& bytes)
 {
     const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(bytes);
-    return admit(hash.data(), std::make_unique<ZebDataBlock>(bytes));
+    return ZebDataBlockManager::instance().admit(hash, new ZebDataBlock(bytes));
 }
 
 const QByteArray& ZebHashingJob::contentOf(const ZebDataBlock& block)
@@ -116,17 +116,11 @@ ZebDataReference ZebHashingJob::admitDigested(const unsigned char* digest,
                                               std::unique_ptr<ZebDataBlock> block)
 {
     const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getDigested(digest);
-    return admit(hash.data(), std::move(block));
+    return ZebDataBlockManager::instance().admit(hash, block.release());
 }
 
 ZebDataReference ZebHashingJob::admitDigested(const unsigned char* digest, const QByteArray& bytes)
 {
     const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getDigested(digest);
-    return admit(hash.data(), std::make_unique<ZebDataBlock>(bytes));
-}
-
-ZebDataReference ZebHashingJob::admit(ZebDataHash* hash, std::unique_ptr<ZebDataBlock> block)
-{
-    ZebDataBlockManager::instance().makeBlockLive(hash, block.release());
-    return ZebDataBlockManager::instance().getReference(hash);
+    return ZebDataBlockManager::instance().admit(hash, new ZebDataBlock(bytes));
 }

@@ -3,6 +3,7 @@
 #include "data/ZebBlockFuture.h"
 #include "data/ZebDataReference.h"
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QAtomicInt>
 #include <QByteArray>
@@ -14,75 +15,72 @@
 class ZebDataBlock;
 class ZebDataHash;
 
-/// Digests, interns and admits one block on the hashing pool, so that who adds the block need not
-/// wait. It runs from its construction on and cannot be cancelled.
+/// Digests, interns and admits one block on the hashing pool, so that the thread that adds the
+/// block does not wait. The job is queued by its constructor and cannot be cancelled.
 ///
-/// Jobs that wait for a thread of the pool may be digested together with one that begins, where the
-/// processor digests several contents faster than one after the other. Each is interned and
-/// admitted on its own all the same, as soon as its digest is known.
+/// If the processor digests several blocks together faster than one after another, a job that
+/// starts also digests the blocks of jobs that wait for a thread. Each is still interned and
+/// admitted individually, as soon as its digest is known.
 ///
-/// Thread safety: data() may be called from several threads at once. A thread that waits for a job
-/// which has not begun runs it itself, so no pool can be too small.
+/// Thread safety: several threads may call data() at once. A thread that waits for a job which has
+/// not started runs it itself, so the wait ends even if all threads of the pool are busy.
 ///
-/// Locks: a waiting thread must not hold the delete lock, as the job takes it.
+/// Locks: a waiting thread must not hold the delete lock, since the job takes it.
 class ZEBTDX_EXPORT ZebHashingJob : public ZebBlockFuture
 {
 public:
-    /// Adds a block of these bytes. The array's storage is shared until the block makes its copy.
+    /// Adds a block of these bytes. Shares their storage until the block is constructed.
     ZebHashingJob(const QByteArray& bytes);
 
-    /// Adds this block, which passes to the job. A null block ends the job without a hash.
+    /// Adds `block` and takes ownership of it. With a null block the job finishes without a hash.
     ZebHashingJob(ZebDataBlock* block);
 
-    /// Shares the running work.
+    /// Shares the work of the other job.
     ZebHashingJob(const ZebHashingJob& other);
 
-    /// Waits until the work has ended: a block that was given is in the store afterwards, also when
-    /// nobody asked for the result.
+    /// Waits until the work has finished: the block is in the store then, even if no caller asked
+    /// for the result.
     ~ZebHashingJob() override;
 
     ZebHashingJob& operator=(const ZebHashingJob& other);
 
-    /// Waits until the work has ended and gives the reference.
+    /// Waits until the work has finished and returns the reference.
     ZebDataReference data() override;
 
-    /// Kept on purpose: always 0. numHashJobs() tells how many jobs are alive.
+    /// Kept on purpose: always 0. numHashJobs() returns how many jobs are alive.
     static int liveHashJobCount();
 
     /// Kept on purpose: always 0.
     static int unfinishedHashJobCount();
 
 protected:
-    /// The work on a pool thread: hash, intern, admit. A null block gives a null reference.
+    /// Digests, interns and admits `block`, and takes ownership of it. A null block gives a null
+    /// reference.
     static ZebDataReference processBlock(ZebDataBlock* block);
 
-    /// The same for bytes, with the block built on the spot.
+    /// The same for a new block of these bytes.
     static ZebDataReference processBlockByteArray(const QByteArray& bytes);
 
 private:
     friend class ZebHashingTask;
 
-    /// The bytes whose digest is the block's identity: as they are stored.
+    /// The bytes whose digest identifies the block: those stored, compressed or not.
     static const QByteArray& contentOf(const ZebDataBlock& block);
 
-    /// What is left of the work when the digest, of 64 bytes, is known.
+    /// Interns and admits a block whose digest, of 64 bytes, has been computed.
     static ZebDataReference admitDigested(const unsigned char* digest,
                                           std::unique_ptr<ZebDataBlock> block);
     static ZebDataReference admitDigested(const unsigned char* digest, const QByteArray& bytes);
 
-    /// Admits the block under its interned hash, which the caller holds.
-    static ZebDataReference admit(ZebDataHash* hash, std::unique_ptr<ZebDataBlock> block);
-
-    /// A copy of m_Result, taken under its guard.
+    /// A copy of m_Result.
     ZebDataReference result() const;
 
     QFuture<ZebDataReference> m_Future;
 
-    // What the work gave, once somebody has asked; null until then.
-    ZebDataReference m_Result;
+    // The result, stored when a caller first asks for it; null until then.
+    ZebDataReference m_Result ZEBTDX_GUARDED_BY(m_ResultMutex);
 
-    // Guards m_Result, which several threads may set to the same value at once. Only the mutex of
-    // a hash is taken inside it, to count a holder.
+    // Not part of the lock order. Only the mutex of a hash is taken inside it, to add a holder.
     mutable QMutex m_ResultMutex;
 
     static QAtomicInt m_LiveHashJobCount;
