@@ -1,15 +1,12 @@
 #include "io/ZebDataBlockCompressionThread.h"
 
 #include "io/ZebDataBlockWriteRequest.h"
-
-#include <QMutexLocker>
+#include "support/ZebMutexLocker.h"
 
 #include <algorithm>
 #include <mutex>
 
 namespace {
-
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 // Guards s_PermitsOwed and every change of the permits but a writer's acquisition. A leaf lock.
 std::mutex s_PermitMutex;
@@ -32,10 +29,10 @@ ZebDataBlockCompressionThread::ZebDataBlockCompressionThread(
 
 ZebDataBlockCompressionThread::~ZebDataBlockCompressionThread()
 {
-    m_Exit.store(true, s_Relaxed);
+    m_Exit.store(true, std::memory_order_relaxed);
     {
         // With the mutex held, the worker is either waiting or about to check m_Exit.
-        const QMutexLocker locker(m_Mutex);
+        const ZebMutexLocker locker(m_Mutex);
         m_Condition->wakeAll();
     }
     wait();
@@ -43,11 +40,11 @@ ZebDataBlockCompressionThread::~ZebDataBlockCompressionThread()
 
 void ZebDataBlockCompressionThread::run()
 {
-    QMutexLocker locker(m_Mutex);
+    ZebMutexLocker locker(m_Mutex);
     // Released with the mutex held until the wait: the writer that acquires the permit can queue
     // its request only once this worker waits, so the wake-up is not missed.
     givePermits(1);
-    while (!m_Exit.load(s_Relaxed)) {
+    while (!m_Exit.load(std::memory_order_relaxed)) {
         m_Condition->wait(m_Mutex);
         if (m_Queue->isEmpty())
             continue;

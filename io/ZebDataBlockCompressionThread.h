@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QMutex>
 #include <QQueue>
@@ -64,5 +65,5 @@ private:
     std::atomic<bool> m_Exit;
     QWaitCondition* const m_Condition;
     QMutex* const m_Mutex;
-    QQueue<ZebDataBlockWriteRequest*>* const m_Queue;
+    QQueue<ZebDataBlockWriteRequest*>* const m_Queue ZEBTDX_PT_GUARDED_BY(m_Mutex);
 };

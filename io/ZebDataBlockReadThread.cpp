@@ -3,14 +3,14 @@
 #include "data/ZebDataBlock.h"
 #include "io/ZebBlockFile.h"
 #include "io/ZebBlockFilePath.h"
+#include "support/ZebMutexLocker.h"
+#include "support/ZebReadLocker.h"
 #include "support/ZebStoredCall.h"
 #include "support/ZebTdxMessage.h"
+#include "support/ZebWriteLocker.h"
 
 #include <QFile>
-#include <QMutexLocker>
-#include <QReadLocker>
 #include <QThreadPool>
-#include <QWriteLocker>
 
 #include <array>
 #include <memory>
@@ -23,7 +23,6 @@ constexpr unsigned long s_IdleMs = 1000;
 constexpr unsigned long s_QueuePollUs = 10;
 constexpr qint64 s_PromotionsPerSort = 100;
 constexpr int s_Attempts = 2;
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 } // namespace
 
@@ -54,7 +53,7 @@ void ZebDataBlockReadThread::request(ZebDataHash* hash,
     // Outlives the lock below, so that no last reference is released inside it.
     const ZebSmartPointer<ZebDataHash> held(hash);
     {
-        const QWriteLocker locker(&m_Lock);
+        const ZebWriteLocker locker(&m_Lock);
         if (priority == ZebDataBlockManager::PreloadLow &&
             m_Requests.size() >= m_MaxLowPriorityRequests)
             return;
@@ -67,9 +66,9 @@ void ZebDataBlockReadThread::request(ZebDataHash* hash,
 void ZebDataBlockReadThread::promote(ZebDataHash* hash)
 {
     // Every attempt counts, even without effect.
-    const qint64 attempts = m_PromotionCount.fetch_add(1, s_Relaxed) + 1;
+    const qint64 attempts = m_PromotionCount.fetch_add(1, std::memory_order_relaxed) + 1;
     {
-        const QWriteLocker locker(&m_Lock);
+        const ZebWriteLocker locker(&m_Lock);
         int index = 0;
         while (index < m_Requests.size() && m_Requests.valueAt(index).data() != hash)
             ++index;
@@ -88,10 +87,10 @@ void ZebDataBlockReadThread::run()
 {
     for (;;) {
         {
-            const QMutexLocker waitLocker(&m_WaitMutex);
+            const ZebMutexLocker waitLocker(&m_WaitMutex);
             m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
         }
-        QWriteLocker locker(&m_Lock);
+        ZebWriteLocker locker(&m_Lock);
         if (m_Exit) {
             locker.unlock();
             killRequests();
@@ -99,7 +98,7 @@ void ZebDataBlockReadThread::run()
         }
         while (!m_Requests.isEmpty()) {
             ZebSmartPointer<ZebDataHash> hash = m_Requests.takeFirst();
-            m_RequestsHandled.fetch_add(1, s_Relaxed);
+            m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
             locker.unlock();
             if (!hash.isNull())
                 loadBlock(hash, true);
@@ -155,7 +154,7 @@ QFuture<ZebDataBlock*> ZebDataBlockReadThread::loadBlock(const ZebSmartPointer<Z
     // At process exit Qt may have destroyed the pool before the store.
     if (pool == nullptr)
         return QFuture<ZebDataBlock*>();
-    m_BytesRead.fetch_add(size, s_Relaxed);
+    m_BytesRead.fetch_add(size, std::memory_order_relaxed);
     return ZebStoredCall::start<ZebDataBlock*>(pool, [data, hash, makeLive, size] {
         return decompressAndMakeBlock(data, hash, makeLive, size);
     });
@@ -176,7 +175,7 @@ ZebDataBlock* ZebDataBlockReadThread::decompressAndMakeBlock(
     block->m_Size = plain.size();
     block->m_Data = std::move(plain);
     block->m_Compressed = false;
-    block->m_Cached.store(true, s_Relaxed);
+    block->m_Cached.store(true, std::memory_order_relaxed);
     ZebDataBlock* const made = block.release();
     if (makeLive)
         ZebDataBlockManager::instance().makeBlockLive(hash.data(), made);
@@ -188,7 +187,7 @@ void ZebDataBlockReadThread::killRequests()
 {
     ZebPriorityList<ZebSmartPointer<ZebDataHash>> killed;
     {
-        const QWriteLocker locker(&m_Lock);
+        const ZebWriteLocker locker(&m_Lock);
         // Released without m_Lock: a last reference takes the delete lock, the outermost.
         std::swap(killed, m_Requests);
     }
@@ -208,7 +207,7 @@ void ZebDataBlockReadThread::closeDown()
 {
     flush();
     {
-        const QWriteLocker locker(&m_Lock);
+        const ZebWriteLocker locker(&m_Lock);
         m_Exit = true;
     }
     m_WaitCondition.wakeAll();
@@ -216,38 +215,38 @@ void ZebDataBlockReadThread::closeDown()
 
 int ZebDataBlockReadThread::requests() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_Requests.size();
 }
 
 int ZebDataBlockReadThread::requestsHandled() const
 {
-    return m_RequestsHandled.load(s_Relaxed);
+    return m_RequestsHandled.load(std::memory_order_relaxed);
 }
 
 qint64 ZebDataBlockReadThread::bytesRead() const
 {
-    return m_BytesRead.load(s_Relaxed);
+    return m_BytesRead.load(std::memory_order_relaxed);
 }
 
 void ZebDataBlockReadThread::setRequestPromotionEnabled(bool enabled)
 {
-    m_RequestPromotionEnabled.store(enabled, s_Relaxed);
+    m_RequestPromotionEnabled.store(enabled, std::memory_order_relaxed);
 }
 
 bool ZebDataBlockReadThread::requestPromotionEnabled() const
 {
-    return m_RequestPromotionEnabled.load(s_Relaxed);
+    return m_RequestPromotionEnabled.load(std::memory_order_relaxed);
 }
 
 void ZebDataBlockReadThread::setSubCache(const QString& subCache)
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     m_SubCache = subCache;
 }
 
 QString ZebDataBlockReadThread::subCache() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_SubCache;
 }

@@ -5,6 +5,7 @@
 #include "hash/ZebSmartPointer.h"
 #include "io/ZebPriorityList.h"
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QByteArray>
 #include <QFuture>
@@ -49,7 +50,8 @@ public:
     ///
     /// @param makeLive whether the task hands the block to the manager; otherwise the caller owns
     ///        the result
-    QFuture<ZebDataBlock*> loadBlock(const ZebSmartPointer<ZebDataHash>& hash, bool makeLive);
+    QFuture<ZebDataBlock*> loadBlock(const ZebSmartPointer<ZebDataHash>& hash, bool makeLive)
+        ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Drops all requests in the list.
     /// Kept on purpose: their hashes stay marked as preloading, so request() ignores them until a
@@ -57,10 +59,10 @@ public:
     void killRequests();
 
     /// Waits until the list is empty. The last load may still be in progress.
-    void flush();
+    void flush() ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Flushes, then asks the thread to end. Does not wait for its end.
-    void closeDown();
+    void closeDown() ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// How many requests wait in the list.
     int requests() const;
@@ -102,15 +104,14 @@ private:
     QMutex m_WaitMutex;
     QWaitCondition m_WaitCondition;
 
-    // Guards m_Exit, m_SubCache and m_Requests. Recursive.
-    mutable QReadWriteLock m_Lock;
-    bool m_Exit;
-    QString m_SubCache;
+    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4; // recursive
+    bool m_Exit ZEBTDX_GUARDED_BY(m_Lock);
+    QString m_SubCache ZEBTDX_GUARDED_BY(m_Lock);
     const int m_BucketCount;
     const int m_MaxLowPriorityRequests;
     std::atomic<int> m_RequestsHandled;
     std::atomic<qint64> m_BytesRead;
-    ZebPriorityList<ZebSmartPointer<ZebDataHash>> m_Requests;
+    ZebPriorityList<ZebSmartPointer<ZebDataHash>> m_Requests ZEBTDX_GUARDED_BY(m_Lock);
     std::atomic<bool> m_RequestPromotionEnabled;
     std::atomic<qint64> m_PromotionCount;
 };

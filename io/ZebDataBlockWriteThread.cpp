@@ -3,17 +3,15 @@
 #include "data/ZebDataBlock.h"
 #include "io/ZebDataBlockWriteRequest.h"
 #include "support/ZebDataDeleteLocker.h"
-
-#include <QMutexLocker>
-#include <QReadLocker>
-#include <QWriteLocker>
+#include "support/ZebMutexLocker.h"
+#include "support/ZebReadLocker.h"
+#include "support/ZebWriteLocker.h"
 
 #include <memory>
 
 namespace {
 
 constexpr unsigned long s_IdleMs = 1000;
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 } // namespace
 
@@ -49,7 +47,7 @@ void ZebDataBlockWriteThread::writeBlock(ZebDataBlockManager::PreloadPriority pr
     }
     auto request = std::make_unique<ZebDataBlockWriteRequest>(hash, block, deleteBlock);
     {
-        const QWriteLocker locker(&m_Lock);
+        const ZebWriteLocker locker(&m_Lock);
         m_Requests.insert(priority, request.get());
         m_BytesInQueue += request.release()->blockSize();
     }
@@ -58,19 +56,19 @@ void ZebDataBlockWriteThread::writeBlock(ZebDataBlockManager::PreloadPriority pr
 
 int ZebDataBlockWriteThread::requests() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_Requests.size();
 }
 
 qint64 ZebDataBlockWriteThread::bytesInQueue() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_BytesInQueue;
 }
 
 int ZebDataBlockWriteThread::requestsHandled() const
 {
-    return m_RequestsHandled.load(s_Relaxed);
+    return m_RequestsHandled.load(std::memory_order_relaxed);
 }
 
 int ZebDataBlockWriteThread::requestsInProgress() const
@@ -80,25 +78,25 @@ int ZebDataBlockWriteThread::requestsInProgress() const
 
 qint64 ZebDataBlockWriteThread::bytesWritten() const
 {
-    return m_BytesWritten.load(s_Relaxed);
+    return m_BytesWritten.load(std::memory_order_relaxed);
 }
 
 void ZebDataBlockWriteThread::setSubCache(const QString& subCache)
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     m_SubCache = subCache;
 }
 
 QString ZebDataBlockWriteThread::subCache() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_SubCache;
 }
 
 void ZebDataBlockWriteThread::askToEnd()
 {
     {
-        const QWriteLocker locker(&m_Lock);
+        const ZebWriteLocker locker(&m_Lock);
         m_Exit = true;
     }
     m_WaitCondition.wakeAll();
@@ -106,13 +104,13 @@ void ZebDataBlockWriteThread::askToEnd()
 
 bool ZebDataBlockWriteThread::exitAsked() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_Exit;
 }
 
 void ZebDataBlockWriteThread::idle()
 {
-    const QMutexLocker locker(&m_WaitMutex);
+    const ZebMutexLocker locker(&m_WaitMutex);
     m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
 }
 
@@ -126,7 +124,7 @@ void ZebDataBlockWriteThread::endWrite(ZebDataBlockWriteRequest* request)
 
 void ZebDataBlockWriteThread::releaseTaken()
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     --m_RequestsTaken;
 }
 

@@ -5,6 +5,7 @@
 #include "hash/ZebSmartPointer.h"
 #include "io/ZebPriorityList.h"
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QAtomicInt>
 #include <QMutex>
@@ -76,11 +77,11 @@ public:
 
     /// Waits until the writer has passed a fence after the queued write of this hash. Returns at
     /// once for a null hash. The derived class decides whether a failed write delays the fence.
-    virtual void flush(const ZebSmartPointer<ZebDataHash>& hash) = 0;
+    virtual void flush(const ZebSmartPointer<ZebDataHash>& hash) ZEBTDX_EXCLUDES(ZebDeleteLock) = 0;
 
     /// Waits until the list is empty and nothing is in progress, and indefinitely while the disk
     /// fails.
-    virtual void flush() = 0;
+    virtual void flush() ZEBTDX_EXCLUDES(ZebDeleteLock) = 0;
 
     /// Asks the thread to end once its list is empty. Does not wait.
     virtual void closeDown() = 0;
@@ -111,38 +112,35 @@ protected:
     /// that guards the fences.
     int takeFenceId();
 
-    /// Raises the first write of this hash to the priority of fences, if it is less urgent. The
-    /// caller holds m_Lock.
-    void moveToFences(const ZebDataHash* hash);
+    /// Raises the first write of this hash to the priority of fences, if it is less urgent.
+    void moveToFences(const ZebDataHash* hash) ZEBTDX_REQUIRES(m_Lock);
 
     static constexpr int s_FencePriority = 0;
 
     const QString m_CacheRoot;
-    QString m_SubCache;
+    QString m_SubCache ZEBTDX_GUARDED_BY(m_Lock);
     const int m_BucketCount;
-    bool m_Exit;
+    bool m_Exit ZEBTDX_GUARDED_BY(m_Lock);
 
     // Paired with m_WaitCondition; guards nothing. A wake-up between two waits is missed, and the
     // timeout of the wait bounds the delay.
     QMutex m_WaitMutex;
     QWaitCondition m_WaitCondition;
 
-    // Guards m_Requests, m_BytesInQueue, m_RequestsTaken, m_SubCache, m_Exit, and what the derived
-    // class adds. Recursive.
-    mutable QReadWriteLock m_Lock;
+    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4; // recursive
 
-    ZebPriorityList<ZebDataBlockWriteRequest*> m_Requests;
-    qint64 m_BytesInQueue;
+    ZebPriorityList<ZebDataBlockWriteRequest*> m_Requests ZEBTDX_GUARDED_BY(m_Lock);
+    qint64 m_BytesInQueue ZEBTDX_GUARDED_BY(m_Lock);
 
     // Requests of any kind that have left the list and still exist. flush() waits for them, too: a
     // request that has left the list may not be counted as in progress yet.
-    int m_RequestsTaken;
+    int m_RequestsTaken ZEBTDX_GUARDED_BY(m_Lock);
 
     QAtomicInt m_RequestsInProgress;
     std::atomic<qint64> m_BytesWritten;
     std::atomic<int> m_RequestsHandled;
 
-    // Fences. The derived class has the lock that guards them.
+    // Fences. Guarded by m_Lock or by another lock of the derived class, so without an attribute.
     int m_NextFenceId;
     QSet<int> m_FencesReached;
     QVector<int> m_FreeFenceIds;

@@ -1,15 +1,13 @@
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
 
 #include "io/ZebDataBlockWriteRequest.h"
-
-#include <QReadLocker>
-#include <QWriteLocker>
+#include "support/ZebReadLocker.h"
+#include "support/ZebWriteLocker.h"
 
 namespace {
 
 constexpr unsigned long s_FencePollUs = 10000;
 constexpr unsigned long s_QueuePollUs = 10;
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 } // namespace
 
@@ -30,7 +28,7 @@ void ZebDataBlockWriteThread_Pattern1::run()
 
 void ZebDataBlockWriteThread_Pattern1::drain()
 {
-    QWriteLocker locker(&m_Lock);
+    ZebWriteLocker locker(&m_Lock);
     while (!m_Requests.isEmpty()) {
         const int priority = m_Requests.priorityAt(0);
         ZebDataBlockWriteRequest* const request = m_Requests.takeFirst();
@@ -48,7 +46,7 @@ void ZebDataBlockWriteThread_Pattern1::handleWrite(int priority, ZebDataBlockWri
 {
     QString subCache;
     {
-        const QWriteLocker locker(&m_Lock);
+        const ZebWriteLocker locker(&m_Lock);
         m_BytesInQueue -= request->blockSize();
         subCache = m_SubCache;
     }
@@ -61,10 +59,10 @@ void ZebDataBlockWriteThread_Pattern1::handleWrite(int priority, ZebDataBlockWri
         const int written = request->write(&error);
         if (written >= 1) {
             finish(request);
-            m_BytesWritten.fetch_add(written, s_Relaxed);
+            m_BytesWritten.fetch_add(written, std::memory_order_relaxed);
         } else {
             {
-                const QWriteLocker locker(&m_Lock);
+                const ZebWriteLocker locker(&m_Lock);
                 m_Requests.insert(priority, request);
                 m_BytesInQueue += request->blockSize();
             }
@@ -78,7 +76,7 @@ void ZebDataBlockWriteThread_Pattern1::handleWrite(int priority, ZebDataBlockWri
 void ZebDataBlockWriteThread_Pattern1::handleFence(ZebDataBlockWriteRequest* request)
 {
     {
-        const QWriteLocker locker(&m_Lock);
+        const ZebWriteLocker locker(&m_Lock);
         m_FencesReached.insert(request->fence());
     }
     delete request;
@@ -88,7 +86,7 @@ void ZebDataBlockWriteThread_Pattern1::handleFence(ZebDataBlockWriteRequest* req
 void ZebDataBlockWriteThread_Pattern1::finish(ZebDataBlockWriteRequest* request)
 {
     endWrite(request);
-    m_RequestsHandled.fetch_add(1, s_Relaxed);
+    m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
 }
 
 void ZebDataBlockWriteThread_Pattern1::flush(const ZebSmartPointer<ZebDataHash>& hash)
@@ -102,7 +100,7 @@ void ZebDataBlockWriteThread_Pattern1::flush(const ZebSmartPointer<ZebDataHash>&
 
 int ZebDataBlockWriteThread_Pattern1::insertFence(const ZebDataHash* hash)
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     const int fence = takeFenceId();
     moveToFences(hash);
     m_Requests.insert(s_FencePriority, new ZebDataBlockWriteRequest(fence));
@@ -111,7 +109,7 @@ int ZebDataBlockWriteThread_Pattern1::insertFence(const ZebDataHash* hash)
 
 bool ZebDataBlockWriteThread_Pattern1::collectFence(int fence)
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     if (!m_FencesReached.remove(fence))
         return false;
     m_FreeFenceIds.append(fence);
@@ -122,7 +120,7 @@ void ZebDataBlockWriteThread_Pattern1::flush()
 {
     for (;;) {
         {
-            const QReadLocker locker(&m_Lock);
+            const ZebReadLocker locker(&m_Lock);
             if (m_Requests.isEmpty() && m_RequestsInProgress.loadAcquire() == 0 &&
                 m_RequestsTaken == 0)
                 return;

@@ -2,10 +2,9 @@
 
 #include "io/ZebDataBlockCompressionThread.h"
 #include "io/ZebDataBlockWriteRequest.h"
-
-#include <QMutexLocker>
-#include <QReadLocker>
-#include <QWriteLocker>
+#include "support/ZebMutexLocker.h"
+#include "support/ZebReadLocker.h"
+#include "support/ZebWriteLocker.h"
 
 #include <algorithm>
 #include <memory>
@@ -15,7 +14,6 @@ namespace {
 constexpr int s_NoFence = -1;
 constexpr unsigned long s_EmptyListPauseMs = 10;
 constexpr int s_PermitWaitMs = 1;
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 } // namespace
 
@@ -48,7 +46,7 @@ void ZebDataBlockWriteThread_Pattern2::run()
     while (!exitAsked()) {
         idle();
         drain();
-        const QMutexLocker locker(&m_FlushMutex);
+        const ZebMutexLocker locker(&m_FlushMutex);
         m_FlushCondition.wakeAll();
     }
 }
@@ -69,7 +67,7 @@ bool ZebDataBlockWriteThread_Pattern2::isDrained()
 {
     if (m_RequestsInProgress.loadAcquire() != 0)
         return false;
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_Requests.isEmpty();
 }
 
@@ -88,8 +86,8 @@ bool ZebDataBlockWriteThread_Pattern2::writeNext()
         return true;
     }
     lowerBytesInQueue(request);
-    m_BytesWritten.fetch_add(written, s_Relaxed);
-    m_RequestsHandled.fetch_add(1, s_Relaxed);
+    m_BytesWritten.fetch_add(written, std::memory_order_relaxed);
+    m_RequestsHandled.fetch_add(1, std::memory_order_relaxed);
     m_RequestsInProgress.fetchAndAddOrdered(-1);
     endWrite(request);
     releaseTaken();
@@ -139,7 +137,7 @@ void ZebDataBlockWriteThread_Pattern2::passFence(int fence)
         QThread::yieldCurrentThread();
     }
     {
-        const QMutexLocker locker(&m_FenceMutex);
+        const ZebMutexLocker locker(&m_FenceMutex);
         m_FencesReached.insert(fence);
     }
     m_FenceCondition.wakeAll();
@@ -147,13 +145,13 @@ void ZebDataBlockWriteThread_Pattern2::passFence(int fence)
 
 void ZebDataBlockWriteThread_Pattern2::lowerBytesInQueue(ZebDataBlockWriteRequest* request)
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     m_BytesInQueue -= request->blockSize();
 }
 
 ZebDataBlockWriteRequest* ZebDataBlockWriteThread_Pattern2::popRequest()
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     if (m_Requests.isEmpty())
         return nullptr;
     ++m_RequestsTaken;
@@ -162,14 +160,14 @@ ZebDataBlockWriteRequest* ZebDataBlockWriteThread_Pattern2::popRequest()
 
 ZebDataBlockWriteRequest* ZebDataBlockWriteThread_Pattern2::popWrite()
 {
-    const QMutexLocker locker(&m_WriteQueueMutex);
+    const ZebMutexLocker locker(&m_WriteQueueMutex);
     return m_WriteQueue.isEmpty() ? nullptr : m_WriteQueue.dequeue();
 }
 
 void ZebDataBlockWriteThread_Pattern2::pushWrite(ZebDataBlockWriteRequest* request)
 {
     // No wake-up: the writer polls while a block is in progress.
-    const QMutexLocker locker(&m_WriteQueueMutex);
+    const ZebMutexLocker locker(&m_WriteQueueMutex);
     m_WriteQueue.enqueue(request);
 }
 
@@ -180,7 +178,7 @@ void ZebDataBlockWriteThread_Pattern2::pushCompression(ZebDataBlockWriteRequest*
     while (!ZebDataBlockCompressionThread::AvailableThreads.tryAcquire(1, s_PermitWaitMs))
         wakeWorkersAgain();
     {
-        const QMutexLocker locker(&m_CompressionQueueMutex);
+        const ZebMutexLocker locker(&m_CompressionQueueMutex);
         m_CompressionQueue.enqueue(request);
     }
     m_CompressionCondition.wakeOne();
@@ -189,7 +187,7 @@ void ZebDataBlockWriteThread_Pattern2::pushCompression(ZebDataBlockWriteRequest*
 void ZebDataBlockWriteThread_Pattern2::wakeWorkersAgain()
 {
     {
-        const QMutexLocker locker(&m_CompressionQueueMutex);
+        const ZebMutexLocker locker(&m_CompressionQueueMutex);
         if (m_CompressionQueue.isEmpty())
             return;
     }
@@ -202,13 +200,13 @@ void ZebDataBlockWriteThread_Pattern2::flush(const ZebSmartPointer<ZebDataHash>&
         return;
     int fence = s_NoFence;
     {
-        const QMutexLocker locker(&m_FenceMutex);
+        const ZebMutexLocker locker(&m_FenceMutex);
         fence = takeFenceId();
     }
-    QWriteLocker locker(&m_Lock);
+    ZebWriteLocker locker(&m_Lock);
     moveToFences(hash.data());
     auto request = std::make_unique<ZebDataBlockWriteRequest>(fence);
-    const QMutexLocker fenceLocker(&m_FenceMutex);
+    const ZebMutexLocker fenceLocker(&m_FenceMutex);
     m_Requests.insert(s_FencePriority, request.get());
     static_cast<void>(request.release());
     locker.unlock();
@@ -220,14 +218,14 @@ void ZebDataBlockWriteThread_Pattern2::flush(const ZebSmartPointer<ZebDataHash>&
 void ZebDataBlockWriteThread_Pattern2::flush()
 {
     for (;;) {
-        QReadLocker locker(&m_Lock);
-        QMutexLocker writeLocker(&m_WriteQueueMutex);
-        QMutexLocker compressionLocker(&m_CompressionQueueMutex);
+        ZebReadLocker locker(&m_Lock);
+        ZebMutexLocker writeLocker(&m_WriteQueueMutex);
+        ZebMutexLocker compressionLocker(&m_CompressionQueueMutex);
         if (m_RequestsInProgress.loadAcquire() < 1 && m_RequestsTaken == 0 &&
             m_Requests.isEmpty() && m_WriteQueue.isEmpty() && m_CompressionQueue.isEmpty())
             return;
         // Locked before the others are released, so that the wake-up is not missed.
-        const QMutexLocker flushLocker(&m_FlushMutex);
+        const ZebMutexLocker flushLocker(&m_FlushMutex);
         compressionLocker.unlock();
         writeLocker.unlock();
         locker.unlock();

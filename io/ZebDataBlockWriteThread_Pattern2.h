@@ -89,18 +89,18 @@ private:
     /// Subtracts the block of a request from bytesInQueue().
     void lowerBytesInQueue(ZebDataBlockWriteRequest* request);
 
-    // Guards m_WriteQueue. Separate from m_Lock, since workers take it.
-    QMutex m_WriteQueueMutex;
+    // Separate from m_Lock, since workers take it.
+    QMutex m_WriteQueueMutex ZEBTDX_ACQUIRED_AFTER(m_Lock);
 
     // Paired with m_FlushCondition; guards nothing.
-    QMutex m_FlushMutex;
+    QMutex m_FlushMutex ZEBTDX_ACQUIRED_AFTER(m_CompressionQueueMutex);
 
     // Guards the fences of the base class. flush() holds it from before a fence enters the list
     // until its wait begins, so that it cannot miss the fence.
-    QMutex m_FenceMutex;
+    QMutex m_FenceMutex ZEBTDX_ACQUIRED_AFTER(m_Lock);
 
-    // Guards m_CompressionQueue. Shared with the workers.
-    QMutex m_CompressionQueueMutex;
+    // Shared with the workers.
+    QMutex m_CompressionQueueMutex ZEBTDX_ACQUIRED_AFTER(m_WriteQueueMutex);
 
     // Woken whenever everything is written.
     QWaitCondition m_FlushCondition;
@@ -111,8 +111,8 @@ private:
     // Where the workers wait.
     QWaitCondition m_CompressionCondition;
 
-    QQueue<ZebDataBlockWriteRequest*> m_CompressionQueue;
-    QQueue<ZebDataBlockWriteRequest*> m_WriteQueue;
+    QQueue<ZebDataBlockWriteRequest*> m_CompressionQueue ZEBTDX_GUARDED_BY(m_CompressionQueueMutex);
+    QQueue<ZebDataBlockWriteRequest*> m_WriteQueue ZEBTDX_GUARDED_BY(m_WriteQueueMutex);
 
     // Owned.
     QVector<ZebDataBlockCompressionThread*> m_CompressionThreads;

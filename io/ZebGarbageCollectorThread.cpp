@@ -2,14 +2,14 @@
 
 #include "hash/ZebHashManager.h"
 #include "hash/ZebHashText.h"
+#include "support/ZebMutexLocker.h"
+#include "support/ZebReadLocker.h"
+#include "support/ZebWriteLocker.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QMutexLocker>
-#include <QReadLocker>
 #include <QScopeGuard>
-#include <QWriteLocker>
 
 #include <new>
 
@@ -18,8 +18,6 @@ namespace {
 constexpr unsigned long s_PollUs = 100000;
 constexpr qint64 s_PassIntervalMs = 60000;
 constexpr qint64 s_NoPassYet = -1;
-
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 } // namespace
 
@@ -38,14 +36,14 @@ ZebGarbageCollectorThread::~ZebGarbageCollectorThread() = default;
 
 void ZebGarbageCollectorThread::run()
 {
-    while (!m_Exit.load(s_Relaxed)) {
-        const qint64 sizeBefore = m_CacheSize.load(s_Relaxed);
+    while (!m_Exit.load(std::memory_order_relaxed)) {
+        const qint64 sizeBefore = m_CacheSize.load(std::memory_order_relaxed);
         try {
             collect(nullptr, nullptr);
         } catch (const std::bad_alloc&) {
             // A pass never fails; its lists grow with the tree.
         }
-        const qint64 size = m_CacheSize.load(s_Relaxed);
+        const qint64 size = m_CacheSize.load(std::memory_order_relaxed);
         if (size != sizeBefore)
             ZebDataBlockManager::instance().cacheSizeRecord(this, size);
         QThread::usleep(s_PollUs);
@@ -62,14 +60,14 @@ void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* r
     // collection is enabled.
     const QString subCache = manager.subCache();
     if (subCache.isEmpty()) {
-        m_CacheSize.store(0, s_Relaxed);
+        m_CacheSize.store(0, std::memory_order_relaxed);
         return;
     }
     if (isGateClosed())
         return;
     if (!manager.garbageCollectingThreadStarted()) {
         // Kept on purpose: the size is 0 while the collection is disabled, whatever files exist.
-        m_CacheSize.store(0, s_Relaxed);
+        m_CacheSize.store(0, std::memory_order_relaxed);
         return;
     }
     const auto end = qScopeGuard([this] { endPass(); });
@@ -81,10 +79,10 @@ void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* r
 
 bool ZebGarbageCollectorThread::isGateClosed() const
 {
-    if (m_LastBlocksFreedCount.load(s_Relaxed) !=
-        ZebDataBlockManager::instance().m_BlocksFreedCount.load(s_Relaxed))
+    if (m_LastBlocksFreedCount.load(std::memory_order_relaxed) !=
+        ZebDataBlockManager::instance().m_BlocksFreedCount.load(std::memory_order_relaxed))
         return false;
-    const QMutexLocker locker(&m_PassTimerMutex);
+    const ZebMutexLocker locker(&m_PassTimerMutex);
     return m_PassTimer.isValid() && m_PassTimer.elapsed() < s_PassIntervalMs;
 }
 
@@ -115,13 +113,13 @@ void ZebGarbageCollectorThread::sweep(const QStringList& files)
 {
     const ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     const ZebHashManager& registry = ZebHashManager::instance();
-    m_CacheSize.store(0, s_Relaxed);
+    m_CacheSize.store(0, std::memory_order_relaxed);
     for (const QString& path : files) {
         const QFileInfo file(path);
         // Checked just before the removal, so a reference taken since the walk keeps the file. A
         // queued request, a read or a write in progress holds one.
         if (registry.isHashLive(file.fileName())) {
-            m_CacheSize.fetch_add(file.size(), s_Relaxed);
+            m_CacheSize.fetch_add(file.size(), std::memory_order_relaxed);
             continue;
         }
         if (!manager.garbageCollecting())
@@ -135,9 +133,10 @@ void ZebGarbageCollectorThread::endPass()
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     // Kept on purpose: read at the end, so a block freed during the pass does not open the gate.
     // Its file may stay until another block is freed, or for a minute.
-    m_LastBlocksFreedCount.store(manager.m_BlocksFreedCount.load(s_Relaxed), s_Relaxed);
+    m_LastBlocksFreedCount.store(manager.m_BlocksFreedCount.load(std::memory_order_relaxed),
+                                 std::memory_order_relaxed);
     {
-        const QMutexLocker locker(&m_PassTimerMutex);
+        const ZebMutexLocker locker(&m_PassTimerMutex);
         m_PassTimer.start();
     }
     manager.garbageCollectingThreadFinished();
@@ -155,19 +154,19 @@ void ZebGarbageCollectorThread::closeDown()
 {
     // Kept on purpose: a read lock although this writes, so it only waits for setSubCache(). Both
     // fields are atomic.
-    const QReadLocker locker(&m_Lock);
-    m_Exit.store(true, s_Relaxed);
-    m_CacheSize.store(0, s_Relaxed);
+    const ZebReadLocker locker(&m_Lock);
+    m_Exit.store(true, std::memory_order_relaxed);
+    m_CacheSize.store(0, std::memory_order_relaxed);
 }
 
 void ZebGarbageCollectorThread::setSubCache(const QString& subCache)
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     m_SubCache = subCache;
 }
 
 QString ZebGarbageCollectorThread::subCache() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_SubCache;
 }

@@ -2,6 +2,7 @@
 
 #include "data/ZebDataReference.h"
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QElapsedTimer>
 #include <QMutex>
@@ -43,7 +44,8 @@ public:
     /// @param reporter receives each directory visited; null for no reports
     /// @param count the number of directories visited so far, which a report increments; null for
     ///        no reports
-    void collect(ZebDataBlockManager::ProgressReporter* reporter, int* count);
+    void collect(ZebDataBlockManager::ProgressReporter* reporter, int* count)
+        ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Removes the file if it exists. Ignores a failure.
     void deleteBlock(const QString& path);
@@ -77,8 +79,8 @@ private:
 
     const QString m_CacheRoot;
 
-    // Guards m_SubCache. closeDown() and collect() take it to wait for setSubCache(). Recursive.
-    mutable QReadWriteLock m_Lock;
+    // Recursive. closeDown() and collect() also take it, to wait for setSubCache().
+    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4;
 
     // Kept on purpose: unused, since the walk finds the buckets itself.
     [[maybe_unused]] const int m_BucketCount;
@@ -89,11 +91,10 @@ private:
     std::atomic<bool> m_Exit;
     std::atomic<qint64> m_CacheSize; // bytes of the live files that the last pass found
 
-    // Guards m_PassTimer, which is not atomic. A leaf lock.
-    mutable QMutex m_PassTimerMutex;
+    mutable QMutex m_PassTimerMutex; // a leaf lock
 
     // Started at the end of each pass; invalid before the first.
-    QElapsedTimer m_PassTimer;
+    QElapsedTimer m_PassTimer ZEBTDX_GUARDED_BY(m_PassTimerMutex);
 
-    QString m_SubCache;
+    QString m_SubCache ZEBTDX_GUARDED_BY(m_Lock);
 };

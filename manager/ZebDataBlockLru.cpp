@@ -1,7 +1,7 @@
 #include "manager/ZebDataBlockLru.h"
 
-#include <QReadLocker>
-#include <QWriteLocker>
+#include "support/ZebReadLocker.h"
+#include "support/ZebWriteLocker.h"
 
 #include <memory>
 
@@ -26,19 +26,19 @@ ZebDataBlockLru::~ZebDataBlockLru()
 
 bool ZebDataBlockLru::contains(ZebDataHash* hash) const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_Items.contains(hash);
 }
 
 int ZebDataBlockLru::count() const
 {
-    const QReadLocker locker(&m_Lock);
+    const ZebReadLocker locker(&m_Lock);
     return m_Items.size();
 }
 
 void ZebDataBlockLru::add(ZebDataHash* hash)
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     if (m_Items.contains(hash))
         return;
     auto node = std::make_unique<ZebDataBlockLruNode>(hash);
@@ -48,7 +48,7 @@ void ZebDataBlockLru::add(ZebDataHash* hash)
 
 void ZebDataBlockLru::touch(ZebDataHash* hash)
 {
-    const QWriteLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     ZebDataBlockLruNode* const node = m_Items.value(hash);
     if (node == nullptr || node == m_Newest)
         return;

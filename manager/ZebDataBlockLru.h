@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/ZebTdxExport.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QAtomicInt>
 #include <QHash>
@@ -46,36 +47,35 @@ public:
     int count() const;
 
     /// Adds the hash as the newest, unless it is listed. Takes the write lock.
-    void add(ZebDataHash* hash);
+    void add(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Makes a listed hash the newest; ignores any other. Takes the write lock.
-    void touch(ZebDataHash* hash);
+    void touch(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Removes a listed hash; ignores any other. The caller holds the write lock.
-    void remove(ZebDataHash* hash);
+    void remove(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock, m_Lock);
 
     /// Empties the list. The caller holds the write lock.
-    void clear();
+    void clear() ZEBTDX_REQUIRES(ZebDeleteLock, m_Lock);
 
     /// The next hash to evict, null when the list is empty. The caller holds at least the read
     /// lock.
-    ZebDataHash* oldest() const;
+    ZebDataHash* oldest() const ZEBTDX_REQUIRES_SHARED(m_Lock);
 
     /// The lock that guards the list, for the operations that require the caller to hold it.
-    QReadWriteLock& lock() const;
+    QReadWriteLock& lock() const ZEBTDX_RETURN_CAPABILITY(m_Lock);
 
 private:
     Q_DISABLE_COPY(ZebDataBlockLru)
 
-    void link(ZebDataBlockLruNode* node);
-    void unlink(ZebDataBlockLruNode* node);
+    void link(ZebDataBlockLruNode* node) ZEBTDX_REQUIRES(m_Lock);
+    void unlink(ZebDataBlockLruNode* node) ZEBTDX_REQUIRES(m_Lock);
 
-    QHash<ZebDataHash*, ZebDataBlockLruNode*> m_Items;
-    ZebDataBlockLruNode* m_Newest = nullptr;
-    ZebDataBlockLruNode* m_Oldest = nullptr;
-
-    // Guards all of the above.
-    mutable QReadWriteLock m_Lock;
+    // m_Lock also guards the nodes of the list.
+    QHash<ZebDataHash*, ZebDataBlockLruNode*> m_Items ZEBTDX_GUARDED_BY(m_Lock);
+    ZebDataBlockLruNode* m_Newest ZEBTDX_GUARDED_BY(m_Lock) ZEBTDX_PT_GUARDED_BY(m_Lock) = nullptr;
+    ZebDataBlockLruNode* m_Oldest ZEBTDX_GUARDED_BY(m_Lock) ZEBTDX_PT_GUARDED_BY(m_Lock) = nullptr;
+    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_5;
 };
 
 /// How many nodes exist, over all lists.

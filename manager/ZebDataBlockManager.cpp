@@ -6,14 +6,15 @@
 #include "data/ZebDataReference.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebSystemMemory.h"
+#include "support/ZebByteUnits.h"
 #include "support/ZebTdxLog.h"
 #include "support/ZebTdxMessage.h"
+#include "support/ZebWriteLocker.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QThreadPool>
-#include <QWriteLocker>
 
 #include <algorithm>
 #include <limits>
@@ -22,15 +23,14 @@ namespace {
 
 constexpr int s_DeleteLockLevel = 0;
 constexpr int s_DefaultBuckets = 10;
-constexpr qint64 s_BytesPerMegabyte = 1048576;
 constexpr qint64 s_MinWritePendingBytes = 1048576;
 constexpr qint64 s_NoBlocksFreed = -1;
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 void printSize(const char* format, qint64 bytes)
 {
-    ZebTdxMessage::debug(QString::asprintf(format, static_cast<long long>(bytes),
-                                           static_cast<long long>(bytes / s_BytesPerMegabyte)));
+    ZebTdxMessage::debug(
+        QString::asprintf(format, static_cast<long long>(bytes),
+                          static_cast<long long>(bytes / ZebByteUnits::s_BytesPerMiB)));
 }
 
 // Truncates toward zero; values out of range become the nearest 64-bit integer.
@@ -114,7 +114,7 @@ bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCac
         ZebTdxMessage::fatal(QStringLiteral("Setup called twice on DataBlock Manager"));
     if (!ZebSystemHasVirtualMemory())
         warnOfMissingVirtualMemory();
-    m_NumBuckets.store(numBuckets, s_Relaxed);
+    m_NumBuckets.store(numBuckets, std::memory_order_relaxed);
     if (maxDataCacheSize != -1)
         setMaxDataCacheSize(maxDataCacheSize);
     for (const QString& root : cacheRoots)
@@ -154,17 +154,17 @@ void ZebDataBlockManager::dropAllBlocks()
 {
     // Keeps other threads from half-cleared tables. A thread that drops a last reference meanwhile
     // breaks the contract of cleanUp(): it waits for this lock, and freeBlock() then aborts.
-    const ZebTdxMutexLocker deleteLocker(&m_DeleteMutex);
+    const ZebTdxMutexLocker deleteLocker(&deleteMutex());
     // A copy of the table: it shares its data, and deleting a block changes no table.
     const QHash<ZebDataHash*, ZebDataBlock*> blocks = m_HashToBlockMap;
     qDeleteAll(blocks);
-    m_MaxDataCacheSize.store(0, s_Relaxed);
-    m_LiveBytes.store(0, s_Relaxed);
-    m_NumBuckets.store(0, s_Relaxed);
-    m_BlocksFreedCount.store(s_NoBlocksFreed, s_Relaxed);
+    m_MaxDataCacheSize.store(0, std::memory_order_relaxed);
+    m_LiveBytes.store(0, std::memory_order_relaxed);
+    m_NumBuckets.store(0, std::memory_order_relaxed);
+    m_BlocksFreedCount.store(s_NoBlocksFreed, std::memory_order_relaxed);
     m_CacheRoots.clear();
     {
-        const QWriteLocker locker(&m_Lru.lock());
+        const ZebWriteLocker locker(&m_Lru.lock());
         m_Lru.clear();
     }
     m_SubCache.clear();
@@ -190,28 +190,28 @@ QStringList ZebDataBlockManager::cacheRoots() const
 
 int ZebDataBlockManager::numBuckets() const
 {
-    return m_NumBuckets.load(s_Relaxed);
+    return m_NumBuckets.load(std::memory_order_relaxed);
 }
 
 qint64 ZebDataBlockManager::maxDataCacheSize() const
 {
-    return m_MaxDataCacheSize.load(s_Relaxed);
+    return m_MaxDataCacheSize.load(std::memory_order_relaxed);
 }
 
 void ZebDataBlockManager::setMaxDataCacheSize(qint64 size)
 {
-    m_MaxDataCacheSize.store(size, s_Relaxed);
+    m_MaxDataCacheSize.store(size, std::memory_order_relaxed);
     calcMaxWritePendingDataCacheSize();
 }
 
 float ZebDataBlockManager::maxWritePendingSizeFactor() const
 {
-    return m_MaxWritePendingSizeFactor.load(s_Relaxed);
+    return m_MaxWritePendingSizeFactor.load(std::memory_order_relaxed);
 }
 
 void ZebDataBlockManager::setMaxWritePendingSizeFactor(float factor)
 {
-    m_MaxWritePendingSizeFactor.store(factor, s_Relaxed);
+    m_MaxWritePendingSizeFactor.store(factor, std::memory_order_relaxed);
     calcMaxWritePendingDataCacheSize();
 }
 
@@ -221,19 +221,19 @@ void ZebDataBlockManager::calcMaxWritePendingDataCacheSize()
     // Kept on purpose: single precision, so a limit above 16 MiB is rounded to 24 bits.
     const float product = static_cast<float>(limit) * maxWritePendingSizeFactor();
     const qint64 pending = std::max(s_MinWritePendingBytes, std::min(limit, truncated(product)));
-    m_MaxWritePendingDataCacheSize.store(pending, s_Relaxed);
+    m_MaxWritePendingDataCacheSize.store(pending, std::memory_order_relaxed);
     printSize("[TDX] Max data cache size    = %lld bytes (%lld MB)", limit);
     printSize("[TDX] Max write pending size = %lld bytes (%lld MB)", pending);
 }
 
 qint64 ZebDataBlockManager::targetFreeMemorySize() const
 {
-    return m_TargetFreeMemorySize.load(s_Relaxed);
+    return m_TargetFreeMemorySize.load(std::memory_order_relaxed);
 }
 
 void ZebDataBlockManager::setTargetFreeMemorySize(qint64 size)
 {
-    m_TargetFreeMemorySize.store(size, s_Relaxed);
+    m_TargetFreeMemorySize.store(size, std::memory_order_relaxed);
     printSize("[TDX] Target Free Memory = %lld bytes (%lld MB)", size);
 }
 
@@ -254,23 +254,23 @@ qint64 ZebDataBlockManager::defaultTargetFreeMemorySize() const
 
 bool ZebDataBlockManager::allFreeBlocksFlushed()
 {
-    return m_AllFreeBlocksFlushed.load(s_Relaxed);
+    return m_AllFreeBlocksFlushed.load(std::memory_order_relaxed);
 }
 
 void ZebDataBlockManager::setAllFreeBlocksFlushed(bool flushed)
 {
-    if (m_AllFreeBlocksFlushed.load(s_Relaxed) == flushed)
+    if (m_AllFreeBlocksFlushed.load(std::memory_order_relaxed) == flushed)
         return;
-    m_AllFreeBlocksFlushed.store(flushed, s_Relaxed);
+    m_AllFreeBlocksFlushed.store(flushed, std::memory_order_relaxed);
     Q_EMIT allFreeBlocksFlushedChanged(flushed);
 }
 
 void ZebDataBlockManager::lockDeletes()
 {
-    m_DeleteMutex.lock();
+    deleteMutex().lock();
 }
 
 void ZebDataBlockManager::unlockDeletes()
 {
-    m_DeleteMutex.unlock();
+    deleteMutex().unlock();
 }

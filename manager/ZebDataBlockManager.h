@@ -5,6 +5,7 @@
 #include "manager/ZebDataBlockLru.h"
 #include "support/ZebTdxExport.h"
 #include "support/ZebTdxMutex.h"
+#include "support/ZebThreadSafety.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -103,7 +104,7 @@ public:
     ///
     /// @param processEvents whether to process the application's pending events before the last
     ///        wait
-    void cleanUp(bool processEvents = false);
+    void cleanUp(bool processEvents = false) ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Whether setup() has completed and cleanUp() has not run since.
     bool isInitialized() const;
@@ -156,7 +157,7 @@ public:
 
     /// The size of the block in bytes, 0 when it cannot be loaded. Takes the delete lock and
     /// releases it during a load, so the caller must not hold it.
-    qint64 blockSize(ZebDataHash* hash);
+    qint64 blockSize(ZebDataHash* hash) ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Whether the block is resident; true for a null hash. Counts as a use of the block. Takes the
     /// delete lock.
@@ -227,7 +228,7 @@ public:
 
     /// Evicts every block. Uncached blocks are lost with that. No accessor may be open. Waits for
     /// the disk threads before and after, so the caller must not hold the delete lock.
-    void freeAllBlocks();
+    void freeAllBlocks() ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// The host's brake: sleeps, a second at a time, while isWriteThreadsFull(). Admission itself
     /// never waits for the disk. Takes no lock of the manager.
@@ -240,13 +241,14 @@ public:
     ///
     /// @param writeUnwritten whether to queue every resident block without a file first
     /// @param threads which kinds of threads to wait for; collectors are never waited for
-    void flush(bool writeUnwritten = false, ThreadType threads = AllThreads);
+    void flush(bool writeUnwritten = false, ThreadType threads = AllThreads)
+        ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Waits until every writer has passed a fence after the writes of this hash.
-    void flushWrite(const ZebSmartPointer<ZebDataHash>& hash);
+    void flushWrite(const ZebSmartPointer<ZebDataHash>& hash) ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Whether the reference's block is resident with a write in flight. Waits for its job.
-    bool isBlockBeingWritten(const ZebDataReference& reference);
+    bool isBlockBeingWritten(const ZebDataReference& reference) ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Whether the writers' queues contain as many bytes as may wait for writing. Takes no lock of
     /// the manager.
@@ -278,7 +280,7 @@ public:
     /// Setting the current name again only prints "Subcache Set to %1 twice" to standard output.
     /// Does nothing while the collection is enabled. A new name needs the store set up. Waits for
     /// the disk threads, then takes the delete lock; the caller must not hold it.
-    void setSubCache(const QString& name);
+    void setSubCache(const QString& name) ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// The current sub-cache, empty after setup(). Takes the delete lock.
     QString subCache() const;
@@ -319,14 +321,14 @@ public:
     /// preloads, whose hashes stay marked as preloading. Only logs "[TDX] Stop garbage collection
     /// blocked by env" when the environment variable exists. Waits with the delete lock held; the
     /// caller must not hold it.
-    void stopGarbageCollection();
+    void stopGarbageCollection() ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Makes a pass over each root on this thread, if one is due: see
     /// ZebGarbageCollectorThread::collect(). Does not report the sizes found. The caller must not
     /// hold the delete lock.
     ///
     /// @param reporter may be null; is started and finished even when no pass is due
-    void collectGarbage(ProgressReporter* reporter);
+    void collectGarbage(ProgressReporter* reporter) ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// Whether the collection is enabled. Takes no lock.
     bool garbageCollecting() const;
@@ -410,7 +412,7 @@ protected:
     /// The block of `hash`, loaded if it is not resident; null when it cannot be loaded. The caller
     /// holds the delete lock exactly once; a load releases it. The block stays while the caller
     /// holds that lock or an accessor pins it.
-    ZebDataBlock* getDataBlock(ZebDataHash* hash);
+    ZebDataBlock* getDataBlock(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Pins a block for its first accessor: takes it off the LRU. Fatal when it is not listed
     /// there: "Hash %1 is Not Contained in the LRU". Takes the delete lock. Does nothing for an
@@ -444,8 +446,13 @@ protected:
 private:
     Q_DISABLE_COPY(ZebDataBlockManager)
 
-    void lockDeletes();
-    void unlockDeletes();
+    /// The delete lock, by the name that the thread-safety analysis has for it.
+    ZebTdxMutex& deleteMutex() const ZEBTDX_RETURN_CAPABILITY(ZebDeleteLock)
+    {
+        return m_DeleteMutex;
+    }
+    void lockDeletes() ZEBTDX_ACQUIRE(ZebDeleteLock);
+    void unlockDeletes() ZEBTDX_RELEASE(ZebDeleteLock);
     void requireInitialized() const;
     void calcMaxWritePendingDataCacheSize();
 
@@ -457,18 +464,19 @@ private:
     ///        update the host's flag
     bool managePhysicalMemoryUse(quint64 size, bool write);
 
-    /// The eviction of managePhysicalMemoryUse(), with the delete lock held. Returns the number of
-    /// evicted blocks.
-    int evict(quint64 size, quint64 free, bool write);
+    /// The eviction of managePhysicalMemoryUse(). Returns the number of evicted blocks.
+    int evict(quint64 size, quint64 free, bool write) ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Hands a block that eviction has removed from the tables to its writer, or leaves it to the
     /// write in flight. Returns false when the caller must delete it. The caller holds the delete
     /// lock by `locker`, which this may unlock.
-    bool handOffToWriter(ZebDataHash* hash, ZebDataBlock* block, ZebTdxMutexLocker& locker);
+    bool handOffToWriter(ZebDataHash* hash, ZebDataBlock* block, ZebTdxMutexLocker& locker)
+        ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Loads the block through the reader of the root `index`, with the delete lock released by one
     /// level meanwhile. The caller owns the block; null when it cannot be loaded.
-    ZebDataBlock* loadWithDeletesOpen(const ZebSmartPointer<ZebDataHash>& hash, int index);
+    ZebDataBlock* loadWithDeletesOpen(const ZebSmartPointer<ZebDataHash>& hash, int index)
+        ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// The disk threads of the root `index`, which belongs to `hash`. Fatal like cacheIndex() when
     /// cleanUp() has already ended them.
@@ -482,14 +490,14 @@ private:
     /// @param deleteBlock whether the request takes ownership of the block, which is out of the
     ///        tables then; unlocks `locker` before the block enters the queue
     bool queueWrite(ZebDataHash* hash, ZebDataBlock* block, bool deleteBlock,
-                    ZebTdxMutexLocker& locker);
+                    ZebTdxMutexLocker& locker) ZEBTDX_REQUIRES(ZebDeleteLock);
 
     qint64 bytesInWriteQueues() const;
     void startIoThreads(const QString& root, int compressionThreads);
     ZebDataBlockWriteThread* makeWriter(const QString& root, int compressionThreads);
 
-    /// Ends collectors, readers, writers, in this order. The caller must not hold the delete lock.
-    void stopAllIoThreads();
+    /// Ends collectors, readers, writers, in this order.
+    void stopAllIoThreads() ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// The index of the cache root for a hash's text form. Fatal, in this order: no roots ("Number
     /// of cache paths is zero"), less than 4 characters ("Hash String is too Short %1"), a store
@@ -515,14 +523,15 @@ private:
     /// Creates the root if it is missing, or ends the process.
     static void requireCacheRoot(const QString& root);
 
-    /// The common end of both forms of addBlock(). The caller holds the delete lock.
+    /// Makes `block` resident under its hash and returns the reference. Takes ownership of the
+    /// block. Takes the delete lock twice, so callers that must not release it in between hold it.
     ZebDataReference admit(const ZebSmartPointer<ZebDataHash>& hash, ZebDataBlock* block);
 
     // Fields marked (a) are relaxed atomics: written under the delete lock or by the controlling
     // thread, read by any thread without a lock. Their values need no order between them.
 
-    // Every resident block by its interned hash. Owns the blocks. Guarded by the delete lock.
-    QHash<ZebDataHash*, ZebDataBlock*> m_HashToBlockMap;
+    // Every resident block by its interned hash. Owns the blocks.
+    QHash<ZebDataHash*, ZebDataBlock*> m_HashToBlockMap ZEBTDX_GUARDED_BY(ZebDeleteLock);
 
     // The resident blocks that may be evicted. Changed under the delete lock and its own lock.
     ZebDataBlockLru m_Lru;
@@ -539,15 +548,15 @@ private:
     std::atomic<qint64> m_LiveBytes;                    // (a) sizes of m_HashToBlockMap
     std::atomic<int> m_NumBuckets;                      // (a)
 
-    // Guards m_GarbageCollecting, m_GarbageCollectorsRunning and m_GarbageCollectionChanges. A leaf
-    // lock, taken inside the delete lock.
-    QMutex m_GarbageCollectionMutex;
+    // A leaf lock, taken inside the delete lock. Also held to change m_GarbageCollecting.
+    QMutex m_GarbageCollectionMutex ZEBTDX_ACQUIRED_AFTER(ZebDeleteLock);
     QWaitCondition m_GarbageCollectionDone; // woken when the last pass ends with the collection off
     std::atomic<bool> m_GarbageCollecting;  // also read without the lock
-    int m_GarbageCollectorsRunning;         // passes inside their bracket
+    int m_GarbageCollectorsRunning          // passes inside their bracket
+        ZEBTDX_GUARDED_BY(m_GarbageCollectionMutex);
 
-    // Each disk thread has a copy of this name. Guarded by the delete lock.
-    QString m_SubCache;
+    // Each disk thread has a copy of this name.
+    QString m_SubCache ZEBTDX_GUARDED_BY(ZebDeleteLock);
     std::atomic<bool> m_Initialized; // acquire and release: orders what setup() has written
     std::atomic<bool> m_RequestPromotionEnabled; // (a)
 
@@ -555,16 +564,16 @@ private:
     QVector<ZebDataBlockWriteThread*> m_WriteThreads;
     QVector<ZebGarbageCollectorThread*> m_GarbageCollectors;
 
-    // The size in bytes that each collector reported last. Guarded by m_CacheSizeMutex.
-    QMap<ZebGarbageCollectorThread*, qint64> m_CacheSizeRecords;
+    // The size in bytes that each collector reported last.
+    QMap<ZebGarbageCollectorThread*, qint64> m_CacheSizeRecords ZEBTDX_GUARDED_BY(m_CacheSizeMutex);
 
     // The delete lock, level 1, recursive: guards the tables of blocks and all changes of the LRU.
     // While a thread holds it, no other thread removes a resident block.
     mutable ZebTdxMutex m_DeleteMutex;
 
-    // Guards m_CacheSizeRecords. Taken inside the delete lock. Recursive: slots of
-    // cacheSizeUpdate() run with it held and may ask for the size.
-    mutable QMutex m_CacheSizeMutex;
+    // Taken inside the delete lock. Recursive: slots of cacheSizeUpdate() run with it held and may
+    // ask for the size.
+    mutable QMutex m_CacheSizeMutex ZEBTDX_ACQUIRED_AFTER(ZebDeleteLock);
 
     // Kept on purpose: part of the layout of the class; no operation takes it.
     QReadWriteLock m_StateLock;
@@ -572,10 +581,10 @@ private:
     std::atomic<bool> m_AllFreeBlocksFlushed; // (a)
 
     // Blocks with a write in flight, and those of them that eviction has removed from the tables:
-    // they are deleted when their write ends. Guarded by the delete lock.
-    QSet<ZebDataBlock*> m_BlocksBeingWritten;
-    QSet<ZebDataBlock*> m_BlocksToFreeAfterWriting;
+    // they are deleted when their write ends.
+    QSet<ZebDataBlock*> m_BlocksBeingWritten ZEBTDX_GUARDED_BY(ZebDeleteLock);
+    QSet<ZebDataBlock*> m_BlocksToFreeAfterWriting ZEBTDX_GUARDED_BY(ZebDeleteLock);
 
     // Kept on purpose: counts each switch of the collection, and nothing reads it.
-    int m_GarbageCollectionChanges;
+    int m_GarbageCollectionChanges ZEBTDX_GUARDED_BY(m_GarbageCollectionMutex);
 };

@@ -35,7 +35,7 @@ void requireSize(qint64 size)
 
 void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
 {
-    ZebTdxMutexLocker locker(&m_DeleteMutex);
+    ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     if (block == nullptr)
         ZebTdxMessage::fatal(QStringLiteral("Null Value Passed For *Me"));
@@ -81,13 +81,13 @@ ZebDataReference ZebDataBlockManager::addBlock(const QByteArray& data,
 {
     requireInitialized();
     if (caching == ZebModifyAccessor::DontCache) {
-        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        const ZebTdxMutexLocker locker(&deleteMutex());
         auto block = std::make_unique<ZebDataBlock>(data);
         const ZebSmartPointer<ZebDataHash> hash = freshIdentity();
         return admit(hash, block.release());
     }
     if (immediate) {
-        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        const ZebTdxMutexLocker locker(&deleteMutex());
         const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(data);
         return admit(hash, new ZebDataBlock(data));
     }
@@ -102,12 +102,12 @@ ZebDataReference ZebDataBlockManager::addBlock(ZebDataBlock* block,
         return {};
     std::unique_ptr<ZebDataBlock> owned(block);
     if (caching == ZebModifyAccessor::DontCache) {
-        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        const ZebTdxMutexLocker locker(&deleteMutex());
         const ZebSmartPointer<ZebDataHash> hash = freshIdentity();
         return admit(hash, owned.release());
     }
     if (immediate) {
-        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        const ZebTdxMutexLocker locker(&deleteMutex());
         const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(block->m_Data);
         return admit(hash, owned.release());
     }
@@ -116,7 +116,7 @@ ZebDataReference ZebDataBlockManager::addBlock(ZebDataBlock* block,
 
 ZebDataReference ZebDataBlockManager::getReference(ZebDataHash* hash)
 {
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     return ZebDataReference(ZebSmartPointer<ZebDataHash>(hash));
 }

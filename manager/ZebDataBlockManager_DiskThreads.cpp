@@ -7,9 +7,9 @@
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "io/ZebGarbageCollectorThread.h"
+#include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
 
-#include <QMutexLocker>
 #include <QThread>
 
 namespace {
@@ -66,7 +66,7 @@ void ZebDataBlockManager::stopAllIoThreads()
         writer->closeDown();
         writer->wait();
     }
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     qDeleteAll(m_GarbageCollectors);
     m_GarbageCollectors.clear();
     qDeleteAll(m_ReadThreads);
@@ -74,7 +74,7 @@ void ZebDataBlockManager::stopAllIoThreads()
     qDeleteAll(m_WriteThreads);
     m_WriteThreads.clear();
     {
-        const QMutexLocker sizeLocker(&m_CacheSizeMutex);
+        const ZebMutexLocker sizeLocker(&m_CacheSizeMutex);
         m_CacheSizeRecords = QMap<ZebGarbageCollectorThread*, qint64>();
     }
     Q_EMIT cacheSizeUpdate(0);
@@ -112,7 +112,7 @@ void ZebDataBlockManager::flush(bool writeUnwritten, ThreadType threads)
     waitForThreads();
     if (writeUnwritten) {
         {
-            ZebTdxMutexLocker locker(&m_DeleteMutex);
+            ZebTdxMutexLocker locker(&deleteMutex());
             for (auto entry = m_HashToBlockMap.constBegin(); entry != m_HashToBlockMap.constEnd();
                  ++entry) {
                 // Kept on purpose: unreachable, since makeBlockLive() refuses a null hash.

@@ -5,16 +5,13 @@
 #include "data/ZebDataBlock.h"
 #include "hash/ZebDataHash.h"
 #include "manager/ZebSystemMemory.h"
+#include "support/ZebReadLocker.h"
 #include "support/ZebTdxMessage.h"
-
-#include <QReadLocker>
-#include <QWriteLocker>
+#include "support/ZebWriteLocker.h"
 
 #include <atomic>
 
 namespace {
-
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
 
 // Free memory is measured about once for this many bytes requested.
 constexpr qint32 s_MeasureIntervalBytes = 134217728;
@@ -51,8 +48,8 @@ std::atomic<quint64>& freePhysicalMemory()
 bool countRequest(quint64 size)
 {
     const auto low = static_cast<quint32>(size);
-    const qint32 before =
-        ProcessWide::s_RequestedBytes.fetch_add(static_cast<qint32>(low), s_Relaxed);
+    const qint32 before = ProcessWide::s_RequestedBytes.fetch_add(static_cast<qint32>(low),
+                                                                  std::memory_order_relaxed);
     const auto after = static_cast<qint32>(static_cast<quint32>(before) + low);
     return size >= static_cast<quint64>(s_MeasureIntervalBytes) ||
            before / s_MeasureIntervalBytes != after / s_MeasureIntervalBytes;
@@ -67,20 +64,21 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
     const auto target = static_cast<quint64>(targetFreeMemorySize());
     if (!measure &&
         static_cast<quint64>(liveBytes()) + size < static_cast<quint64>(maxDataCacheSize()) &&
-        measured.load(s_Relaxed) > target + size) {
+        measured.load(std::memory_order_relaxed) > target + size) {
         if (allFreeBlocksFlushed()) {
-            const ZebTdxMutexLocker locker(&m_DeleteMutex);
+            const ZebTdxMutexLocker locker(&deleteMutex());
             if (m_Lru.count() > s_FlushedFlagBlocks)
                 setAllFreeBlocksFlushed(false);
         }
         return false;
     }
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     if (measure && write)
-        measured.store(static_cast<quint64>(ZebGetFreePhysicalMemoryBytes()), s_Relaxed);
-    const int freed = evict(size, measured.load(s_Relaxed), write);
+        measured.store(static_cast<quint64>(ZebGetFreePhysicalMemoryBytes()),
+                       std::memory_order_relaxed);
+    const int freed = evict(size, measured.load(std::memory_order_relaxed), write);
     if (freed > 0) {
-        ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, s_Relaxed);
+        ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, std::memory_order_relaxed);
         if (write && m_Lru.count() == 0)
             setAllFreeBlocksFlushed(true);
         return true;
@@ -102,7 +100,7 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
         const qint64 liveBefore = liveBytes();
         ZebDataHash* hash = nullptr;
         {
-            const QReadLocker lruLocker(&m_Lru.lock());
+            const ZebReadLocker lruLocker(&m_Lru.lock());
             hash = m_Lru.oldest();
         }
         if (hash == nullptr)
@@ -113,7 +111,7 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
             continue;
         }
         {
-            const QWriteLocker lruLocker(&m_Lru.lock());
+            const ZebWriteLocker lruLocker(&m_Lru.lock());
             m_Lru.remove(hash);
         }
         freeBlock(hash, write, true);
@@ -128,26 +126,23 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
     // References may outlive the store, and their last release calls this.
     if (!isInitialized())
         return;
-    ZebTdxMutexLocker locker(&m_DeleteMutex);
-    {
-        const ZebTdxMutexLocker lookupLocker(&m_DeleteMutex);
-        requireInitialized();
-        if (!m_HashToBlockMap.contains(hash)) {
-            if (hashLocked)
-                hash->unlock();
-            return;
-        }
-        if (!blockIsLocked(hash))
-            blockUsed(hash);
+    ZebTdxMutexLocker locker(&deleteMutex());
+    requireInitialized();
+    if (!m_HashToBlockMap.contains(hash)) {
+        if (hashLocked)
+            hash->unlock();
+        return;
     }
+    if (!blockIsLocked(hash))
+        blockUsed(hash);
     ZebDataBlock* const block = m_HashToBlockMap.value(hash);
-    m_LiveBytes.fetch_sub(block->size(), s_Relaxed);
+    m_LiveBytes.fetch_sub(block->size(), std::memory_order_relaxed);
     m_HashToBlockMap.remove(hash);
     {
-        const QWriteLocker lruLocker(&m_Lru.lock());
+        const ZebWriteLocker lruLocker(&m_Lru.lock());
         m_Lru.remove(hash);
     }
-    m_BlocksFreedCount.fetch_add(1, s_Relaxed);
+    m_BlocksFreedCount.fetch_add(1, std::memory_order_relaxed);
     if (hashLocked)
         hash->unlock();
     if (write && !hash->isDontCache() && handOffToWriter(hash, block, locker))
@@ -159,7 +154,7 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
 bool ZebDataBlockManager::flushMemory(bool force)
 {
     if (force)
-        ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, s_Relaxed);
+        ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, std::memory_order_relaxed);
     return managePhysicalMemoryUse(s_FlushMemoryBytes, true);
 }
 
@@ -172,13 +167,13 @@ void ZebDataBlockManager::freeAllBlocks()
 {
     flush(false, AllThreads);
     {
-        const ZebTdxMutexLocker locker(&m_DeleteMutex);
+        const ZebTdxMutexLocker locker(&deleteMutex());
         requireInitialized();
         const QHash<ZebDataHash*, ZebDataBlock*> blocks = m_HashToBlockMap;
         for (auto block = blocks.constBegin(); block != blocks.constEnd(); ++block)
             freeBlock(block.key(), true, false);
         m_HashToBlockMap.clear();
-        const QWriteLocker lruLocker(&m_Lru.lock());
+        const ZebWriteLocker lruLocker(&m_Lru.lock());
         m_Lru.clear();
     }
     flush(false, AllThreads);

@@ -5,22 +5,14 @@
 
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebGarbageCollectorThread.h"
+#include "support/ZebCountUp.h"
+#include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
-
-#include <QMutexLocker>
 
 #include <atomic>
 #include <numeric>
 
 namespace {
-
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
-
-// Wraps around instead of overflowing.
-void countUp(int& counter)
-{
-    counter = static_cast<int>(static_cast<unsigned>(counter) + 1U);
-}
 
 // Read on each call, so a host may set it at any time.
 bool isBlockedByEnvironment()
@@ -38,11 +30,11 @@ void ZebDataBlockManager::startGarbageCollection()
         ZebTdxMessage::debug(QStringLiteral("[TDX] Start garbage collection blocked by env"));
         return;
     }
-    const ZebTdxMutexLocker deleteLocker(&m_DeleteMutex);
+    const ZebTdxMutexLocker deleteLocker(&deleteMutex());
     requireInitialized();
-    const QMutexLocker locker(&m_GarbageCollectionMutex);
-    m_GarbageCollecting.store(true, s_Relaxed);
-    countUp(m_GarbageCollectionChanges);
+    const ZebMutexLocker locker(&m_GarbageCollectionMutex);
+    m_GarbageCollecting.store(true, std::memory_order_relaxed);
+    ZebCountUp(m_GarbageCollectionChanges);
 }
 
 void ZebDataBlockManager::stopGarbageCollection()
@@ -57,11 +49,11 @@ void ZebDataBlockManager::stopGarbageCollection()
     for (ZebDataBlockReadThread* const reader : qAsConst(m_ReadThreads))
         reader->killRequests();
     flush(false, GarbageCollectorThreads);
-    const ZebTdxMutexLocker deleteLocker(&m_DeleteMutex);
+    const ZebTdxMutexLocker deleteLocker(&deleteMutex());
     requireInitialized();
-    const QMutexLocker locker(&m_GarbageCollectionMutex);
-    m_GarbageCollecting.store(false, s_Relaxed);
-    countUp(m_GarbageCollectionChanges);
+    const ZebMutexLocker locker(&m_GarbageCollectionMutex);
+    m_GarbageCollecting.store(false, std::memory_order_relaxed);
+    ZebCountUp(m_GarbageCollectionChanges);
     // Safe with the delete lock held: no pass takes it inside its bracket.
     while (m_GarbageCollectorsRunning != 0)
         m_GarbageCollectionDone.wait(&m_GarbageCollectionMutex);
@@ -69,12 +61,12 @@ void ZebDataBlockManager::stopGarbageCollection()
 
 bool ZebDataBlockManager::garbageCollecting() const
 {
-    return m_GarbageCollecting.load(s_Relaxed);
+    return m_GarbageCollecting.load(std::memory_order_relaxed);
 }
 
 bool ZebDataBlockManager::garbageCollectingThreadStarted()
 {
-    const QMutexLocker locker(&m_GarbageCollectionMutex);
+    const ZebMutexLocker locker(&m_GarbageCollectionMutex);
     if (!garbageCollecting())
         return false;
     ++m_GarbageCollectorsRunning;
@@ -83,7 +75,7 @@ bool ZebDataBlockManager::garbageCollectingThreadStarted()
 
 void ZebDataBlockManager::garbageCollectingThreadFinished()
 {
-    const QMutexLocker locker(&m_GarbageCollectionMutex);
+    const ZebMutexLocker locker(&m_GarbageCollectionMutex);
     --m_GarbageCollectorsRunning;
     if (m_GarbageCollectorsRunning == 0 && !garbageCollecting())
         m_GarbageCollectionDone.wakeOne();
@@ -106,7 +98,7 @@ void ZebDataBlockManager::collectGarbage(ProgressReporter* reporter)
 
 void ZebDataBlockManager::cacheSizeRecord(ZebGarbageCollectorThread* thread, qint64 size)
 {
-    const QMutexLocker locker(&m_CacheSizeMutex);
+    const ZebMutexLocker locker(&m_CacheSizeMutex);
     m_CacheSizeRecords.insert(thread, size);
     // Kept on purpose: emitted with the mutex held, so slots see the reports in order.
     Q_EMIT cacheSizeUpdate(currentCacheSizeInBytes());
@@ -114,6 +106,6 @@ void ZebDataBlockManager::cacheSizeRecord(ZebGarbageCollectorThread* thread, qin
 
 qint64 ZebDataBlockManager::currentCacheSizeInBytes() const
 {
-    const QMutexLocker locker(&m_CacheSizeMutex);
+    const ZebMutexLocker locker(&m_CacheSizeMutex);
     return std::accumulate(m_CacheSizeRecords.cbegin(), m_CacheSizeRecords.cend(), qint64(0));
 }

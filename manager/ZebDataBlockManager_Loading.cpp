@@ -10,12 +10,6 @@
 
 #include <QFuture>
 
-namespace {
-
-constexpr std::memory_order s_Relaxed = std::memory_order_relaxed;
-
-} // namespace
-
 ZebDataBlock* ZebDataBlockManager::getDataBlock(ZebDataHash* hash)
 {
     requireInitialized();
@@ -41,16 +35,19 @@ ZebDataBlock* ZebDataBlockManager::loadWithDeletesOpen(const ZebSmartPointer<Zeb
 {
     // Releases one level of the delete lock, so that writers, eviction and other loads can proceed.
     // Every caller holds it exactly once, so this frees it.
-    struct Opening
+    struct ZEBTDX_SCOPED_CAPABILITY Opening
     {
-        explicit Opening(ZebTdxMutex& mutex) : m_Mutex(mutex) { m_Mutex.unlock(); }
-        ~Opening() { m_Mutex.lock(); }
+        explicit Opening(ZebTdxMutex& mutex) ZEBTDX_RELEASE(mutex) : m_Mutex(mutex)
+        {
+            mutex.unlock();
+        }
+        ~Opening() ZEBTDX_RELEASE() { m_Mutex.lock(); }
         Opening(const Opening&) = delete;
         Opening& operator=(const Opening&) = delete;
         ZebTdxMutex& m_Mutex;
     };
     ZebDataBlockReadThread* const reader = readerOf(index, hash.data());
-    const Opening opening(m_DeleteMutex);
+    const Opening opening(deleteMutex());
     QFuture<ZebDataBlock*> future = reader->loadBlock(hash, false);
     future.waitForFinished();
     return future.resultCount() == 0 ? nullptr : future.result();
@@ -58,7 +55,7 @@ ZebDataBlock* ZebDataBlockManager::loadWithDeletesOpen(const ZebSmartPointer<Zeb
 
 qint64 ZebDataBlockManager::blockSize(ZebDataHash* hash)
 {
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     const ZebDataBlock* const block = getDataBlock(hash);
     return block == nullptr ? 0 : block->size();
 }
@@ -69,7 +66,7 @@ void ZebDataBlockManager::preloadData(const ZebDataReference& reference, Preload
         return;
     // Before any lock: the job needs the delete lock.
     reference.checkAndWaitJob();
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     ZebDataHash* const hash = reference.m_DataHash.data();
     if (m_HashToBlockMap.contains(hash)) {
@@ -89,13 +86,13 @@ void ZebDataBlockManager::setRequestPromotionEnabled(bool enabled)
         return;
     ZebTdxMessage::debug(QString::asprintf("ZebTDx Setting Request Promotion Enabled to %s %d",
                                            enabled ? "TRUE" : "FALSE", enabled ? 1 : 0));
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     for (ZebDataBlockReadThread* const reader : qAsConst(m_ReadThreads))
         reader->setRequestPromotionEnabled(enabled);
-    m_RequestPromotionEnabled.store(enabled, s_Relaxed);
+    m_RequestPromotionEnabled.store(enabled, std::memory_order_relaxed);
 }
 
 bool ZebDataBlockManager::requestPromotionEnabled() const
 {
-    return m_RequestPromotionEnabled.load(s_Relaxed);
+    return m_RequestPromotionEnabled.load(std::memory_order_relaxed);
 }

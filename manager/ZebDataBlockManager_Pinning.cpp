@@ -4,8 +4,7 @@
 
 #include "hash/ZebDataHash.h"
 #include "support/ZebTdxMessage.h"
-
-#include <QWriteLocker>
+#include "support/ZebWriteLocker.h"
 
 namespace {
 
@@ -20,13 +19,13 @@ void ZebDataBlockManager::lockBlock(ZebDataHash* hash)
 {
     if (hash->isDontCache())
         return;
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     if (!m_Lru.contains(hash)) {
         ZebTdxMessage::fatal(
             QStringLiteral("Hash %1 is Not Contained in the LRU").arg(addressOf(hash)));
     }
-    const QWriteLocker lruLocker(&m_Lru.lock());
+    const ZebWriteLocker lruLocker(&m_Lru.lock());
     m_Lru.remove(hash);
 }
 
@@ -34,7 +33,7 @@ void ZebDataBlockManager::unlockBlock(ZebDataHash* hash)
 {
     if (hash->isDontCache())
         return;
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     if (m_Lru.contains(hash)) {
         ZebTdxMessage::fatal(
@@ -49,7 +48,7 @@ void ZebDataBlockManager::blockUsed(ZebDataHash* hash)
 {
     if (hash->isDontCache())
         return;
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     if (m_Lru.contains(hash))
         m_Lru.touch(hash);
@@ -57,7 +56,7 @@ void ZebDataBlockManager::blockUsed(ZebDataHash* hash)
 
 bool ZebDataBlockManager::blockIsLocked(ZebDataHash* hash)
 {
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     return !m_Lru.contains(hash);
 }
 
@@ -65,7 +64,7 @@ bool ZebDataBlockManager::isInMemory(ZebDataHash* hash)
 {
     if (hash == nullptr)
         return true;
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     if (!m_HashToBlockMap.contains(hash))
         return false;

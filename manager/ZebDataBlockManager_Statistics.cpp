@@ -7,18 +7,17 @@
 #include "hash/ZebHashManager.h"
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebDataBlockWriteThread.h"
+#include "support/ZebByteUnits.h"
 #include "support/ZebTdxMessage.h"
 
 namespace {
-
-constexpr qint64 s_BytesPerMegabyte = 1048576;
 
 // Kept on purpose: references to jobs are not counted; hosts expect the line all the same.
 constexpr int s_BlockFuturePointers = -1;
 
 QString megabytes(qint64 bytes)
 {
-    return QStringLiteral("%1Mb").arg(bytes / s_BytesPerMegabyte);
+    return QStringLiteral("%1Mb").arg(bytes / ZebByteUnits::s_BytesPerMiB);
 }
 
 void printCount(const char* words, qint64 count)
@@ -50,7 +49,7 @@ qint64 ZebDataBlockManager::managedBlocks() const
 
 void ZebDataBlockManager::dumpStats()
 {
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     // Kept on purpose: "existant", since hosts parse these lines.
     ZebTdxMessage::debug(QStringLiteral("==== ZebTdx Block Stats ===="));
     ZebTdxMessage::debug(QStringLiteral("Max Cache Size ") + megabytes(maxDataCacheSize()));
@@ -85,7 +84,7 @@ void ZebDataBlockManager::dumpThreadStats()
 
 void ZebDataBlockManager::snapshot(QList<ZebDataReference>& references) const
 {
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     // Destroyed with the delete lock held, since each may be the last reference to its hash.
     QList<ZebSmartPointer<ZebDataHash>> hashes;

@@ -25,7 +25,7 @@ void ZebDataBlockManager::setSubCache(const QString& name)
     // Work in progress completes under the old name. No lock held: a writer takes the delete lock
     // to finish a block.
     flush(false, AllThreads);
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     m_SubCache = name;
     ZebTdxLog::instance().setSubCache(m_CacheRoots.value(0) + QDir::separator() + name);
     for (ZebDataBlockReadThread* const reader : qAsConst(m_ReadThreads))
@@ -38,7 +38,7 @@ void ZebDataBlockManager::setSubCache(const QString& name)
 
 QString ZebDataBlockManager::subCache() const
 {
-    const ZebTdxMutexLocker locker(&m_DeleteMutex);
+    const ZebTdxMutexLocker locker(&deleteMutex());
     return m_SubCache;
 }
 
