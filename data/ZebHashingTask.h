@@ -43,8 +43,8 @@ public:
     static QFuture<ZebDataReference> start(QThreadPool* pool, ZebDataBlock* block);
 
     /// Waits until the work has finished, or does it on this thread. Throws what the work has
-    /// thrown. Use it instead of waitForFinished() of the future, so that the task can tell a
-    /// waiting thread from one of the pool.
+    /// thrown. Use it instead of waitForFinished() of the future, so that the task can
+    /// distinguish a waiting thread from a thread of the pool.
     static void wait(QFuture<ZebDataReference>& future);
 
     ~ZebHashingTask() override;

@@ -187,9 +187,9 @@ struct Cipher1024
     }
 };
 
-// The helpers below name each word by a constant index. A loop, or a copy of the whole, would do
-// the same, but then the compiler keeps the words in memory and copies them two at a time, and each
-// block waits for the stores of the one before.
+// The helpers below access each word by a constant index. A loop or a copy of the whole would have
+// the same result, but then the compiler keeps the words in memory and copies them two at a time,
+// and each block waits for the stores of the previous one.
 
 template <std::size_t... Index>
 ZEB_SKEIN_INLINE void assign(Word* to, const Word* from, std::index_sequence<Index...>)
@@ -216,7 +216,7 @@ void processBlocks(Word* chain, Tweak& tweak, const unsigned char* data, std::si
                    std::size_t bytesPerBlock)
 {
     constexpr auto indices = std::make_index_sequence<Cipher::s_Words>();
-    // Copies of chain and tweak, which the compiler need not suspect to lie within the data.
+    // Copies, since the compiler must assume that chain and tweak may overlap the data.
     Cipher cipher{};
     assign(cipher.key.at, chain, indices);
     Tweak place = tweak;
@@ -230,7 +230,7 @@ void processBlocks(Word* chain, Tweak& tweak, const unsigned char* data, std::si
     tweak = place;
 }
 
-// The chaining value after the configuration block, which depends on the digest length alone.
+// The chaining value after the configuration block, which depends only on the digest length.
 template <typename Cipher>
 Words<Cipher::s_Words> configured(int hashbitlen)
 {
@@ -252,7 +252,7 @@ Words<Cipher::s_Words> configured(int hashbitlen)
 template <typename Cipher>
 Words<Cipher::s_Words> initialChain(int hashbitlen)
 {
-    // The length that the state is named after is the usual one, so its value is kept.
+    // The value for the usual length, which has the size of the state, is computed once.
     constexpr int usualLength = static_cast<int>(sizeof(Words<Cipher::s_Words>) * 8);
     static const Words<Cipher::s_Words> usual = configured<Cipher>(usualLength);
     return hashbitlen == usualLength ? usual : configured<Cipher>(hashbitlen);
@@ -267,7 +267,7 @@ void digest(int hashbitlen, const unsigned char* data, std::uint64_t byteCount,
 
     State chain = initialChain<Cipher>(hashbitlen);
     Tweak tweak = {0, s_TypeMessage | s_FlagFirst};
-    // The last block carries the final flag, so it stays behind even when it is full.
+    // The last block has the final flag, so it is not among these even if it is full.
     const std::size_t fullBlocks =
         byteCount == 0 ? 0 : static_cast<std::size_t>((byteCount - 1) / blockSize);
     processBlocks<Cipher>(chain.at, tweak, data, fullBlocks, blockSize);

@@ -15,8 +15,8 @@ constexpr std::size_t s_BlockBytes = 64;
 // The counter of the one output block: 0, padded.
 constexpr unsigned char s_OutputBlock[s_BlockBytes] = {};
 
-// A content on its way to its digest. It is a row of stretches, each of whole blocks that lie one
-// behind the other: the message but for its last block, that block padded, and the output.
+// The progress of an input. It consists of stretches, each of consecutive whole blocks: the message
+// without its last block, that block padded, and the output.
 class Passage
 {
 public:
@@ -26,14 +26,14 @@ public:
           m_Next(content.bytes),
           m_BytesPerBlock(s_BlockBytes)
     {
-        // The last block carries the final flag, so it stays behind even when it is full.
+        // The last block has the final flag, so it is not among these even if it is full.
         if (content.byteCount > 0)
             m_Blocks = static_cast<std::size_t>((content.byteCount - 1) / s_BlockBytes);
         m_LastBytes = static_cast<std::size_t>(content.byteCount) - m_Blocks * s_BlockBytes;
         if (m_Blocks == 0)
             beginLast();
     }
-    // It may point into itself.
+    // m_Next may point to m_LastBlock.
     Passage(const Passage&) = delete;
     Passage& operator=(const Passage&) = delete;
 
@@ -41,7 +41,7 @@ public:
     std::size_t blocksLeft() const { return m_Blocks; }
     bool isDone() const { return m_Stretch == Done; }
 
-    /// Where the lane stands; the chaining value is not part of it.
+    /// Copies the position of this input to a lane. The chaining value is not part of it.
     void place(SkeinLaneSet& set, std::size_t lane) const
     {
         set.position[lane] = m_Tweak.position;
@@ -50,7 +50,7 @@ public:
         set.data[lane] = m_Next;
     }
 
-    /// Notes that `blockCount` blocks of this stretch have been taken in.
+    /// Advances by `blockCount` blocks of this stretch, which have been absorbed.
     void moveOn(std::size_t blockCount)
     {
         m_Tweak.position += blockCount * m_BytesPerBlock;
@@ -61,7 +61,7 @@ public:
             beginNext();
     }
 
-    /// Takes in all that is left, with no lanes.
+    /// Absorbs the rest without lanes.
     void finish(Word* chain)
     {
         while (!isDone()) {
@@ -109,7 +109,7 @@ private:
     const std::size_t m_Index;
     Stretch m_Stretch = Whole;
 
-    // Of the stretch under way: where it stands and what is left of it.
+    // The position in the current stretch, and the rest of it.
     Tweak m_Tweak;
     const unsigned char* m_Next;
     std::size_t m_Blocks = 0;
@@ -128,7 +128,7 @@ public:
         : m_Form(form), m_Contents(contents), m_Receive(receive), m_Order(contents.size())
     {
         std::iota(m_Order.begin(), m_Order.end(), std::size_t{0});
-        // A long content that begins late would keep one lane busy and leave the others empty.
+        // A long input that starts late would keep one lane busy while the others are idle.
         if (hasLanesFor(contents.size())) {
             std::stable_sort(m_Order.begin(), m_Order.end(), [&](std::size_t a, std::size_t b) {
                 return contents[a].byteCount > contents[b].byteCount;
@@ -155,7 +155,7 @@ private:
         return m_Form.absorb != nullptr && count >= m_Form.fewest;
     }
 
-    // Gives the free lanes their next contents. Returns how many lanes are busy.
+    // Assigns the next inputs to the free lanes. Returns how many lanes are busy.
     std::size_t fill()
     {
         std::size_t busy = 0;
@@ -170,14 +170,14 @@ private:
         return busy;
     }
 
-    // Goes on in all lanes up to the next end of a stretch.
+    // Absorbs in all lanes up to the next end of a stretch.
     void absorbTogether()
     {
         const Lane& anyBusy = *std::find_if(m_Lanes, m_Lanes + m_Form.lanes,
                                             [](const Lane& lane) { return lane.has_value(); });
         std::size_t blockCount = anyBusy->blocksLeft();
         for (std::size_t lane = 0; lane < m_Form.lanes; ++lane) {
-            // A free lane does the work of another one over again, and nobody looks.
+            // A free lane repeats the work of another one; its result is not used.
             const Lane& shown = m_Lanes[lane] ? m_Lanes[lane] : anyBusy;
             shown->place(m_Set, lane);
             blockCount = std::min(blockCount, shown->blocksLeft());
@@ -208,7 +208,7 @@ private:
         }
     }
 
-    // Frees the lane and gives out its digest.
+    // Frees the lane and reports its digest.
     void release(std::size_t lane, const Word* chain)
     {
         const std::size_t index = m_Lanes[lane]->index();
@@ -232,7 +232,7 @@ private:
     const std::vector<SkeinBatch::Content>& m_Contents;
     const SkeinBatch::Receiver& m_Receive;
 
-    // The indices of the contents in the order in which they begin.
+    // The indices of the inputs in the order in which they start.
     std::vector<std::size_t> m_Order;
     std::size_t m_NextInOrder = 0;
 

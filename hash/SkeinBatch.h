@@ -9,14 +9,13 @@
 
 namespace ZebSkein {
 
-/// Digests several contents together, each to the 64 bytes that Hash gives for 512 bits.
+/// Digests several inputs together, each to the 64 bytes that Hash computes for 512 bits.
 ///
-/// The contents go through the lanes of the processor's best form, longest first, and a lane takes
-/// the next content as soon as it is done with one. When fewer are left than make the lanes pay,
-/// they are finished one by one.
+/// The inputs are assigned to the lanes of the processor's best form, longest first; a lane that
+/// has finished an input takes the next one. When too few are left for the lanes to be faster, they
+/// are finished one after another.
 ///
-/// Internal to the library: this header is not installed, and its symbols are hidden. The tool,
-/// which digests many contents too, is built with a copy of its own.
+/// Internal: this header is not installed, and its symbols are hidden.
 ///
 /// Thread safety: any number of threads may digest at once. Takes no lock.
 class SkeinBatch
@@ -31,17 +30,17 @@ public:
 
     static constexpr std::size_t s_DigestBytes = 64;
 
-    /// How many contents go side by side on this processor, 1 where each goes alone.
+    /// How many inputs this processor digests in parallel; 1 if it has no lanes.
     static std::size_t lanes();
 
-    /// Is given the index of a content and its digest, which is valid during the call only.
+    /// Called with the index of an input and its digest, which is valid during the call only.
     using Receiver = std::function<void(std::size_t index, const unsigned char* digest)>;
 
-    /// Calls `receive` once for each content, on this thread, as soon as its digest is known. Of
-    /// those that become known together the last one of a set comes first, so that who waits for
-    /// the first finds all of them done. The contents must stay as they are until their digests
-    /// have been given out; a content may go inside its own call. An exception that leaves
-    /// `receive` ends the work.
+    /// Calls `receive` once for each input, on this thread, as soon as its digest is known. If
+    /// several become known together, the last in the order of the lanes comes first: a thread that
+    /// waits for the first input then finds all of them done. An input must not change until its
+    /// digest has been passed to `receive`, which may free it. An exception from `receive` ends the
+    /// work.
     static void digest(const std::vector<Content>& contents, const Receiver& receive);
 
     /// The same by a form of the caller's choice, which the processor must be able to run.

@@ -1,7 +1,6 @@
 #pragma once
 
-// Internal: the block cipher of Skein-512, for one message and for several side by side. Not
-// installed.
+// Internal: the block cipher of Skein-512, for one message or several in parallel. Not installed.
 
 #include "hash/Skein.h"
 
@@ -9,13 +8,13 @@
 #include <type_traits>
 #include <utility>
 
-// The state of a cipher stays in registers only when every step of it becomes part of one function;
-// left to itself the compiler finds the steps too large for that.
+// The state of a cipher stays in registers only if all steps are inlined into one function. By
+// default the compiler considers the steps too large for that.
 #define ZEB_SKEIN_INLINE __attribute__((always_inline)) inline
 
 namespace ZebSkein {
 
-/// Some words, or vectors of them, that stay in registers as long as their indices are constant.
+/// Words or vectors of words, which stay in registers as long as their indices are constant.
 template <typename Value, std::size_t Count>
 struct Values
 {
@@ -56,9 +55,9 @@ ZEB_SKEIN_INLINE void mix(Value& a0, Value& b0, Value& a1, Value& b1, Value& a2,
     mix<Left4, Left5, Left6, Left7>(a4, b4, a5, b5, a6, b6, a7, b7);
 }
 
-// Tells the compiler that these values may have changed, at the cost of no instruction. It keeps
-// compilers from gathering the additions of several rounds anew, or from pairing words in vector
-// registers, either of which costs much of the speed. Vectors need no such care.
+// Makes the compiler assume that these values have changed, without an instruction. Otherwise
+// compilers regroup the additions of several rounds or pair words in vector registers, and either
+// is much slower. Vectors do not need it.
 template <typename Value>
 ZEB_SKEIN_INLINE void pin([[maybe_unused]] Value& a, [[maybe_unused]] Value& b,
                           [[maybe_unused]] Value& c, [[maybe_unused]] Value& d)
@@ -151,16 +150,16 @@ ZEB_SKEIN_INLINE void encrypt(Cipher& cipher, std::integer_sequence<Word, Octet.
     cipher.template addSubkey<2 * Cipher::s_Octets>();
 }
 
-// Words are named by constant indices here. A loop would do the same, but then the compiler keeps
-// the words in memory, and each block waits for the stores of the one before.
+// Accesses the words by constant indices. With a loop the compiler keeps the words in memory, and
+// each block waits for the stores of the previous one.
 template <typename Value, std::size_t... Index>
 ZEB_SKEIN_INLINE void writeParity(Value& parity, const Value* words, std::index_sequence<Index...>)
 {
     parity = s_KeyParity ^ (words[Index] ^ ...);
 }
 
-// Takes a block in: it is encrypted under the chaining value as the key, and what comes out, with
-// the plain block over it, is the next chaining value.
+// Absorbs a block: encrypts it with the chaining value as the key. The result, combined with the
+// plain block by exclusive or, is the next chaining value.
 template <typename Cipher, typename Value>
 ZEB_SKEIN_INLINE void absorb(Cipher& cipher, const Value& position, const Value& flags,
                              const Values<Value, Cipher::s_Words>& block)

@@ -6,8 +6,8 @@ namespace ZebSkein {
 
 namespace {
 
-// The gain over one by one, which decides from how many messages on a form pays: eight lanes take
-// about twice as long as one message does alone, four take about two and a half times as long.
+// Eight lanes take about twice as long as one message alone, four lanes about two and a half times
+// as long. So either is faster than three messages one after another.
 constexpr std::size_t s_Fewest = 3;
 
 constexpr SkeinLaneForm s_Scalar = {"scalar", 1, 1, nullptr};
@@ -27,7 +27,7 @@ __attribute__((target("avx512f"))) void absorbAvx512(SkeinLaneSet& set, std::siz
 std::vector<SkeinLaneForm> detect()
 {
     std::vector<SkeinLaneForm> forms = {s_Scalar};
-    // These ask the system, too, whether it keeps the wide registers of a thread.
+    // These also check that the system saves the wide registers of a thread.
     __builtin_cpu_init();
     if (__builtin_cpu_supports("avx2"))
         forms.push_back({"avx2", 4, s_Fewest, &absorbAvx2});
