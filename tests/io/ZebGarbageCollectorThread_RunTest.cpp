@@ -151,7 +151,7 @@ TEST_F(ZebGarbageCollectorThreadRun, AsAThreadItPollsUntilItIsAskedToEnd)
     m_Collector.start();
     EXPECT_TRUE(waitUntil([&] { return !QFile::exists(first); }));
     const QString second = writeDead("0");
-    EXPECT_TRUE(goes(second));
+    EXPECT_TRUE(isRemoved(second));
     EXPECT_TRUE(m_Collector.isRunning());
     m_Collector.closeDown();
     EXPECT_TRUE(m_Collector.wait(20000));
@@ -177,7 +177,7 @@ TEST_F(ZebGarbageCollectorThreadRun, AWalkThatRunsOutOfMemoryDoesNotEndTheThread
     EXPECT_TRUE(waitUntil([] { return passesRunning() == 0; }));
     s_WalkIsOutOfMemory = false;
     const QString dead = writeDead("0");
-    EXPECT_TRUE(goes(dead));
+    EXPECT_TRUE(isRemoved(dead));
     m_Collector.closeDown();
     EXPECT_TRUE(m_Collector.wait(20000));
 }

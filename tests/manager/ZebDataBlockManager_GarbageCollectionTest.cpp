@@ -109,7 +109,7 @@ TEST_F(ZebDataBlockManagerGarbageCollectionThreeRoots, OrphanedFilesAreRemovedAn
         references.pop_back();
     }
     for (const QString& file : dropped)
-        EXPECT_TRUE(goes(file)) << file.toStdString();
+        EXPECT_TRUE(isRemoved(file)) << file.toStdString();
     for (const ZebDataReference& reference : references)
         EXPECT_TRUE(QFile::exists(fileOf(reference)));
 }
@@ -148,7 +148,7 @@ TEST_F(ZebDataBlockManagerGarbageCollection,
     const QString other = write("a file of the host's");
     const QString unknown = write(deadName(1));
     manager().startGarbageCollection();
-    EXPECT_TRUE(goes(unknown));
+    EXPECT_TRUE(isRemoved(unknown));
     waitForPass();
     EXPECT_TRUE(QFile::exists(other));
     EXPECT_EQ(manager().currentCacheSizeInBytes(), 0);

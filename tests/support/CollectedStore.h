@@ -6,13 +6,13 @@
 #include "support/BlockFiles.h"
 #include "support/CollectorInside.h"
 #include "support/FakeMemory.h"
+#include "support/FilesBelow.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
 #include "support/WaitUntil.h"
 
 #include <QByteArray>
-#include <QDirIterator>
 #include <QFile>
 #include <QString>
 #include <QStringList>
@@ -77,7 +77,7 @@ protected:
     }
 
     /// Waits until a collector has removed the file.
-    static bool goes(const QString& path)
+    static bool isRemoved(const QString& path)
     {
         return waitUntil([&path] {
             // A block that is freed during a pass starts no further pass, so this repeats.
@@ -89,16 +89,7 @@ protected:
     /// The names of all files with the name of a block, below all roots.
     QStringList blockFileNames() const
     {
-        QStringList names;
-        for (const QString& root : m_Store.roots()) {
-            QDirIterator files(root, {QStringLiteral("*-*")}, QDir::Files,
-                               QDirIterator::Subdirectories);
-            while (files.hasNext()) {
-                files.next();
-                names.append(files.fileName());
-            }
-        }
-        return names;
+        return filesBelow(m_Store.roots(), QStringLiteral("*-*"));
     }
 
     /// Makes a file of 100 bytes in the first bucket of a root.

@@ -1,8 +1,7 @@
 #pragma once
 
 #include "io/ZebDataBlockWriteThread.h"
-#include "manager/ZebDataBlockManager.h"
-#include "support/PrivateAccess.h"
+#include "support/StoreInside.h"
 
 #include <QThread>
 #include <QVector>
@@ -10,18 +9,12 @@
 #include <atomic>
 #include <functional>
 
-using ProbedWritersMember = QVector<ZebDataBlockWriteThread*> ZebDataBlockManager::*;
-
-ZEBTDX_ACCESS(ProbedWritersTag, ZebDataBlockManager, ProbedWritersMember, m_WriteThreads)
-
 /// Replaces the store's writers for the length of a scope and records the flushes that readers
 /// request. The writers themselves continue with what was queued to them.
 class FlushProbe
 {
 public:
-    FlushProbe()
-        : m_Writers(ZebDataBlockManager::instance().*privateMember(ProbedWritersTag())),
-          m_Before(m_Writers)
+    FlushProbe() : m_Writers(StoreInside::writers()), m_Before(m_Writers)
     {
         m_Writers = {&m_Writer};
     }

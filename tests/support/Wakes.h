@@ -24,11 +24,3 @@ bool wakes(QMutex& mutex, QWaitCondition& condition, Action action)
     condition.wakeAll();
     return woken;
 }
-
-/// wakes(); the deadline has no effect.
-template <typename Action>
-bool wakes(QMutex& mutex, QWaitCondition& condition, Action action, int deadlineMs)
-{
-    Q_UNUSED(deadlineMs)
-    return wakes(mutex, condition, action);
-}
