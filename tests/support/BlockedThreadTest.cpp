@@ -25,7 +25,7 @@
 
 namespace {
 
-// Expects that a thread waits for `lock`, for no other lock of that class, and goes on when the
+// Expects that a thread waits for `lock`, for no other lock of that class, and continues when the
 // calling thread unlocks it.
 template <typename Lock>
 void expectSeenAtLock(Lock& lock, Lock& other)
@@ -202,7 +202,7 @@ TEST(BlockedThread, AnEndedThreadIsNotReportedAsBlocked)
     mutex.unlock();
 }
 
-TEST(BlockedThread, WaitsForLockDistinguishesWhoTakesTheLock)
+TEST(BlockedThread, WaitsForLockReportsWhetherTheCallableTakesTheLock)
 {
     QMutex mutex;
     EXPECT_TRUE(waitsForLock(mutex, [&] { QMutexLocker{&mutex}; }));

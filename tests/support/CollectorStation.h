@@ -16,7 +16,7 @@
 #include <functional>
 #include <vector>
 
-/// A collector of the test's own that is not started, on a root of its own, next to the store's.
+/// A collector that belongs to the test and is not started, on a root that no other collector has.
 class CollectorStation : public CollectedStore
 {
 protected:

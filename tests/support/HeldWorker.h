@@ -43,7 +43,7 @@ public:
         return m_Station.waitFor([this] { return m_State->m_Held.available() > 0; });
     }
 
-    /// Lets the worker go on, now and every time after. Any thread may call it.
+    /// Lets the worker continue, now and every time after. Any thread may call it.
     void release() { m_State->m_GoOn.release(s_EveryTime); }
 
 private:

@@ -27,7 +27,7 @@ public:
     MessageCapture(const MessageCapture&) = delete;
     MessageCapture& operator=(const MessageCapture&) = delete;
 
-    /// Everything so far.
+    /// All messages so far.
     QList<Message> messages() const;
 
     /// The texts of all debug messages so far, in order.
@@ -38,7 +38,7 @@ public:
 
     bool contains(const QString& text) const { return count(text) > 0; }
 
-    /// Forgets everything so far.
+    /// Drops all messages so far.
     void clear();
 
 private:

@@ -22,6 +22,8 @@ int main(int argc, char** argv)
     std::unique_ptr<QTemporaryDir> folder;
     if (!qEnvironmentVariableIsSet(s_HasFolder)) {
         folder = std::make_unique<QTemporaryDir>();
+        if (!folder->isValid())
+            return 1;
         qputenv("TMPDIR", folder->path().toLocal8Bit());
         qputenv(s_HasFolder, "1");
     }
