@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Everything that a change must pass, on a fresh Debian 12: installs the packages it needs, checks
-# the format, the shell scripts and clang-tidy, and builds and tests the optimised and the sanitized
-# build. May be run again, from any directory. The last lines are ctest's results for both builds.
+# the format, the shell scripts, clang-tidy and the lock annotations, and builds and tests the
+# optimised and the sanitized build. May be run again, from any directory. The last lines are ctest's results for both builds.
 #
 # scripts/soak.sh runs the tests that take longer.
 set -euo pipefail
@@ -98,6 +98,9 @@ build dev
 
 headline "clang-tidy"
 scripts/check_tidy.sh
+
+headline "Locks"
+scripts/check_locks.sh
 
 headline "Tests of the optimised build"
 run_tests dev
