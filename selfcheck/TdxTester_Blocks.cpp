@@ -21,10 +21,10 @@
 #include <optional>
 #include <vector>
 
+using ZebByteUnits::s_BytesPerMiB;
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
 using ZebSelfCheck::s_Buckets;
-using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
@@ -339,7 +339,7 @@ bool TdxTester::testDataBlockCompression()
 bool TdxTester::testUserDataSystem()
 {
     line("[ -- ] Starting User Data System Test");
-    constexpr qint64 memory = 10 * s_BytesPerMegabyte;
+    constexpr qint64 memory = 10 * s_BytesPerMiB;
     const QByteArray bytes = ZebByteChain::bytes(1, 8 * 1024);
     const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
@@ -395,7 +395,7 @@ bool TdxTester::testHashingJobs()
     ZebSelfCheckFrame frame = {"[ -- ] Starting Hashing Job Tests",
                                "[ OK ] Passed Hashing Job Tests"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    frame.m_MemoryBytes = 1024 * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = 1024 * s_BytesPerMiB;
     const auto work = [] {
         if (!jobsWork())
             return false;
@@ -413,7 +413,7 @@ bool TdxTester::testHashingCreate()
     ZebSelfCheckFrame frame = {"[ -- ] Starting Hashing Usage Timings",
                                "[ OK ] Passed Hashing Usage Timings"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    frame.m_MemoryBytes = 1024 * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = 1024 * s_BytesPerMiB;
     return frame.run(&additionsMakeOneBlock);
 }
 
@@ -422,6 +422,6 @@ bool TdxTester::testDataBlockRelease()
     ZebSelfCheckFrame frame = {"[ -- ] Starting Datablock Release Testing",
                                "[ OK ] Passed Datablock Release Testing"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    frame.m_MemoryBytes = 1024 * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = 1024 * s_BytesPerMiB;
     return frame.run(&largeBlockIsReleased, &noBlockIsCounted);
 }

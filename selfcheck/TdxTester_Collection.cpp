@@ -16,9 +16,9 @@
 #include <array>
 #include <limits>
 
+using ZebByteUnits::s_BytesPerMiB;
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
-using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
@@ -98,7 +98,7 @@ bool dontCacheWorks(const QStringList& roots)
         if (!identitiesAreRight(blocks))
             return false;
         blocks.m_E =
-            add(QByteArray(static_cast<int>(s_BytesPerMegabyte), '\0'), ZebModifyAccessor::Cached);
+            add(QByteArray(static_cast<int>(s_BytesPerMiB), '\0'), ZebModifyAccessor::Cached);
         // On a busy machine the writers may take longer than the sleep.
         ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
         QThread::msleep(s_WriteMs);
@@ -209,7 +209,7 @@ bool TdxTester::testDontCacheTest()
 {
     ZebSelfCheckFrame frame = {"[ -- ] Start DontCache Test", "[ OK ] Passed DontCache Test"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
-    frame.m_MemoryBytes = s_BytesPerMegabyte;
+    frame.m_MemoryBytes = s_BytesPerMiB;
     frame.m_SubCache = QLatin1String(ZebSelfCheck::s_SubCache);
     return frame.run([&frame] {
         const auto clear = qScopeGuard(&ZebLiveReferences::clear);

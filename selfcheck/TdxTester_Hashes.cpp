@@ -223,7 +223,7 @@ bool TdxTester::testHashManagerSingleThreaded()
     // No roots: hashes need no disk.
     ZebSelfCheckFrame frame = {"[ -- ] Started Single Threaded Hash Manager tests",
                                "[ OK ] Passed Single Threaded Hash Manager tests"};
-    frame.m_MemoryBytes = ZebSelfCheck::s_BytesPerMegabyte;
+    frame.m_MemoryBytes = ZebByteUnits::s_BytesPerMiB;
     frame.m_NotReadyLine = "Cannot initialize Data Block Manager";
     const auto work = [] {
         if (!internsOnce())

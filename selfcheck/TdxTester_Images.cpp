@@ -20,9 +20,9 @@
 
 #include <optional>
 
+using ZebByteUnits::s_BytesPerMiB;
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
-using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
@@ -265,7 +265,7 @@ bool TdxTester::testProcessImage(int megabytes)
     ZebSelfCheckFrame frame = {"[ -- ] Starting Image Process Tests",
                                "[ OK ] Passed Image Process Tests"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    frame.m_MemoryBytes = megabytes * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = megabytes * s_BytesPerMiB;
     return frame.run([] { return inversionIsRight(m_TestImagesDirectory, m_OutDirectory); });
 }
 

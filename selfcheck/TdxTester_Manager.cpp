@@ -18,10 +18,10 @@
 #include <cmath>
 #include <vector>
 
+using ZebByteUnits::s_BytesPerMiB;
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
 using ZebSelfCheck::s_Buckets;
-using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
@@ -263,7 +263,7 @@ bool TdxTester::testfilenameBuilder()
     ZebSelfCheckFrame frame = {"[ -- ] Starting Filename Builder Test",
                                "[ OK ] Passed Filename Builder Test"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    frame.m_MemoryBytes = 1024 * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = 1024 * s_BytesPerMiB;
     const QString root = frame.m_Roots.first();
     return frame.run([&root] { return makeSampleFiles(root) && bucketsAreEven(root); });
 }
@@ -272,7 +272,7 @@ bool TdxTester::testSubCache()
 {
     ZebSelfCheckFrame frame = {"[ -- ] Starting Sub Cache Tests", "[ OK ] Passed Sub Cache Tests"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    frame.m_MemoryBytes = 10 * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = 10 * s_BytesPerMiB;
     // With the collection on, the sub-cache could not be changed.
     frame.m_IsCollecting = false;
     return frame.run(&subCacheIsSet);
@@ -283,7 +283,7 @@ bool TdxTester::testDataBlockManagerBasic()
     ZebSelfCheckFrame frame = {"[ -- ] Starting Data Block Manager Basic Tests",
                                "[ OK ] Passed Data Block Manager Basic Tests"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    frame.m_MemoryBytes = 2048 * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = 2048 * s_BytesPerMiB;
     frame.m_Buckets = 20;
     frame.m_NotReadyLine = "Cannot Initialise Data Block Manager";
     return frame.run([&frame] { return settingsAreThoseOf(frame); }, &nothingIsSet);

@@ -21,9 +21,9 @@
 
 #include <functional>
 
+using ZebByteUnits::s_BytesPerMiB;
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
-using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
@@ -200,7 +200,7 @@ bool TdxTester::testTextureSet(int megabytes)
     ZebSelfCheckFrame frame = {"[ -- ] Starting Texture Set Tests",
                                "[ OK ] Passed Texture Set Tests"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, 1);
-    frame.m_MemoryBytes = megabytes * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = megabytes * s_BytesPerMiB;
     return frame.run([] { return texturesComeBack(m_TextureTestDirectory); });
 }
 
@@ -210,7 +210,7 @@ bool TdxTester::testCompositingTest(int megabytes)
     ZebSelfCheckFrame frame = {"[ -- ] Starting Compositing Tests",
                                "[ OK ]  Passed Compositing Tests"};
     frame.m_Roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_CompositingRoots);
-    frame.m_MemoryBytes = megabytes * s_BytesPerMegabyte;
+    frame.m_MemoryBytes = megabytes * s_BytesPerMiB;
     frame.m_NotReadyLine = "Cannot Initialize Data Block Manager";
     return frame.run([megabytes] {
         line("Setup complete");

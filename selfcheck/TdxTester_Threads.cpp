@@ -18,10 +18,10 @@
 #include <QThreadPool>
 #include <QtConcurrent>
 
+using ZebByteUnits::s_BytesPerMiB;
 using ZebSelfCheck::failure;
 using ZebSelfCheck::line;
 using ZebSelfCheck::s_Buckets;
-using ZebSelfCheck::s_BytesPerMegabyte;
 
 namespace {
 
@@ -128,7 +128,7 @@ bool TdxTester::testDataBlockManagerMultiThread(int megabytes)
     line("[ -- ] Starting Datablock Multithreaded Test");
     const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
     line("Clearing Previous Caches");
-    ZebSelfCheckStore store(roots, megabytes * s_BytesPerMegabyte, s_Buckets);
+    ZebSelfCheckStore store(roots, megabytes * s_BytesPerMiB, s_Buckets);
     // Kept on purpose: it is never switched off again.
     m_Logging.store(true, std::memory_order_relaxed);
     ZebDataBlockManager::instance().startGarbageCollection();
@@ -155,7 +155,7 @@ bool TdxTester::testDataBlockManagerMultiThread(int megabytes)
 bool TdxTester::testThreadedIo()
 {
     line("[ -- ] Starting Test Threaded IO ");
-    constexpr qint64 memory = 100 * s_BytesPerMegabyte;
+    constexpr qint64 memory = 100 * s_BytesPerMiB;
     const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
     ZebSelfCheckStore store(roots, memory, s_Buckets);
     ZebDataBlockManager::instance().startGarbageCollection();

@@ -37,7 +37,7 @@ bool ZebSelfCheck::failure(const char* format, ...)
 
 double ZebSelfCheck::megabytes(qint64 bytes)
 {
-    return static_cast<double>(bytes) / static_cast<double>(s_BytesPerMegabyte);
+    return static_cast<double>(bytes) / static_cast<double>(ZebByteUnits::s_BytesPerMiB);
 }
 
 double ZebSelfCheck::seconds(qint64 milliseconds)

@@ -2,6 +2,8 @@
 
 // Internal: what all checks share. Not installed.
 
+#include "support/ZebByteUnits.h"
+
 #include <QString>
 #include <QtGlobal>
 
@@ -9,8 +11,6 @@
 ///
 /// Thread safety: any thread may call everything but setBlockCountSource().
 namespace ZebSelfCheck {
-
-constexpr qint64 s_BytesPerMegabyte = 1048576;
 
 /// The buckets of the stores of most checks.
 constexpr int s_Buckets = 10;

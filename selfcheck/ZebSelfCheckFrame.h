@@ -20,7 +20,7 @@ struct ZebSelfCheckFrame
     const char* m_PassedLine;
 
     QStringList m_Roots = {};
-    qint64 m_MemoryBytes = 100 * ZebSelfCheck::s_BytesPerMegabyte;
+    qint64 m_MemoryBytes = 100 * ZebByteUnits::s_BytesPerMiB;
     int m_Buckets = ZebSelfCheck::s_Buckets;
 
     /// The line of failure for a store that is not set up, or null for a check without such a line.

@@ -157,7 +157,7 @@ void ZebThreadedIo::mix()
     ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::AllThreads);
     const qint64 elapsed = timer.elapsed();
     line("Accessed %lldMb   in %.2f Seconds  %.2fMbs  Sum %lld",
-         bytesRead() / ZebSelfCheck::s_BytesPerMegabyte, ZebSelfCheck::seconds(elapsed),
+         bytesRead() / ZebByteUnits::s_BytesPerMiB, ZebSelfCheck::seconds(elapsed),
          ZebSelfCheck::perSecond(ZebSelfCheck::megabytes(bytesRead()), elapsed),
          m_Sum.load(std::memory_order_relaxed));
     ZebDataBlockManager::instance().freeAllBlocks();

@@ -1,5 +1,6 @@
 #include "tools/terminal/SummaryText.h"
 
+#include "support/ZebByteUnits.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ExitCode.h"
 #include "tools/terminal/SizeText.h"
@@ -13,7 +14,7 @@
 namespace {
 
 constexpr double s_NanosecondsPerSecond = 1e9;
-constexpr double s_BytesPerMegabyte = 1e6;
+constexpr double s_BytesPerMB = static_cast<double>(ZebByteUnits::s_BytesPerMB);
 
 // Three decimals are all that a clock is good for.
 double rounded(double value)
@@ -43,7 +44,7 @@ void SummaryText::addBytes(const QString& key, const std::string& name, qint64 b
 void SummaryText::addRate(const QString& suffix, const std::string& name, qint64 bytes,
                           double seconds, const std::string& what)
 {
-    const double rate = seconds > 0 ? static_cast<double>(bytes) / s_BytesPerMegabyte / seconds : 0;
+    const double rate = seconds > 0 ? static_cast<double>(bytes) / s_BytesPerMB / seconds : 0;
     m_Lines.push_back({name, decimal(rate, 1), what + " " + decimal(seconds, 2) + " s"});
     m_Object[QStringLiteral("seconds") + suffix] = rounded(seconds);
     m_Object[QStringLiteral("mb_per_s") + suffix] = rounded(rate);
