@@ -1,14 +1,13 @@
-// What checking a cache costs, beside bare loops of the same work: listing the folders, reading the
-// name of each file and whether it is in its bucket, looking at the file, opening it, and reading
-// its header or all of it; then decompressing it and computing the digest. The tool does more, and
-// does it otherwise: its fast check looks at a file only once it is open, and small blocks are
-// digested several at a time.
+// The cost of checking a cache, compared with naive loops that do the same work: list the
+// directories, read the name of each file and whether it is in its bucket, get its status, open it,
+// and read its header or all of it; then decompress it and compute the digest. The tool does more,
+// and in another way: it gets the status of a file only once it is open, and digests several small
+// blocks in parallel.
 //
-// Each row measures both, in turns. "ratio" is the rate of the tool by the rate of the bare loop on
-// one thread, so 1 means that it takes as long as the bare loop; "cpu_ratio" is the same by
-// the processor time, which a busy machine does not move. "second_core" is what a second thread
-// makes of the rate. The files come from the page cache in both, so it is not the disk that is
-// measured.
+// Each row measures both in interleaved runs. "ratio" is the rate of the tool on one thread divided
+// by the rate of the naive loop, so 1 means equal time; "cpu_ratio" is the same by processor time,
+// which a busy machine does not distort. "second_core" is the speed-up by a second thread. The
+// files come from the page cache in both, so the disk is not measured.
 
 #include "tools/cache/CacheFiles.h"
 #include "tools/cache/CacheVerifier.h"
@@ -99,9 +98,9 @@ std::vector<quint32> wordsOf(const std::string& name)
     }
 }
 
-// Whether the bare loop finds the file sound.
-bool checkBare(const std::string& path, const std::string& name, quint32 bucket, qint64 fileSize,
-               bool fast)
+// Whether the naive loop finds the file sound.
+bool checkNaively(const std::string& path, const std::string& name, quint32 bucket, qint64 fileSize,
+                  bool fast)
 {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (descriptor < 0)
@@ -132,7 +131,7 @@ bool checkBare(const std::string& path, const std::string& name, quint32 bucket,
     return std::memcmp(words.data(), hash.data(), ZebDataHash::Hash512) == 0;
 }
 
-int runBare(const Cache& cache, bool fast)
+int runNaive(const Cache& cache, bool fast)
 {
     int sound = 0;
     for (int i = 0; i < s_Buckets; ++i) {
@@ -144,7 +143,7 @@ int runBare(const Cache& cache, bool fast)
             struct stat status = {};
             if (::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode))
                 sound +=
-                    checkBare(path, name, static_cast<quint32>(i), status.st_size, fast) ? 1 : 0;
+                    checkNaively(path, name, static_cast<quint32>(i), status.st_size, fast) ? 1 : 0;
         }
         ::closedir(stream);
     }
@@ -156,15 +155,14 @@ int runTool(const Cache& cache, bool fast, int threads)
     std::ostringstream lines;
     ProgressBar progress(lines, false, 80);
     ErrorReport errors(progress);
-    CacheWarnings remarks(errors);
+    CacheWarnings warnings(errors);
     StorePlace place;
     place.m_Roots = {cache.root()};
     place.m_Buckets = s_Buckets;
-    const CacheFiles files(place, true, errors, remarks,
-                           fast ? CacheFiles::Sizes::Unknown : CacheFiles::Sizes::Known);
-    CacheVerifier verification({threads, fast}, files, errors, remarks, progress);
-    verification.run();
-    return static_cast<int>(verification.files()) - static_cast<int>(verification.damage().size());
+    const CacheFiles files(place, true, errors, warnings);
+    CacheVerifier verifier({threads, fast}, files, errors, warnings, progress);
+    verifier.run();
+    return static_cast<int>(verifier.files()) - static_cast<int>(verifier.damage().size());
 }
 
 // Seconds, one value for each round.
@@ -206,22 +204,22 @@ void verify(benchmark::State& state, bool fast)
     const auto count = static_cast<int>(state.range(0));
     const auto size = static_cast<int>(state.range(1));
     const Cache cache(count, size);
-    Times bare;
+    Times naive;
     Times one;
     Times two;
-    int sound = runBare(cache, fast);
+    int sound = runNaive(cache, fast);
     for ([[maybe_unused]] auto _ : state) {
-        bare.add([&] { sound = std::min(sound, runBare(cache, fast)); });
+        naive.add([&] { sound = std::min(sound, runNaive(cache, fast)); });
         one.add([&] { sound = std::min(sound, runTool(cache, fast, 1)); });
         two.add([&] { sound = std::min(sound, runTool(cache, fast, 2)); });
         state.SetIterationTime(one.lastWall());
     }
     if (sound != count)
-        state.SkipWithError("a good file was not found good");
+        state.SkipWithError("a sound file was reported as damaged");
     state.counters["files_per_s"] = count / one.wall();
     state.counters["MB_per_s"] = 1e-6 * count * size / one.wall();
-    state.counters["ratio"] = bare.wall() / one.wall();
-    state.counters["cpu_ratio"] = bare.cpu() / one.cpu();
+    state.counters["ratio"] = naive.wall() / one.wall();
+    state.counters["cpu_ratio"] = naive.cpu() / one.cpu();
     state.counters["second_core"] = one.wall() / two.wall();
 }
 

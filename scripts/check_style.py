@@ -83,7 +83,7 @@ FORBIDDEN_TEXT = (
 )
 
 # Folders whose phrases are checked even when no folder is named.
-PHRASE_FOLDERS = (".ci", "cmake", "docs", "io", "manager", "selfcheck", "")
+PHRASE_FOLDERS = (".ci", "cmake", "docs", "io", "manager", "selfcheck", "tools", "")
 
 LEFT_OVER_NOTE = re.compile(r"\b(TO" r"DO|FIX" r"ME|XX" r"X|HA" r"CK)\b")
 WAIVER = re.compile(r"^\s*// style: long function(?:, (?P<reason>\S.*))?$")

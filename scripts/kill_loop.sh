@@ -83,7 +83,7 @@ for ((i = 0; i < kills; ++i)); do
     ((status == (count > 0 ? 1 : 0))) ||
         fail $i "verify reports $count damaged files and exits with $status"
     damaged=$((damaged + count))
-    truncated=$((truncated + $(number stumps <<<"$found")))
+    truncated=$((truncated + $(number truncated <<<"$found")))
     ((count == 0)) || affected=$((affected + 1))
     "$tool" repair --apply --quarantine aside --root r1 --root r2 >/dev/null 2>&1 ||
         fail $i "repair exits with $?"

@@ -1,4 +1,4 @@
-// The command-line tool: reads the command line and hands over to a command.
+// The command-line tool: parses the command line and runs a command.
 
 #include "support/ZebTdxVersion.h"
 #include "tools/commands/CatCommand.h"
@@ -22,9 +22,11 @@
 #include <QCoreApplication>
 
 #include <algorithm>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,16 +34,16 @@
 namespace {
 
 const char* const s_Footer =
-    "Sizes are whole numbers of bytes, or with K, M, G or T (also KiB, MiB, GiB, TiB) behind\n"
-    "them, which are powers of 1024.\n"
-    "Names of files are taken as the bytes that they are. In messages, control characters and\n"
-    "bytes that are no UTF-8 show as \\xNN.\n"
+    "Sizes are whole numbers of bytes, or powers of 1024 with K, M, G or T (also KiB, MiB, GiB or\n"
+    "TiB) after the number.\n"
+    "File names are taken as bytes. Messages show control characters and bytes that are not UTF-8\n"
+    "as \\xNN.\n"
     "\n"
     "Exit status:\n"
-    "  0  everything was done, and nothing differed\n"
-    "  1  a file failed, or a difference was found; the rest was done\n"
-    "  2  the command line makes no sense; nothing was done\n"
-    "verify, repair and probe tell in their own help what 1 and 2 mean for them.\n";
+    "  0  everything was done, without errors or differences\n"
+    "  1  a file failed or differs; the rest was done\n"
+    "  2  the command line is invalid; nothing was done\n"
+    "The help of verify, repair and probe explains their exit statuses.\n";
 
 struct Entry
 {
@@ -49,9 +51,8 @@ struct Entry
     CLI::App* m_Parsed;
 };
 
-// Three things that CLI11 would get wrong are settled before it sees them, by a "./" in front,
-// which leaves the same name: "[a,b]" is no list, "++" ends nothing, and what follows "--" is no
-// option.
+// Protects three kinds of names from CLI11 with a "./" in front, which names the same file:
+// "[a,b]" is not a list, "++" ends nothing, and names after "--" are not options.
 std::vector<std::string> plainArguments(int argc, char** argv)
 {
     std::vector<std::string> arguments;
@@ -72,12 +73,20 @@ std::vector<std::string> plainArguments(int argc, char** argv)
     return arguments;
 }
 
+// The store's writers retry indefinitely, and its clean-up waits for them, so a disk that accepts
+// nothing leaves no way to return from a command.
+[[noreturn]] void giveUp()
+{
+    std::_Exit(ExitCode::Failed);
+}
+
 int runTool(int argc, char** argv)
 {
     CLI::App application(
-        "Puts files into a ZebTdx store, where equal blocks are kept once, and brings them back.",
+        "Puts files into a ZebTdx store, which keeps equal blocks once, and restores them.",
         "zebtdx");
     ToolSettings settings;
+    settings.m_GiveUp = &giveUp;
     application.set_version_flag("--version", "zebtdx " ZEBTDX_VERSION_STRING);
     application.add_flag("--verbose", settings.m_Verbose, "Show the store's own messages");
     application.require_subcommand(1);
@@ -101,7 +110,7 @@ int runTool(int argc, char** argv)
         parsed->add_flag("--verbose", settings.m_Verbose, "Show the store's own messages");
         entries.push_back({std::move(command), parsed});
     }
-    // A command with other words on its exit status has its own.
+    // Commands with other exit statuses have their own footer.
     for (CLI::App* const app : application.get_subcommands({})) {
         if (app->get_footer().empty())
             app->footer(s_Footer);
@@ -109,21 +118,29 @@ int runTool(int argc, char** argv)
     application.footer(s_Footer);
 
     std::vector<std::string> arguments = plainArguments(argc, argv);
-    // CLI11 takes its list from the back.
+    // CLI11 takes the list in reverse.
     std::reverse(arguments.begin(), arguments.end());
+    int failure = ExitCode::Failed;
     try {
         application.parse(std::move(arguments));
-        // Not earlier, so that the store's first messages find the setting.
+        // The setting must be known before the store logs anything.
         MessageFilter::install(settings.m_Verbose);
         for (const Entry& entry : entries) {
-            if (entry.m_Parsed->parsed())
-                return entry.m_Command->run(settings);
+            if (!entry.m_Parsed->parsed())
+                continue;
+            failure = entry.m_Command->statusOfException();
+            return entry.m_Command->run(settings);
         }
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
             return application.exit(error);
-        std::cerr << "zebtdx: " << PathText::printable(error.what()) << " (--help tells more)\n";
-        return ExitCode::BadUsage;
+        std::cerr << "zebtdx: " << PathText::printable(error.what()) << " (see --help)\n";
+    } catch (const std::bad_alloc&) {
+        std::cerr << "zebtdx: out of memory\n";
+        return failure;
+    } catch (const std::exception& error) {
+        std::cerr << "zebtdx: " << error.what() << '\n';
+        return failure;
     }
     return ExitCode::BadUsage;
 }
@@ -135,10 +152,5 @@ int main(int argc, char** argv)
     // The tool's arguments are not Qt's.
     int qtArgumentCount = 1;
     const QCoreApplication application(qtArgumentCount, argv);
-    try {
-        return runTool(argc, argv);
-    } catch (const std::exception& error) {
-        std::cerr << "zebtdx: " << error.what() << '\n';
-        return ExitCode::Failed;
-    }
+    return runTool(argc, argv);
 }

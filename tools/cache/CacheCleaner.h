@@ -5,7 +5,6 @@
 
 #include <QtGlobal>
 
-#include <string>
 #include <vector>
 
 class ErrorReport;
@@ -13,10 +12,10 @@ class ProgressBar;
 class ToolStore;
 struct Manifest;
 
-/// Removes from a cache on disk what no manifest names, by the store's own collector: while
-/// somebody holds a reference on a content, its file stays.
+/// Removes the block files of a cache that no manifest references, with the store's own collector:
+/// the file of a block stays while a reference to the block exists.
 ///
-/// Nobody else may use the store, and the collection must be off.
+/// No other thread may use the store, and collection must be off.
 class CacheCleaner
 {
 public:
@@ -29,26 +28,23 @@ public:
     CacheCleaner(const StorePlace& place, const ToolStore& store, ErrorReport& errors,
                  ProgressBar& progress);
 
-    /// Holds everything that the manifest names from now on: its lists of blocks, and the blocks.
-    /// A list that cannot be read is an error: what it names is not known, so nothing may be
-    /// removed then. Gives whether all lists could be read.
+    /// References everything that the manifest lists from now on: its lists of blocks, and the
+    /// blocks. A list that cannot be read is an error: its blocks are unknown, so nothing may be
+    /// removed then. Returns whether all lists could be read.
     bool keep(const Manifest& manifest);
 
-    /// Looks at the files: what is held, and what is not.
+    /// Counts the files with and without a reference.
     void count();
 
     const Sum& kept() const { return m_Kept; }
-    const Sum& rest() const { return m_Rest; }
+    const Sum& unreferenced() const { return m_Unreferenced; }
 
-    /// Removes what is not held. Gives whether nothing of it is left; count() tells what is.
-    bool removeRest();
+    /// Removes the unreferenced files and counts again. Returns whether none is left.
+    bool removeUnreferenced();
 
 private:
     /// One pass of the collector on this thread.
     void pass();
-
-    /// Whether the group block can be read and is what its name says.
-    bool isSound(const ZebDataReference& group) const;
 
     const StorePlace m_Place;
     const ToolStore& m_Store;
@@ -56,5 +52,5 @@ private:
     ProgressBar& m_Progress;
     std::vector<ZebDataReference> m_Held;
     Sum m_Kept;
-    Sum m_Rest;
+    Sum m_Unreferenced;
 };

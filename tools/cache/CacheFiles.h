@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tools/cache/BlockName.h"
-#include "tools/cache/BlockPlace.h"
+#include "hash/ZebBlockName.h"
+#include "io/ZebBlockPlace.h"
 #include "tools/cache/CacheScanner.h"
 #include "tools/cache/StorePlace.h"
 
@@ -11,23 +11,22 @@
 #include <utility>
 #include <vector>
 
-class ErrorReport;
 class CacheWarnings;
+class ErrorReport;
 
-/// The block files of a cache on disk as they were found, in 80 bytes for each. What else lies
-/// there is a remark. Reads folders only, and follows no link below a root.
+/// A list of the block files of a cache, with 72 bytes for each. Anything else in the cache is a
+/// warning. Reads directories only, and follows no link below a root.
 class CacheFiles
 {
 public:
     struct File
     {
-        BlockName m_Name;
-        qint64 m_Size = 0;
-        /// Index into folders().
-        std::size_t m_Folder = 0;
+        ZebBlockName m_Name;
+        /// Index into the directories.
+        std::size_t m_Directory = 0;
     };
 
-    struct Folder
+    struct Directory
     {
         std::string m_Path;
         std::size_t m_Root = 0;
@@ -35,51 +34,29 @@ public:
         int m_Bucket = 0;
     };
 
-    /// Whether the files are looked at. Their sizes are 0, and loose permissions of files are no
-    /// remarks, where not: whoever opens them sees both.
-    enum class Sizes
-    {
-        Known,
-        Unknown
-    };
-
-    /// @param place the roots, and the sub-cache where `all` does not say that all are meant
-    CacheFiles(StorePlace place, bool all, ErrorReport& errors, CacheWarnings& remarks,
-               Sizes sizes = Sizes::Known);
-
-    bool hasSizes() const { return m_Sizes == Sizes::Known; }
-
-    /// Whether others than its owner may write a file or folder of this mode.
-    static bool isLoose(unsigned int mode);
-
-    /// The remark on that.
-    static void remarkLoose(const std::string& path, CacheWarnings& remarks);
+    /// @param place the roots, and the sub-cache unless `all` asks for every sub-cache
+    CacheFiles(StorePlace place, bool all, ErrorReport& errors, CacheWarnings& warnings);
 
     const std::vector<File>& files() const { return m_Files; }
-    const Folder& folderOf(const File& file) const { return m_Folders[file.m_Folder]; }
+    const Directory& directoryOf(const File& file) const { return m_Directories[file.m_Directory]; }
     std::string pathOf(const File& file) const;
 
-    /// The sum of their sizes.
-    qint64 bytes() const { return m_Bytes; }
-
     /// Where the file should lie.
-    BlockPlace placeOf(const File& file) const;
+    ZebBlockPlace placeOf(const File& file) const;
 
     const std::string& rootPath(int index) const
     {
         return m_Place.m_Roots[static_cast<std::size_t>(index)];
     }
 
-    /// Whether it lies there.
+    /// Whether the file lies there.
     bool isInPlace(const File& file) const;
 
 private:
-    void take(const CacheScanner::File& found, CacheWarnings& remarks);
-    std::size_t folderIndex(const CacheScanner::File& found, CacheWarnings& remarks);
+    void take(const CacheScanner::File& found, CacheWarnings& warnings);
+    std::size_t directoryIndex(const CacheScanner::File& found, CacheWarnings& warnings);
 
     const StorePlace m_Place;
-    const Sizes m_Sizes;
     std::vector<File> m_Files;
-    std::vector<Folder> m_Folders;
-    qint64 m_Bytes;
+    std::vector<Directory> m_Directories;
 };

@@ -1,12 +1,14 @@
 #include "tools/cache/CacheScanner.h"
 
-#include "tools/cache/BlockName.h"
-#include "tools/files/FileKind.h"
+#include "io/ZebBlockFile.h"
+#include "tools/files/FileReader.h"
+#include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
-#include "tools/terminal/PlainNumber.h"
+#include "tools/terminal/ToolError.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <optional>
 
 #include <sys/stat.h>
@@ -15,39 +17,25 @@ namespace {
 
 constexpr int s_NoBucket = -1;
 
+// Empty unless the name is a number as the store writes it.
 std::optional<int> bucketNumber(const std::string& name)
 {
-    return plainNumber<int>(name.data(), name.data() + name.size());
+    int number = 0;
+    const char* const end = name.data() + name.size();
+    const auto [rest, error] = std::from_chars(name.data(), end, number);
+    const bool isBucket = error == std::errc() && rest == end && std::to_string(number) == name;
+    return isBucket && number >= 0 ? std::optional<int>(number) : std::nullopt;
 }
 
-bool isFolder(const std::string& path)
+bool isDirectory(const std::string& path)
 {
     struct stat status = {};
     return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Buckets by number, and everything else by name behind them.
-void sortNames(std::vector<std::string>& names)
-{
-    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
-        const std::optional<int> first = bucketNumber(a);
-        const std::optional<int> second = bucketNumber(b);
-        if (first && second)
-            return *first < *second;
-        return first.has_value() != second.has_value() ? first.has_value() : a < b;
-    });
-}
-
 } // namespace
 
-CacheScanner::CacheScanner(ErrorReport& errors)
-    : m_Errors(errors),
-      m_All(true),
-      m_Order(FolderNames::Order::Sorted),
-      m_WithSizes(true),
-      m_Root(0),
-      m_Visit(nullptr)
-{}
+CacheScanner::CacheScanner(ErrorReport& errors) : m_Errors(errors) {}
 
 void CacheScanner::only(const std::string& subCache)
 {
@@ -60,100 +48,77 @@ void CacheScanner::run(const std::vector<std::string>& roots,
 {
     m_Visit = &visit;
     for (m_Root = 0; m_Root < roots.size(); ++m_Root) {
-        m_RootPath = roots[m_Root];
-        scanRoot();
+        const std::string& root = roots[m_Root];
+        scanBuckets(m_Only.empty() ? root : FileSystem::joined(root, m_Only), m_Only);
     }
 }
 
-bool CacheScanner::isBlockName(const std::string& name)
+qint64 CacheScanner::blockBytesOf(const std::string& path)
 {
-    return BlockName::parse(name).has_value();
+    FileReader reader;
+    reader.open(path);
+    const QByteArray bytes = reader.read(0, ZebBlockFile::s_HeaderBytes);
+    if (bytes.size() < ZebBlockFile::s_HeaderBytes)
+        throw ToolError("is too short for a block");
+    return ZebBlockFile::Header::decode(bytes.constData()).m_BlockBytes;
 }
 
-void CacheScanner::scanRoot()
+void CacheScanner::scanBuckets(const std::string& directory, const std::string& subCache)
 {
-    if (!m_All) {
-        scanBuckets(m_Only.empty() ? m_RootPath : FolderNames::joined(m_RootPath, m_Only), m_Only);
-        return;
-    }
-    scanBuckets(m_RootPath, {});
-}
-
-void CacheScanner::scanBuckets(const std::string& folder, const std::string& subCache)
-{
-    std::vector<std::string> names;
-    const std::string reason = FolderNames::read(folder, names);
-    if (!reason.empty())
-        m_Errors.add(folder, reason);
-    sortNames(names);
-    for (const std::string& name : names) {
-        const std::string path = FolderNames::joined(folder, name);
-        const std::optional<int> bucket = bucketNumber(name);
-        // Sub-caches stand beside the buckets of the unnamed one.
-        const bool isRoot = subCache.empty();
-        if (!isFolder(path))
-            visit(folder, subCache, s_NoBucket, name);
+    std::vector<FileSystem::Entry> entries = FileSystem::entries(directory, m_Errors);
+    // Buckets by number, then everything else by name.
+    const auto others =
+        std::stable_partition(entries.begin(), entries.end(), [](const FileSystem::Entry& entry) {
+            return bucketNumber(entry.m_Name).has_value();
+        });
+    std::sort(entries.begin(), others, [](const FileSystem::Entry& a, const FileSystem::Entry& b) {
+        return *bucketNumber(a.m_Name) < *bucketNumber(b.m_Name);
+    });
+    for (const FileSystem::Entry& entry : entries) {
+        const std::string path = FileSystem::joined(directory, entry.m_Name);
+        const std::optional<int> bucket = bucketNumber(entry.m_Name);
+        const bool isUnnamed = subCache.empty();
+        if (!isDirectory(path))
+            visit(directory, subCache, s_NoBucket, entry.m_Name);
         else if (bucket)
             scanBucket(path, subCache, *bucket);
-        else if (!isRoot)
-            visit(folder, subCache, s_NoBucket, name);
+        else if (!isUnnamed)
+            visit(directory, subCache, s_NoBucket, entry.m_Name);
+        // Sub-caches lie next to the buckets of the unnamed one.
         else if (m_All)
-            scanBuckets(path, name);
+            scanBuckets(path, entry.m_Name);
     }
 }
 
-void CacheScanner::scanBucket(const std::string& folder, const std::string& subCache, int bucket)
+void CacheScanner::scanBucket(const std::string& directory, const std::string& subCache, int bucket)
 {
-    std::string reason;
-    if (m_WithSizes) {
-        std::vector<std::string> names;
-        reason = FolderNames::read(folder, names, m_Order);
-        for (const std::string& name : names)
-            visit(folder, subCache, bucket, name);
-    } else {
-        std::vector<FolderNames::Entry> entries;
-        reason = FolderNames::readEntries(folder, entries);
-        for (const FolderNames::Entry& entry : entries)
-            visit(folder, subCache, bucket, entry.m_Name, entry.m_IsSurelyFile);
-    }
-    if (!reason.empty())
-        m_Errors.add(folder, reason);
+    for (const FileSystem::Entry& entry : FileSystem::entries(directory, m_Errors))
+        visit(directory, subCache, bucket, entry.m_Name, entry.m_IsRegularFile);
 }
 
-void CacheScanner::visit(const std::string& folder, const std::string& subCache, int bucket,
-                         const std::string& name, bool isKnownFile)
+void CacheScanner::visit(const std::string& directory, const std::string& subCache, int bucket,
+                         const std::string& name, bool isRegularFile)
 {
     m_File.m_Root = m_Root;
     m_File.m_SubCache = subCache;
     m_File.m_Bucket = bucket;
     m_File.m_Name = name;
-    m_File.m_Path = folder;
-    if (m_File.m_Path.empty() || m_File.m_Path.back() != '/')
-        m_File.m_Path += '/';
-    m_File.m_Path += name;
-    m_File.m_Size = 0;
+    m_File.m_Path = FileSystem::joined(directory, name);
     m_File.m_Mode = S_IFREG;
-    if (!isKnownFile && !look())
+    struct stat status = {};
+    if (!isRegularFile && ::lstat(m_File.m_Path.c_str(), &status) != 0) {
+        // A collector or a writer may have removed it.
+        if (errno != ENOENT)
+            m_Errors.add(m_File.m_Path, ToolError::ofSystem(errno));
         return;
+    }
+    if (!isRegularFile)
+        m_File.m_Mode = status.st_mode & S_IFMT;
     const bool isRegular = S_ISREG(m_File.m_Mode);
-    const std::optional<BlockName> block =
-        isRegular && bucket != s_NoBucket ? BlockName::parse(name) : std::nullopt;
+    const std::optional<ZebBlockName> block =
+        isRegular && bucket != s_NoBucket ? ZebBlockName::parse(name) : std::nullopt;
     m_File.m_IsBlock = block.has_value();
-    m_File.m_BlockName = block.value_or(BlockName());
+    m_File.m_BlockName = block.value_or(ZebBlockName());
     m_File.m_IsLog = isRegular && bucket == s_NoBucket && name == "TdxLog.txt";
     (*m_Visit)(m_File);
-}
-
-bool CacheScanner::look()
-{
-    struct stat status = {};
-    if (::lstat(m_File.m_Path.c_str(), &status) != 0) {
-        // A collector or a writer may have been at work.
-        if (errno != ENOENT)
-            m_Errors.add(m_File.m_Path, FileKind::errorText(errno));
-        return false;
-    }
-    m_File.m_Size = status.st_size;
-    m_File.m_Mode = status.st_mode;
-    return true;
 }

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "tools/cache/BlockName.h"
-#include "tools/files/FolderNames.h"
+#include "hash/ZebBlockName.h"
 
 #include <QtGlobal>
 
@@ -11,70 +10,56 @@
 
 class ErrorReport;
 
-/// Walks the files of a disk cache as they lie in its folders, in the order of roots, sub-caches,
-/// buckets and names. Reads folders only. Follows no symbolic link below a root.
+/// Walks the files of a disk cache as they lie in its directories, in the order of roots,
+/// sub-caches, buckets and names. Reads directories only, and follows no symbolic link below a
+/// root.
 class CacheScanner
 {
 public:
     struct File
     {
         std::size_t m_Root = 0;
-        /// Empty for the unnamed one.
+        /// Empty for the unnamed sub-cache.
         std::string m_SubCache;
+        /// -1 for whatever lies outside of the buckets.
         int m_Bucket = 0;
         std::string m_Name;
         std::string m_Path;
-        /// What the file system says of it, without following a link. Size and permissions are 0
-        /// where they are not asked for.
-        qint64 m_Size = 0;
+        /// The type of the file, and no more: permissions would cost a system call for each.
         unsigned int m_Mode = 0;
-        /// Whether it is a regular file whose name is the text form of a hash.
+        /// Whether it is a regular file in a bucket, named like a block.
         bool m_IsBlock = false;
-        /// That name, where it is.
-        BlockName m_BlockName;
+        /// The name of a block file.
+        ZebBlockName m_BlockName;
         /// Whether it is the store's own log.
         bool m_IsLog = false;
     };
 
     explicit CacheScanner(ErrorReport& errors);
 
-    /// The files of a bucket come in whatever order the file system has them from now on, which is
-    /// faster.
-    void inAnyOrder() { m_Order = FolderNames::Order::AsRead; }
-
-    /// Plain files in buckets are not looked at from now on where the folder tells that they are
-    /// files, which is faster again: their sizes and permissions are 0. They come in any order.
-    void withoutSizes() { m_WithSizes = false; }
-
-    /// Only this sub-cache, from now on; the empty name for the unnamed one.
+    /// Restricts the scan to this sub-cache; empty for the unnamed one.
     void only(const std::string& subCache);
 
-    /// Calls `visit` for everything that lies in the buckets, and for what else is not a folder of
-    /// the cache's own: that is in no bucket, which is -1.
+    /// Calls `visit` for everything that lies in the buckets, and for everything else that is not a
+    /// directory of the cache.
     void run(const std::vector<std::string>& roots, const std::function<void(const File&)>& visit);
 
-    /// Whether this is the text form of a hash as blocks have it.
-    static bool isBlockName(const std::string& name);
+    /// The size of the plain block in bytes, from the header of a block file. Throws a ToolError.
+    static qint64 blockBytesOf(const std::string& path);
 
 private:
-    void scanRoot();
-    void scanBuckets(const std::string& folder, const std::string& subCache);
-    void scanBucket(const std::string& folder, const std::string& subCache, int bucket);
-    void visit(const std::string& folder, const std::string& subCache, int bucket,
-               const std::string& name, bool isKnownFile = false);
-    // Whether something stands there; fills in what the file system says of it.
-    bool look();
+    void scanBuckets(const std::string& directory, const std::string& subCache);
+    void scanBucket(const std::string& directory, const std::string& subCache, int bucket);
+    void visit(const std::string& directory, const std::string& subCache, int bucket,
+               const std::string& name, bool isRegularFile = false);
 
     ErrorReport& m_Errors;
-    bool m_All;
-    FolderNames::Order m_Order;
-    bool m_WithSizes;
+    bool m_All = true;
     std::string m_Only;
 
-    // Of the run that is going on.
-    std::size_t m_Root;
-    std::string m_RootPath;
-    const std::function<void(const File&)>* m_Visit;
-    // What is visited. One for all, so that the texts keep their memory.
+    // Of the run in progress.
+    std::size_t m_Root = 0;
+    const std::function<void(const File&)>* m_Visit = nullptr;
+    // The file to visit. One for all, so that its strings keep their memory.
     File m_File;
 };

@@ -1,15 +1,17 @@
 #include "tools/cache/CacheStatistics.h"
 
-#include "tools/cache/BlockHeader.h"
-#include "tools/files/FileReader.h"
+#include "io/ZebBlockFile.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/SizeText.h"
 #include "tools/terminal/SummaryText.h"
+#include "tools/terminal/ToolError.h"
 
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -51,7 +53,7 @@ void CacheStatistics::Sum::add(const Sum& other)
 
 CacheStatistics::CacheStatistics(const std::vector<std::string>& roots, const std::string* subCache,
                                  ErrorReport& errors)
-    : m_Roots(roots), m_Foreign(0)
+    : m_Roots(roots)
 {
     CacheScanner scan(errors);
     if (subCache != nullptr)
@@ -63,23 +65,19 @@ void CacheStatistics::count(const CacheScanner::File& file, ErrorReport& errors)
 {
     if (file.m_IsLog)
         return;
-    // The store takes a file of this length for a missing one.
-    if (!file.m_IsBlock || file.m_Size <= BlockHeader::s_Bytes) {
-        ++m_Foreign;
+    struct stat status = {};
+    if (!file.m_IsBlock || ::lstat(file.m_Path.c_str(), &status) != 0 ||
+        !ZebBlockFile::isComplete(status.st_size)) {
+        ++m_Unexpected;
         return;
     }
-    FileReader reader;
-    BlockHeader header;
-    std::string reason = reader.open(file.m_Path);
-    if (reason.empty())
-        reason = header.read(reader);
-    if (!reason.empty()) {
-        errors.add(file.m_Path, reason);
-        return;
-    }
-    const Sum sum = {1, file.m_Size, header.m_BlockSize};
-    m_Sums[{file.m_Root, file.m_SubCache, file.m_Bucket}].add(sum);
-    m_Total.add(sum);
+    const auto error = ToolError::of([&] {
+        const Sum sum = {1, status.st_size, CacheScanner::blockBytesOf(file.m_Path)};
+        m_Sums[{file.m_Root, file.m_SubCache, file.m_Bucket}].add(sum);
+        m_Total.add(sum);
+    });
+    if (error)
+        errors.add(file.m_Path, *error);
 }
 
 std::string CacheStatistics::table() const
@@ -112,8 +110,8 @@ SummaryText CacheStatistics::shown() const
     text.addBytes(QStringLiteral("file_bytes"), "Bytes on disk", m_Total.m_FileBytes);
     text.addBytes(QStringLiteral("block_bytes"), "Bytes of blocks", m_Total.m_BlockBytes);
     text.addDecimal(QStringLiteral("compression_ratio"), "Compression ratio", ratio(m_Total));
-    text.addCount(QStringLiteral("foreign"), "Other things", m_Foreign,
-                  "that are no block files, or stumps of them");
+    text.addCount(QStringLiteral("unexpected"), "Unexpected files", m_Unexpected,
+                  "which are not block files, or truncated ones");
     QJsonArray places;
     for (const auto& [place, sum] : m_Sums) {
         QJsonObject object = objectOf(sum);

@@ -12,29 +12,26 @@
 class ErrorReport;
 class SummaryText;
 
-/// Files and bytes of a cache on disk, and how they are spread.
+/// Files and bytes of a cache on disk, and their distribution.
 class CacheStatistics
 {
 public:
     struct Sum
     {
         qint64 m_Files = 0;
-        /// What the files take.
+        /// The bytes of the files.
         qint64 m_FileBytes = 0;
-        /// What their blocks have when they are read.
+        /// The bytes of their blocks once decompressed.
         qint64 m_BlockBytes = 0;
 
         void add(const Sum& other);
     };
 
-    /// @param subCache null for all of them
+    /// @param subCache null for all sub-caches
     CacheStatistics(const std::vector<std::string>& roots, const std::string* subCache,
                     ErrorReport& errors);
 
     const Sum& total() const { return m_Total; }
-
-    /// Things that are no block files: whatever others have put there, and stumps of files.
-    qint64 foreign() const { return m_Foreign; }
 
     SummaryText shown() const;
 
@@ -48,5 +45,5 @@ private:
     const std::vector<std::string>& m_Roots;
     std::map<Place, Sum> m_Sums;
     Sum m_Total;
-    qint64 m_Foreign;
+    qint64 m_Unexpected = 0;
 };

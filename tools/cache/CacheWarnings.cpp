@@ -1,8 +1,9 @@
 #include "tools/cache/CacheWarnings.h"
 
 #include "tools/terminal/ErrorReport.h"
-#include "tools/terminal/PathText.h"
 #include "tools/terminal/SummaryText.h"
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -10,7 +11,7 @@ constexpr qint64 s_LinesOfAKind = 10;
 
 } // namespace
 
-CacheWarnings::CacheWarnings(ErrorReport& errors) : m_Errors(errors), m_Counts() {}
+CacheWarnings::CacheWarnings(ErrorReport& errors) : m_Errors(errors) {}
 
 void CacheWarnings::add(Kind kind, const std::string& path, const std::string& text)
 {
@@ -20,9 +21,20 @@ void CacheWarnings::add(Kind kind, const std::string& path, const std::string& t
         count = ++m_Counts[kind];
     }
     if (count <= s_LinesOfAKind)
-        m_Errors.note(PathText::printable(path) + ": " + text);
+        m_Errors.note(path, text);
     if (count == s_LinesOfAKind)
-        m_Errors.note("more of that kind are only counted");
+        m_Errors.note("further warnings of this kind are only counted");
+}
+
+bool CacheWarnings::isWritableByOthers(unsigned int mode)
+{
+    return !S_ISLNK(mode) && (mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+void CacheWarnings::addIfWritable(const std::string& path, unsigned int mode)
+{
+    if (isWritableByOthers(mode))
+        add(Writable, path, "is group- or world-writable; correct that with chmod go-w");
 }
 
 qint64 CacheWarnings::count(Kind kind) const
@@ -33,12 +45,13 @@ qint64 CacheWarnings::count(Kind kind) const
 
 void CacheWarnings::addTo(SummaryText& summary) const
 {
-    summary.addCount(QStringLiteral("stumps"), "Stumps", count(Stump),
-                     "which the store takes for missing");
-    summary.addCount(QStringLiteral("foreign"), "Foreign things", count(Foreign),
-                     "which the store has not put there");
-    summary.addCount(QStringLiteral("links"), "Links not followed", count(Link));
-    summary.addCount(QStringLiteral("loose_permissions"), "Loose permissions", count(Loose),
-                     "that let others write");
-    summary.addCount(QStringLiteral("moving"), "Changed meanwhile", count(Moving));
+    summary.addCount(QStringLiteral("truncated"), "Truncated files", count(Truncated),
+                     "which the store treats as missing");
+    summary.addCount(QStringLiteral("unexpected"), "Unexpected files", count(Unexpected),
+                     "which the store did not create");
+    summary.addCount(QStringLiteral("links"), "Links skipped", count(Link));
+    summary.addCount(QStringLiteral("writable"), "Writable by others", count(Writable),
+                     "which lets them change blocks");
+    summary.addCount(QStringLiteral("changed"), "Changed meanwhile", count(Changed),
+                     "by another process");
 }

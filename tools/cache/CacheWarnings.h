@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QJsonObject>
 #include <QtGlobal>
 
 #include <array>
@@ -10,8 +9,8 @@
 class ErrorReport;
 class SummaryText;
 
-/// What is seen in a cache beside damage: it does no harm by itself, but somebody should know.
-/// There is a line for each of the first few of a kind, and a number for all of them.
+/// What a check of a cache finds besides damage: harmless by itself, but worth attention. Prints a
+/// line for each of the first few of a kind, and counts all of them.
 ///
 /// Thread safety: any thread may call every operation.
 class CacheWarnings
@@ -19,16 +18,16 @@ class CacheWarnings
 public:
     enum Kind
     {
-        /// Something that the store has not put there.
-        Foreign,
+        /// Something that the store did not create.
+        Unexpected,
         /// A symbolic link, which is not followed.
         Link,
-        /// A file or folder that others than its owner may write.
-        Loose,
-        /// What is left of a write that was broken off.
-        Stump,
-        /// A file that a process wrote or removed meanwhile.
-        Moving
+        /// A group- or world-writable file or directory.
+        Writable,
+        /// A file that an interrupted write left.
+        Truncated,
+        /// A file that another process wrote or removed during the check.
+        Changed
     };
 
     explicit CacheWarnings(ErrorReport& errors);
@@ -36,16 +35,22 @@ public:
     /// "zebtdx: <path>: <text>"
     void add(Kind kind, const std::string& path, const std::string& text);
 
+    /// Whether a file or directory of this mode is group- or world-writable. A link never is.
+    static bool isWritableByOthers(unsigned int mode);
+
+    /// Adds a warning in that case.
+    void addIfWritable(const std::string& path, unsigned int mode);
+
     qint64 count(Kind kind) const;
 
     /// The numbers of all kinds.
     void addTo(SummaryText& summary) const;
 
 private:
-    static constexpr std::size_t s_Kinds = Moving + 1;
+    static constexpr std::size_t s_Kinds = Changed + 1;
 
     ErrorReport& m_Errors;
-    // Guards the numbers. Nothing is called inside it.
+    // Guards the numbers. A leaf lock.
     mutable std::mutex m_Mutex;
-    std::array<qint64, s_Kinds> m_Counts;
+    std::array<qint64, s_Kinds> m_Counts = {};
 };

@@ -1,6 +1,7 @@
 #include "tools/cache/RootLock.h"
 
 #include "tools/terminal/PathText.h"
+#include "tools/terminal/ToolError.h"
 
 #include <cerrno>
 #include <utility>
@@ -17,7 +18,7 @@ constexpr int s_Attempts = 100;
 constexpr int s_Held = -1;
 constexpr int s_NoFile = -2;
 
-// Whether the path still leads to the open file.
+// Whether the path still names the open file.
 bool isSameFile(int descriptor, const std::string& path)
 {
     struct stat open = {};
@@ -29,7 +30,7 @@ bool isSameFile(int descriptor, const std::string& path)
 int openFile(const std::string& path)
 {
     constexpr int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    // Not both at once: some systems refuse that for the file of another user.
+    // Not in one call: some systems refuse that for the file of another user.
     const int there = ::open(path.c_str(), flags);
     if (there >= 0 || errno != ENOENT)
         return there;
@@ -51,7 +52,7 @@ int lockFile(const std::string& path, RootLock::Use use)
             ::close(descriptor);
             return error == EWOULDBLOCK ? s_Held : s_NoFile;
         }
-        // Whoever had it may have removed it in between.
+        // The previous holder may have removed it in between.
         if (isSameFile(descriptor, path))
             return descriptor;
         ::close(descriptor);
@@ -60,8 +61,6 @@ int lockFile(const std::string& path, RootLock::Use use)
 }
 
 } // namespace
-
-RootLock::RootLock() : m_Partial(false) {}
 
 RootLock::RootLock(RootLock&& other) noexcept
     : m_Held(std::move(other.m_Held)), m_Partial(other.m_Partial)
@@ -79,12 +78,12 @@ std::string RootLock::fileOf(const std::string& root)
     struct stat status = {};
     if (::stat(root.c_str(), &status) != 0)
         return {};
-    const std::string folder = ::access(s_Folder, W_OK | X_OK) == 0 ? s_Folder : "/tmp";
-    return folder + "/zebtdx-" + std::to_string(status.st_dev) + "-" +
+    const std::string directory = ::access(s_Directory, W_OK | X_OK) == 0 ? s_Directory : "/tmp";
+    return directory + "/zebtdx-" + std::to_string(status.st_dev) + "-" +
            std::to_string(status.st_ino) + ".lock";
 }
 
-bool RootLock::take(const std::vector<std::string>& roots, Use use, std::string& holder)
+void RootLock::take(const std::vector<std::string>& roots, Use use)
 {
     release();
     m_Partial = false;
@@ -94,22 +93,23 @@ bool RootLock::take(const std::vector<std::string>& roots, Use use, std::string&
             continue;
         const int descriptor = lockFile(path, use);
         if (descriptor == s_Held) {
-            holder = "cache root " + PathText::printable(root) + " is in use by another process";
             release();
-            return false;
+            throw ToolError("cache root " + PathText::printable(root) +
+                                " is in use by another process; try again when it has ended",
+                            EWOULDBLOCK);
         }
         if (descriptor == s_NoFile)
             m_Partial = true;
         else
             m_Held.push_back({path, descriptor});
     }
-    return true;
 }
 
 void RootLock::release()
 {
     for (const Held& held : m_Held) {
-        // Only who is alone with it may remove it: the others would lock a file without a name.
+        // Only an exclusive holder may remove it: others would hold a lock on a file without a
+        // name.
         if (::flock(held.m_Descriptor, LOCK_EX | LOCK_NB) == 0 &&
             isSameFile(held.m_Descriptor, held.m_Path))
             ::unlink(held.m_Path.c_str());

@@ -3,12 +3,12 @@
 #include <string>
 #include <vector>
 
-/// Keeps other processes of the tool off cache roots for as long as it lives. It locks a file for
-/// each root outside of all roots, so that the cache itself stays as it is: in s_Folder, or where
-/// that is missing in the folder for temporary files, named after the device and the node of the
-/// root. The last one to leave removes it; a process that is killed leaves the file, but no lock.
+/// Keeps other processes of the tool away from cache roots while it exists. It locks a file for
+/// each root, outside of all roots, so that the cache itself does not change: in s_Directory, or
+/// where that is missing in the directory for temporary files, named after device and inode of the
+/// root. The last holder removes the file; a process that is killed leaves the file, but no lock.
 ///
-/// A host takes no such lock unless it was made to.
+/// A host takes no such lock unless it is written to.
 ///
 /// Thread safety: an object belongs to one thread at a time.
 class RootLock
@@ -16,26 +16,26 @@ class RootLock
 public:
     enum class Use
     {
-        /// Together with others that read.
+        /// Shared with other readers.
         Reading,
-        /// With nobody else.
+        /// Exclusive.
         Alone
     };
 
-    RootLock();
+    RootLock() = default;
 
-    /// Gives the locks back.
+    /// Releases the locks.
     ~RootLock();
     RootLock(const RootLock&) = delete;
     RootLock& operator=(const RootLock&) = delete;
 
-    /// Takes over what the other one holds.
+    /// Takes the other object's locks.
     RootLock(RootLock&& other) noexcept;
 
-    /// Locks all roots or none, and does not wait. False when another process has one of them;
-    /// `holder` then says which. A root that is missing is passed over, and so is one whose lock
-    /// file cannot be made, which isPartial() tells.
-    bool take(const std::vector<std::string>& roots, Use use, std::string& holder);
+    /// Locks all roots or none, and does not wait. Throws a ToolError with the code EWOULDBLOCK
+    /// when another process holds one of them. Skips a root that is missing, and a root whose lock
+    /// file cannot be created; isPartial() reports the latter.
+    void take(const std::vector<std::string>& roots, Use use);
 
     /// Whether some root could not be locked.
     bool isPartial() const { return m_Partial; }
@@ -50,10 +50,10 @@ private:
         int m_Descriptor;
     };
 
-    static constexpr const char* s_Folder = "/run/lock";
+    static constexpr const char* s_Directory = "/run/lock";
 
     void release();
 
     std::vector<Held> m_Held;
-    bool m_Partial;
+    bool m_Partial = false;
 };

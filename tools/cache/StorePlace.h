@@ -3,25 +3,28 @@
 #include <string>
 #include <vector>
 
-/// Where a store keeps its files. All of it decides where a block lies, so a store is found again
-/// only with the same number and order of roots, the same buckets and the same sub-cache.
+/// Where a store keeps its files. Each field decides where a block lies, so an existing cache is
+/// found only with the same number and order of roots, the same buckets and the same sub-cache.
 struct StorePlace
 {
-    /// Folders, as the bytes that the user gave.
+    /// Directories, as the bytes that the user gave.
     std::vector<std::string> m_Roots;
     int m_Buckets = 10;
-    /// Empty for the unnamed one, which the collector of the store leaves alone.
+    /// Empty for the unnamed sub-cache, which the store's collector does not touch.
     std::string m_SubCache = defaultSubCache();
 
-    /// Where a command looks when no root is given: below the working folder.
+    /// The root when none is given, below the working directory.
     static std::string defaultRoot() { return "zebtdx-cache"; }
 
     static std::string defaultSubCache() { return "main"; }
 
-    /// Why `name` can't be the name of a sub-cache, which is one folder below each root; empty when
-    /// it can. A name of digits only would be a bucket of the unnamed sub-cache.
-    static std::string whyNoSubCache(const std::string& name);
+    /// Throws a ToolError unless every root is a directory.
+    void requireDirectories() const;
 
-    /// Why these can't be the roots of one store; empty when they can.
-    static std::string whyNoRoots(const std::vector<std::string>& roots);
+    /// Throws a ToolError unless `name` can be the name of a sub-cache, which is one directory
+    /// below each root. A name of digits only would be a bucket of the unnamed sub-cache.
+    static void requireSubCache(const std::string& name);
+
+    /// Throws a ToolError unless these can be the roots of one store.
+    static void requireRoots(const std::vector<std::string>& roots);
 };

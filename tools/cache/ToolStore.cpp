@@ -1,12 +1,13 @@
 #include "tools/cache/ToolStore.h"
 
 #include "data/ZebDataReference.h"
+#include "hash/ZebDataHash.h"
+#include "io/ZebBlockFile.h"
 #include "manager/ZebDataBlockManager.h"
-#include "tools/cache/BlockHeader.h"
-#include "tools/files/FileKind.h"
+#include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
-#include "tools/terminal/ExitCode.h"
 #include "tools/terminal/PathText.h"
+#include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
 #include <QByteArray>
@@ -16,7 +17,6 @@
 #include <QStringList>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -25,34 +25,32 @@
 
 namespace {
 
-// A disk that has not failed for that long works again.
+// A disk whose last failure is this long ago works again.
 constexpr qint64 s_PauseMs = 3000;
 
-// Why a store can't keep its files in that folder; empty when it can.
-std::string whyNoRoot(const std::string& root, ToolStore::Roots roots)
+void requireRoot(const std::string& root, ToolStore::Roots roots)
 {
     std::error_code error;
     if (roots == ToolStore::Roots::Make)
         std::filesystem::create_directories(root, error);
     if (error)
-        return error.message();
-    if (!std::filesystem::is_directory(root, error))
-        return error ? error.message() : FileKind::errorText(ENOTDIR);
-    // Readers make missing folders, too.
+        throw ToolError(error.message(), error.value());
+    FileSystem::requireDirectory(root);
+    // Readers create missing directories too.
     if (::access(root.c_str(), R_OK | W_OK | X_OK) != 0)
-        return FileKind::errorText(errno);
-    return {};
+        throw ToolError::ofSystem(errno);
 }
 
 } // namespace
 
-ToolStore::ToolStore(RootLock&& lock) : m_Lock(std::move(lock)), m_Failures(0), m_Told(0)
+ToolStore::ToolStore(RootLock&& lock, const GiveUp& giveUp)
+    : m_Lock(std::move(lock)), m_GiveUp(giveUp)
 {
     QObject::connect(&ZebDataBlockManager::instance(), &ZebDataBlockManager::writeError,
                      &m_Receiver, [this](const QString& message) {
                          if (!m_SinceLast.isValid() || m_SinceLast.hasExpired(s_PauseMs)) {
                              m_Failures = 0;
-                             m_Told = 0;
+                             m_IsReported = false;
                              m_SinceFirst.start();
                          }
                          m_SinceLast.start();
@@ -62,21 +60,16 @@ ToolStore::ToolStore(RootLock&& lock) : m_Lock(std::move(lock)), m_Failures(0), 
 }
 
 std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, const Options& options,
-                                           std::string& reason)
+                                           const GiveUp& giveUp)
 {
     QStringList paths;
     for (const std::string& root : place.m_Roots) {
-        const std::string why = whyNoRoot(root, options.m_Roots);
-        if (!why.empty()) {
-            reason = "cache root " + PathText::printable(root) + ": " + why;
-            return nullptr;
-        }
+        ToolError::locate("cache root " + root, [&] { requireRoot(root, options.m_Roots); });
         paths.append(QFile::decodeName(QByteArray::fromStdString(root)));
     }
     RootLock lock;
-    if (!lock.take(place.m_Roots, options.m_Use, reason))
-        return nullptr;
-    std::unique_ptr<ToolStore> store(new ToolStore(std::move(lock)));
+    lock.take(place.m_Roots, options.m_Use);
+    std::unique_ptr<ToolStore> store(new ToolStore(std::move(lock), giveUp));
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     manager.setup(paths, options.m_Memory, place.m_Buckets, options.m_CompressionThreads);
     store->m_SubCache = QFile::decodeName(QByteArray::fromStdString(place.m_SubCache));
@@ -85,11 +78,24 @@ std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, const Option
     return store;
 }
 
-bool ToolStore::has(const ZebDataReference& reference) const
+void ToolStore::require(const ZebDataReference& reference, const std::string& what) const
 {
     const QFileInfo file(
         ZebDataBlockManager::instance().getBlockDestination(m_SubCache, reference.hash()));
-    return file.size() > BlockHeader::s_Bytes;
+    if (!ZebBlockFile::isComplete(file.size()))
+        throw ToolError(what + "is not in the cache", ENOENT);
+}
+
+ZebConstAccessor ToolStore::read(const ZebDataReference& reference, const std::string& what) const
+{
+    require(reference, what);
+    ZebConstAccessor block = reference.constAccessor();
+    if (block.isNull())
+        throw ToolError(what + "is not in the cache", ENOENT);
+    const ZebSmartPointer<ZebDataHash> hash = reference.hashPtr();
+    if (ZebDataHash(block.data(), block.size(), hash->size()) != *hash)
+        throw ToolError(what + "is damaged in the cache; run zebtdx verify");
+    return block;
 }
 
 ToolStore::~ToolStore()
@@ -110,13 +116,11 @@ void ToolStore::watchWrites(ErrorReport& errors, qint64 patienceMs)
     QCoreApplication::processEvents();
     if (m_Failures == 0)
         return;
-    if (m_Told == 0) {
-        m_Told = 1;
-        errors.note(PathText::printable(m_LastError.toStdString()) + "; trying again");
-    }
+    if (!std::exchange(m_IsReported, true))
+        errors.note(PathText::printable(m_LastError.toStdString()) + "; retrying");
     if (m_SinceLast.hasExpired(s_PauseMs) || !m_SinceFirst.hasExpired(patienceMs))
         return;
-    errors.add("the disk cache does not take what it is given; giving up");
-    // Nothing less ends the writers: they do not stop before all is written.
-    std::_Exit(ExitCode::Failed);
+    errors.add("writes to the disk cache keep failing; giving up, blocks not written yet are lost; "
+               "make room on the disk and start again");
+    m_GiveUp();
 }

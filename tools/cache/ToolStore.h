@@ -1,5 +1,6 @@
 #pragma once
 
+#include "data/ZebConstAccessor.h"
 #include "tools/cache/RootLock.h"
 #include "tools/cache/StorePlace.h"
 
@@ -8,6 +9,7 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -16,8 +18,8 @@ class ZebDataReference;
 
 /// The process's store, set up for the length of a command. One at a time.
 ///
-/// The store writes again and again what its disk does not take, so a full disk would keep a
-/// command for ever. Whoever waits calls watchWrites() meanwhile, which gives up in the end.
+/// The store retries a failed write indefinitely, so a full disk would block a command without
+/// limit. Every wait of a command calls watchWrites(), which gives up in the end.
 ///
 /// Thread safety: an object belongs to the thread that made it.
 class ToolStore
@@ -25,9 +27,9 @@ class ToolStore
 public:
     enum class Roots
     {
-        /// Made when missing.
+        /// Created if missing.
         Make,
-        /// A missing one is an error.
+        /// A missing root is an error.
         Expect
     };
 
@@ -36,47 +38,58 @@ public:
         Roots m_Roots = Roots::Expect;
         /// Limit of the resident bytes.
         qint64 m_Memory = 0;
-        /// Compression workers for each root; 0 has each writer compress by itself.
+        /// Compression workers for each root; with 0, each writer compresses on its own thread.
         int m_CompressionThreads = 0;
-        /// With whom the roots are shared while the store is set up.
+        /// How the roots are shared with other processes while the store is set up.
         RootLock::Use m_Use = RootLock::Use::Reading;
     };
 
-    /// Sets the store up. Gives null and the reason when a root cannot be used, or is in use by
-    /// another process of the tool.
+    /// Ends the process. Nothing less ends the writers: they stop only once all is written, and the
+    /// store waits for them.
+    using GiveUp = std::function<void()>;
+
+    /// Sets the store up. Throws a ToolError when a root cannot be used, or is in use by another
+    /// process of the tool.
+    ///
+    /// @param giveUp watchWrites() calls it; must not return
     static std::unique_ptr<ToolStore> open(const StorePlace& place, const Options& options,
-                                           std::string& reason);
+                                           const GiveUp& giveUp);
 
     /// Cleans the store up. References may outlive it, accessors may not.
     ~ToolStore();
     ToolStore(const ToolStore&) = delete;
     ToolStore& operator=(const ToolStore&) = delete;
 
-    /// Whether the block has a file that counts as whole. Asking for a block that has none takes
-    /// the store up to seconds, since its write might be on the way. Any thread may ask.
-    bool has(const ZebDataReference& reference) const;
+    /// Throws a ToolError that begins with `what` unless the block has a complete file. Without
+    /// this check, loading a missing block takes the store up to seconds, as its write might be
+    /// queued. Any thread may call this.
+    void require(const ZebDataReference& reference, const std::string& what) const;
 
-    /// Waits until all that was added is on the disk.
+    /// The block, whose digest has been compared with its name. Throws a ToolError that begins with
+    /// `what` when it is missing or damaged. Any thread may call this.
+    ZebConstAccessor read(const ZebDataReference& reference, const std::string& what) const;
+
+    /// Waits until everything that was added is written.
     void flush(ErrorReport& errors);
 
-    /// Hands on what the writers could not write: one line when that begins. Ends the process with
-    /// ExitCode::Failed and another line when writing has failed for `patienceMs` with no pause:
-    /// what waits for writing is lost then.
+    /// Reports failed writes: one line for each series of failures. When writes have failed for
+    /// `patienceMs` without a pause, reports an error and gives up; queued blocks are lost.
     void watchWrites(ErrorReport& errors, qint64 patienceMs = s_PatienceMs);
 
 private:
     static constexpr qint64 s_PatienceMs = 10000;
 
-    explicit ToolStore(RootLock&& lock);
+    ToolStore(RootLock&& lock, const GiveUp& giveUp);
 
     RootLock m_Lock;
+    const GiveUp m_GiveUp;
     QString m_SubCache;
     // Receives the store's signal.
     QObject m_Receiver;
     QString m_LastError;
-    qint64 m_Failures;
-    // Since the first failure of the present run of failures, and since the last one.
+    qint64 m_Failures = 0;
+    bool m_IsReported = false;
+    // Since the first and since the last failure of the present series.
     QElapsedTimer m_SinceFirst;
     QElapsedTimer m_SinceLast;
-    qint64 m_Told;
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "manager/ZebDataBlockManager.h"
 #include "tools/cache/StorePlace.h"
 #include "tools/commands/Command.h"
 
@@ -8,20 +9,17 @@
 #include <string>
 #include <vector>
 
-class ErrorReport;
-
-/// `zebtdx cat`: the bytes of a block, or of the file that a group block lists, to standard output.
+/// `zebtdx cat`: writes the bytes of a block, or of the file that a group block lists, to standard
+/// output.
 class CatCommand : public Command
 {
 public:
-    CatCommand();
-
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
 
 private:
     StorePlace m_Place;
     std::vector<std::string> m_Hashes;
-    qint64 m_Memory;
-    bool m_Members;
+    qint64 m_Memory = ZebDataBlockManager::defaultCacheSize();
+    bool m_Members = false;
 };

@@ -1,17 +1,23 @@
 #pragma once
 
+#include "tools/cache/ToolStore.h"
+#include "tools/terminal/ExitCode.h"
+
 namespace CLI {
 class App;
 }
 
-/// What the user said before the command, or for every command alike.
+/// What main() gives to every command.
 struct ToolSettings
 {
-    /// Whether the store's own messages are shown.
+    /// Whether to show the store's own messages.
     bool m_Verbose = false;
+
+    /// How a command ends when the disk cache accepts no blocks any more.
+    ToolStore::GiveUp m_GiveUp;
 };
 
-/// One command of the tool. It lives from before the command line is read until the program ends.
+/// One command of the tool. It lives from before the command line is parsed until the program ends.
 class Command
 {
 public:
@@ -20,11 +26,15 @@ public:
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
 
-    /// Adds the command with its options to the application, which owns what is returned. The
-    /// options say what is wrong with their values while the line is read, by a CLI::ParseError.
+    /// Adds the command with its options to the application, which owns the returned object. The
+    /// options reject invalid values with a CLI::ParseError while the line is parsed.
     virtual CLI::App* addTo(CLI::App& application) = 0;
 
-    /// Does the work, once the line has been read and named this command. Gives the exit status.
-    /// Options that do not go together are a CLI::ParseError, before anything is done.
+    /// Does the work, once the parsed line has named this command. Returns the exit status. Throws
+    /// a CLI::ParseError for options that exclude each other, before anything is done, and any
+    /// other exception for an error that ends the command.
     virtual int run(const ToolSettings& settings) = 0;
+
+    /// The exit status for an exception.
+    virtual int statusOfException() const { return ExitCode::Failed; }
 };

@@ -1,6 +1,8 @@
 #include "tools/commands/CommandOptions.h"
 
+#include "io/ZebBlockFile.h"
 #include "tools/terminal/SizeText.h"
+#include "tools/terminal/ToolError.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,7 +14,52 @@
 namespace {
 
 constexpr int s_MostThreads = 1024;
+constexpr int s_MostCheckThreads = 128;
 constexpr int s_MostBuckets = 1000000;
+
+// Throws the reason as the option's error where `check` throws a ToolError.
+template <typename Check>
+void validate(const std::string& option, Check check)
+{
+    try {
+        check();
+    } catch (const ToolError& error) {
+        throw CLI::ValidationError(option, error.what());
+    }
+}
+
+qint64 parsedSize(const std::string& option, const std::string& text)
+{
+    const std::optional<qint64> parsed = SizeText::parse(text);
+    if (!parsed)
+        throw CLI::ValidationError(option, "'" + text +
+                                               "' is not a size; write a whole number of bytes, or "
+                                               "one with K, M, G or T");
+    return *parsed;
+}
+
+void addRootList(CLI::App& command, std::vector<std::string>& roots, const std::string& defaults)
+{
+    // Raw, as CLI11 would split some values of a list.
+    command
+        .add_option(
+            "--root",
+            [&roots](const CLI::results_t& values) {
+                validate("--root", [&values] { StorePlace::requireRoots(values); });
+                roots = values;
+                return true;
+            },
+            "Cache root; give each root once, always in the same order (default: " + defaults + ")")
+        ->type_name("DIR")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+void addBuckets(CLI::App& command, int& buckets)
+{
+    CommandOptions::addNumber(command, "--buckets", buckets, 1, s_MostBuckets,
+                              "Directories below each root");
+}
 
 } // namespace
 
@@ -25,18 +72,11 @@ void CommandOptions::addSize(CLI::App& command, const std::string& name, qint64&
                              const std::string& description)
 {
     const auto read = [name, &size](const std::string& text) {
-        const std::optional<qint64> parsed = SizeText::parse(text);
-        if (!parsed) {
-            throw CLI::ValidationError(
-                name, "'" + text +
-                          "' is not a size; write a whole number, with K, M, G or T if "
-                          "you like");
-        }
-        size = *parsed;
+        size = parsedSize(name, text);
     };
     command
         .add_option_function<std::string>(name, read,
-                                          description + " (default " + SizeText::print(size) + ")")
+                                          description + " (default: " + SizeText::print(size) + ")")
         ->type_name("SIZE");
 }
 
@@ -53,14 +93,24 @@ void CommandOptions::addNumber(CLI::App& command, const std::string& name, int& 
         number = static_cast<int>(*parsed);
     };
     command
-        .add_option_function<std::string>(name, read,
-                                          description + " (default " + std::to_string(number) + ")")
+        .add_option_function<std::string>(
+            name, read, description + " (default: " + std::to_string(number) + ")")
         ->type_name("N");
 }
 
 void CommandOptions::addMemory(CLI::App& command, qint64& memory)
 {
-    addSize(command, "--memory", memory, "Most memory that the blocks may take");
+    addSize(command, "--memory", memory, "Memory limit for blocks");
+}
+
+void CommandOptions::requireMemory(qint64 memory, qint64 largestBlock)
+{
+    // The store ends the process at a block that it cannot hold.
+    if (largestBlock > memory) {
+        throw CLI::ValidationError("--memory (" + SizeText::print(memory) +
+                                   ") is smaller than the largest block of the manifest (" +
+                                   SizeText::print(largestBlock) + "); raise --memory");
+    }
 }
 
 void CommandOptions::addThreads(CLI::App& command, int& threads, const std::string& description)
@@ -68,57 +118,59 @@ void CommandOptions::addThreads(CLI::App& command, int& threads, const std::stri
     addNumber(command, "--threads", threads, 1, s_MostThreads, description);
 }
 
-void CommandOptions::addRoots(CLI::App& command, std::vector<std::string>& roots,
-                              const std::string& description)
+void CommandOptions::addCheckThreads(CLI::App& command, int& threads)
 {
-    // Raw, as CLI11 finds more than a name in some values of a list.
+    threads = std::min(threads, s_MostCheckThreads);
+    addNumber(command, "--threads", threads, 1, s_MostCheckThreads, "Number of threads that check");
+}
+
+void CommandOptions::addLargestBlock(CLI::App& command, qint64& bytes)
+{
+    const auto read = [&bytes](const std::string& text) {
+        bytes = std::clamp<qint64>(parsedSize("--largest", text), 1, ZebBlockFile::s_MaxBlockBytes);
+    };
     command
-        .add_option(
-            "--root",
-            [&roots](const CLI::results_t& values) {
-                const std::string reason = StorePlace::whyNoRoots(values);
-                if (!reason.empty())
-                    throw CLI::ValidationError("--root", reason);
-                roots = values;
-                return true;
-            },
-            description)
-        ->type_name("DIR")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        .add_option_function<std::string>(
+            "--largest", read,
+            "Largest block to decompress, which limits memory (default: 2 GiB less one byte, the "
+            "largest block of any store)")
+        ->type_name("SIZE");
+}
+
+void CommandOptions::addRoots(CLI::App& command, std::vector<std::string>& roots)
+{
+    roots = {StorePlace::defaultRoot()};
+    addRootList(command, roots, StorePlace::defaultRoot() + " in the working directory");
+}
+
+void CommandOptions::addManifestRoots(CLI::App& command, std::vector<std::string>& roots)
+{
+    addRootList(command, roots, "the roots in the manifest");
 }
 
 void CommandOptions::addSubCache(CLI::App& command, std::string& subCache,
                                  const std::string& description)
 {
     const auto read = [&subCache](const std::string& text) {
-        const std::string reason = StorePlace::whyNoSubCache(text);
-        if (!reason.empty())
-            throw CLI::ValidationError("--sub-cache", reason);
+        validate("--sub-cache", [&text] { StorePlace::requireSubCache(text); });
         subCache = text;
     };
     command.add_option_function<std::string>("--sub-cache", read, description)->type_name("NAME");
 }
 
-void CommandOptions::addBuckets(CLI::App& command, int& buckets)
-{
-    addNumber(command, "--buckets", buckets, 1, s_MostBuckets, "Folders below each root");
-}
-
 void CommandOptions::addPlace(CLI::App& command, StorePlace& place)
 {
-    addRoots(command, place.m_Roots,
-             "Cache root, once for each disk (default " + StorePlace::defaultRoot() +
-                 ", below the working folder)");
+    addRoots(command, place.m_Roots);
     addBuckets(command, place.m_Buckets);
-    addSubCache(command, place.m_SubCache,
-                "Name of the part of the cache (default " + place.m_SubCache + ")");
+    addSubCache(command, place.m_SubCache, "Sub-cache to use (default: " + place.m_SubCache + ")");
 }
 
-void CommandOptions::settlePlace(StorePlace& place)
+void CommandOptions::addCheckPlace(CLI::App& command, StorePlace& place)
 {
-    if (place.m_Roots.empty())
-        place.m_Roots = {StorePlace::defaultRoot()};
+    addRoots(command, place.m_Roots);
+    addBuckets(command, place.m_Buckets);
+    place.m_SubCache.clear();
+    addSubCache(command, place.m_SubCache, "Check only this sub-cache (default: all)");
 }
 
 void CommandOptions::addPaths(CLI::App& command, const std::string& name,
@@ -136,4 +188,9 @@ void CommandOptions::addPaths(CLI::App& command, const std::string& name,
         ->expected(1, CLI::detail::expected_max_vector_size)
         ->allow_extra_args()
         ->required();
+}
+
+void CommandOptions::addJson(CLI::App& command, bool& json)
+{
+    command.add_flag("--json", json, "Print the result as one JSON object");
 }

@@ -11,12 +11,11 @@ namespace CLI {
 class App;
 }
 
-/// Options that several commands share. What they read is written to the variable given, which
-/// holds the default until then. A value that makes no sense is a CLI::ValidationError while the
-/// command line is read.
+/// Options that several commands share. They write to the variable given, which holds the default
+/// until then. An invalid value is a CLI::ValidationError while the command line is parsed.
 namespace CommandOptions {
 
-/// How many threads a command has when none are asked for: the cores.
+/// How many threads a command uses by default: one for each core.
 int defaultThreads();
 
 /// A size in bytes.
@@ -30,27 +29,38 @@ void addNumber(CLI::App& command, const std::string& name, int& number, int leas
 /// --memory
 void addMemory(CLI::App& command, qint64& memory);
 
+/// Throws a CLI::ValidationError unless --memory is at least the largest block of a manifest.
+void requireMemory(qint64 memory, qint64 largestBlock);
+
 /// --threads
 void addThreads(CLI::App& command, int& threads, const std::string& description);
 
-/// --root, which may be given several times. `roots` stays empty when it is not given.
-void addRoots(CLI::App& command, std::vector<std::string>& roots, const std::string& description);
+/// --threads of a check, few enough to share the memory that a check may use.
+void addCheckThreads(CLI::App& command, int& threads);
+
+/// --largest
+void addLargestBlock(CLI::App& command, qint64& bytes);
+
+/// --root, which may be given several times. `roots` is the default root until then.
+void addRoots(CLI::App& command, std::vector<std::string>& roots);
+
+/// --root, where the roots of a manifest are the default: `roots` stays empty.
+void addManifestRoots(CLI::App& command, std::vector<std::string>& roots);
 
 /// --sub-cache
 void addSubCache(CLI::App& command, std::string& subCache, const std::string& description);
 
-/// --buckets
-void addBuckets(CLI::App& command, int& buckets);
-
-/// --root, --buckets and --sub-cache, for a store that is to be used. settlePlace() must follow
-/// once the line has been read.
+/// --root, --buckets and --sub-cache, for a store to set up.
 void addPlace(CLI::App& command, StorePlace& place);
 
-/// Takes the default root when none was given.
-void settlePlace(StorePlace& place);
+/// The same for a check. Without --sub-cache the name is empty, which stands for all sub-caches.
+void addCheckPlace(CLI::App& command, StorePlace& place);
 
 /// A positional list of paths, taken as they are.
 void addPaths(CLI::App& command, const std::string& name, std::vector<std::string>& paths,
               const std::string& description);
+
+/// --json
+void addJson(CLI::App& command, bool& json);
 
 } // namespace CommandOptions

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "manager/ZebDataBlockManager.h"
 #include "tools/commands/Command.h"
 
 #include <QtGlobal>
@@ -7,30 +8,23 @@
 #include <string>
 #include <vector>
 
-class ErrorReport;
-class ProgressBar;
 struct Manifest;
 
-/// `zebtdx gc`: keeps what manifests name, and removes the rest of their cache. Removes nothing
-/// unless asked to.
+/// `zebtdx gc`: removes the blocks that none of the given manifests references from their cache.
+/// Without --apply, only reports them.
 class GcCommand : public Command
 {
 public:
-    GcCommand();
-
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
 
 private:
-    /// Reads the manifests. False when one can't be read, or is not of the same cache as the
-    /// others.
-    bool load(std::vector<Manifest>& manifests, ErrorReport& errors) const;
-
-    int clean(const std::vector<Manifest>& manifests, ErrorReport& errors, ProgressBar& progress);
+    /// Reads the manifests. Throws a ToolError unless all of them are of one cache.
+    std::vector<Manifest> load() const;
 
     std::vector<std::string> m_Manifests;
     std::vector<std::string> m_Roots;
-    qint64 m_Memory;
-    bool m_Apply;
-    bool m_Json;
+    qint64 m_Memory = ZebDataBlockManager::defaultCacheSize();
+    bool m_Apply = false;
+    bool m_Json = false;
 };

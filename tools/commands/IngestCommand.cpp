@@ -1,110 +1,88 @@
 #include "tools/commands/IngestCommand.h"
 
 #include "data/ZebDataBlock.h"
-#include "manager/ZebDataBlockManager.h"
 #include "tools/cache/ToolStore.h"
-#include "tools/commands/CommandOptions.h"
 #include "tools/commands/IngestSummary.h"
 #include "tools/files/FileComparer.h"
 #include "tools/files/FileIngester.h"
 #include "tools/files/FileWalker.h"
 #include "tools/files/Manifest.h"
-#include "tools/files/ManifestBuilder.h"
 #include "tools/terminal/ErrorReport.h"
-#include "tools/terminal/ExitCode.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
 #include "tools/terminal/SizeText.h"
 #include "tools/terminal/SummaryText.h"
+#include "tools/terminal/ToolError.h"
 
 #include <CLI/CLI.hpp>
 
 #include <QElapsedTimer>
 
-#include <filesystem>
-
 #include <unistd.h>
 
 namespace {
 
-constexpr qint64 s_DefaultBlockSize = 256 * 1024;
 constexpr int s_MostCompressionThreads = 256;
 
 } // namespace
 
-IngestCommand::IngestCommand()
-    : m_Manifest("zebtdx-manifest.jsonl"),
-      m_Memory(ZebDataBlockManager::defaultCacheSize()),
-      m_BlockSize(s_DefaultBlockSize),
-      m_Threads(CommandOptions::defaultThreads()),
-      m_CompressionThreads(CommandOptions::defaultThreads()),
-      m_Replace(false),
-      m_NoCheck(false),
-      m_Json(false)
-{}
-
 CLI::App* IngestCommand::addTo(CLI::App& application)
 {
     CLI::App* const command = application.add_subcommand(
-        "ingest", "Put files into a cache on disk, read everything back, and compare");
+        "ingest", "Put files into a cache on disk, read every block back, and compare");
     CommandOptions::addPaths(*command, "PATH", m_Paths,
-                             "Files and folders; symbolic links inside folders are not followed");
+                             "Files and directories; symbolic links in directories are skipped");
     CommandOptions::addPlace(*command, m_Place);
     command
         ->add_option("--manifest", m_Manifest,
-                     "File for what restore needs (default " + m_Manifest + ")")
+                     "Manifest to write, for restore (default: " + m_Manifest + ")")
         ->type_name("FILE");
-    command->add_flag("--replace", m_Replace, "Replace a manifest that is there already");
+    command->add_flag("--replace", m_Replace, "Replace an existing manifest");
     CommandOptions::addMemory(*command, m_Memory);
-    CommandOptions::addSize(*command, "--block", m_BlockSize, "Size of a block");
-    CommandOptions::addThreads(*command, m_Threads, "How many threads read, store and compare");
-    CommandOptions::addNumber(*command, "--compression-threads", m_CompressionThreads, 0,
-                              s_MostCompressionThreads,
-                              "How many threads compress for each root; with 0, its writer does");
+    CommandOptions::addSize(*command, "--block", m_BlockSize, "Block size");
+    CommandOptions::addThreads(*command, m_Threads,
+                               "Number of threads that read, store and compare");
+    CommandOptions::addNumber(
+        *command, "--compression-threads", m_CompressionThreads, 0, s_MostCompressionThreads,
+        "Number of threads that compress for each root; with 0, its writer compresses");
     command->add_flag("--no-check", m_NoCheck, "Do not read back and compare");
-    command->add_flag("--json", m_Json, "Print the summary as one JSON object");
+    CommandOptions::addJson(*command, m_Json);
     return command;
 }
 
 void IngestCommand::requireSizes() const
 {
+    const std::string block = "(" + SizeText::print(m_BlockSize) + ")";
     if (m_BlockSize < 1)
-        throw CLI::ValidationError("--block", "a block has at least 1 byte");
+        throw CLI::ValidationError("--block", "a block has at least 1 byte; raise --block");
     if (m_Memory < m_BlockSize) {
-        throw CLI::ValidationError("--memory", SizeText::print(m_Memory) + " hold no block of " +
-                                                   SizeText::print(m_BlockSize));
+        throw CLI::ValidationError("--memory (" + SizeText::print(m_Memory) +
+                                   ") is smaller than one block " + block +
+                                   "; raise --memory or lower --block");
     }
-    // The largest block depends on the memory limit, too, so that is set already.
+    // The largest block also depends on the memory limit, so that is set already.
     ZebDataBlockManager::instance().setMaxDataCacheSize(m_Memory);
     const qint64 largest = ZebDataBlock::maxBlockSize();
     if (m_BlockSize > largest) {
-        throw CLI::ValidationError("--block", SizeText::print(m_BlockSize) +
-                                                  " is more than the store takes, which is " +
-                                                  SizeText::grouped(largest) + " bytes");
+        throw CLI::ValidationError("--block " + block +
+                                   " is larger than the largest block of the store (" +
+                                   SizeText::grouped(largest) + " bytes); lower --block");
     }
 }
 
 int IngestCommand::run(const ToolSettings& settings)
 {
     requireSizes();
-    CommandOptions::settlePlace(m_Place);
-    // The store's messages and a bar would run into each other.
+    // The store's messages and a bar would overwrite each other.
     ProgressBar progress = ProgressBar::onStandardError(!settings.m_Verbose);
     ErrorReport errors(progress);
-    // Now, and not when hours of work are to be written down.
-    if (!m_Replace && ::access(m_Manifest.c_str(), F_OK) == 0) {
-        errors.add(m_Manifest, "is there already; --manifest takes another name, and --replace "
-                               "replaces it");
-        return ExitCode::Failed;
-    }
-    std::string reason;
-    const std::unique_ptr<ToolStore> store = ToolStore::open(
+    // Now, not after hours of work.
+    if (!m_Replace && ::access(m_Manifest.c_str(), F_OK) == 0)
+        throw ToolError(PathText::printable(m_Manifest) +
+                        ": already exists; choose another file with --manifest, or pass --replace");
+    const auto store = ToolStore::open(
         m_Place, {ToolStore::Roots::Make, m_Memory, m_CompressionThreads, RootLock::Use::Alone},
-        reason);
-    if (store == nullptr) {
-        errors.add(reason);
-        return ExitCode::Failed;
-    }
+        settings.m_GiveUp);
     FileWalker walk(errors);
     for (const std::string& root : m_Place.m_Roots)
         walk.leaveOut(root);
@@ -123,33 +101,27 @@ int IngestCommand::ingest(const FileWalker& walk, ToolStore& store, ErrorReport&
     summary.m_Checked = !m_NoCheck;
     QElapsedTimer timer;
     timer.start();
-    FileIngester storing({m_BlockSize, m_Threads, m_Memory}, store, errors, progress);
-    StoredFiles stored = storing.run(walk);
+    FileIngester ingester({m_BlockSize, m_Threads, m_Memory}, store, errors, progress);
+    StoredFiles stored = ingester.run(walk);
     store.flush(errors);
     summary.m_SecondsIn = SummaryText::secondsOf(timer);
     summary.count(stored);
-    // Before the comparison, which a reader may want to do without.
-    if (writeManifest(stored, errors))
+    // Before the comparison, so that an interrupted one leaves a manifest.
+    const auto error =
+        ToolError::of([&] { Manifest::of(stored, m_Place, errors).save(m_Manifest, m_Replace); });
+    if (error)
+        errors.add(m_Manifest, *error);
+    else
         summary.m_Manifest = m_Manifest;
 
     if (!m_NoCheck) {
-        FileComparer checking(m_Threads, store, errors, progress);
+        FileComparer comparer(m_Threads, store, errors, progress);
         timer.restart();
-        checking.run(stored);
+        comparer.run(stored);
         summary.m_SecondsOut = SummaryText::secondsOf(timer);
-        summary.m_ReadBackBytes = checking.bytes();
-        summary.m_Differences = checking.differences();
+        summary.m_ReadBackBytes = comparer.bytes();
+        summary.m_Differences = comparer.differences();
     }
     summary.m_Errors = errors.count();
     return summary.shown().print(m_Json, errors);
-}
-
-bool IngestCommand::writeManifest(const StoredFiles& stored, ErrorReport& errors) const
-{
-    ManifestBuilder builder(m_Place, errors);
-    const Manifest manifest = builder.build(stored);
-    const std::string reason = manifest.save(m_Manifest, m_Replace);
-    if (!reason.empty())
-        errors.add(m_Manifest, reason);
-    return reason.empty();
 }

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "manager/ZebDataBlockManager.h"
 #include "tools/cache/StorePlace.h"
 #include "tools/commands/Command.h"
+#include "tools/commands/CommandOptions.h"
 
 #include <QtGlobal>
 
@@ -13,37 +15,31 @@ class ErrorReport;
 class FileWalker;
 class ProgressBar;
 class ToolStore;
-struct StoredFiles;
 
-/// `zebtdx ingest`: puts files into a store on disk, reads all of it back, compares, writes a
-/// manifest for `zebtdx restore`, and tells what came of it.
+/// `zebtdx ingest`: puts files into a cache on disk, writes a manifest for `zebtdx restore`, then
+/// reads the blocks from the store and compares them with the files.
 class IngestCommand : public Command
 {
 public:
-    IngestCommand();
-
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
 
 private:
-    /// A CLI::ParseError for sizes that do not go together.
+    /// Throws a CLI::ParseError for sizes that exclude each other.
     void requireSizes() const;
 
-    /// Stores, compares and tells. Gives the exit status.
+    /// Stores, compares and reports. Returns the exit status.
     int ingest(const FileWalker& walk, ToolStore& store, ErrorReport& errors,
                ProgressBar& progress);
 
-    /// Writes the manifest of what is stored. False when that failed.
-    bool writeManifest(const StoredFiles& stored, ErrorReport& errors) const;
-
     std::vector<std::string> m_Paths;
     StorePlace m_Place;
-    std::string m_Manifest;
-    qint64 m_Memory;
-    qint64 m_BlockSize;
-    int m_Threads;
-    int m_CompressionThreads;
-    bool m_Replace;
-    bool m_NoCheck;
-    bool m_Json;
+    std::string m_Manifest = "zebtdx-manifest.jsonl";
+    qint64 m_Memory = ZebDataBlockManager::defaultCacheSize();
+    qint64 m_BlockSize = 256LL * 1024;
+    int m_Threads = CommandOptions::defaultThreads();
+    int m_CompressionThreads = CommandOptions::defaultThreads();
+    bool m_Replace = false;
+    bool m_NoCheck = false;
+    bool m_Json = false;
 };

@@ -17,8 +17,7 @@ void IngestSummary::count(const StoredFiles& stored)
 {
     m_BlockSize = stored.m_BlockSize;
     std::unordered_set<const ZebDataHash*> distinct;
-    // Whether nothing of a file is missing is known when its last segment has been seen, since its
-    // segments stand in order.
+    // The segments of a file are in order, so its last segment completes it.
     std::vector<bool> whole(stored.m_Files.size(), true);
     std::vector<bool> ended(stored.m_Files.size(), false);
     for (const StoredSegment& segment : stored.m_Segments) {
@@ -49,7 +48,7 @@ SummaryText IngestSummary::shown() const
                      : percent * static_cast<double>(savedBytes()) / static_cast<double>(m_Bytes);
     SummaryText text;
     text.addCount(QStringLiteral("files"), "Files", m_Files);
-    text.addCount(QStringLiteral("links_skipped"), "Links not followed", m_SkippedLinks);
+    text.addCount(QStringLiteral("links_skipped"), "Links skipped", m_SkippedLinks);
     text.addBytes(QStringLiteral("bytes"), "Bytes", m_Bytes);
     text.addCount(QStringLiteral("blocks"), "Blocks", m_Blocks,
                   "of up to " + SizeText::print(m_BlockSize));
@@ -57,11 +56,9 @@ SummaryText IngestSummary::shown() const
     text.addCount(QStringLiteral("saved_bytes"), "Bytes saved", savedBytes(),
                   "(" + SizeText::print(savedBytes()) + "), " +
                       QString::number(savedPercent, 'f', 1).toStdString() + " %");
-    text.addRate(QStringLiteral("_in"), "MB/s in", m_Bytes, m_SecondsIn,
-                 "read, hashed and stored in");
+    text.addRate(QStringLiteral("_in"), "MB/s stored", m_Bytes, m_SecondsIn);
     if (m_Checked) {
-        text.addRate(QStringLiteral("_out"), "MB/s out", m_ReadBackBytes, m_SecondsOut,
-                     "read back and compared in");
+        text.addRate(QStringLiteral("_out"), "MB/s compared", m_ReadBackBytes, m_SecondsOut);
         text.addCount(QStringLiteral("differences"), "Differences", m_Differences);
         text.addJson(QStringLiteral("read_back_bytes"), m_ReadBackBytes);
     }

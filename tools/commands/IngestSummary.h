@@ -7,23 +7,23 @@
 class SummaryText;
 struct StoredFiles;
 
-/// What an ingest has come to, for people and for programs.
+/// The result of an ingest, for people and for programs.
 struct IngestSummary
 {
-    /// Files of which everything is stored.
+    /// Files that are stored completely.
     qint64 m_Files = 0;
     qint64 m_SkippedLinks = 0;
-    /// What the files hold, as far as it is stored: with everything that occurs more than once.
+    /// The stored bytes and blocks of the files, duplicates included.
     qint64 m_Bytes = 0;
     qint64 m_Blocks = 0;
-    /// What the store holds of it: everything once.
+    /// The same without duplicates.
     qint64 m_DistinctBlocks = 0;
     qint64 m_DistinctBytes = 0;
-    /// Whether all was read back and compared.
+    /// Whether everything was read back and compared.
     bool m_Checked = true;
     qint64 m_ReadBackBytes = 0;
     qint64 m_Differences = 0;
-    /// The differences among them.
+    /// Includes the differences.
     qint64 m_Errors = 0;
 
     double m_SecondsIn = 0;
@@ -38,7 +38,7 @@ struct IngestSummary
     /// Counts what is in `stored`. Blocks are distinct when their hashes are different objects.
     void count(const StoredFiles& stored);
 
-    /// Not stored, as equal bytes were there already.
+    /// The bytes of duplicates.
     qint64 savedBytes() const { return m_Bytes - m_DistinctBytes; }
 
     SummaryText shown() const;

@@ -1,15 +1,12 @@
 #include "tools/commands/LsCommand.h"
 
-#include "tools/cache/BlockHeader.h"
 #include "tools/cache/CacheScanner.h"
-#include "tools/cache/StorePlace.h"
 #include "tools/commands/CommandOptions.h"
-#include "tools/files/FileReader.h"
 #include "tools/files/Manifest.h"
 #include "tools/terminal/ErrorReport.h"
-#include "tools/terminal/ExitCode.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/ToolError.h"
 
 #include <CLI/CLI.hpp>
 
@@ -18,7 +15,7 @@
 
 namespace {
 
-// Fits the sizes of nearly all that is listed.
+// Fits nearly all sizes.
 constexpr int s_SizeWidth = 12;
 
 void printLine(qint64 size, const std::string& name)
@@ -31,15 +28,12 @@ void printLine(qint64 size, const std::string& name)
 CLI::App* LsCommand::addTo(CLI::App& application)
 {
     CLI::App* const command = application.add_subcommand(
-        "ls",
-        "List the files of a manifest, with their sizes and hashes, or the blocks of a cache");
+        "ls", "List the files of a manifest with their sizes and hashes, or the blocks of a cache");
     CLI::Option* const manifest =
         command->add_option("MANIFEST", m_Manifest, "List its files; without it, list blocks")
             ->type_name("");
-    CommandOptions::addRoots(*command, m_Roots,
-                             "Cache root, once for each (default " + StorePlace::defaultRoot() +
-                                 ", below the working folder)");
-    CommandOptions::addSubCache(*command, m_SubCache, "Only this part of the cache");
+    CommandOptions::addRoots(*command, m_Roots);
+    CommandOptions::addSubCache(*command, m_SubCache, "List only this sub-cache (default: all)");
     for (const char* const name : {"--root", "--sub-cache"})
         command->get_option(name)->excludes(manifest);
     return command;
@@ -49,47 +43,32 @@ int LsCommand::run(const ToolSettings&)
 {
     ProgressBar progress = ProgressBar::onStandardError(false);
     ErrorReport errors(progress);
-    if (m_Manifest.empty())
-        listCache(errors);
-    else
-        listManifest(errors);
-    std::cout.flush();
-    if (!std::cout)
-        errors.add("standard output: cannot be written");
-    return errors.count() == 0 ? ExitCode::Success : ExitCode::Failed;
+    const auto error =
+        ToolError::of([&] { m_Manifest.empty() ? listCache(errors) : listManifest(); });
+    if (error)
+        errors.add(m_Manifest, *error);
+    errors.flushOutput();
+    return errors.status();
 }
 
-void LsCommand::listManifest(ErrorReport& errors) const
+void LsCommand::listManifest() const
 {
-    Manifest manifest;
-    const std::string reason = manifest.load(m_Manifest);
-    if (!reason.empty()) {
-        errors.add(m_Manifest, reason);
-        return;
-    }
-    for (const Manifest::File& file : manifest.m_Files)
+    for (const Manifest::File& file : Manifest::load(m_Manifest).m_Files)
         printLine(file.m_Size,
                   file.m_Group.toStdString() + "  " + PathText::printable(file.m_Path));
 }
 
 void LsCommand::listCache(ErrorReport& errors) const
 {
-    CacheScanner scan(errors);
+    CacheScanner scanner(errors);
     if (!m_SubCache.empty())
-        scan.only(m_SubCache);
-    const std::vector<std::string> roots =
-        m_Roots.empty() ? std::vector<std::string>{StorePlace::defaultRoot()} : m_Roots;
-    FileReader reader;
-    scan.run(roots, [&errors, &reader](const CacheScanner::File& file) {
+        scanner.only(m_SubCache);
+    scanner.run(m_Roots, [&errors](const CacheScanner::File& file) {
         if (!file.m_IsBlock)
             return;
-        BlockHeader header;
-        std::string reason = reader.open(file.m_Path);
-        if (reason.empty())
-            reason = header.read(reader);
-        if (reason.empty())
-            printLine(header.m_BlockSize, file.m_Name);
-        else
-            errors.add(file.m_Path, reason);
+        const auto error = ToolError::of(
+            [&file] { printLine(CacheScanner::blockBytesOf(file.m_Path), file.m_Name); });
+        if (error)
+            errors.add(file.m_Path, *error);
     });
 }

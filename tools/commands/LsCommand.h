@@ -7,7 +7,7 @@
 
 class ErrorReport;
 
-/// `zebtdx ls`: the files of a manifest, or the blocks of a cache on disk.
+/// `zebtdx ls`: lists the files of a manifest, or the blocks of a cache on disk.
 class LsCommand : public Command
 {
 public:
@@ -15,7 +15,7 @@ public:
     int run(const ToolSettings& settings) override;
 
 private:
-    void listManifest(ErrorReport& errors) const;
+    void listManifest() const;
     void listCache(ErrorReport& errors) const;
 
     std::string m_Manifest;

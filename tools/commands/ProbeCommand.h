@@ -7,17 +7,15 @@
 #include <string>
 #include <vector>
 
-/// `zebtdx probe`: whether a store can be set up on cache roots, before somebody does.
+/// `zebtdx probe`: checks whether a store can be set up on cache roots.
 class ProbeCommand : public Command
 {
 public:
-    ProbeCommand();
-
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
 
 private:
     std::vector<std::string> m_Roots;
-    qint64 m_Space;
-    bool m_Json;
+    qint64 m_Space = 1024LL * 1024 * 1024;
+    bool m_Json = false;
 };

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "io/ZebBlockFile.h"
 #include "tools/cache/StorePlace.h"
 #include "tools/commands/Command.h"
+#include "tools/commands/CommandOptions.h"
 
 #include <QtGlobal>
 
@@ -10,32 +12,28 @@
 class CacheFiles;
 class CacheVerifier;
 class ErrorReport;
-class ProgressBar;
 
-/// `zebtdx repair`: moves the damaged files of a cache to a folder outside of it. The store then
-/// takes them for missing, and writes them anew when their bytes are added again. Moves nothing
-/// unless asked to.
+/// `zebtdx repair`: moves the damaged files of a cache to a directory outside of it. The store then
+/// treats them as missing, and writes them again when their bytes are added again. Without --apply,
+/// only reports them.
 class RepairCommand : public Command
 {
 public:
-    RepairCommand();
-
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    int statusOfException() const override { return ExitCode::Environment; }
 
 private:
-    int repair(ErrorReport& errors, ProgressBar& progress);
-
-    /// Whether the files lie so that they may be those of the roots and buckets given.
+    /// Whether the places of most files match the roots and buckets given.
     static bool isThisCache(const CacheFiles& files, const CacheVerifier& found);
 
-    /// Moves what is damaged. Gives how many files were moved.
+    /// Moves the damaged files. Returns how many it moved.
     qint64 move(const CacheFiles& files, const CacheVerifier& found, ErrorReport& errors) const;
 
     StorePlace m_Place;
-    std::string m_Quarantine;
-    qint64 m_LargestBlock;
-    int m_Threads;
-    bool m_Apply;
-    bool m_Json;
+    std::string m_Quarantine = "zebtdx-quarantine";
+    qint64 m_LargestBlock = ZebBlockFile::s_MaxBlockBytes;
+    int m_Threads = CommandOptions::defaultThreads();
+    bool m_Apply = false;
+    bool m_Json = false;
 };

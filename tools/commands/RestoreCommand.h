@@ -1,18 +1,18 @@
 #pragma once
 
+#include "manager/ZebDataBlockManager.h"
 #include "tools/commands/Command.h"
+#include "tools/commands/CommandOptions.h"
 
 #include <QtGlobal>
 
 #include <string>
 #include <vector>
 
-/// `zebtdx restore`: brings the files of a manifest back from the disk cache alone.
+/// `zebtdx restore`: restores the files of a manifest from the disk cache.
 class RestoreCommand : public Command
 {
 public:
-    RestoreCommand();
-
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
 
@@ -20,7 +20,7 @@ private:
     std::string m_Manifest;
     std::string m_Out;
     std::vector<std::string> m_Roots;
-    qint64 m_Memory;
-    int m_Threads;
-    bool m_Json;
+    qint64 m_Memory = ZebDataBlockManager::defaultCacheSize();
+    int m_Threads = CommandOptions::defaultThreads();
+    bool m_Json = false;
 };

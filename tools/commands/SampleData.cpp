@@ -100,14 +100,14 @@ using Sample = QPair<QString, QImage>;
 QVector<Sample> images()
 {
     const QImage ground = SampleData::earth();
-    const QString folder = QStringLiteral("/TestImages/");
+    const QString directory = QStringLiteral("/TestImages/");
     return {
-        {folder + QStringLiteral("Earth.png"), ground},
-        {folder + QStringLiteral("InvEarth.png"), SampleData::inverted(ground)},
-        {folder + QStringLiteral("Uniform.png"), SampleData::uniform()},
-        {folder + QStringLiteral("Checker.png"), SampleData::checker()},
-        {folder + QStringLiteral("BigLogo.png"), SampleData::logo()},
-        {folder + QStringLiteral("Noise.png"), SampleData::noise(1, QSize(512, 512))},
+        {directory + QStringLiteral("Earth.png"), ground},
+        {directory + QStringLiteral("InvEarth.png"), SampleData::inverted(ground)},
+        {directory + QStringLiteral("Uniform.png"), SampleData::uniform()},
+        {directory + QStringLiteral("Checker.png"), SampleData::checker()},
+        {directory + QStringLiteral("BigLogo.png"), SampleData::logo()},
+        {directory + QStringLiteral("Noise.png"), SampleData::noise(1, QSize(512, 512))},
     };
 }
 
@@ -125,13 +125,13 @@ QVector<Sample> tiles()
 
 QVector<Sample> textures()
 {
-    const QString folder = QStringLiteral("/TextureTest/");
+    const QString directory = QStringLiteral("/TextureTest/");
     return {
-        {folder + QStringLiteral("bark.tif"), SampleData::texture(1, QSize(512, 512))},
-        {folder + QStringLiteral("cloth.tif"), SampleData::texture(2, QSize(768, 768))},
-        {folder + QStringLiteral("leaf.tif"), leaf()},
-        {folder + QStringLiteral("meadow.tif"), SampleData::texture(3, QSize(1024, 512))},
-        {folder + QStringLiteral("stone.tif"), SampleData::texture(4, QSize(512, 512))},
+        {directory + QStringLiteral("bark.tif"), SampleData::texture(1, QSize(512, 512))},
+        {directory + QStringLiteral("cloth.tif"), SampleData::texture(2, QSize(768, 768))},
+        {directory + QStringLiteral("leaf.tif"), leaf()},
+        {directory + QStringLiteral("meadow.tif"), SampleData::texture(3, QSize(1024, 512))},
+        {directory + QStringLiteral("stone.tif"), SampleData::texture(4, QSize(512, 512))},
     };
 }
 
@@ -144,13 +144,13 @@ bool writeText(const QString& path)
 
 } // namespace
 
-QString SampleData::write(const QString& folder, int parts)
+QString SampleData::write(const QString& directory, int parts)
 {
     for (const char* const name : {"/TestTiles", "/TestImages", "/TextureTest", "/out"}) {
-        if (!QDir().mkpath(folder + QLatin1String(name)))
-            return folder + QLatin1String(name);
+        if (!QDir().mkpath(directory + QLatin1String(name)))
+            return directory + QLatin1String(name);
     }
-    const QString corpus = folder + QStringLiteral("/Data.txt");
+    const QString corpus = directory + QStringLiteral("/Data.txt");
     if ((parts & Text) != 0 && !writeText(corpus))
         return corpus;
     QVector<Sample> samples;
@@ -161,8 +161,8 @@ QString SampleData::write(const QString& folder, int parts)
     if ((parts & Textures) != 0)
         samples += textures();
     for (const Sample& sample : qAsConst(samples)) {
-        if (!sample.second.save(folder + sample.first))
-            return folder + sample.first;
+        if (!sample.second.save(directory + sample.first))
+            return directory + sample.first;
     }
     return QString();
 }

@@ -4,13 +4,13 @@
 #include <QImage>
 #include <QString>
 
-/// The data folder that the library's self-check needs, made up: images, tiles, textures and a
-/// text. The same on every machine. Nothing of the library is used.
+/// The data directory that the library's self-check needs, generated: images, tiles, textures and a
+/// text. The same on every machine. Uses nothing of the library.
 ///
-/// Thread safety: any thread may call every function, on folders of its own.
+/// Thread safety: any thread may call every function, with a separate directory.
 namespace SampleData {
 
-/// Parts of the data folder, as flags.
+/// Parts of the data directory, as flags.
 enum Part : int
 {
     Text = 1,
@@ -20,19 +20,19 @@ enum Part : int
     Everything = 15
 };
 
-/// Makes the folder with all sub-folders, and these parts in them. What is there already and has
-/// the name of a sample is replaced; nothing else is touched.
+/// Creates the directory with all sub-directories, and these parts in them. Replaces existing files
+/// with the name of a sample, and touches nothing else.
 ///
-/// @return what could not be written: a path, or nothing when all is well
-QString write(const QString& folder, int parts = Everything);
+/// @return the path that could not be written; empty for success
+QString write(const QString& directory, int parts = Everything);
 
-/// Land and sea seen from above, 2048 by 1024: wide, with no two tiles alike.
+/// Land and sea from above, 2048 by 1024: wide, and all tiles differ.
 QImage earth();
 
-/// Every colour turned into its opposite.
+/// The image with inverted colours.
 QImage inverted(const QImage& image);
 
-/// Squares of 32 pixels, so that all tiles of 64 or more are the same.
+/// Squares of 32 pixels, so that all tiles of 64 or more pixels are equal.
 QImage checker();
 
 /// One colour.
@@ -41,13 +41,13 @@ QImage uniform();
 /// A few shapes on a plain ground.
 QImage logo();
 
-/// No two pixels alike but by chance.
+/// Random pixels.
 QImage noise(quint32 seed, const QSize& size);
 
-/// A grain that goes on for ever, with a colour of its own.
+/// A seamless grain in one colour.
 QImage texture(quint32 seed, const QSize& size);
 
-/// Something to read.
+/// Text to compress.
 QByteArray text();
 
 } // namespace SampleData

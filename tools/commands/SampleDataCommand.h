@@ -4,7 +4,7 @@
 
 #include <string>
 
-/// `zebtdx sampledata`: makes the data folder that the self-check needs.
+/// `zebtdx sampledata`: creates the data directory that the self-check needs.
 class SampleDataCommand : public Command
 {
 public:
@@ -12,5 +12,5 @@ public:
     int run(const ToolSettings& settings) override;
 
 private:
-    std::string m_Folder;
+    std::string m_Directory;
 };

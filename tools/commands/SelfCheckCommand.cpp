@@ -1,11 +1,11 @@
 #include "tools/commands/SelfCheckCommand.h"
 
 #include "selfcheck/TdxTester.h"
+#include "tools/commands/CommandOptions.h"
 #include "tools/commands/SampleData.h"
-#include "tools/terminal/ErrorReport.h"
-#include "tools/terminal/ExitCode.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/ToolError.h"
 
 #include <CLI/CLI.hpp>
 
@@ -16,6 +16,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMutex>
+#include <QMutexLocker>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -28,126 +30,150 @@ constexpr int s_TitleColumns = 42;
 constexpr int s_SecondsColumns = 8;
 constexpr double s_MillisecondsPerSecond = 1000.0;
 
-// What the user reads about a row.
-std::string outcomeText(bool isRight, const SelfCheckRows::Row& row, const std::string& words)
+// The last line that the library logged. A leaf lock guards the text.
+QMutex s_Mutex;
+QString s_LastLine;
+QtMessageHandler s_Next = nullptr;
+
+void noteLine(QtMsgType type, const QMessageLogContext& context, const QString& text)
 {
-    if (!isRight)
-        return words.empty() ? "FAILED" : "FAILED: " + PathText::printable(words);
-    if (row.m_Words == nullptr)
-        return "passed";
-    return std::string("fails by design: ") + row.m_Reason;
+    {
+        const QMutexLocker locker(&s_Mutex);
+        s_LastLine = text;
+    }
+    if (s_Next != nullptr)
+        s_Next(type, context, text);
 }
 
-void printRow(const SelfCheckRows::Row& row, double seconds, const std::string& outcome)
+// The row's outcome for people.
+std::string outcomeText(bool isExpected, const ZebSelfCheckTable::Row& row,
+                        const std::string& lastLine)
 {
-    std::cout << std::left << std::setw(s_TitleColumns) << row.title() << std::right
+    if (!isExpected)
+        return lastLine.empty() ? "FAILED" : "FAILED: " + PathText::printable(lastLine);
+    if (!row.failsByDesign())
+        return "passed";
+    return std::string("fails by design: ") + row.m_FailureReason;
+}
+
+void printRow(const std::string& title, double seconds, const std::string& outcome)
+{
+    std::cout << std::left << std::setw(s_TitleColumns) << title << std::right
               << std::setw(s_SecondsColumns) << std::fixed << std::setprecision(2) << seconds
               << " s  " << outcome << std::endl;
 }
 
-} // namespace
+// Where the data is; created in `temporary` unless the user has some.
+QString dataDirectory(const std::string& given, const QTemporaryDir& temporary)
+{
+    if (!given.empty())
+        return QFileInfo(QFile::decodeName(given.c_str())).absoluteFilePath();
+    const QString failed = SampleData::write(temporary.path());
+    if (!failed.isEmpty())
+        throw ToolError(QFile::encodeName(failed).toStdString() +
+                        ": cannot be written; make room, or set TMPDIR to another directory");
+    return temporary.path();
+}
 
-SelfCheckCommand::SelfCheckCommand() : m_All(false), m_Json(false), m_InProcess(false) {}
+} // namespace
 
 CLI::App* SelfCheckCommand::addTo(CLI::App& application)
 {
     CLI::App* const command = application.add_subcommand(
-        "selfcheck", "Prove on this machine that the store works; takes minutes");
-    command->add_option("--data", m_Data, "Folder that sampledata made (default: made for the run)")
+        "selfcheck", "Check that the store works on this machine; takes minutes");
+    command
+        ->add_option("--data", m_Data,
+                     "Directory that sampledata created (default: a temporary one)")
         ->type_name("DIR");
-    command->add_option("names", m_Names, "Only these checks, also as NAME:MIB")->type_name("");
-    command->add_flag("--all", m_All, "Also the library's own run, which ends at its known place");
-    command->add_flag("--json", m_Json, "Print one JSON object");
-    command->add_flag("--in-process", m_InProcess, "All in this process, not each in its own");
+    command->add_option("NAME", m_Names, "Run only these checks, NAME or NAME:MIB")->type_name("");
+    command->add_flag("--all", m_All,
+                      "Also run the library's whole sequence, which ends at a known check");
+    CommandOptions::addJson(*command, m_Json);
+    command->add_flag("--in-process", m_InProcess,
+                      "Run all checks in this process, not each in a separate one");
     return command;
 }
 
-std::vector<SelfCheckRows::Row> SelfCheckCommand::wantedRows() const
+QVector<ZebSelfCheckTable::Row> SelfCheckCommand::wantedRows() const
 {
-    std::vector<SelfCheckRows::Row> rows;
+    QVector<Row> rows;
     for (const std::string& name : m_Names) {
-        const std::vector<SelfCheckRows::Row> found = SelfCheckRows::named(name);
+        const QVector<Row> found = ZebSelfCheckTable::named(name);
         if (found.empty())
-            throw CLI::ValidationError("names", "'" + name + "' is no check");
-        rows.insert(rows.end(), found.begin(), found.end());
+            throw CLI::ValidationError("NAME", "'" + name + "' is not a check");
+        rows += found;
     }
     if (m_Names.empty())
-        rows = SelfCheckRows::all();
+        rows = ZebSelfCheckTable::rows();
     if (m_All)
-        rows.push_back(SelfCheckRows::wholeRun());
+        rows.append(ZebSelfCheckTable::wholeRun());
     return rows;
 }
 
 int SelfCheckCommand::run(const ToolSettings& settings)
 {
-    const std::vector<SelfCheckRows::Row> rows = wantedRows();
-    // The rows' own messages would be drawn over.
+    const QVector<Row> rows = wantedRows();
+    // A bar would overwrite the messages of the rows.
     ProgressBar progress = ProgressBar::onStandardError(!m_Json && !settings.m_Verbose);
-    ErrorReport errors(progress);
-    QTemporaryDir made;
-    QString folder = QFileInfo(QFile::decodeName(m_Data.c_str())).absoluteFilePath();
-    if (m_Data.empty()) {
-        folder = made.path();
-        const QString failed = SampleData::write(folder);
-        if (!failed.isEmpty()) {
-            errors.add(QFile::encodeName(failed).toStdString(), "cannot be written");
-            return ExitCode::Failed;
-        }
-    }
+    const QTemporaryDir temporary;
+    const QString directory = dataDirectory(m_Data, temporary);
     QJsonArray list;
-    int wrong = 0;
+    int failed = 0;
     int byDesign = 0;
-    for (const SelfCheckRows::Row& row : rows) {
-        progress.begin("Checking", static_cast<qint64>(rows.size()), ProgressBar::Unit::Things);
+    for (const Row& row : rows) {
+        progress.begin("Checking", rows.size(), ProgressBar::Unit::Items);
         progress.show(list.size(), row.title());
         QElapsedTimer timer;
         timer.start();
-        const Result result = m_InProcess ? runHere(folder, row) : runApart(folder, row, settings);
+        const Result result =
+            m_InProcess ? runHere(directory, row) : runApart(directory, row, settings);
         const double seconds = static_cast<double>(timer.elapsed()) / s_MillisecondsPerSecond;
-        const std::string outcome = outcomeText(result.m_IsRight, row, result.m_Words);
-        wrong += result.m_IsRight ? 0 : 1;
-        byDesign += result.m_IsRight && row.m_Words != nullptr ? 1 : 0;
+        const std::string outcome = outcomeText(result.m_IsExpected, row, result.m_LastLine);
+        failed += result.m_IsExpected ? 0 : 1;
+        byDesign += result.m_IsExpected && row.failsByDesign() ? 1 : 0;
         list.append(QJsonObject{{"check", QString::fromStdString(row.title())},
                                 {"seconds", seconds},
-                                {"right", result.m_IsRight},
+                                {"expected", result.m_IsExpected},
+                                {"last_line", QString::fromStdString(result.m_LastLine)},
                                 {"outcome", QString::fromStdString(outcome)}});
-        // The row goes to standard output, where the bar may stand in the same terminal.
+        // The line goes to standard output, which may be the terminal of the bar.
         progress.end();
         if (!m_Json)
-            printRow(row, seconds, outcome);
+            printRow(row.title(), seconds, outcome);
     }
-    const int total = static_cast<int>(rows.size());
+    const int passed = rows.size() - failed - byDesign;
     if (m_Json) {
-        const QJsonObject object{{"rows", list},
-                                 {"passed", total - wrong - byDesign},
-                                 {"fail_by_design", byDesign},
-                                 {"failed", wrong}};
+        const QJsonObject object{
+            {"rows", list}, {"passed", passed}, {"failed_by_design", byDesign}, {"failed", failed}};
         std::cout << QJsonDocument(object).toJson().toStdString();
     } else {
-        std::cout << total << " checks: " << total - wrong - byDesign << " passed, " << byDesign
-                  << " failed by design, " << wrong << " failed.\n";
+        std::cout << rows.size() << " checks: " << passed << " passed, " << byDesign
+                  << " failed by design, " << failed << " failed.\n";
     }
-    return wrong == 0 ? ExitCode::Success : ExitCode::Failed;
+    return failed == 0 ? ExitCode::Success : ExitCode::Failed;
 }
 
-SelfCheckCommand::Result SelfCheckCommand::runHere(const QString& folder,
-                                                   const SelfCheckRows::Row& row) const
+SelfCheckCommand::Result SelfCheckCommand::runHere(const QString& directory, const Row& row)
 {
     TdxTester tester;
-    tester.setTestDataDirectory(folder);
-    const SelfCheckRows::Outcome outcome = SelfCheckRows::run(tester, row);
-    return {outcome.isRight(row), outcome.m_LastLine};
+    tester.setTestDataDirectory(directory);
+    s_LastLine.clear();
+    s_Next = qInstallMessageHandler(&noteLine);
+    const bool passed = row.run(tester);
+    qInstallMessageHandler(s_Next);
+    const QMutexLocker locker(&s_Mutex);
+    const std::string lastLine = s_LastLine.toStdString();
+    return {row.isExpected(passed, lastLine), lastLine};
 }
 
-SelfCheckCommand::Result SelfCheckCommand::runApart(const QString& folder,
-                                                    const SelfCheckRows::Row& row,
-                                                    const ToolSettings& settings) const
+SelfCheckCommand::Result SelfCheckCommand::runApart(const QString& directory, const Row& row,
+                                                    const ToolSettings& settings)
 {
     QStringList arguments = {QStringLiteral("selfcheck"),
                              QStringLiteral("--in-process"),
                              QStringLiteral("--json"),
                              QStringLiteral("--data"),
-                             folder,
+                             directory,
                              QString::fromStdString(row.title())};
     if (settings.m_Verbose)
         arguments.append(QStringLiteral("--verbose"));
@@ -160,10 +186,8 @@ SelfCheckCommand::Result SelfCheckCommand::runApart(const QString& folder,
     const QJsonObject object = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
     const QJsonArray rows = object[QStringLiteral("rows")].toArray();
     if (process.exitStatus() != QProcess::NormalExit || rows.size() != 1)
-        return {false, "its process ended in the middle"};
+        return {false, "its process ended early"};
     const QJsonObject result = rows.first().toObject();
-    // The child has put the words into a sentence of its own.
-    QString words = result[QStringLiteral("outcome")].toString();
-    words.remove(QStringLiteral("FAILED: "));
-    return {result[QStringLiteral("right")].toBool(), words.toStdString()};
+    return {result[QStringLiteral("expected")].toBool(),
+            result[QStringLiteral("last_line")].toString().toStdString()};
 }

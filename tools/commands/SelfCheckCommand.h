@@ -1,41 +1,42 @@
 #pragma once
 
+#include "selfcheck/ZebSelfCheckTable.h"
 #include "tools/commands/Command.h"
-#include "tools/commands/SelfCheckRows.h"
 
 #include <QString>
+#include <QVector>
 
 #include <string>
 #include <vector>
 
-/// `zebtdx selfcheck`: runs the library's own checks, each in a process of its own, so that a row
-/// that ends its process ends no other.
+/// `zebtdx selfcheck`: runs the library's own checks, each in a separate process, so that a check
+/// that ends its process does not end the others.
 class SelfCheckCommand : public Command
 {
 public:
-    SelfCheckCommand();
-
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
 
 private:
-    /// How a row came out here or in its process.
+    using Row = ZebSelfCheckTable::Row;
+
+    /// How a row ended.
     struct Result
     {
-        bool m_IsRight;
-        std::string m_Words;
+        bool m_IsExpected;
+        /// The last line that the row logged, or why it did not run.
+        std::string m_LastLine;
     };
 
     /// The rows that the user named, or all.
-    std::vector<SelfCheckRows::Row> wantedRows() const;
+    QVector<Row> wantedRows() const;
 
-    Result runHere(const QString& folder, const SelfCheckRows::Row& row) const;
-    Result runApart(const QString& folder, const SelfCheckRows::Row& row,
-                    const ToolSettings& settings) const;
+    static Result runHere(const QString& directory, const Row& row);
+    static Result runApart(const QString& directory, const Row& row, const ToolSettings& settings);
 
     std::string m_Data;
     std::vector<std::string> m_Names;
-    bool m_All;
-    bool m_Json;
-    bool m_InProcess;
+    bool m_All = false;
+    bool m_Json = false;
+    bool m_InProcess = false;
 };

@@ -1,30 +1,26 @@
 #pragma once
 
+#include "io/ZebBlockFile.h"
 #include "tools/cache/StorePlace.h"
 #include "tools/commands/Command.h"
+#include "tools/commands/CommandOptions.h"
 
 #include <QtGlobal>
 
-class ErrorReport;
-class ProgressBar;
-
-/// `zebtdx verify`: finds the block files of a cache that would be read wrongly or not at all, and
-/// what else is not as it should be. Writes nothing.
+/// `zebtdx verify`: finds the damaged block files of a cache, and whatever else needs attention.
+/// Writes nothing.
 class VerifyCommand : public Command
 {
 public:
-    VerifyCommand();
-
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    int statusOfException() const override { return ExitCode::Environment; }
 
 private:
-    int verify(ErrorReport& errors, ProgressBar& progress);
-
     StorePlace m_Place;
-    qint64 m_LargestBlock;
-    int m_Threads;
-    int m_Percent;
-    bool m_Fast;
-    bool m_Json;
+    qint64 m_LargestBlock = ZebBlockFile::s_MaxBlockBytes;
+    int m_Threads = CommandOptions::defaultThreads();
+    int m_Percent = 100;
+    bool m_Fast = false;
+    bool m_Json = false;
 };

@@ -6,22 +6,16 @@
 #include "tools/files/StoredFiles.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
 #include <algorithm>
 #include <cstring>
-#include <exception>
-#include <new>
+#include <optional>
 
 FileComparer::FileComparer(int threads, ToolStore& store, ErrorReport& errors,
                            ProgressBar& progress)
-    : m_Threads(threads),
-      m_Store(store),
-      m_Errors(errors),
-      m_Progress(progress),
-      m_NextSegment(0),
-      m_DoneBytes(0),
-      m_Differences(0)
+    : m_Threads(threads), m_Store(store), m_Errors(errors), m_Progress(progress)
 {}
 
 void FileComparer::run(StoredFiles& stored)
@@ -57,56 +51,39 @@ void FileComparer::checkSegment(StoredFiles& stored, const StoredSegment& segmen
     if (file.m_Failed.load() || file.m_Different.load())
         return;
     bool equal = false;
-    std::string reason;
-    try {
-        reason = reader.open(file.m_Path);
-        if (reason.empty())
-            reason = compare(stored.m_BlockSize, segment, reader, equal);
-    } catch (const std::bad_alloc&) {
-        reason = "out of memory";
-    } catch (const std::exception& error) {
-        reason = error.what();
-    }
-    if (reason.empty() && equal)
+    const std::optional<ToolError> error = ToolError::of([&] {
+        reader.open(file.m_Path);
+        equal = isEqual(stored.m_BlockSize, segment, reader);
+    });
+    if (equal || file.m_Different.exchange(true))
         return;
-    if (file.m_Different.exchange(true))
-        return;
-    if (!reason.empty()) {
-        m_Errors.add(file.m_Path, reason);
+    if (error) {
+        m_Errors.add(file.m_Path, *error);
         return;
     }
     m_Differences.fetch_add(1);
-    // The state at the first pass tells a file that moved on from a store that went wrong.
+    // A changed stamp separates a changed file from a wrong store.
     m_Errors.add(file.m_Path, reader.stamp() != segment.m_Stamp
-                                  ? "changed after it was stored"
-                                  : "what the store gives back differs from the file");
+                                  ? "changed after it was stored; ingest it again"
+                                  : "differs from the bytes in the store; run zebtdx verify");
 }
 
-std::string FileComparer::compare(qint64 blockSize, const StoredSegment& segment,
-                                  FileReader& reader, bool& equal)
+bool FileComparer::isEqual(qint64 blockSize, const StoredSegment& segment, FileReader& reader)
 {
-    equal = false;
     qint64 done = 0;
-    QByteArray expected;
     for (const ZebDataReference& reference : segment.m_Blocks) {
         const ZebConstAccessor accessor = reference.constAccessor();
         if (accessor.isNull())
-            return "a block of it cannot be had from the store";
+            throw ToolError(
+                "cannot be compared: one of its blocks cannot be loaded from the store");
         const qint64 size = std::min(blockSize, segment.m_Bytes - done);
-        std::string reason = reader.readBlock(segment.m_Offset + done, size, expected);
-        if (!reason.empty())
-            return reason;
+        const QByteArray expected = reader.read(segment.m_Offset + done, size);
         if (accessor.size() != size || expected.size() != size ||
             std::memcmp(accessor.data(), expected.constData(), static_cast<std::size_t>(size)) != 0)
-            return {};
+            return false;
         done += size;
         m_DoneBytes.fetch_add(size);
     }
-    if (segment.m_Last && segment.m_Complete) {
-        std::string reason = reader.readBlock(segment.m_Offset + done, 1, expected);
-        if (!reason.empty() || !expected.isEmpty())
-            return reason;
-    }
-    equal = true;
-    return {};
+    const bool isEnd = segment.m_Last && segment.m_Complete;
+    return !isEnd || reader.read(segment.m_Offset + done, 1).isEmpty();
 }

@@ -1,7 +1,6 @@
 #include "tools/files/FileIngester.h"
 
 #include "data/ZebDataBlock.h"
-#include "hash/ZebDataHash.h"
 #include "manager/ZebDataBlockManager.h"
 #include "tools/cache/ToolStore.h"
 #include "tools/files/FileReader.h"
@@ -9,14 +8,13 @@
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
 #include "tools/terminal/SizeText.h"
+#include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
 #include <QThread>
 
 #include <algorithm>
-#include <exception>
-#include <limits>
-#include <new>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -24,21 +22,19 @@ namespace {
 // How much of a file a thread takes at a time, at least one block.
 constexpr qint64 s_SegmentBytes = 4 * 1024 * 1024;
 
-constexpr unsigned long s_BrakeMs = 2;
+constexpr unsigned long s_PollMs = 2;
 
-// A thread that is some blocks ahead of the hashing pool never waits for it; more gains nothing.
+// A thread this many blocks ahead of the hashing pool does not wait for it; more gains nothing.
 constexpr qint64 s_MostPending = 8;
 
-// The share of the memory limit that the blocks without a hash of all threads may take.
+// All blocks without a hash may take the memory limit divided by this.
 constexpr qint64 s_PendingShare = 4;
 
-constexpr qint64 s_GroupHeader = 16;
-
-// Sleeps while the writers have as much waiting as they may.
+// Sleeps while the writers' queues are full.
 void waitForWriters()
 {
     while (ZebDataBlockManager::instance().isWriteThreadsFull())
-        QThread::msleep(s_BrakeMs);
+        QThread::msleep(s_PollMs);
 }
 
 } // namespace
@@ -53,10 +49,7 @@ FileIngester::FileIngester(const Options& options, ToolStore& store, ErrorReport
           s_MostPending))),
       m_Store(store),
       m_Errors(errors),
-      m_Progress(progress),
-      m_DoneBytes(0),
-      m_NextFile(0),
-      m_NextOffset(0)
+      m_Progress(progress)
 {}
 
 StoredFiles FileIngester::run(const FileWalker& walk)
@@ -88,7 +81,7 @@ StoredSegment* FileIngester::nextSegment()
     segment.m_Offset = m_NextOffset;
     segment.m_PlannedBytes = std::min(m_SegmentBytes, file.m_Size - m_NextOffset);
     m_NextOffset += segment.m_PlannedBytes;
-    // No further pieces are made of a file that has failed.
+    // A file that has failed gets no further segments.
     segment.m_Last = m_NextOffset >= file.m_Size || file.m_Failed.load();
     if (segment.m_Last) {
         ++m_NextFile;
@@ -109,38 +102,26 @@ void FileIngester::storeSegment(StoredSegment& segment, FileReader& reader)
     StoredFile& file = m_Stored.m_Files[segment.m_File];
     if (file.m_Failed.load())
         return;
-    std::string reason;
-    try {
-        reason = reader.open(file.m_Path);
-        if (reason.empty())
-            reason = storeBlocks(segment, file, reader);
-    } catch (const std::bad_alloc&) {
-        reason = "out of memory";
-    } catch (const std::exception& error) {
-        reason = error.what();
-    }
-    if (!reason.empty())
-        fail(file, reason);
+    const std::optional<ToolError> error = ToolError::of([&] {
+        reader.open(file.m_Path);
+        storeBlocks(segment, file, reader);
+    });
+    if (error)
+        fail(file, error->what());
 }
 
-std::string FileIngester::storeBlocks(StoredSegment& segment, const StoredFile& file,
-                                      FileReader& reader)
+void FileIngester::storeBlocks(StoredSegment& segment, const StoredFile& file, FileReader& reader)
 {
     segment.m_Stamp = reader.stamp();
     const qint64 blockSize = m_Options.m_BlockSize;
-    // Dropping what is left of them waits for their hashes.
+    // Its destructor waits for the hashes.
     std::deque<ZebDataReference> pending;
-    QByteArray block;
     while (segment.m_Last || segment.m_Bytes < segment.m_PlannedBytes) {
         if (file.m_Failed.load())
-            return {};
-        // A new array each time: the store's hashing thread may share the one before.
-        block = QByteArray();
-        std::string reason = reader.readBlock(segment.m_Offset + segment.m_Bytes, blockSize, block);
-        if (!reason.empty())
-            return reason;
+            return;
+        const QByteArray block = reader.read(segment.m_Offset + segment.m_Bytes, blockSize);
         if (block.size() < blockSize && !segment.m_Last)
-            return "became shorter while it was read";
+            throw ToolError("became shorter while it was being read; ingest it again");
         if (!block.isEmpty())
             storeBlock(block, segment, pending);
         if (block.size() < blockSize)
@@ -151,7 +132,6 @@ std::string FileIngester::storeBlocks(StoredSegment& segment, const StoredFile& 
         segment.m_Blocks.push_back(reference);
     }
     segment.m_Complete = true;
-    return {};
 }
 
 void FileIngester::storeBlock(const QByteArray& block, StoredSegment& segment,
@@ -188,7 +168,7 @@ void FileIngester::dropFailedFiles()
 
 void FileIngester::makeGroups()
 {
-    // A file's segments stand in order.
+    // The segments of a file are consecutive and in order.
     for (auto begin = m_Stored.m_Segments.cbegin(); begin != m_Stored.m_Segments.cend();) {
         StoredFile& file = m_Stored.m_Files[begin->m_File];
         QVector<ZebDataReference> blocks;
@@ -202,13 +182,13 @@ void FileIngester::makeGroups()
         begin = end;
         if (file.m_Failed.load())
             continue;
-        const qint64 groupSize = s_GroupHeader + qint64(ZebDataHash::Hash512) * blocks.size();
+        const qint64 groupSize = Manifest::groupBytes(blocks.size());
         if (groupSize > ZebDataBlock::maxBlockSize()) {
-            fail(file, "has so many blocks that their list, of " + SizeText::print(groupSize) +
-                           ", is too large for the store; larger blocks help");
+            fail(file, "has too many blocks: their list (" + SizeText::print(groupSize) +
+                           ") is larger than the largest block; raise --block");
             continue;
         }
-        // Here, and not on the threads, only this one can see the writers fail.
+        // No thread that ticks is running now.
         m_Store.watchWrites(m_Errors);
         file.m_StoredBytes = bytes;
         file.m_Group = ZebDataBlockManager::instance().makeGroupBlock(blocks);

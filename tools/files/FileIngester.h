@@ -16,13 +16,12 @@ class ProgressBar;
 class ToolStore;
 class ZebDataReference;
 
-/// The first pass: cuts files into blocks and adds them to the store on several threads.
+/// The first pass of an ingest: cuts files into blocks and adds them to the store, on several
+/// threads. At the end each file has a group block, which lists its blocks.
 ///
-/// A file that can't be read to its end is an error, and nothing of it is kept; the rest goes on.
-/// Threads that read faster than the disk cache writes wait for it, and each has a few blocks at
-/// most on their way to a hash, so that what waits for writing or hashing stays bounded.
-///
-/// In the end each file has a group block, which lists its blocks.
+/// A file that cannot be read to its end is an error, and nothing of it is kept; the other files
+/// are stored. Threads wait while the writers are full, and each has only a few blocks without a
+/// hash, so that the memory for queued blocks is bounded.
 class FileIngester
 {
 public:
@@ -36,18 +35,18 @@ public:
     FileIngester(const Options& options, ToolStore& store, ErrorReport& errors,
                  ProgressBar& progress);
 
-    /// Stores the files of `walk`. To be called once.
+    /// Stores the files of `walk`. Must be called once.
     StoredFiles run(const FileWalker& walk);
 
 private:
-    /// The next piece of work, made when it is asked for; null when there is none.
+    /// The next piece of work; null when there is none.
     StoredSegment* nextSegment();
 
     void work();
     void storeSegment(StoredSegment& segment, FileReader& reader);
 
-    /// Stores the segment's blocks from the file that is open. Gives the reason when that fails.
-    std::string storeBlocks(StoredSegment& segment, const StoredFile& file, FileReader& reader);
+    /// Stores the segment's blocks from the file that is open.
+    void storeBlocks(StoredSegment& segment, const StoredFile& file, FileReader& reader);
 
     void storeBlock(const QByteArray& block, StoredSegment& segment,
                     std::deque<ZebDataReference>& pending);
@@ -55,21 +54,21 @@ private:
     void fail(StoredFile& file, const std::string& reason);
     void dropFailedFiles();
 
-    /// Makes the group blocks of the files that are whole.
+    /// Makes the group blocks of the complete files.
     void makeGroups();
 
     const Options m_Options;
     const qint64 m_SegmentBytes;
-    // How many blocks a thread may have without a hash.
+    // How many blocks without a hash a thread may have.
     const std::size_t m_MostPending;
     ToolStore& m_Store;
     ErrorReport& m_Errors;
     ProgressBar& m_Progress;
-    std::atomic<qint64> m_DoneBytes;
+    std::atomic<qint64> m_DoneBytes = 0;
     StoredFiles m_Stored;
 
-    // Guards the place where the next segment begins, and the growth of m_Stored.m_Segments.
+    // Guards the start of the next segment, and the growth of m_Stored.m_Segments.
     std::mutex m_CursorMutex;
-    std::size_t m_NextFile;
-    qint64 m_NextOffset;
+    std::size_t m_NextFile = 0;
+    qint64 m_NextOffset = 0;
 };

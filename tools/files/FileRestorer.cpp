@@ -2,70 +2,44 @@
 
 #include "data/ZebConstAccessor.h"
 #include "data/ZebDataReference.h"
-#include "hash/ZebDataHash.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
 #include "tools/cache/ToolStore.h"
-#include "tools/files/FileKind.h"
+#include "tools/files/FileSystem.h"
+#include "tools/files/FileWriter.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
 #include <QVector>
 
 #include <algorithm>
-#include <cerrno>
-#include <exception>
 #include <filesystem>
-#include <new>
+#include <optional>
 #include <system_error>
 
 #include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 
-// How many blocks of a file are asked for ahead of the one that is written.
+// How many blocks of a file are requested ahead of the one that is written.
 constexpr int s_Ahead = 8;
 
-// Whether the bytes are those that the hash names.
-bool matches(const ZebConstAccessor& accessor, const ZebDataHash& hash)
-{
-    return ZebDataHash(accessor.data(), accessor.size(), hash.size()) == hash;
-}
-
-std::string writeAll(int descriptor, const unsigned char* bytes, qint64 size)
-{
-    for (qint64 done = 0; done < size;) {
-        const ssize_t count =
-            ::write(descriptor, bytes + done, static_cast<std::size_t>(size - done));
-        if (count > 0)
-            done += count;
-        else if (count < 0 && errno != EINTR)
-            return FileKind::errorText(errno);
-    }
-    return {};
-}
+constexpr mode_t s_FileMode = 0666;
 
 } // namespace
 
 FileRestorer::FileRestorer(int threads, ToolStore& store, ErrorReport& errors,
                            ProgressBar& progress)
-    : m_Threads(threads),
-      m_Store(store),
-      m_Errors(errors),
-      m_Progress(progress),
-      m_Next(0),
-      m_DoneBytes(0),
-      m_Files(0),
-      m_Bytes(0)
+    : m_Threads(threads), m_Store(store), m_Errors(errors), m_Progress(progress)
 {}
 
-void FileRestorer::run(const Manifest& manifest, const std::string& folder)
+void FileRestorer::run(const Manifest& manifest, const std::string& directory)
 {
     m_Progress.begin("Restoring", manifest.bytes());
     Workers::run(
-        m_Threads, [this, &manifest, &folder] { work(manifest, folder); },
+        m_Threads, [this, &manifest, &directory] { work(manifest, directory); },
         [this] {
             m_Progress.show(m_DoneBytes.load());
             m_Store.watchWrites(m_Errors);
@@ -73,24 +47,17 @@ void FileRestorer::run(const Manifest& manifest, const std::string& folder)
     m_Progress.end();
 }
 
-void FileRestorer::work(const Manifest& manifest, const std::string& folder)
+void FileRestorer::work(const Manifest& manifest, const std::string& directory)
 {
     for (;;) {
         const std::size_t index = m_Next.fetch_add(1);
         if (index >= manifest.m_Files.size())
             return;
         const Manifest::File& file = manifest.m_Files[index];
-        const std::string path = folder + "/" + file.m_Path;
-        std::string reason;
-        try {
-            reason = restore(file, path);
-        } catch (const std::bad_alloc&) {
-            reason = "out of memory";
-        } catch (const std::exception& error) {
-            reason = error.what();
-        }
-        if (!reason.empty()) {
-            m_Errors.add(path, reason);
+        const std::string path = FileSystem::joined(directory, file.m_Path);
+        const std::optional<ToolError> error = ToolError::of([&] { restore(file, path); });
+        if (error) {
+            m_Errors.add(path, *error);
             continue;
         }
         m_Files.fetch_add(1);
@@ -98,72 +65,38 @@ void FileRestorer::work(const Manifest& manifest, const std::string& folder)
     }
 }
 
-std::string FileRestorer::restore(const Manifest::File& file, const std::string& path)
+void FileRestorer::restore(const Manifest::File& file, const std::string& path)
 {
     std::error_code error;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
     if (error)
-        return error.message();
-    // Refuses whatever is there already, links too.
-    const int descriptor =
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (descriptor < 0)
-        return FileKind::errorText(errno);
-    std::string reason;
-    try {
-        const ZebDataReference group(ZebHashManager::instance().getHash(file.m_Group));
-        reason = writeBlocks(file, group, descriptor);
-    } catch (...) {
-        ::close(descriptor);
-        ::unlink(path.c_str());
-        throw;
-    }
-    if (::close(descriptor) != 0 && reason.empty())
-        reason = FileKind::errorText(errno);
-    if (!reason.empty())
-        ::unlink(path.c_str());
-    return reason;
+        throw ToolError(error.message(), error.value());
+    FileWriter target(path, O_EXCL, s_FileMode);
+    writeBlocks(file, target);
+    target.keep();
 }
 
-std::string FileRestorer::writeBlocks(const Manifest::File& file, const ZebDataReference& group,
-                                      int descriptor)
+void FileRestorer::writeBlocks(const Manifest::File& file, FileWriter& target)
 {
-    if (!m_Store.has(group))
-        return "its list of blocks is not in the cache";
-    {
-        const ZebConstAccessor list = group.constAccessor();
-        if (list.isNull())
-            return "its list of blocks is not in the cache";
-        if (!matches(list, *group.hashPtr()))
-            return "its list of blocks is damaged in the cache";
-    }
+    const ZebDataReference group(ZebHashManager::instance().getHash(file.m_Group));
+    m_Store.read(group, "its list of blocks ");
     const QVector<ZebDataReference> blocks =
         ZebDataBlockManager::instance().extractGroupBlock(group);
-    for (const ZebDataReference& block : blocks) {
-        if (!m_Store.has(block))
-            return "a block of it is not in the cache";
-    }
+    for (const ZebDataReference& block : blocks)
+        m_Store.require(block, "one of its blocks ");
     qint64 size = 0;
+    int requested = 0;
     for (int i = 0; i < blocks.size(); ++i) {
-        // The first block is waited for at once; the reader fetches what follows meanwhile.
-        const int last = std::min(i + s_Ahead, blocks.size() - 1);
-        for (int k = i == 0 ? 1 : last; k <= last; ++k) {
-            if (k > i)
-                blocks[k].preload();
-        }
-        const ZebConstAccessor block = blocks[i].constAccessor();
-        if (block.isNull())
-            return "a block of it is not in the cache";
-        if (!matches(block, *blocks[i].hashPtr()))
-            return "a block of it is damaged in the cache";
-        std::string reason = writeAll(descriptor, block.data(), block.size());
-        if (!reason.empty())
-            return reason;
+        // The reader loads these while this thread waits for block i and writes it.
+        requested = std::max(requested, i + 1);
+        for (const int end = std::min(i + 1 + s_Ahead, blocks.size()); requested < end; ++requested)
+            blocks[requested].preload();
+        const ZebConstAccessor block = m_Store.read(blocks[i], "one of its blocks ");
+        target.write(block.data(), block.size());
         size += block.size();
         m_DoneBytes.fetch_add(block.size());
     }
     if (size != file.m_Size)
-        return "has " + std::to_string(size) + " bytes in the cache, and " +
-               std::to_string(file.m_Size) + " in the manifest";
-    return {};
+        throw ToolError("has " + std::to_string(size) + " bytes in the cache, but " +
+                        std::to_string(file.m_Size) + " in the manifest");
 }

@@ -1,8 +1,8 @@
 #include "tools/files/FileWalker.h"
 
-#include "tools/files/FileKind.h"
-#include "tools/files/FolderNames.h"
+#include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
+#include "tools/terminal/ToolError.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -10,12 +10,21 @@
 
 #include <sys/stat.h>
 
-FileWalker::FileWalker(ErrorReport& errors) : m_Errors(errors), m_Bytes(0), m_SkippedLinks(0) {}
+namespace {
 
-void FileWalker::leaveOut(const std::string& folder)
+// Null when the path cannot be resolved.
+std::unique_ptr<char, void (*)(void*)> realPathOf(const std::string& path)
 {
-    const std::unique_ptr<char, void (*)(void*)> realPath(::realpath(folder.c_str(), nullptr),
-                                                          &std::free);
+    return {::realpath(path.c_str(), nullptr), &std::free};
+}
+
+} // namespace
+
+FileWalker::FileWalker(ErrorReport& errors) : m_Errors(errors) {}
+
+void FileWalker::leaveOut(const std::string& directory)
+{
+    const auto realPath = realPathOf(directory);
     if (realPath != nullptr)
         m_LeftOut.insert(realPath.get());
 }
@@ -23,24 +32,19 @@ void FileWalker::leaveOut(const std::string& folder)
 void FileWalker::add(const std::string& path)
 {
     struct stat status = {};
-    if (::stat(path.c_str(), &status) != 0) {
-        m_Errors.add(path, FileKind::errorText(errno));
-        return;
-    }
-    const std::unique_ptr<char, void (*)(void*)> realPath(::realpath(path.c_str(), nullptr),
-                                                          &std::free);
-    if (realPath == nullptr) {
-        m_Errors.add(path, FileKind::errorText(errno));
+    const auto realPath = realPathOf(path);
+    if (realPath == nullptr || ::stat(path.c_str(), &status) != 0) {
+        m_Errors.add(path, ToolError::ofSystem(errno));
         return;
     }
     const std::size_t timesBefore = m_TimesGiven[realPath.get()]++;
     if (timesBefore == m_Seen.size())
         m_Seen.emplace_back();
-    addThing(path, realPath.get(), status.st_mode, status.st_size, m_Seen[timesBefore]);
+    addAny(path, realPath.get(), status.st_mode, status.st_size, m_Seen[timesBefore]);
 }
 
-void FileWalker::addThing(const std::string& path, const std::string& realPath, unsigned int mode,
-                          qint64 size, Names& seen)
+void FileWalker::addAny(const std::string& path, const std::string& realPath, unsigned int mode,
+                        qint64 size, Names& seen)
 {
     if (m_LeftOut.count(realPath) != 0 || !seen.insert(realPath).second)
         return;
@@ -49,10 +53,10 @@ void FileWalker::addThing(const std::string& path, const std::string& realPath, 
         return;
     }
     if (S_ISDIR(mode)) {
-        addFolder(path, realPath, seen);
+        addDirectory(path, realPath, seen);
         return;
     }
-    const std::string reason = FileKind::whyNotAFile(mode);
+    const std::string reason = FileSystem::whyNotAFile(mode);
     if (!reason.empty()) {
         m_Errors.add(path, reason);
         return;
@@ -61,19 +65,16 @@ void FileWalker::addThing(const std::string& path, const std::string& realPath, 
     m_Bytes += size;
 }
 
-void FileWalker::addFolder(const std::string& path, const std::string& realPath, Names& seen)
+void FileWalker::addDirectory(const std::string& path, const std::string& realPath, Names& seen)
 {
-    std::vector<std::string> names;
-    const std::string reason = FolderNames::read(path, names);
-    if (!reason.empty())
-        m_Errors.add(path, reason);
-    for (const std::string& name : names) {
-        const std::string child = FolderNames::joined(path, name);
+    for (const FileSystem::Entry& entry : FileSystem::entries(path, m_Errors)) {
+        const std::string child = FileSystem::joined(path, entry.m_Name);
         struct stat status = {};
         if (::lstat(child.c_str(), &status) != 0) {
-            m_Errors.add(child, FileKind::errorText(errno));
+            m_Errors.add(child, ToolError::ofSystem(errno));
             continue;
         }
-        addThing(child, FolderNames::joined(realPath, name), status.st_mode, status.st_size, seen);
+        addAny(child, FileSystem::joined(realPath, entry.m_Name), status.st_mode, status.st_size,
+               seen);
     }
 }

@@ -1,18 +1,26 @@
 #include "tools/files/Manifest.h"
 
-#include "tools/files/FileKind.h"
+#include "data/ZebGroupHeader.h"
+#include "hash/ZebBlockName.h"
 #include "tools/files/FileReader.h"
+#include "tools/files/FileWriter.h"
+#include "tools/files/StoredFiles.h"
+#include "tools/terminal/ErrorReport.h"
+#include "tools/terminal/PathText.h"
+#include "tools/terminal/ToolError.h"
 
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QJsonParseError>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <limits>
+#include <optional>
+#include <system_error>
+#include <unordered_map>
 
 #include <cstdio>
 #include <fcntl.h>
@@ -22,14 +30,12 @@ namespace {
 
 const QLatin1String s_FormatName("zebtdx manifest");
 constexpr int s_Version = 1;
+const char* const s_NoManifest = "is not a manifest";
 
-// A group block's own bytes, and those for each block that it lists.
-constexpr qint64 s_GroupHeader = 16;
-constexpr qint64 s_DigestSize = 64;
-constexpr int s_DigestWords = 16;
+constexpr mode_t s_FileMode = 0644;
 
 // JSON numbers are exact up to here.
-constexpr double s_LargestNumber = 9007199254740992.0;
+constexpr qint64 s_LargestNumber = 9007199254740992;
 
 using File = Manifest::File;
 
@@ -44,39 +50,26 @@ void putBytes(QJsonObject& object, const QString& key, const std::string& bytes)
             QString::fromLatin1(QByteArray::fromStdString(bytes).toBase64());
 }
 
-bool getBytes(const QJsonObject& object, const QString& key, std::string& bytes)
+std::string getBytes(const QJsonObject& object, const QString& key)
 {
     const QJsonValue text = object[key];
-    if (text.isString()) {
-        bytes = text.toString().toUtf8().toStdString();
-        return true;
-    }
+    if (text.isString())
+        return text.toString().toUtf8().toStdString();
     const QJsonValue encoded = object[key + QStringLiteral("_base64")];
     if (!encoded.isString())
-        return false;
-    bytes = QByteArray::fromBase64(encoded.toString().toLatin1()).toStdString();
-    return true;
+        throw ToolError("has no valid \"" + key.toStdString() + "\"");
+    return QByteArray::fromBase64(encoded.toString().toLatin1()).toStdString();
 }
 
-bool getNumber(const QJsonObject& object, const QString& key, qint64 least, qint64& number)
+qint64 getNumber(const QJsonObject& object, const QString& key, qint64 least,
+                 qint64 most = s_LargestNumber)
 {
     const double value = object[key].toDouble(-1);
-    if (value < static_cast<double>(least) || value > s_LargestNumber)
-        return false;
-    number = static_cast<qint64>(value);
-    return static_cast<double>(number) == value;
-}
-
-// Whether this is the text form of a hash as blocks have it.
-bool isHashText(const QString& text)
-{
-    const QStringList words = text.split(QLatin1Char('-'));
-    return words.size() == s_DigestWords &&
-           std::all_of(words.begin(), words.end(), [](const QString& word) {
-               bool fits = false;
-               const uint value = word.toUInt(&fits);
-               return fits && QString::number(value) == word;
-           });
+    const bool fits = value >= static_cast<double>(least) && value <= static_cast<double>(most);
+    const qint64 number = fits ? static_cast<qint64>(value) : 0;
+    if (!fits || static_cast<double>(number) != value)
+        throw ToolError("has no valid \"" + key.toStdString() + "\"");
+    return number;
 }
 
 QByteArray line(const QJsonObject& object)
@@ -102,47 +95,51 @@ QJsonObject headOf(const Manifest& manifest)
     return head;
 }
 
-std::string parseHead(const QJsonObject& head, Manifest& manifest)
+void parseHead(const QJsonObject& head, Manifest& manifest)
 {
     if (head[QStringLiteral("format")].toString() != s_FormatName)
-        return "is no manifest";
+        throw ToolError(s_NoManifest);
     if (head[QStringLiteral("version")].toInt() != s_Version)
-        return "is a manifest of a version that this program does not know";
-    for (const QJsonValue& value : head[QStringLiteral("roots")].toArray()) {
-        std::string root;
-        if (!getBytes(value.toObject(), QStringLiteral("path"), root))
-            return "names no cache root";
-        manifest.m_Place.m_Roots.push_back(root);
-    }
-    std::string reason = StorePlace::whyNoRoots(manifest.m_Place.m_Roots);
-    if (manifest.m_Place.m_Roots.empty())
-        reason = "names no cache root";
-    qint64 buckets = 0;
-    if (!getNumber(head, QStringLiteral("buckets"), 1, buckets) ||
-        buckets > std::numeric_limits<int>::max())
-        return "names no number of buckets";
-    manifest.m_Place.m_Buckets = static_cast<int>(buckets);
-    if (!getBytes(head, QStringLiteral("sub_cache"), manifest.m_Place.m_SubCache))
-        return "names no sub-cache";
-    if (reason.empty() && !manifest.m_Place.m_SubCache.empty())
-        reason = StorePlace::whyNoSubCache(manifest.m_Place.m_SubCache);
-    if (!getNumber(head, QStringLiteral("block_size"), 1, manifest.m_BlockSize))
-        return "names no block size";
-    return reason;
+        throw ToolError("is a manifest of a version that this program cannot read");
+    StorePlace& place = manifest.m_Place;
+    for (const QJsonValue& value : head[QStringLiteral("roots")].toArray())
+        place.m_Roots.push_back(getBytes(value.toObject(), QStringLiteral("path")));
+    if (place.m_Roots.empty())
+        throw ToolError("has no cache roots");
+    place.m_Buckets = static_cast<int>(
+        getNumber(head, QStringLiteral("buckets"), 1, std::numeric_limits<int>::max()));
+    place.m_SubCache = getBytes(head, QStringLiteral("sub_cache"));
+    manifest.m_BlockSize = getNumber(head, QStringLiteral("block_size"), 1);
+    StorePlace::requireRoots(place.m_Roots);
+    if (!place.m_SubCache.empty())
+        StorePlace::requireSubCache(place.m_SubCache);
 }
 
-std::string parseFile(const QJsonObject& object, File& file)
+File parseFile(const QJsonObject& object)
 {
-    if (!getBytes(object, QStringLiteral("path"), file.m_Path))
-        return "names no file";
+    File file;
+    file.m_Path = getBytes(object, QStringLiteral("path"));
     if (!Manifest::isSafeName(file.m_Path))
-        return "has a name that leads out of the folder";
-    if (!getNumber(object, QStringLiteral("size"), 0, file.m_Size))
-        return "names no size";
+        throw ToolError("has a name that leads out of the directory");
+    file.m_Size = getNumber(object, QStringLiteral("size"), 0);
     file.m_Group = object[QStringLiteral("group")].toString();
-    if (!isHashText(file.m_Group))
-        return "names no hash";
-    return {};
+    if (!ZebBlockName::parse(file.m_Group.toStdString()))
+        throw ToolError("has no valid \"group\"");
+    return file;
+}
+
+// Takes one line after the first. Returns whether it is the last one.
+bool parseLine(const QJsonObject& object, Manifest& manifest)
+{
+    if (!object.contains(QStringLiteral("files"))) {
+        manifest.m_Files.push_back(parseFile(object));
+        return false;
+    }
+    const qint64 files = getNumber(object, QStringLiteral("files"), 0);
+    if (files != static_cast<qint64>(manifest.m_Files.size()) ||
+        getNumber(object, QStringLiteral("bytes"), 0) != manifest.bytes())
+        throw ToolError("does not match the files above it");
+    return true;
 }
 
 } // namespace
@@ -155,13 +152,17 @@ qint64 Manifest::bytes() const
     return sum;
 }
 
+qint64 Manifest::groupBytes(qint64 blocks)
+{
+    return ZebGroupHeader::s_Bytes + blocks * ZebBlockName::s_Bytes;
+}
+
 qint64 Manifest::largestBlock() const
 {
     qint64 largest = 0;
     for (const File& file : m_Files) {
         const qint64 blocks = file.m_Size / m_BlockSize + (file.m_Size % m_BlockSize != 0);
-        largest = std::max(
-            {largest, std::min(file.m_Size, m_BlockSize), s_GroupHeader + blocks * s_DigestSize});
+        largest = std::max({largest, std::min(file.m_Size, m_BlockSize), groupBytes(blocks)});
     }
     return largest;
 }
@@ -176,94 +177,91 @@ QByteArray Manifest::text() const
         object[QStringLiteral("group")] = file.m_Group;
         text += line(object);
     }
-    // Tells a whole manifest from one that was cut off.
+    // Separates a complete manifest from a truncated one.
     QJsonObject end;
     end[QStringLiteral("files")] = static_cast<qint64>(m_Files.size());
     end[QStringLiteral("bytes")] = bytes();
     return text + line(end);
 }
 
-std::string Manifest::parse(const QByteArray& text)
+Manifest Manifest::parse(const QByteArray& text)
 {
     Manifest parsed;
-    qint64 number = 0;
+    bool isComplete = false;
+    int number = 0;
     for (int at = 0; at < text.size();) {
         const int found = text.indexOf('\n', at);
         const int end = found < 0 ? text.size() : found;
-        ++number;
-        const std::string where = "line " + std::to_string(number) + " ";
-        QJsonParseError error;
-        const QJsonDocument document = QJsonDocument::fromJson(
-            QByteArray::fromRawData(text.constData() + at, end - at), &error);
+        const QJsonDocument document =
+            QJsonDocument::fromJson(QByteArray::fromRawData(text.constData() + at, end - at));
         at = end + 1;
-        if (!document.isObject())
-            return number == 1 ? "is no manifest" : where + "is no JSON object";
-        const QJsonObject object = document.object();
-        if (number == 1) {
-            const std::string reason = parseHead(object, parsed);
-            if (!reason.empty())
-                return reason;
+        if (++number == 1) {
+            parseHead(document.object(), parsed);
             continue;
         }
-        if (object.contains(QStringLiteral("files"))) {
-            qint64 files = 0;
-            qint64 bytes = 0;
-            if (!getNumber(object, QStringLiteral("files"), 0, files) ||
-                !getNumber(object, QStringLiteral("bytes"), 0, bytes) ||
-                files != static_cast<qint64>(parsed.m_Files.size()) || bytes != parsed.bytes())
-                return where + "does not agree with the files before it";
-            if (at < text.size())
-                return where + "is not the last one";
-            *this = std::move(parsed);
-            return {};
-        }
-        const std::string reason = parseFile(object, parsed.m_Files.emplace_back());
-        if (!reason.empty())
-            return where + reason;
+        const std::optional<ToolError> error = ToolError::of([&] {
+            if (!document.isObject())
+                throw ToolError("is not a JSON object");
+            isComplete = parseLine(document.object(), parsed);
+            if (isComplete && at < text.size())
+                throw ToolError("is not the last one");
+        });
+        if (error)
+            throw ToolError("line " + std::to_string(number) + " " + error->what());
     }
-    return number == 0 ? "is no manifest" : "has no last line; it is not whole";
+    if (!isComplete)
+        throw ToolError(number == 0 ? s_NoManifest : "is incomplete: its last line is missing");
+    return parsed;
 }
 
-std::string Manifest::save(const std::string& path, bool replace) const
+void Manifest::save(const std::string& path, bool replace) const
 {
     const std::string partial = path + ".part";
-    const QByteArray content = text();
-    const int descriptor =
-        ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (descriptor < 0)
-        return FileKind::errorText(errno);
-    int error = 0;
-    for (int done = 0; done < content.size() && error == 0;) {
-        const ssize_t count = ::write(descriptor, content.constData() + done,
-                                      static_cast<std::size_t>(content.size() - done));
-        if (count > 0)
-            done += static_cast<int>(count);
-        else if (count < 0 && errno != EINTR)
-            error = errno;
-    }
-    // The only record of what was stored must outlast a power cut.
-    if (error == 0 && ::fsync(descriptor) != 0)
-        error = errno;
-    if (::close(descriptor) != 0 && error == 0)
-        error = errno;
-    if (error == 0 && !replace && ::access(path.c_str(), F_OK) == 0)
-        error = EEXIST;
+    const QByteArray bytes = text();
+    FileWriter file(partial, O_TRUNC, s_FileMode);
+    file.write(bytes.constData(), bytes.size());
+    // The only record of what was stored must survive a power loss.
+    file.sync();
+    file.keep();
+    int error = !replace && ::access(path.c_str(), F_OK) == 0 ? EEXIST : 0;
     if (error == 0 && std::rename(partial.c_str(), path.c_str()) != 0)
         error = errno;
-    if (error == 0)
-        return {};
-    ::unlink(partial.c_str());
-    return FileKind::errorText(error);
+    if (error != 0) {
+        ::unlink(partial.c_str());
+        throw ToolError::ofSystem(error);
+    }
 }
 
-std::string Manifest::load(const std::string& path)
+Manifest Manifest::load(const std::string& path)
 {
     FileReader reader;
-    std::string reason = reader.open(path);
-    QByteArray content;
-    if (reason.empty())
-        reason = reader.readBlock(0, std::numeric_limits<int>::max() / 2, content);
-    return reason.empty() ? parse(content) : reason;
+    reader.open(path);
+    return parse(reader.read(0, std::numeric_limits<int>::max() / 2));
+}
+
+Manifest Manifest::of(const StoredFiles& stored, const StorePlace& place, ErrorReport& errors)
+{
+    Manifest manifest;
+    manifest.m_Place = place;
+    for (std::string& root : manifest.m_Place.m_Roots)
+        root = std::filesystem::absolute(root).lexically_normal().string();
+    manifest.m_BlockSize = stored.m_BlockSize;
+    std::unordered_map<std::string, const StoredFile*> names;
+    for (const StoredFile& file : stored.m_Files) {
+        if (file.m_Group.isNull())
+            continue;
+        const auto [first, isNew] = names.emplace(file.m_Name, &file);
+        if (isNew) {
+            manifest.m_Files.push_back({file.m_Name, file.m_StoredBytes, file.m_Group.hash()});
+            continue;
+        }
+        std::error_code error;
+        if (!std::filesystem::equivalent(file.m_Path, first->second->m_Path, error))
+            errors.add(file.m_Path, "is not in the manifest, as another file is listed there as " +
+                                        PathText::printable(file.m_Name) +
+                                        "; ingest it with a manifest of its own");
+    }
+    return manifest;
 }
 
 std::string Manifest::nameFor(const std::string& path)

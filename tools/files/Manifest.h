@@ -9,8 +9,11 @@
 #include <string>
 #include <vector>
 
-/// What an ingest leaves for a restore: which files there were, under which hash each can be had
-/// from the store, and where that store lies. docs/MANIFEST.md tells the form.
+class ErrorReport;
+struct StoredFiles;
+
+/// What an ingest leaves for a restore: the files, the hash of each in the store, and the place of
+/// that store. docs/MANIFEST.md has the format.
 ///
 /// Names are bytes: relative, with neither "." nor ".." nor an empty element.
 struct Manifest
@@ -20,7 +23,7 @@ struct Manifest
         std::string m_Path;
         qint64 m_Size = 0;
         /// Text form of the hash of the file's group block, which lists the digests of its blocks.
-        /// As it depends on every byte of the file, it is also the file's digest.
+        /// It depends on every byte of the file, so it also serves as the file's digest.
         QString m_Group;
     };
 
@@ -31,29 +34,40 @@ struct Manifest
     /// The sum of the files' sizes.
     qint64 bytes() const;
 
-    /// The size of the largest block that the files need, their group blocks included.
+    /// The size of the largest block of the files, including their group blocks.
     qint64 largestBlock() const;
 
-    /// The whole manifest, one JSON object on each line.
+    /// The manifest as one JSON object per line.
     QByteArray text() const;
 
-    /// Takes what text() gave. Gives the reason, with the number of the line, when that is no
-    /// manifest, not a whole one, or one with names that lead out of a folder; nothing changes
-    /// then.
-    [[nodiscard]] std::string parse(const QByteArray& text);
+    /// The manifest with this text(). Throws a ToolError, with the number of the line, when the
+    /// text is not a manifest, is incomplete, or has names that lead out of a directory.
+    static Manifest parse(const QByteArray& text);
 
-    /// Writes text() to a file, which is either there whole afterwards or as it was before.
+    /// Writes text() to a file, which afterwards is either complete or as it was before. Throws a
+    /// ToolError.
     ///
-    /// @param replace whether a file that is there already may be replaced
-    [[nodiscard]] std::string save(const std::string& path, bool replace) const;
+    /// @param replace whether an existing file may be replaced
+    void save(const std::string& path, bool replace) const;
 
-    /// Reads a file that save() wrote.
-    [[nodiscard]] std::string load(const std::string& path);
+    /// The manifest in a file. Throws a ToolError.
+    static Manifest load(const std::string& path);
 
-    /// The name under which a file is kept and restored: the path without what leads to the root
-    /// folder or above the working folder. Empty when nothing is left.
+    /// The manifest of the files that are stored completely. Two different files with the same name
+    /// are an error, and the first one stays; a file that was given twice is listed once.
+    ///
+    /// @param place the place of the store; its roots become absolute paths, so that a restore
+    /// finds
+    ///        them from any working directory
+    static Manifest of(const StoredFiles& stored, const StorePlace& place, ErrorReport& errors);
+
+    /// The size of a block that lists this many blocks.
+    static qint64 groupBytes(qint64 blocks);
+
+    /// The name under which a file is listed and restored: the path without leading "/" and "..".
+    /// Empty when nothing is left.
     static std::string nameFor(const std::string& path);
 
-    /// Whether a name stays below the folder that it is relative to.
+    /// Whether a name stays below the directory that it is relative to.
     static bool isSafeName(const std::string& name);
 };

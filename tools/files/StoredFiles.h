@@ -1,7 +1,7 @@
 #pragma once
 
 #include "data/ZebDataReference.h"
-#include "tools/files/FileReader.h"
+#include "io/ZebFileReader.h"
 
 #include <QtGlobal>
 
@@ -11,47 +11,46 @@
 #include <string>
 #include <vector>
 
-/// A run of consecutive blocks of one file: the piece of work that one thread takes at a time, so
-/// that a large file keeps all threads busy, and small blocks do not cost an opened file each.
+/// Consecutive blocks of one file: the work that one thread takes at a time, so that a large file
+/// keeps all threads busy, and small blocks share one open file.
 ///
-/// Every block has the full size, but for the last one of a file.
+/// Every block has the full size, except for the last one of a file.
 struct StoredSegment
 {
     /// Index into StoredFiles::m_Files.
     std::size_t m_File = 0;
     qint64 m_Offset = 0;
-    /// What the segment was meant to hold. The last one of a file goes on to the file's end, which
-    /// may have moved since.
+    /// The size when the file was found. The last segment continues to the file's present end.
     qint64 m_PlannedBytes = 0;
     bool m_Last = false;
 
     /// The state of the file when the segment was stored.
-    FileStamp m_Stamp;
+    ZebFileStamp m_Stamp;
     std::vector<ZebDataReference> m_Blocks;
     qint64 m_Bytes = 0;
-    /// Whether nothing of the segment is missing.
+    /// Whether all of the segment is stored.
     bool m_Complete = false;
 };
 
 struct StoredFile
 {
-    explicit StoredFile(const std::string& path, const std::string& name, qint64 size)
+    StoredFile(const std::string& path, const std::string& name, qint64 size)
         : m_Path(path), m_Name(name), m_Size(size)
     {}
 
     std::string m_Path;
-    /// Under which the file is kept in a manifest.
+    /// The file's name in a manifest.
     std::string m_Name;
     /// As it was when the file was found.
     qint64 m_Size;
-    /// Whether the file could not be stored; nothing of it is kept then.
+    /// Whether storing the file failed; nothing of it is kept then.
     std::atomic<bool> m_Failed = false;
-    /// Whether the file was found to differ from what was stored, or could not be compared.
+    /// Whether the file differs from what was stored, or could not be compared.
     std::atomic<bool> m_Different = false;
 
-    /// The block that lists the blocks of the file, and what they hold together. Null until all of
-    /// the file is stored.
+    /// The block that lists the blocks of the file; null until all of the file is stored.
     ZebDataReference m_Group;
+    /// The bytes of the listed blocks.
     qint64 m_StoredBytes = 0;
 };
 

@@ -1,13 +1,17 @@
 #include "tools/terminal/ErrorReport.h"
 
+#include "tools/terminal/ExitCode.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
 
-ErrorReport::ErrorReport(ProgressBar& lines) : m_Lines(lines), m_Count(0) {}
+#include <iostream>
+
+ErrorReport::ErrorReport(ProgressBar& lines) : m_Lines(lines) {}
 
 void ErrorReport::add(const std::string& path, const std::string& reason)
 {
-    add(PathText::printable(path) + ": " + reason);
+    m_Count.fetch_add(1);
+    note(path, reason);
 }
 
 void ErrorReport::add(const std::string& reason)
@@ -16,12 +20,24 @@ void ErrorReport::add(const std::string& reason)
     note(reason);
 }
 
-void ErrorReport::note(const std::string& reason)
+void ErrorReport::note(const std::string& path, const std::string& text)
 {
-    m_Lines.printLine("zebtdx: " + reason);
+    note(PathText::printable(path) + ": " + text);
 }
 
-qint64 ErrorReport::count() const
+void ErrorReport::note(const std::string& text)
 {
-    return m_Count.load();
+    m_Lines.printLine("zebtdx: " + text);
+}
+
+void ErrorReport::flushOutput()
+{
+    std::cout.flush();
+    if (!std::cout)
+        add("standard output cannot be written; check where it is redirected to");
+}
+
+int ErrorReport::status() const
+{
+    return count() == 0 ? ExitCode::Success : ExitCode::Failed;
 }

@@ -1,22 +1,22 @@
 #pragma once
 
-/// What the program's exit status says. The commands that check a cache have names of their own for
-/// the same numbers.
+/// The program's exit statuses. The commands that check a cache have their own names for the same
+/// numbers.
 namespace ExitCode {
 
 /// Everything was done.
 constexpr int Success = 0;
 
-/// Something failed on the way, and the rest was done.
+/// Something failed; the rest was done.
 constexpr int Failed = 1;
 
-/// The command line makes no sense; nothing was done.
+/// The command line is invalid; nothing was done.
 constexpr int BadUsage = 2;
 
-/// A check has found damage.
+/// A check found damage.
 constexpr int Damage = 1;
 
-/// A check could not be made, wholly or in part, and found no damage.
+/// A check was not possible, or not complete, and found no damage.
 constexpr int Environment = 2;
 
 } // namespace ExitCode

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What becomes of the store's own messages.
+/// Where the store's own messages go.
 namespace MessageFilter {
 
 /// From now on all messages of Qt's handler go to standard error, one line each; debug messages

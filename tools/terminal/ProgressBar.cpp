@@ -13,7 +13,7 @@ namespace {
 constexpr int s_DefaultColumns = 80;
 constexpr int s_LeastBarWidth = 10;
 constexpr int s_MostBarWidth = 50;
-// Every size fits, so that the bar stays as wide as it is.
+// Every size fits, so that the width of the bar does not change.
 constexpr std::size_t s_SizeWidth = 10;
 
 int terminalColumns(int descriptor)
@@ -43,13 +43,7 @@ std::string padded(const std::string& text, std::size_t width)
 } // namespace
 
 ProgressBar::ProgressBar(std::ostream& out, bool visible, int columns)
-    : m_Out(out),
-      m_Visible(visible),
-      m_Columns(columns),
-      m_Total(0),
-      m_Done(0),
-      m_Unit(Unit::Bytes),
-      m_Running(false)
+    : m_Out(out), m_Visible(visible), m_Columns(columns)
 {}
 
 ProgressBar::~ProgressBar()
@@ -108,14 +102,14 @@ std::string ProgressBar::picture() const
 {
     const double share =
         m_Total == 0 ? 1.0 : static_cast<double>(m_Done) / static_cast<double>(m_Total);
-    // Only what is complete shows as complete.
+    // 100 % is for complete work only.
     const int percent = m_Done == m_Total ? 100 : std::min(static_cast<int>(share * 100), 99);
     const std::string total = numberText(m_Total);
     const std::string numbers = padded(std::to_string(percent), 3) + " %  " +
                                 padded(numberText(m_Done), s_SizeWidth) + " of " + total +
                                 (m_Remark.empty() ? "" : ", " + m_Remark);
-    // The last column stays free, or some terminals go to the next line. Brackets and two blanks
-    // stand around the bar.
+    // The last column stays free, as some terminals would move to the next line. Brackets and two
+    // blanks enclose the bar.
     const int room = m_Columns - 1 - static_cast<int>(m_Title.size() + numbers.size()) - 4;
     std::string text = m_Title + " ";
     if (room >= s_LeastBarWidth)
@@ -131,7 +125,7 @@ void ProgressBar::draw()
     const std::string text = picture();
     if (text == m_Drawn)
         return;
-    // Blanks cover what a longer text left behind; every terminal knows those.
+    // Blanks overwrite the rest of a longer text; every terminal supports those.
     const std::size_t rest = m_Drawn.size() > text.size() ? m_Drawn.size() - text.size() : 0;
     m_Out << '\r' << text << std::string(rest, ' ');
     m_Out.flush();

@@ -6,10 +6,10 @@
 #include <mutex>
 #include <string>
 
-/// A progress bar in the last line of a terminal. It owns that stream while it exists: lines that
-/// others have to say go out through printLine(), so that the bar never cuts one in two.
+/// A progress bar in the last line of a terminal. It owns that stream while it exists: other lines
+/// are printed with printLine(), so that the bar never cuts a line in two.
 ///
-/// An invisible bar draws nothing, and passes lines on.
+/// An invisible bar draws nothing and prints lines only.
 ///
 /// Thread safety: any thread may call every operation.
 class ProgressBar
@@ -18,7 +18,7 @@ public:
     /// @param columns the width of the terminal
     ProgressBar(std::ostream& out, bool visible, int columns);
 
-    /// Takes the bar away.
+    /// Removes the bar.
     ~ProgressBar();
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
@@ -26,24 +26,24 @@ public:
     /// A bar on standard error, visible when that is a terminal and `wanted` says so.
     static ProgressBar onStandardError(bool wanted);
 
-    /// What the numbers of a bar are.
+    /// What the bar counts.
     enum class Unit
     {
         Bytes,
-        Things
+        Items
     };
 
-    /// Starts again at nothing of `total`.
+    /// Starts again at 0 of `total`.
     void begin(const std::string& title, qint64 total, Unit unit = Unit::Bytes);
 
-    /// Draws how far the work is, if that looks any different from before. More than the total
-    /// counts as the total. The remark stands behind the numbers until the next call.
+    /// Draws the progress if it looks different from before. More than the total counts as the
+    /// total. The remark is shown after the numbers until the next call.
     void show(qint64 done, const std::string& remark = {});
 
-    /// Writes one line, which lacks its line end, above the bar.
+    /// Writes one line, given without its line break, above the bar.
     void printLine(const std::string& line);
 
-    /// Takes the bar away until the next begin().
+    /// Removes the bar until the next begin().
     void end();
 
 private:
@@ -59,11 +59,11 @@ private:
     // Guards all below, and the stream.
     std::mutex m_Mutex;
     std::string m_Title;
-    qint64 m_Total;
-    qint64 m_Done;
-    Unit m_Unit;
+    qint64 m_Total = 0;
+    qint64 m_Done = 0;
+    Unit m_Unit = Unit::Bytes;
     std::string m_Remark;
-    bool m_Running;
-    // What stands in the terminal's line now.
+    bool m_Running = false;
+    // What the terminal's last line shows.
     std::string m_Drawn;
 };

@@ -9,7 +9,7 @@ namespace {
 
 constexpr quint64 s_UnitStep = 1024;
 
-// The power of 1024 that a unit stands for, or nothing.
+// The power of 1024 that a unit stands for.
 std::optional<int> unitPower(const std::string& unit)
 {
     static const std::string letters = "kmgt";
@@ -30,7 +30,7 @@ std::optional<int> unitPower(const std::string& unit)
 
 std::optional<qint64> SizeText::parse(const std::string& text)
 {
-    // Unsigned, as reading a signed number would take a minus.
+    // Unsigned, as reading a signed number would accept a minus sign.
     quint64 number = 0;
     const char* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);

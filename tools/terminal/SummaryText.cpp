@@ -2,7 +2,6 @@
 
 #include "support/ZebByteUnits.h"
 #include "tools/terminal/ErrorReport.h"
-#include "tools/terminal/ExitCode.h"
 #include "tools/terminal/SizeText.h"
 
 #include <QJsonDocument>
@@ -16,7 +15,7 @@ namespace {
 constexpr double s_NanosecondsPerSecond = 1e9;
 constexpr double s_BytesPerMB = static_cast<double>(ZebByteUnits::s_BytesPerMB);
 
-// Three decimals are all that a clock is good for.
+// The clock is not worth more than three decimals.
 double rounded(double value)
 {
     return std::round(value * 1000) / 1000;
@@ -42,10 +41,10 @@ void SummaryText::addBytes(const QString& key, const std::string& name, qint64 b
 }
 
 void SummaryText::addRate(const QString& suffix, const std::string& name, qint64 bytes,
-                          double seconds, const std::string& what)
+                          double seconds)
 {
     const double rate = seconds > 0 ? static_cast<double>(bytes) / s_BytesPerMB / seconds : 0;
-    m_Lines.push_back({name, decimal(rate, 1), what + " " + decimal(seconds, 2) + " s"});
+    m_Lines.push_back({name, decimal(rate, 1), "in " + decimal(seconds, 2) + " s"});
     m_Object[QStringLiteral("seconds") + suffix] = rounded(seconds);
     m_Object[QStringLiteral("mb_per_s") + suffix] = rounded(rate);
 }
@@ -93,10 +92,9 @@ std::string SummaryText::json() const
 
 int SummaryText::print(bool asJson, ErrorReport& errors) const
 {
-    std::cout << (asJson ? json() : text()) << std::flush;
-    if (!std::cout)
-        errors.add("standard output: cannot be written");
-    return errors.count() == 0 ? ExitCode::Success : ExitCode::Failed;
+    std::cout << (asJson ? json() : text());
+    errors.flushOutput();
+    return errors.status();
 }
 
 double SummaryText::secondsOf(const QElapsedTimer& timer)

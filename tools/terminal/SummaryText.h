@@ -10,42 +10,40 @@
 
 class ErrorReport;
 
-/// What a command has come to: aligned lines for people, one JSON object for programs.
+/// The result of a command: aligned lines for people, one JSON object for programs.
 class SummaryText
 {
 public:
-    /// A number, with a remark behind it for people.
+    /// A number, with a remark after it for people.
     void addCount(const QString& key, const std::string& name, qint64 number,
                   const std::string& remark = {});
 
-    /// The same, with the size in short for people.
+    /// The same, with the short size as the remark.
     void addBytes(const QString& key, const std::string& name, qint64 bytes);
 
-    /// Millions of bytes per second. `what` says what took that long. The keys are "seconds" and
-    /// "mb_per_s", each with the suffix behind it.
-    void addRate(const QString& suffix, const std::string& name, qint64 bytes, double seconds,
-                 const std::string& what);
+    /// Millions of bytes per second. The keys are "seconds" and "mb_per_s" with the suffix.
+    void addRate(const QString& suffix, const std::string& name, qint64 bytes, double seconds);
 
     /// A number with two decimals.
     void addDecimal(const QString& key, const std::string& name, double number,
                     const std::string& remark = {});
 
-    /// For programs alone.
+    /// In the JSON object only.
     void addJson(const QString& key, const QJsonValue& value);
 
-    /// For people alone: a line of its own, behind all others.
+    /// In the text only: a separate line, after all others.
     void addLine(const std::string& line);
 
     std::string text() const;
     std::string json() const;
 
-    /// Writes one of the two to standard output, and gives the exit status: failed when there were
-    /// errors, or when the output cannot be written, which is one.
+    /// Writes one of the two to standard output, which is an error if it fails. Returns the status
+    /// of `errors`.
     int print(bool asJson, ErrorReport& errors) const;
 
     static double secondsOf(const QElapsedTimer& timer);
 
-    /// Lines of cells: the first column from the left, the others from the right.
+    /// Lines of cells: the first column is left-aligned, the others right-aligned.
     static std::string table(const std::vector<std::vector<std::string>>& rows);
 
 private:

@@ -4,10 +4,10 @@
 
 #include <string>
 
-/// How long something will still take, for people.
+/// Remaining times, for people.
 namespace TimeText {
 
-/// "0:42 left", "1:02:03 left", by the pace until now. Empty as long as that says nothing.
+/// "0:42 left", "1:02:03 left", estimated from the rate so far. Empty while there is none.
 std::string left(qint64 done, qint64 total, qint64 elapsedMs);
 
 } // namespace TimeText

@@ -2,12 +2,13 @@
 
 #include "tools/cache/CacheWarnings.h"
 
-#include "tools/support/BlockBytes.h"
+#include "support/BlockBytes.h"
+#include "support/TemporaryTree.h"
 #include "tools/support/ErrorLines.h"
-#include "tools/support/TemporaryTree.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
 
@@ -23,8 +24,8 @@ protected:
     // A root with one bucket: no name is out of place.
     void SetUp() override
     {
-        m_Tree.folder("r");
-        m_Tree.folder("r/0");
+        m_Tree.directory("r");
+        m_Tree.directory("r/0");
         m_Place.m_Roots = {m_Tree.path("r")};
         m_Place.m_Buckets = 1;
         for (unsigned int i = 0; i < s_Files; ++i) {
@@ -36,8 +37,8 @@ protected:
 
     std::set<std::string> damaged(const CacheVerifier::Options& options)
     {
-        const CacheFiles files(m_Place, true, m_Errors.report(), m_Remarks, m_Sizes);
-        CacheVerifier verification(options, files, m_Errors.report(), m_Remarks,
+        const CacheFiles files(m_Place, true, m_Errors.report(), m_Warnings);
+        CacheVerifier verification(options, files, m_Errors.report(), m_Warnings,
                                    m_Errors.progress());
         verification.run();
         m_Checked = verification.files();
@@ -57,10 +58,9 @@ protected:
 
     TemporaryTree m_Tree;
     ErrorLines m_Errors;
-    CacheWarnings m_Remarks{m_Errors.report()};
+    CacheWarnings m_Warnings{m_Errors.report()};
     StorePlace m_Place;
     std::vector<std::string> m_Names;
-    CacheFiles::Sizes m_Sizes = CacheFiles::Sizes::Known;
     qint64 m_Checked = 0;
     qint64 m_Bytes = 0;
 };
@@ -82,26 +82,23 @@ TEST_F(CacheVerifierTest, AnyNumberOfThreadsFindsTheSame)
     EXPECT_EQ(m_Errors.lines().size(), 4 * expected.size());
 }
 
-// The fast check of everything lists the files without a look at them.
-TEST_F(CacheVerifierTest, WhatTheListingDoesNotSeeIsSeenOnTheWay)
+TEST_F(CacheVerifierTest, WritableFilesAreWarningsWhereverTheyLie)
 {
-    m_Tree.file(m_Names[3], "no block at all");
-    m_Tree.folder("r/1");
+    m_Tree.file(m_Names[3], "not a block at all");
+    m_Tree.directory("r/1");
     const std::string misplaced = "r/1/" + blockNameOf("elsewhere");
     m_Tree.file(misplaced, blockFileOf("elsewhere"));
     for (const std::string& name : {m_Names[5], misplaced})
         ASSERT_EQ(::chmod(m_Tree.path(name).c_str(), 0666), 0);
     CacheVerifier::Options fast = options(2);
     fast.m_Fast = true;
-    const std::set<std::string> expected = damaged(fast);
-    EXPECT_EQ(expected.size(), 2U);
-    const qint64 bytes = m_Bytes;
-    const qint64 loose = m_Remarks.count(CacheWarnings::Loose);
-    EXPECT_EQ(loose, 2);
-    m_Sizes = CacheFiles::Sizes::Unknown;
-    EXPECT_EQ(damaged(fast), expected);
+    EXPECT_EQ(damaged(fast).size(), 2U);
+    EXPECT_EQ(m_Warnings.count(CacheWarnings::Writable), 2);
+    qint64 bytes = 0;
+    for (const std::string& name : m_Names)
+        bytes += static_cast<qint64>(std::filesystem::file_size(m_Tree.path(name)));
+    bytes += static_cast<qint64>(std::filesystem::file_size(m_Tree.path(misplaced)));
     EXPECT_EQ(m_Bytes, bytes);
-    EXPECT_EQ(m_Remarks.count(CacheWarnings::Loose), 2 * loose);
 }
 
 TEST_F(CacheVerifierTest, TheLimitIsThatOfTheLargestBlock)
@@ -130,15 +127,15 @@ TEST_F(CacheVerifierTest, SamplesAreOfTheRightSizeAndComeToSeeAll)
 
 TEST_F(CacheVerifierTest, WhatCannotBeOpenedIsAnErrorAndNoDamage)
 {
-    const CacheFiles files(m_Place, true, m_Errors.report(), m_Remarks);
+    const CacheFiles files(m_Place, true, m_Errors.report(), m_Warnings);
     // Something else has come into the place of a file since the folder was listed.
     m_Tree.remove(m_Names[0]);
     m_Tree.remove(m_Names[1]);
     m_Tree.link(m_Names[1], "elsewhere");
-    CacheVerifier verification(options(2), files, m_Errors.report(), m_Remarks,
+    CacheVerifier verification(options(2), files, m_Errors.report(), m_Warnings,
                                m_Errors.progress());
     verification.run();
     EXPECT_TRUE(verification.damage().empty());
-    EXPECT_EQ(m_Remarks.count(CacheWarnings::Moving), 1);
+    EXPECT_EQ(m_Warnings.count(CacheWarnings::Changed), 1);
     EXPECT_EQ(m_Errors.report().count(), 1);
 }

@@ -1,9 +1,10 @@
 #include "tools/cache/Quarantine.h"
 
 #include "tools/cache/CacheWarnings.h"
+#include "tools/terminal/ToolError.h"
 
+#include "support/TemporaryTree.h"
 #include "tools/support/ErrorLines.h"
-#include "tools/support/TemporaryTree.h"
 
 #include <gtest/gtest.h>
 
@@ -24,7 +25,7 @@ protected:
     void SetUp() override
     {
         for (const char* const name : {"r1", "r2", "r2/part", "r2/part/0", "r1/0"})
-            m_Tree.folder(name);
+            m_Tree.directory(name);
         m_Tree.file("r1/0/" + s_Name, "one");
         m_Tree.file("r2/part/0/" + s_Name, "two");
         m_Place.m_Roots = {m_Tree.path("r1"), m_Tree.path("r2")};
@@ -40,12 +41,12 @@ protected:
     // Moves all files of the cache to that folder.
     std::string moveAll(const std::string& folder)
     {
-        CacheWarnings remarks(m_Errors.report());
-        const CacheFiles files(m_Place, true, m_Errors.report(), remarks);
+        CacheWarnings warnings(m_Errors.report());
+        const CacheFiles files(m_Place, true, m_Errors.report(), warnings);
         std::string reasons;
         for (const CacheFiles::File& file : files.files()) {
-            std::string target;
-            reasons += Quarantine(folder).move(files, file, target);
+            const auto error = ToolError::of([&] { Quarantine(folder).move(files, file); });
+            reasons += error ? error->what() : "";
         }
         return reasons;
     }
@@ -98,20 +99,21 @@ TEST_F(QuarantineTest, WhatCannotBeMovedStays)
 
 TEST_F(QuarantineTest, AWayBackIntoTheCacheIsRefused)
 {
-    m_Tree.folder("aside");
+    m_Tree.directory("aside");
     m_Tree.link("aside/root-1", "../r2");
     EXPECT_NE(moveAll(m_Tree.path("aside")).find("leads out of the quarantine"), std::string::npos);
     EXPECT_EQ(contentOf(m_Tree.path("r1/0/" + s_Name)), "one");
 }
 
-TEST_F(QuarantineTest, FoldersInOrAroundARootWillNotDo)
+TEST_F(QuarantineTest, DirectoriesInOrAroundARootAreRefused)
 {
     m_Tree.link("way", "r2/part");
     for (const char* const folder : {"r1", "r1/aside", "way", "way/aside", "aside/../r2"})
-        EXPECT_NE(Quarantine(m_Tree.path(folder)).whyNot(m_Place.m_Roots), "") << folder;
-    m_Tree.folder("around");
-    m_Tree.folder("around/root-1");
-    EXPECT_NE(Quarantine(m_Tree.path("around")).whyNot({m_Tree.path("around/root-1")}), "");
+        EXPECT_THROW(Quarantine(m_Tree.path(folder)).require(m_Place.m_Roots), ToolError) << folder;
+    m_Tree.directory("around");
+    m_Tree.directory("around/root-1");
+    EXPECT_THROW(Quarantine(m_Tree.path("around")).require({m_Tree.path("around/root-1")}),
+                 ToolError);
     for (const char* const folder : {"aside", "r1.aside", "r", "."})
-        EXPECT_EQ(Quarantine(m_Tree.path(folder)).whyNot(m_Place.m_Roots), "") << folder;
+        EXPECT_NO_THROW(Quarantine(m_Tree.path(folder)).require(m_Place.m_Roots)) << folder;
 }

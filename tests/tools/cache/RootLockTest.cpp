@@ -1,10 +1,12 @@
 #include "tools/cache/RootLock.h"
 
-#include "tools/support/TemporaryTree.h"
+#include "support/TemporaryTree.h"
+#include "tools/terminal/ToolError.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <string>
@@ -22,17 +24,27 @@ class RootLockTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        m_Tree.folder("a");
-        m_Tree.folder("b");
+        m_Tree.directory("a");
+        m_Tree.directory("b");
     }
 
     bool take(RootLock& lock, const std::string& name, RootLock::Use use)
     {
-        return lock.take({m_Tree.path(name)}, use, m_Holder);
+        return take(lock, std::vector<std::string>{m_Tree.path(name)}, use);
+    }
+
+    bool take(RootLock& lock, const std::vector<std::string>& roots, RootLock::Use use)
+    {
+        const auto error = ToolError::of([&] { lock.take(roots, use); });
+        if (!error)
+            return true;
+        EXPECT_EQ(error->code(), EWOULDBLOCK);
+        m_Reason = error->what();
+        return false;
     }
 
     TemporaryTree m_Tree;
-    std::string m_Holder;
+    std::string m_Reason;
     RootLock m_First;
     RootLock m_Second;
 };
@@ -45,7 +57,8 @@ TEST_F(RootLockTest, OneAloneOrManyThatRead)
     EXPECT_TRUE(take(m_Second, "a", RootLock::Use::Reading));
     RootLock third;
     EXPECT_FALSE(take(third, "a", RootLock::Use::Alone));
-    EXPECT_EQ(m_Holder, "cache root " + m_Tree.path("a") + " is in use by another process");
+    EXPECT_EQ(m_Reason, "cache root " + m_Tree.path("a") +
+                            " is in use by another process; try again when it has ended");
     EXPECT_TRUE(take(third, "b", RootLock::Use::Alone));
     EXPECT_FALSE(take(m_Second, "b", RootLock::Use::Reading));
 }
@@ -53,8 +66,7 @@ TEST_F(RootLockTest, OneAloneOrManyThatRead)
 TEST_F(RootLockTest, AllRootsOrNone)
 {
     ASSERT_TRUE(take(m_First, "b", RootLock::Use::Alone));
-    EXPECT_FALSE(
-        m_Second.take({m_Tree.path("a"), m_Tree.path("b")}, RootLock::Use::Alone, m_Holder));
+    EXPECT_FALSE(take(m_Second, {m_Tree.path("a"), m_Tree.path("b")}, RootLock::Use::Alone));
     RootLock third;
     EXPECT_TRUE(take(third, "a", RootLock::Use::Alone));
 }
@@ -67,7 +79,7 @@ TEST_F(RootLockTest, OtherSpellingsAreTheSameRoot)
     EXPECT_FALSE(take(m_Second, "b/../a/", RootLock::Use::Alone));
 }
 
-TEST_F(RootLockTest, NothingIsLeftBehindAndNothingLiesInTheRoot)
+TEST_F(RootLockTest, NoLockFileRemainsAndNoneLiesInTheRoot)
 {
     const std::string file = RootLock::fileOf(m_Tree.path("a"));
     {
@@ -114,7 +126,7 @@ TEST_F(RootLockTest, AKilledProcessHoldsNothing)
     ::close(ready[1]);
 }
 
-TEST_F(RootLockTest, ManyThatComeAndGoAreNeverTwoAtOnce)
+TEST_F(RootLockTest, ConcurrentLockersExcludeEachOther)
 {
     std::vector<std::thread> threads;
     std::atomic<int> inside(0);
@@ -123,8 +135,7 @@ TEST_F(RootLockTest, ManyThatComeAndGoAreNeverTwoAtOnce)
         threads.emplace_back([this, &inside, &times] {
             for (int round = 0; round < 500; ++round) {
                 RootLock lock;
-                std::string holder;
-                if (!lock.take({m_Tree.path("a")}, RootLock::Use::Alone, holder))
+                if (ToolError::of([&] { lock.take({m_Tree.path("a")}, RootLock::Use::Alone); }))
                     continue;
                 EXPECT_FALSE(lock.isPartial());
                 EXPECT_EQ(inside.fetch_add(1), 0);

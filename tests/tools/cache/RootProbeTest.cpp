@@ -1,6 +1,6 @@
 #include "tools/cache/RootProbe.h"
 
-#include "tools/support/TemporaryTree.h"
+#include "support/TemporaryTree.h"
 
 #include <gtest/gtest.h>
 
@@ -31,8 +31,8 @@ protected:
     void SetUp() override
     {
         m_Mask = ::umask(022);
-        m_Tree.folder("a");
-        m_Tree.folder("b");
+        m_Tree.directory("a");
+        m_Tree.directory("b");
     }
     void TearDown() override { ::umask(m_Mask); }
 
@@ -50,7 +50,7 @@ TEST_F(RootProbeTest, GoodRootsAreFitAndStayEmpty)
     EXPECT_TRUE(std::filesystem::is_empty(m_Tree.path("a")));
 }
 
-TEST_F(RootProbeTest, EachObstacleIsTold)
+TEST_F(RootProbeTest, EachObstacleIsReported)
 {
     m_Tree.file("file", "");
     EXPECT_EQ(unfit({m_Tree.path("missing")}), Names{"exists"});
@@ -58,16 +58,16 @@ TEST_F(RootProbeTest, EachObstacleIsTold)
     EXPECT_EQ(unfit({m_Tree.path("a"), m_Tree.path("missing")}), Names{"exists"});
     EXPECT_EQ(unfit({m_Tree.path("missing"), m_Tree.path("a")}), Names{"exists"});
     EXPECT_EQ(unfit({m_Tree.path("a")}, 1LL << 60), Names{"space"});
-    EXPECT_EQ(unfit({m_Tree.path("a"), m_Tree.top()}), Names{"apart"});
+    EXPECT_EQ(unfit({m_Tree.path("a"), m_Tree.top()}), Names{"separate"});
     m_Tree.link("way", "a");
-    EXPECT_EQ(unfit({m_Tree.path("a"), m_Tree.path("way")}), Names{"apart"});
+    EXPECT_EQ(unfit({m_Tree.path("a"), m_Tree.path("way")}), Names{"separate"});
     ASSERT_EQ(::chmod(m_Tree.path("b").c_str(), 0775), 0);
     EXPECT_EQ(unfit({m_Tree.path("b")}), Names{"permissions"});
     ::umask(0);
     EXPECT_EQ(unfit({m_Tree.path("a")}), Names{"umask"});
 }
 
-TEST_F(RootProbeTest, AFolderThatTakesNoFilesIsNotWritable)
+TEST_F(RootProbeTest, ADirectoryThatAcceptsNoFilesIsNotWritable)
 {
     // No user may write there, not even the superuser.
     EXPECT_EQ(unfit({"/proc/self"}).count("writable"), 1U);

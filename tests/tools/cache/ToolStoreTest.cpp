@@ -3,9 +3,10 @@
 #include "data/ZebDataReference.h"
 #include "manager/ZebDataBlockManager.h"
 #include "tools/terminal/MessageFilter.h"
+#include "tools/terminal/ToolError.h"
 
+#include "support/TemporaryTree.h"
 #include "tools/support/ErrorLines.h"
-#include "tools/support/TemporaryTree.h"
 
 #include "support/WaitUntil.h"
 
@@ -15,6 +16,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <cstdlib>
 
 using ::testing::AllOf;
 using ::testing::HasSubstr;
@@ -30,7 +33,12 @@ protected:
 
     std::unique_ptr<ToolStore> open(ToolStore::Roots roots = ToolStore::Roots::Make)
     {
-        return ToolStore::open(m_Place, {roots, s_Memory, 0}, m_Reason);
+        std::unique_ptr<ToolStore> store;
+        const auto error = ToolError::of([&] {
+            store = ToolStore::open(m_Place, {roots, s_Memory}, [] { std::_Exit(3); });
+        });
+        m_Reason = error ? error->what() : "";
+        return store;
     }
 
     // The store's signals are queued for this thread.
@@ -94,13 +102,13 @@ TEST_F(ToolStoreTest, AFileInThePlaceOfARootIsAReason)
     EXPECT_EQ(m_Reason, "cache root " + m_Tree.path("file/below") + ": Not a directory");
 }
 
-TEST_F(ToolStoreTest, AFaultThatPassesIsToldOnceAndNothingIsLost)
+TEST_F(ToolStoreTest, ATemporaryFaultIsReportedOnceAndNothingIsLost)
 {
     m_Place.m_Roots = {m_Tree.path("root")};
     m_Place.m_Buckets = 1;
     const std::unique_ptr<ToolStore> store = open();
     ASSERT_NE(store, nullptr) << m_Reason;
-    // The bucket can't be made where a file stands, until that goes.
+    // The bucket cannot be created while a file has its name.
     m_Tree.file("root/main/0", "");
     ErrorLines errors;
     const ZebDataReference reference = ZebDataBlockManager::instance().addBlock(
@@ -112,14 +120,14 @@ TEST_F(ToolStoreTest, AFaultThatPassesIsToldOnceAndNothingIsLost)
     m_Tree.remove("root/main/0");
     store->flush(errors.report());
     EXPECT_THAT(errors.lines(),
-                ::testing::ElementsAre(AllOf(MatchesRegex("zebtdx: .*; trying again"),
+                ::testing::ElementsAre(AllOf(MatchesRegex("zebtdx: .*; retrying"),
                                              HasSubstr(reference.hash().toStdString()))));
     EXPECT_EQ(errors.report().count(), 0) << "nothing failed in the end";
     EXPECT_TRUE(QFile::exists(ZebDataBlockManager::instance().getBlockDestination(
         QStringLiteral("main"), reference.hash())));
 }
 
-TEST_F(ToolStoreTest, AFaultThatStaysEndsTheProcess)
+TEST_F(ToolStoreTest, APermanentFaultGivesUp)
 {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     const auto fillAFullDisk = [this] {
@@ -134,7 +142,7 @@ TEST_F(ToolStoreTest, AFaultThatStaysEndsTheProcess)
         for (;;)
             store->watchWrites(errors, 200);
     };
-    EXPECT_EXIT(fillAFullDisk(), ::testing::ExitedWithCode(1),
-                "; trying again\n"
-                "zebtdx: the disk cache does not take what it is given; giving up\n$");
+    EXPECT_EXIT(fillAFullDisk(), ::testing::ExitedWithCode(3),
+                "; retrying\n"
+                "zebtdx: writes to the disk cache keep failing; giving up, .*\n$");
 }

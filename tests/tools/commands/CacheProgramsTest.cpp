@@ -1,7 +1,7 @@
 // What looks into a cache and cleans it: ls, cat and gc, each in a process of its own.
 
+#include "support/TemporaryTree.h"
 #include "tools/support/ProgramRunner.h"
-#include "tools/support/TemporaryTree.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ protected:
     void SetUp() override
     {
         for (const char* const name : {"a", "b"})
-            m_Tree.folder(name);
+            m_Tree.directory(name);
         m_Tree.file("a/common", mixedBytes(5000, 1));
         m_Tree.file("a/own", mixedBytes(3000, 2));
         m_Tree.file("b/common", mixedBytes(5000, 1));
@@ -70,16 +70,16 @@ protected:
 // Blocks of both trees: 5 + 3 + 2, and a list for each of three different files.
 constexpr qint64 s_AllFiles = 10 + 3;
 
-TEST_F(CachePrograms, LsTellsTheFilesOfAManifestWithTheirSizes)
+TEST_F(CachePrograms, LsListsTheFilesOfAManifestWithTheirSizes)
 {
     EXPECT_EQ(listed("m-a", "a/common")[0], "5000");
     EXPECT_EQ(listed("m-a", "a/own")[0], "3000");
     EXPECT_EQ(listed("m-a", "a/common")[1], listed("m-b", "b/common")[1]) << "equal files";
     EXPECT_EQ(run({"ls", "m-a"}).errorLines(), 0);
-    EXPECT_EQ(run({"ls", "a"}).m_Errors, "zebtdx: a: is a folder\n");
+    EXPECT_EQ(run({"ls", "a"}).m_Errors, "zebtdx: a: is a directory\n");
 }
 
-TEST_F(CachePrograms, LsTellsTheBlocksOfACache)
+TEST_F(CachePrograms, LsListsTheBlocksOfACache)
 {
     const Outcome outcome = onCache({"ls"});
     EXPECT_EQ(outcome.m_Status, 0);
@@ -101,7 +101,7 @@ TEST_F(CachePrograms, CatGivesABlockAndTheFileThatItLists)
     EXPECT_EQ(onCache({"cat", hash, hash}).m_Output, block.m_Output + block.m_Output);
 }
 
-TEST_F(CachePrograms, CatOfWhatIsNotThereFails)
+TEST_F(CachePrograms, CatOfAMissingBlockFails)
 {
     EXPECT_EQ(onCache({"cat", "12-13"}).m_Status, 2);
     const std::string hash = "1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16";
@@ -114,18 +114,18 @@ TEST_F(CachePrograms, CatOfWhatIsNotThereFails)
     }
 }
 
-TEST_F(CachePrograms, GcOnlyTellsUnlessAskedToApply)
+TEST_F(CachePrograms, GcOnlyReportsWithoutApply)
 {
     const Outcome outcome = run({"gc", "m-a", "--json"});
     EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
     EXPECT_EQ(outcome.number("kept_files"), 5 + 3 + 2);
-    EXPECT_EQ(outcome.number("rest_files"), 2 + 1);
+    EXPECT_EQ(outcome.number("unreferenced_files"), 2 + 1);
     EXPECT_EQ(outcome.number("removed_bytes"), 0);
-    EXPECT_THAT(run({"gc", "m-a"}).m_Output, HasSubstr("Nothing was removed; --apply does it."));
+    EXPECT_THAT(run({"gc", "m-a"}).m_Output, HasSubstr("Nothing was removed. Pass --apply"));
     EXPECT_TRUE(restores("m-b", "b"));
 }
 
-TEST_F(CachePrograms, GcRemovesWhatNoManifestNames)
+TEST_F(CachePrograms, GcRemovesBlocksThatNoManifestReferences)
 {
     m_Tree.file("r1/main/stranger", "mine");
     const Outcome outcome = run({"gc", "m-a", "--apply", "--json"});
@@ -142,7 +142,7 @@ TEST_F(CachePrograms, GcWithAllManifestsKeepsEverything)
 {
     const Outcome outcome = run({"gc", "m-a", "m-b", "--apply", "--json"});
     EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
-    EXPECT_EQ(outcome.number("rest_files"), 0);
+    EXPECT_EQ(outcome.number("unreferenced_files"), 0);
     EXPECT_EQ(outcome.number("kept_files"), s_AllFiles);
     EXPECT_TRUE(restores("m-a", "a"));
     EXPECT_TRUE(restores("m-b", "b"));
@@ -160,8 +160,9 @@ TEST_F(CachePrograms, GcRemovesNothingWhenAListIsMissing)
     const Outcome outcome = run({"gc", "m-a", "--apply"});
     EXPECT_EQ(outcome.m_Status, 1);
     EXPECT_EQ(outcome.m_Errors,
-              "zebtdx: a/own: its list of blocks cannot be read from the cache\n"
-              "zebtdx: nothing is removed, as not all that is to be kept is known\n");
+              "zebtdx: a/own: its list of blocks is not in the cache\n"
+              "zebtdx: nothing is removed, as the blocks to keep are not all known; ingest the "
+              "files above again, or leave out their manifest\n");
     EXPECT_TRUE(restores("m-b", "b"));
 }
 
@@ -175,7 +176,8 @@ TEST_F(CachePrograms, GcOfDifferentCachesIsRefused)
     for (const char* const other : {"m-other", "m-sub"}) {
         const Outcome outcome = run({"gc", "m-a", other, "--apply"});
         EXPECT_EQ(outcome.m_Status, 1);
-        EXPECT_EQ(outcome.m_Errors, std::string("zebtdx: ") + other + ": is of another cache\n");
+        EXPECT_EQ(outcome.m_Errors, std::string("zebtdx: ") + other +
+                                        ": belongs to another cache; clean one cache at a time\n");
     }
     EXPECT_EQ(run({"gc"}).m_Status, 2);
     EXPECT_EQ(run({"gc", "m-missing"}).m_Errors, "zebtdx: m-missing: No such file or directory\n");
@@ -187,7 +189,8 @@ TEST_F(CachePrograms, GcObeysTheSwitchOfTheEnvironment)
     const Outcome outcome =
         runShell(R"(ZEBA_TDX_GARBAGE_COLLECTION_DISABLED= exec "$0" gc m-a --apply)", m_Tree.top());
     EXPECT_EQ(outcome.m_Status, 1);
-    EXPECT_THAT(outcome.m_Errors, HasSubstr("ZEBA_TDX_GARBAGE_COLLECTION_DISABLED forbids it"));
+    EXPECT_THAT(outcome.m_Errors,
+                HasSubstr("ZEBA_TDX_GARBAGE_COLLECTION_DISABLED disables collection"));
     EXPECT_TRUE(restores("m-b", "b"));
 }
 

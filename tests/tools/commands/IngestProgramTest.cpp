@@ -1,8 +1,8 @@
 // The program as a user meets it.
 
+#include "support/TemporaryTree.h"
 #include "support/WaitUntil.h"
 #include "tools/support/ProgramRunner.h"
-#include "tools/support/TemporaryTree.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,8 +19,8 @@ namespace {
 // 5 files, 7 blocks of 1 KiB at most, 3 of them distinct, and a link.
 void makeTreeWithDuplicates(const TemporaryTree& tree)
 {
-    tree.folder("a");
-    tree.folder("b");
+    tree.directory("a");
+    tree.directory("b");
     tree.file("a/one", std::string(2048, 'x'));
     tree.file("a/two", std::string(2048, 'x'));
     tree.file("b/three", std::string(1024, 'x') + "0123456789");
@@ -64,10 +64,10 @@ TEST(IngestProgram, PrintsASummaryForPeople)
     const Outcome outcome = runIngest({tree.top(), "--block", "1K"});
     EXPECT_EQ(outcome.m_Status, 0);
     EXPECT_EQ(outcome.m_Errors, "") << "neither a bar nor the store's messages off a terminal";
-    EXPECT_THAT(outcome.m_Output, AllOf(HasSubstr("Files                   5\n"),
-                                        HasSubstr("Bytes               6,154  (6.0 KiB)\n"),
-                                        HasSubstr("Distinct blocks         3\n"),
-                                        HasSubstr("Bytes saved         4,096  (4 KiB), 66.6 %\n"),
+    EXPECT_THAT(outcome.m_Output, AllOf(HasSubstr("Files                5\n"),
+                                        HasSubstr("Bytes            6,154  (6.0 KiB)\n"),
+                                        HasSubstr("Distinct blocks      3\n"),
+                                        HasSubstr("Bytes saved      4,096  (4 KiB), 66.6 %\n"),
                                         HasSubstr("(1 MB = 1,000,000 bytes; ")));
 }
 
@@ -97,7 +97,7 @@ TEST(IngestProgram, OneThreadAndEightCountTheSame)
 TEST(IngestProgram, AnEmptyTreeIsFine)
 {
     const TemporaryTree tree;
-    tree.folder("a");
+    tree.directory("a");
     const Outcome outcome = runIngest({"--json", tree.top()});
     EXPECT_EQ(outcome.m_Status, 0);
     EXPECT_EQ(outcome.m_Errors, "");
@@ -200,9 +200,10 @@ TEST(IngestProgram, BadUsageIsNamed)
     EXPECT_THAT(runIngest({"f", "--block", "12x"}).m_Errors,
                 StartsWith("zebtdx: --block: '12x' is not a size"));
     EXPECT_THAT(runIngest({"f", "--memory", "1K"}).m_Errors,
-                StartsWith("zebtdx: --memory: 1 KiB hold no block of 256 KiB"));
+                StartsWith("zebtdx: --memory (1 KiB) is smaller than one block (256 KiB); raise "
+                           "--memory or lower --block"));
     EXPECT_THAT(runIngest({"f", "--block", "2G", "--memory", "4G"}).m_Errors,
-                HasSubstr("--block: 2 GiB is more than the store takes"));
+                HasSubstr("--block (2 GiB) is larger than the largest block of the store"));
     EXPECT_THAT(runIngest({"f", "--threads", "0"}).m_Errors,
                 StartsWith("zebtdx: --threads: '0' is not a number from 1 to 1024"));
 }
@@ -264,7 +265,7 @@ TEST(IngestProgram, SpecialFilesThatAreMetFailAndLinksDoNot)
 TEST(IngestProgram, AGivenLinkIsFollowed)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.file("d/f", "abc");
     tree.link("link", "d");
     const Outcome outcome = runIngest({"--json", tree.path("link")});
@@ -276,7 +277,7 @@ TEST(IngestProgram, AGivenLinkIsFollowed)
 TEST(IngestProgram, AFileGivenTwiceIsIngestedTwice)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.file("d/f", "abc");
     EXPECT_EQ(runIngest({"--json", "d", "d/f"}, tree.top()).number("files"), 1);
     const Outcome outcome = runIngest({"--json", "d/f", "d/f"}, tree.top());
@@ -304,7 +305,7 @@ TEST(IngestProgram, EveryNameIsANameWhateverItLooksLike)
 TEST(IngestProgram, NamesThatAreNoUtf8AreIngestedAndShownEscaped)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.file("d/f\xFF\xFE", "abc");
     tree.file("d/line\nbreak", "abc");
     const Outcome met = runIngest({"--json", "d"}, tree.top());
@@ -322,7 +323,7 @@ TEST(IngestProgram, NamesThatAreNoUtf8AreIngestedAndShownEscaped)
     EXPECT_EQ(missing.m_Errors, "zebtdx: no\\xff\\x1b: No such file or directory\n");
 }
 
-TEST(IngestProgram, DataAboveTheMemoryLimitGoThroughTheDiskCache)
+TEST(IngestProgram, DataAboveTheMemoryLimitUsesTheDiskCache)
 {
     const TemporaryTree tree;
     tree.file("f", mixedBytes(100 * 1024, 1));
@@ -353,7 +354,7 @@ TEST(IngestProgram, StoreMessagesShowOnlyWithVerbose)
     }
 }
 
-TEST(IngestProgram, HelpTellsTheExitCodesAndVersionTheVersion)
+TEST(IngestProgram, HelpListsTheExitCodesAndVersionTheVersion)
 {
     for (const std::vector<std::string>& line :
          {std::vector<std::string>{"--help"}, {"ingest", "--help"}}) {
@@ -374,7 +375,8 @@ TEST(IngestProgram, AFullOutputIsAnError)
     tree.file("f", "abc");
     const Outcome outcome = runShell(R"(exec "$0" ingest f >/dev/full)", tree.top());
     EXPECT_EQ(outcome.m_Status, 1);
-    EXPECT_EQ(outcome.m_Errors, "zebtdx: standard output: cannot be written\n");
+    EXPECT_EQ(outcome.m_Errors, "zebtdx: standard output cannot be written; check where it is "
+                                "redirected to\n");
 }
 
 TEST(IngestProgram, WithoutAPlaceForTheStoreNothingIsDone)
@@ -388,7 +390,7 @@ TEST(IngestProgram, WithoutAPlaceForTheStoreNothingIsDone)
     EXPECT_EQ(runShell("ls", tree.top()).m_Output, "f\n");
 }
 
-TEST(IngestProgram, CacheAndManifestLieInTheWorkingFolderUnlessSaid)
+TEST(IngestProgram, CacheAndManifestAreInTheWorkingDirectoryByDefault)
 {
     const TemporaryTree tree;
     tree.file("f", "abc");
@@ -399,7 +401,7 @@ TEST(IngestProgram, CacheAndManifestLieInTheWorkingFolderUnlessSaid)
 TEST(IngestProgram, ACacheAmongTheFilesStaysOut)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.file("d/f", "abc");
     for (const char* const manifest : {"m1", "m2"}) {
         const Outcome outcome = runTool(
@@ -416,9 +418,10 @@ TEST(IngestProgram, AManifestIsReplacedOnlyWhenAsked)
     tree.file("zebtdx-manifest.jsonl", "precious");
     const Outcome refused = runTool({"ingest", "f"}, tree.top());
     EXPECT_EQ(refused.m_Status, 1);
-    EXPECT_EQ(refused.m_Errors,
-              "zebtdx: zebtdx-manifest.jsonl: is there already; --manifest takes another name, and "
-              "--replace replaces it\n");
+    EXPECT_EQ(
+        refused.m_Errors,
+        "zebtdx: zebtdx-manifest.jsonl: already exists; choose another file with --manifest, or "
+        "pass --replace\n");
     EXPECT_EQ(runShell("ls; cat zebtdx-manifest.jsonl", tree.top()).m_Output,
               "f\nzebtdx-manifest.jsonl\nprecious");
     EXPECT_EQ(runTool({"ingest", "f", "--replace"}, tree.top()).m_Status, 0);
@@ -436,24 +439,26 @@ TEST(IngestProgram, WithoutTheComparisonNothingIsReadBack)
     EXPECT_EQ(outcome.number("bytes"), 3);
 }
 
-TEST(IngestProgram, DifferentFilesOfOneNameAreTold)
+TEST(IngestProgram, DifferentFilesOfOneNameAreReported)
 {
     const TemporaryTree tree;
     for (const char* const name : {"a", "b"})
-        tree.folder(name);
+        tree.directory(name);
     tree.file("a/f", "abc");
     tree.file("f", "def");
     // Restored, both would be "f".
     const Outcome outcome = runIngest({"../f", "f"}, tree.path("a"));
     EXPECT_EQ(outcome.m_Status, 1);
-    EXPECT_EQ(outcome.m_Errors,
-              "zebtdx: f: is not in the manifest, where another file has the name f\n");
+    EXPECT_EQ(
+        outcome.m_Errors,
+        "zebtdx: f: is not in the manifest, as another file is listed there as f; ingest it with "
+        "a manifest of its own\n");
 }
 
 TEST(IngestProgram, ShowsABarOnATerminalAndTakesItAway)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.file("d/f", mixedBytes(100000, 1));
     tree.pipe("d/pipe");
     const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);

@@ -1,7 +1,7 @@
 // Ingest, restore and stat, each in a process of its own, with nothing between them but the disk.
 
+#include "support/TemporaryTree.h"
 #include "tools/support/ProgramRunner.h"
-#include "tools/support/TemporaryTree.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,8 +18,8 @@ protected:
     // A tree with small, large, empty, equal and oddly named files.
     void SetUp() override
     {
-        m_Tree.folder("in");
-        m_Tree.folder("in/sub");
+        m_Tree.directory("in");
+        m_Tree.directory("in/sub");
         m_Tree.file("in/empty", "");
         m_Tree.file("in/small", "abc");
         m_Tree.file("in/sub/equal", "abc");
@@ -100,7 +100,8 @@ TEST_F(RestoreProgram, ACacheThatHasMovedIsFoundByItsRoots)
               "zebtdx: cache root " + m_Tree.path("r1") + ": No such file or directory\n");
     const Outcome tooFew = restore({"--root", "n1"});
     EXPECT_EQ(tooFew.m_Status, 2);
-    EXPECT_THAT(tooFew.m_Errors, HasSubstr("the manifest is of a cache with 2 roots"));
+    EXPECT_THAT(tooFew.m_Errors,
+                HasSubstr("--root is given 1 times, but the cache of the manifest has 2 roots"));
     EXPECT_EQ(restore({"--root", "n1", "--root", "n2"}).m_Status, 0);
     EXPECT_EQ(difference(), "");
 }
@@ -108,8 +109,8 @@ TEST_F(RestoreProgram, ACacheThatHasMovedIsFoundByItsRoots)
 TEST_F(RestoreProgram, FilesThatAreThereAreNotTouched)
 {
     ASSERT_EQ(ingest().m_Status, 0);
-    m_Tree.folder("out");
-    m_Tree.folder("out/in");
+    m_Tree.directory("out");
+    m_Tree.directory("out/in");
     m_Tree.file("out/in/small", "mine");
     m_Tree.link("out/in/empty", "../../victim");
     const Outcome outcome = restore();
@@ -152,7 +153,8 @@ TEST_F(RestoreProgram, AWrongByteInTheCacheIsNoticed)
     EXPECT_EQ(outcome.m_Status, 1);
     EXPECT_EQ(outcome.errorLines(), 2) << outcome.m_Errors;
     EXPECT_THAT(outcome.m_Errors,
-                HasSubstr("out/in/sub/large: a block of it is damaged in the cache\n"));
+                HasSubstr("out/in/sub/large: one of its blocks is damaged in the cache; run zebtdx "
+                          "verify\n"));
     EXPECT_FALSE(std::filesystem::exists(m_Tree.path("out/in/sub/large")));
     EXPECT_TRUE(std::filesystem::exists(m_Tree.path("out/in/small")));
 }
@@ -175,11 +177,12 @@ TEST_F(RestoreProgram, AMemoryLimitBelowTheLargestBlockIsRefused)
         run({"restore", "zebtdx-manifest.jsonl", "--out", "out", "--memory", "18K"});
     EXPECT_EQ(outcome.m_Status, 2);
     // The list of the 293 blocks of the largest file.
-    EXPECT_EQ(outcome.m_Errors, "zebtdx: --memory: 18 KiB hold no block of 18.3 KiB, which the "
-                                "manifest has (--help tells more)\n");
+    EXPECT_EQ(outcome.m_Errors,
+              "zebtdx: --memory (18 KiB) is smaller than the largest block of the "
+              "manifest (18.3 KiB); raise --memory (see --help)\n");
 }
 
-TEST_F(RestoreProgram, StatTellsFilesBytesAndTheirSpread)
+TEST_F(RestoreProgram, StatPrintsFilesBytesAndTheirDistribution)
 {
     ASSERT_EQ(ingest({"--root", "r1", "--root", "r2", "--buckets", "2"}).m_Status, 0);
     const Outcome outcome = run({"stat", "--root", "r1", "--root", "r2", "--json"});
@@ -188,14 +191,14 @@ TEST_F(RestoreProgram, StatTellsFilesBytesAndTheirSpread)
     EXPECT_EQ(outcome.number("files"), 293 + 4 + 2 + 5);
     EXPECT_EQ(outcome.number("block_bytes"),
               300000 + 4096 + 3 + 3 + 16 * 5 + 64 * (293 + 4 + 1 + 1));
-    EXPECT_EQ(outcome.number("foreign"), 0) << "the log is the store's own";
+    EXPECT_EQ(outcome.number("unexpected"), 0) << "the log is the store's own";
     const Outcome text = run({"stat", "--root", "r1", "--root", "r2"});
     EXPECT_THAT(text.m_Output,
                 AllOf(HasSubstr("Compression ratio"), HasSubstr("\nr1 "), HasSubstr("\nr2 "),
                       HasSubstr("\n  main/0 "), HasSubstr("\n  main/1 ")));
 }
 
-TEST_F(RestoreProgram, StatTellsSubCachesApartAndCountsForeignThings)
+TEST_F(RestoreProgram, StatSeparatesSubCachesAndCountsUnexpectedFiles)
 {
     ASSERT_EQ(run({"ingest", "in/small"}).m_Status, 0);
     ASSERT_EQ(run({"ingest", "in/sub/exact", "--sub-cache", "part", "--replace"}).m_Status, 0);
@@ -204,11 +207,11 @@ TEST_F(RestoreProgram, StatTellsSubCachesApartAndCountsForeignThings)
     const Outcome all = run({"stat", "--json"});
     EXPECT_EQ(all.m_Status, 0) << all.m_Errors;
     EXPECT_EQ(all.number("files"), 4);
-    EXPECT_EQ(all.number("foreign"), 2);
+    EXPECT_EQ(all.number("unexpected"), 2);
     const Outcome part = run({"stat", "--json", "--sub-cache", "part"});
     EXPECT_EQ(part.number("files"), 2);
     EXPECT_EQ(part.number("block_bytes"), 4096 + 16 + 64);
-    EXPECT_EQ(part.number("foreign"), 1);
+    EXPECT_EQ(part.number("unexpected"), 1);
     EXPECT_THAT(run({"stat"}).m_Output, HasSubstr("\n  part/"));
 }
 

@@ -1,8 +1,7 @@
-// What finds damage in a cache, mends it, and looks before a set-up: verify, repair and probe, each
-// in a process of its own.
+// verify, repair and probe, each in a separate process.
 
+#include "support/TemporaryTree.h"
 #include "tools/support/ProgramRunner.h"
-#include "tools/support/TemporaryTree.h"
 
 #include "tools/cache/RootLock.h"
 
@@ -28,7 +27,7 @@ protected:
     // A file of 40 blocks, and another one that is a block and a bit.
     void SetUp() override
     {
-        m_Tree.folder("in");
+        m_Tree.directory("in");
         m_Tree.file("in/long", mixedBytes(40 * 1024, 1));
         m_Tree.file("in/short", mixedBytes(1500, 2));
         ASSERT_EQ(ingest().m_Status, 0);
@@ -106,7 +105,7 @@ TEST_F(VerifyProgram, AGoodCacheIsClean)
     }
 }
 
-TEST_F(VerifyProgram, EachKindOfDamageIsOneLineThatSaysWhatToDo)
+TEST_F(VerifyProgram, EachDamagedFileIsOneLineWithAdvice)
 {
     flip(m_Blocks[0]);
     fs::resize_file(m_Blocks[1], 100);
@@ -115,13 +114,14 @@ TEST_F(VerifyProgram, EachKindOfDamageIsOneLineThatSaysWhatToDo)
     const Outcome outcome = onCache({"verify"});
     EXPECT_EQ(outcome.m_Status, 1);
     EXPECT_EQ(outcome.errorLines(), 4) << outcome.m_Errors;
-    const std::string advice = "move it away by repair, and add its bytes again\n";
-    EXPECT_THAT(outcome.m_Errors, HasSubstr(": is cut short ("));
-    EXPECT_THAT(outcome.m_Errors, HasSubstr(": goes on behind its payload ("));
-    EXPECT_THAT(outcome.m_Errors, HasSubstr(": holds other bytes than its name says; " + advice));
+    const std::string advice = "move it out with zebtdx repair, then add its bytes again\n";
+    EXPECT_THAT(outcome.m_Errors, HasSubstr(": is shorter than its header says ("));
+    EXPECT_THAT(outcome.m_Errors, HasSubstr(": has bytes after its payload ("));
+    EXPECT_THAT(outcome.m_Errors,
+                HasSubstr(": contains bytes that do not match its name; " + advice));
     const Outcome asJson = onCache({"verify", "--json"});
     EXPECT_EQ(asJson.number("damaged"), 4);
-    EXPECT_EQ(asJson.number("damaged_cut_short"), 1);
+    EXPECT_EQ(asJson.number("damaged_too_short"), 1);
     EXPECT_EQ(asJson.json()["damage"].toArray().size(), 4);
 }
 
@@ -134,17 +134,18 @@ TEST_F(VerifyProgram, ASampleChecksItsShare)
 
 TEST_F(VerifyProgram, OtherBucketsOrRootsMisplaceFilesAndRepairRefuses)
 {
-    EXPECT_THAT(onCache({"verify", "--buckets", "7"}).m_Errors,
-                HasSubstr(": lies where nobody looks for it (it belongs into bucket "));
+    EXPECT_THAT(
+        onCache({"verify", "--buckets", "7"}).m_Errors,
+        HasSubstr(": is in a place where the store does not look for it (it belongs in bucket "));
     EXPECT_EQ(run({"verify", "--root", "r2", "--root", "r1"}).m_Status, 1);
     const Outcome outcome = onCache({"repair", "--apply", "--buckets", "7", "--json"});
     EXPECT_EQ(outcome.m_Status, 2);
     EXPECT_EQ(outcome.number("moved"), 0);
-    EXPECT_THAT(outcome.m_Errors, HasSubstr("nothing is moved\n"));
+    EXPECT_THAT(outcome.m_Errors, HasSubstr("nothing is moved; check both\n"));
     EXPECT_EQ(onCache({"verify"}).m_Status, 0);
 }
 
-TEST_F(VerifyProgram, RemarksLeaveTheStatusAlone)
+TEST_F(VerifyProgram, WarningsDoNotChangeTheStatus)
 {
     m_Tree.file("r1/main/stranger", "mine");
     m_Tree.link("r2/main/link", "/");
@@ -153,7 +154,7 @@ TEST_F(VerifyProgram, RemarksLeaveTheStatusAlone)
     const Outcome outcome = onCache({"verify", "--json"});
     EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
     EXPECT_EQ(outcome.errorLines(), 4) << outcome.m_Errors;
-    for (const char* const key : {"foreign", "links", "stumps", "loose_permissions"})
+    for (const char* const key : {"unexpected", "links", "truncated", "writable"})
         EXPECT_EQ(outcome.number(key), 1) << key;
 }
 
@@ -178,14 +179,14 @@ TEST_F(VerifyProgram, VerifyWritesNothing)
 
 TEST_F(VerifyProgram, ACacheThatACrashDamagedHeals)
 {
-    // What a crash leaves: a file that passes for complete, a stump, and a page of zeros.
+    // What a crash leaves: a file that looks complete, a truncated one, and a page of zeros.
     fs::resize_file(m_Blocks[0], fs::file_size(m_Blocks[0]) - 200);
     fs::resize_file(m_Blocks[1], 8);
     std::string zeros = bytesOf(m_Blocks[2]);
     zeros.replace(500, 300, 300, '\0');
     write(m_Blocks[2], zeros);
     EXPECT_FALSE(restores());
-    ASSERT_EQ(ingest().m_Status, 0) << "the store passes them over";
+    ASSERT_EQ(ingest().m_Status, 0) << "the store takes them for complete";
     EXPECT_FALSE(restores());
 
     EXPECT_EQ(onCache({"repair"}).m_Status, 1);
@@ -198,7 +199,7 @@ TEST_F(VerifyProgram, ACacheThatACrashDamagedHeals)
     EXPECT_TRUE(restores());
     const Outcome after = onCache({"verify", "--json"});
     EXPECT_EQ(after.m_Status, 0);
-    EXPECT_EQ(after.number("stumps"), 0);
+    EXPECT_EQ(after.number("truncated"), 0);
 }
 
 TEST_F(VerifyProgram, AQuarantineInARootIsRefused)
@@ -208,7 +209,7 @@ TEST_F(VerifyProgram, AQuarantineInARootIsRefused)
     for (const char* const place : {"r1", "r2/aside", "way/aside", "r1/../r2/x"}) {
         const Outcome outcome = onCache({"repair", "--apply", "--quarantine", place});
         EXPECT_EQ(outcome.m_Status, 2) << place;
-        EXPECT_THAT(outcome.m_Errors, HasSubstr("lies in the cache root")) << place;
+        EXPECT_THAT(outcome.m_Errors, HasSubstr("is inside the cache root")) << place;
     }
     EXPECT_EQ(onCache({"verify"}).m_Status, 1) << "it is still there";
 }
@@ -216,19 +217,20 @@ TEST_F(VerifyProgram, AQuarantineInARootIsRefused)
 TEST_F(VerifyProgram, OneProcessAtATime)
 {
     RootLock lock;
-    std::string holder;
-    ASSERT_TRUE(lock.take({m_Tree.path("r1")}, RootLock::Use::Reading, holder));
+    lock.take({m_Tree.path("r1")}, RootLock::Use::Reading);
     const Outcome outcome = onCache({"repair", "--apply"});
     EXPECT_EQ(outcome.m_Status, 2);
-    EXPECT_EQ(outcome.m_Errors, "zebtdx: cache root r1 is in use by another process\n");
+    EXPECT_EQ(outcome.m_Errors,
+              "zebtdx: cache root r1 is in use by another process; try again when "
+              "it has ended\n");
     EXPECT_EQ(ingest().m_Status, 1);
     EXPECT_EQ(onCache({"verify"}).m_Status, 0);
     EXPECT_TRUE(restores()) << "reading together";
     EXPECT_THAT(onCache({"probe", "--space", "1M"}).m_Output,
-                HasSubstr("FAILED  r1: alone: another process has it"));
+                HasSubstr("FAILED  r1: unused: another process uses it"));
 }
 
-TEST_F(VerifyProgram, ProbeTellsWhatIsInTheWay)
+TEST_F(VerifyProgram, ProbeReportsObstacles)
 {
     const Outcome fit = onCache({"probe", "--space", "1M", "--json"});
     EXPECT_EQ(fit.m_Status, 0) << fit.m_Output;
@@ -236,9 +238,9 @@ TEST_F(VerifyProgram, ProbeTellsWhatIsInTheWay)
     EXPECT_EQ(run({"probe", "--root", "missing"}).m_Status, 1);
     EXPECT_THAT(run({"probe", "--root", "m"}).m_Output, HasSubstr("FAILED  m: exists: "));
     EXPECT_THAT(onCache({"probe", "--space", "1000000T"}).m_Output,
-                AllOf(HasSubstr("FAILED  r1: space: "), HasSubstr("are asked for")));
+                AllOf(HasSubstr("FAILED  r1: space: "), HasSubstr("required")));
     EXPECT_THAT(run({"probe", "--root", "r1", "--root", "r1/main"}).m_Output,
-                HasSubstr("FAILED  r1/main: apart: "));
+                HasSubstr("FAILED  r1/main: separate: "));
     fs::permissions(m_Tree.path("r2"), fs::perms::group_write, fs::perm_options::add);
     EXPECT_THAT(onCache({"probe"}).m_Output, HasSubstr("FAILED  r2: permissions: "));
     EXPECT_THAT(runShell(R"(umask 0; "$0" probe --root r1)", m_Tree.top()).m_Output,

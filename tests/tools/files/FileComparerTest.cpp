@@ -6,10 +6,10 @@
 #include "tools/files/FileIngester.h"
 #include "tools/files/FileWalker.h"
 
+#include "support/TemporaryTree.h"
 #include "support/WaitUntil.h"
 #include "tools/support/ErrorLines.h"
 #include "tools/support/StoreFixture.h"
-#include "tools/support/TemporaryTree.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@ constexpr qint64 s_BlockSize = 1024;
 // Large files are cut into pieces of this size for the threads.
 constexpr qint64 s_PieceSize = 4 * 1024 * 1024;
 
-// A dropped block leaves the store once nobody is at it any more, a disk thread for instance.
+// A dropped block is evicted once no disk thread uses it any more.
 bool comesToLiveBytes(qint64 bytes)
 {
     return waitUntil([bytes] { return ZebDataBlockManager::instance().liveBytes() == bytes; });
@@ -39,7 +39,7 @@ qint64 groupBytes(qint64 blocks)
 
 } // namespace
 
-class BlockPassesTest : public StoreFixture
+class IngestPassesTest : public StoreFixture
 {
 protected:
     // Finds the files of the tree.
@@ -96,7 +96,7 @@ protected:
     std::optional<StoredFiles> m_Stored;
 };
 
-TEST_F(BlockPassesTest, FilesAreCutIntoBlocksAndComeBackEqual)
+TEST_F(IngestPassesTest, FilesAreCutIntoBlocksAndComeBackEqual)
 {
     m_Tree.file("a-exact", mixedBytes(2048, 1));
     m_Tree.file("b-rest", mixedBytes(2049, 1));
@@ -118,7 +118,7 @@ TEST_F(BlockPassesTest, FilesAreCutIntoBlocksAndComeBackEqual)
     EXPECT_THAT(m_Errors.lines(), IsEmpty());
 }
 
-TEST_F(BlockPassesTest, ALargeFileIsTheSameForAnyNumberOfThreads)
+TEST_F(IngestPassesTest, ALargeFileIsTheSameForAnyNumberOfThreads)
 {
     const qint64 size = 2 * s_PieceSize + 12345;
     m_Tree.file("large", mixedBytes(static_cast<std::size_t>(size), 7));
@@ -136,7 +136,7 @@ TEST_F(BlockPassesTest, ALargeFileIsTheSameForAnyNumberOfThreads)
     EXPECT_THAT(m_Errors.lines(), IsEmpty());
 }
 
-TEST_F(BlockPassesTest, FilesAtTheEdgesOfPiecesAreWhole)
+TEST_F(IngestPassesTest, FilesAtTheEdgesOfPiecesAreWhole)
 {
     for (const qint64 size : {s_PieceSize - 1, s_PieceSize, s_PieceSize + 1, 2 * s_PieceSize}) {
         m_Tree.file("f", std::string(static_cast<std::size_t>(size), 'x'));
@@ -152,7 +152,7 @@ TEST_F(BlockPassesTest, FilesAtTheEdgesOfPiecesAreWhole)
     EXPECT_THAT(m_Errors.lines(), IsEmpty());
 }
 
-TEST_F(BlockPassesTest, ABlockMayBeLargerThanAPiece)
+TEST_F(IngestPassesTest, ABlockMayBeLargerThanAPiece)
 {
     const qint64 size = 3 * s_PieceSize;
     m_Tree.file("f", mixedBytes(static_cast<std::size_t>(size), 3));
@@ -164,7 +164,7 @@ TEST_F(BlockPassesTest, ABlockMayBeLargerThanAPiece)
     EXPECT_THAT(m_Errors.lines(), IsEmpty());
 }
 
-TEST_F(BlockPassesTest, ABlockMayBeOneByte)
+TEST_F(IngestPassesTest, ABlockMayBeOneByte)
 {
     m_Tree.file("f", "abcabca");
     find();
@@ -176,7 +176,7 @@ TEST_F(BlockPassesTest, ABlockMayBeOneByte)
     EXPECT_THAT(m_Errors.lines(), IsEmpty());
 }
 
-TEST_F(BlockPassesTest, AFileThatVanishesBeforeItIsStoredFailsAlone)
+TEST_F(IngestPassesTest, AFileThatVanishesBeforeItIsStoredFailsAlone)
 {
     m_Tree.file("a", "1");
     m_Tree.file("b", "22");
@@ -190,7 +190,7 @@ TEST_F(BlockPassesTest, AFileThatVanishesBeforeItIsStoredFailsAlone)
     EXPECT_THAT(errorLines(), ElementsAre("zebtdx: a: No such file or directory"));
 }
 
-TEST_F(BlockPassesTest, AFileThatGrowsBeforeItIsStoredIsStoredWhole)
+TEST_F(IngestPassesTest, AFileThatGrowsBeforeItIsStoredIsStoredWhole)
 {
     m_Tree.file("f", "short");
     find();
@@ -204,7 +204,7 @@ TEST_F(BlockPassesTest, AFileThatGrowsBeforeItIsStoredIsStoredWhole)
     EXPECT_THAT(m_Errors.lines(), IsEmpty());
 }
 
-TEST_F(BlockPassesTest, AFileThatFailsHalfWayLeavesNothingBehind)
+TEST_F(IngestPassesTest, AFileThatFailsHalfWayLeavesNothingBehind)
 {
     // Its first piece is there in full, the second one is not.
     const qint64 size = 3 * s_PieceSize;
@@ -218,10 +218,11 @@ TEST_F(BlockPassesTest, AFileThatFailsHalfWayLeavesNothingBehind)
     EXPECT_EQ(summary.m_Files, 1);
     EXPECT_EQ(summary.m_Bytes, 3);
     EXPECT_EQ(summary.m_Blocks, 1);
-    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: large: became shorter while it was read"));
+    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: large: became shorter while it was being read; "
+                                          "ingest it again"));
 }
 
-TEST_F(BlockPassesTest, AFileThatChangesAfterwardsIsADifference)
+TEST_F(IngestPassesTest, AFileThatChangesAfterwardsIsADifference)
 {
     m_Tree.file("same", "12345");
     m_Tree.file("changed", "12345");
@@ -234,10 +235,11 @@ TEST_F(BlockPassesTest, AFileThatChangesAfterwardsIsADifference)
     EXPECT_EQ(summary.m_Differences, 1);
     EXPECT_EQ(summary.m_Errors, 1);
     EXPECT_EQ(summary.m_ReadBackBytes, 5);
-    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: changed: changed after it was stored"));
+    EXPECT_THAT(errorLines(),
+                ElementsAre("zebtdx: changed: changed after it was stored; ingest it again"));
 }
 
-TEST_F(BlockPassesTest, AnUntouchedFileThatDiffersPointsAtTheStore)
+TEST_F(IngestPassesTest, AnUntouchedFileThatDiffersPointsAtTheStore)
 {
     m_Tree.file("f", "12345");
     m_Tree.setModified("f", 1000);
@@ -248,10 +250,10 @@ TEST_F(BlockPassesTest, AnUntouchedFileThatDiffersPointsAtTheStore)
     m_Tree.setModified("f", 1000);
     EXPECT_EQ(check().m_Differences, 1);
     EXPECT_THAT(errorLines(),
-                ElementsAre("zebtdx: f: what the store gives back differs from the file"));
+                ElementsAre("zebtdx: f: differs from the bytes in the store; run zebtdx verify"));
 }
 
-TEST_F(BlockPassesTest, GrowingAndShrinkingAfterwardsAreDifferences)
+TEST_F(IngestPassesTest, GrowingAndShrinkingAfterwardsAreDifferences)
 {
     m_Tree.file("a-grown", std::string(1024, 'x'));
     m_Tree.file("b-shrunk", std::string(1025, 'x'));
@@ -264,13 +266,14 @@ TEST_F(BlockPassesTest, GrowingAndShrinkingAfterwardsAreDifferences)
     m_Tree.resize("c-emptied", 0);
     m_Tree.append("d-filled", "y");
     EXPECT_EQ(check(1).m_Differences, 4);
-    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: a-grown: changed after it was stored",
-                                          "zebtdx: b-shrunk: changed after it was stored",
-                                          "zebtdx: c-emptied: changed after it was stored",
-                                          "zebtdx: d-filled: changed after it was stored"));
+    EXPECT_THAT(errorLines(),
+                ElementsAre("zebtdx: a-grown: changed after it was stored; ingest it again",
+                            "zebtdx: b-shrunk: changed after it was stored; ingest it again",
+                            "zebtdx: c-emptied: changed after it was stored; ingest it again",
+                            "zebtdx: d-filled: changed after it was stored; ingest it again"));
 }
 
-TEST_F(BlockPassesTest, VanishingOrBecomingSomethingElseAfterwardsIsAnError)
+TEST_F(IngestPassesTest, VanishingOrBecomingSomethingElseAfterwardsIsAnError)
 {
     m_Tree.file("a-vanished", "x");
     m_Tree.file("b-folder", "x");
@@ -280,7 +283,7 @@ TEST_F(BlockPassesTest, VanishingOrBecomingSomethingElseAfterwardsIsAnError)
     store(1);
     for (const char* const name : {"a-vanished", "b-folder", "c-pipe", "d-empty"})
         m_Tree.remove(name);
-    m_Tree.folder("b-folder");
+    m_Tree.directory("b-folder");
     m_Tree.pipe("c-pipe");
     const IngestSummary summary = check(1);
     EXPECT_EQ(summary.m_Errors, 4);
@@ -288,11 +291,11 @@ TEST_F(BlockPassesTest, VanishingOrBecomingSomethingElseAfterwardsIsAnError)
     EXPECT_EQ(summary.m_ReadBackBytes, 0);
     EXPECT_THAT(errorLines(),
                 ElementsAre("zebtdx: a-vanished: No such file or directory",
-                            "zebtdx: b-folder: is a folder", "zebtdx: c-pipe: is a named pipe",
+                            "zebtdx: b-folder: is a directory", "zebtdx: c-pipe: is a named pipe",
                             "zebtdx: d-empty: No such file or directory"));
 }
 
-TEST_F(BlockPassesTest, AFileThatWasOnlyTouchedIsNoDifference)
+TEST_F(IngestPassesTest, AFileThatWasOnlyTouchedIsNoDifference)
 {
     m_Tree.file("f", "12345");
     m_Tree.setModified("f", 1000);
@@ -302,7 +305,7 @@ TEST_F(BlockPassesTest, AFileThatWasOnlyTouchedIsNoDifference)
     EXPECT_EQ(check().m_Errors, 0);
 }
 
-TEST_F(BlockPassesTest, ManyDifferencesInOneFileAreToldOnce)
+TEST_F(IngestPassesTest, ManyDifferencesInOneFileAreReportedOnce)
 {
     const auto size = static_cast<std::size_t>(3 * s_PieceSize);
     m_Tree.file("f", std::string(size, 'x'));
@@ -311,15 +314,16 @@ TEST_F(BlockPassesTest, ManyDifferencesInOneFileAreToldOnce)
     store(4, 65536);
     m_Tree.file("f", std::string(size, 'y'));
     EXPECT_EQ(check(8).m_Differences, 1);
-    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: f: changed after it was stored"));
+    EXPECT_THAT(errorLines(),
+                ElementsAre("zebtdx: f: changed after it was stored; ingest it again"));
 }
 
-TEST_F(BlockPassesTest, ABlockThatTheStoreHasLostIsAnError)
+TEST_F(IngestPassesTest, ABlockThatTheStoreHasLostIsAnError)
 {
     m_Tree.file("f", "12345");
     find();
     store();
-    // A block whose hash alone is left: nothing gives its bytes back.
+    // Only the hash of the block is left; its bytes are nowhere.
     const ZebDataReference reference = m_Stored->m_Segments.front().m_Blocks.front();
     StoreFixture::TearDown();
     StoreFixture::SetUp();
@@ -327,10 +331,13 @@ TEST_F(BlockPassesTest, ABlockThatTheStoreHasLostIsAnError)
     const IngestSummary summary = check();
     EXPECT_EQ(summary.m_Errors, 1);
     EXPECT_EQ(summary.m_ReadBackBytes, 0);
-    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: f: a block of it cannot be had from the store"));
+    EXPECT_THAT(
+        errorLines(),
+        ElementsAre(
+            "zebtdx: f: cannot be compared: one of its blocks cannot be loaded from the store"));
 }
 
-TEST_F(BlockPassesTest, TheGroupOfAFileListsItsBlocksInOrder)
+TEST_F(IngestPassesTest, TheGroupOfAFileListsItsBlocksInOrder)
 {
     const qint64 size = s_PieceSize + 1;
     m_Tree.file("a", std::string(static_cast<std::size_t>(size), 'x'));
@@ -353,7 +360,7 @@ TEST_F(BlockPassesTest, TheGroupOfAFileListsItsBlocksInOrder)
     EXPECT_TRUE(ZebDataBlockManager::instance().extractGroupBlock(empty).isEmpty());
 }
 
-TEST_F(BlockPassesTest, AFileWhoseListOfBlocksIsTooLargeFailsAlone)
+TEST_F(IngestPassesTest, AFileWhoseListOfBlocksIsTooLargeFailsAlone)
 {
     m_Tree.file("a", std::string(1000, 'x'));
     m_Tree.file("b", std::string(10, 'x'));
@@ -364,12 +371,11 @@ TEST_F(BlockPassesTest, AFileWhoseListOfBlocksIsTooLargeFailsAlone)
     EXPECT_EQ(summary.m_Bytes, 10);
     EXPECT_TRUE(m_Stored->m_Files[0].m_Group.isNull());
     EXPECT_FALSE(m_Stored->m_Files[1].m_Group.isNull());
-    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: a: has so many blocks that their list, of "
-                                          "62.5 KiB, is too large for the store; larger blocks "
-                                          "help"));
+    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: a: has too many blocks: their list (62.5 KiB) "
+                                          "is larger than the largest block; raise --block"));
 }
 
-TEST_F(BlockPassesTest, DataFarAboveTheMemoryLimitIsStoredAndReadBack)
+TEST_F(IngestPassesTest, DataFarAboveTheMemoryLimitIsStoredAndReadBack)
 {
     constexpr qint64 memory = 64 * 1024;
     for (int i = 0; i < 64; ++i)

@@ -1,7 +1,7 @@
 #include "tools/files/FileWalker.h"
 
+#include "support/TemporaryTree.h"
 #include "tools/support/ErrorLines.h"
-#include "tools/support/TemporaryTree.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -51,8 +51,8 @@ Walked walk(const TemporaryTree& tree, const std::vector<std::string>& names)
 TEST(FileWalker, GoesThroughFoldersSortedByTheBytesOfNames)
 {
     const TemporaryTree tree;
-    tree.folder("b");
-    tree.folder("b/inner");
+    tree.directory("b");
+    tree.directory("b/inner");
     tree.file("b/inner/deep", "12345");
     tree.file("b/Z", "1");
     tree.file("b/a", "22");
@@ -78,7 +78,7 @@ TEST(FileWalker, GivenPathsKeepTheirOrder)
 TEST(FileWalker, AnEmptyFolderHoldsNoFilesAndIsNoError)
 {
     const TemporaryTree tree;
-    tree.folder("empty");
+    tree.directory("empty");
     const Walked walked = walk(tree, {"empty"});
     EXPECT_THAT(walked.m_Names, IsEmpty());
     EXPECT_THAT(walked.m_Errors, IsEmpty());
@@ -87,9 +87,9 @@ TEST(FileWalker, AnEmptyFolderHoldsNoFilesAndIsNoError)
 TEST(FileWalker, LinksThatAreMetAreCountedAndNotFollowed)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.file("d/file", "x");
-    tree.folder("outside");
+    tree.directory("outside");
     tree.file("outside/file", "x");
     tree.link("d/to-file", "file");
     tree.link("d/to-folder", "../outside");
@@ -104,7 +104,7 @@ TEST(FileWalker, LinksThatAreMetAreCountedAndNotFollowed)
 TEST(FileWalker, AGivenLinkIsFollowed)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.file("d/file", "x");
     tree.link("to-folder", "d");
     tree.link("to-file", "d/file");
@@ -117,7 +117,7 @@ TEST(FileWalker, AGivenLinkIsFollowed)
 TEST(FileWalker, WhatIsNoFileIsAnErrorWhetherGivenOrMet)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.pipe("d/pipe");
     tree.socket("d/socket");
     tree.file("d/zfile", "x");
@@ -157,7 +157,7 @@ TEST(FileWalker, AFolderThatCannotBeReadIsAnErrorAndTheRestGoesOn)
 {
     const TemporaryTree tree;
     ASSERT_EQ(::chmod(tree.top().c_str(), 0755), 0);
-    tree.folder("a");
+    tree.directory("a");
     tree.file("a/hidden", "x");
     tree.file("b", "x");
     ASSERT_EQ(::chmod(tree.path("a").c_str(), 0), 0);
@@ -175,8 +175,8 @@ TEST(FileWalker, AFolderThatCannotBeReadIsAnErrorAndTheRestGoesOn)
 TEST(FileWalker, AFileReachedTwiceCountsTwiceOnlyWhenGivenTwice)
 {
     const TemporaryTree tree;
-    tree.folder("d");
-    tree.folder("d/sub");
+    tree.directory("d");
+    tree.directory("d/sub");
     tree.file("d/sub/f", "x");
     tree.file("d/g", "x");
     tree.link("d/link", "g");
@@ -194,10 +194,10 @@ TEST(FileWalker, AFileReachedTwiceCountsTwiceOnlyWhenGivenTwice)
     EXPECT_THAT(walk(tree, {"d/g", "d/link"}).m_Names, ElementsAre("d/g", "d/link"));
 }
 
-TEST(FileWalker, AnErrorInAFolderReachedTwiceIsToldOnce)
+TEST(FileWalker, AnErrorInAFolderReachedTwiceIsReportedOnce)
 {
     const TemporaryTree tree;
-    tree.folder("d");
+    tree.directory("d");
     tree.pipe("d/pipe");
     EXPECT_THAT(walk(tree, {"d", "d/pipe"}).m_Errors,
                 ElementsAre("zebtdx: d/pipe: is a named pipe"));

@@ -1,9 +1,13 @@
 #include "tools/files/Manifest.h"
 
-#include "tools/support/TemporaryTree.h"
+#include "support/TemporaryTree.h"
+#include "tools/terminal/ToolError.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
 
 using ::testing::HasSubstr;
 
@@ -33,18 +37,15 @@ QByteArray changed(const QByteArray& from, const QByteArray& to)
 
 std::string whyNot(const QByteArray& text)
 {
-    Manifest manifest;
-    const std::string reason = manifest.parse(text);
-    EXPECT_TRUE(manifest.m_Files.empty() || reason.empty()) << "nothing changes on a failure";
-    return reason;
+    const auto error = ToolError::of([&text] { Manifest::parse(text); });
+    return error ? error->what() : "";
 }
 
 } // namespace
 
 TEST(Manifest, ComesBackFromItsText)
 {
-    Manifest manifest;
-    ASSERT_EQ(manifest.parse(example().text()), "");
+    const Manifest manifest = Manifest::parse(example().text());
     EXPECT_EQ(manifest.m_Place.m_Roots, example().m_Place.m_Roots);
     EXPECT_EQ(manifest.m_Place.m_Buckets, 7);
     EXPECT_EQ(manifest.m_Place.m_SubCache, "part");
@@ -72,61 +73,62 @@ TEST(Manifest, TheLargestBlockMayBeAListOfBlocks)
     EXPECT_EQ(manifest.largestBlock(), 0);
 }
 
-TEST(Manifest, WhatIsNoManifestIsRefused)
+TEST(Manifest, AnythingElseIsRefused)
 {
-    EXPECT_EQ(whyNot(""), "is no manifest");
-    EXPECT_EQ(whyNot("text"), "is no manifest");
-    EXPECT_EQ(whyNot("{}\n"), "is no manifest");
-    EXPECT_EQ(whyNot("[]\n"), "is no manifest");
+    EXPECT_EQ(whyNot(""), "is not a manifest");
+    EXPECT_EQ(whyNot("text"), "is not a manifest");
+    EXPECT_EQ(whyNot("{}\n"), "is not a manifest");
+    EXPECT_EQ(whyNot("[]\n"), "is not a manifest");
     EXPECT_EQ(whyNot(changed("\"version\":1", "\"version\":2")),
-              "is a manifest of a version that this program does not know");
+              "is a manifest of a version that this program cannot read");
 }
 
 TEST(Manifest, APartOfAManifestIsRefused)
 {
     const QByteArray text = example().text();
     const int lastLine = text.lastIndexOf('\n', text.size() - 2) + 1;
-    EXPECT_EQ(whyNot(text.left(lastLine)), "has no last line; it is not whole");
+    EXPECT_EQ(whyNot(text.left(lastLine)), "is incomplete: its last line is missing");
     for (int length = 0; length < text.size() - 1; ++length)
         EXPECT_NE(whyNot(text.left(length)), "") << length;
     EXPECT_EQ(whyNot(text.left(text.size() - 1)), "") << "all but the last line's end";
     EXPECT_EQ(whyNot(changed("\"files\":2", "\"files\":3")),
-              "line 4 does not agree with the files before it");
+              "line 4 does not match the files above it");
     EXPECT_EQ(whyNot(changed("\"bytes\":3000", "\"bytes\":3001")),
-              "line 4 does not agree with the files before it");
+              "line 4 does not match the files above it");
     EXPECT_EQ(whyNot(text + "{}\n"), "line 4 is not the last one");
 }
 
 TEST(Manifest, NonsenseInALineIsNamedWithItsNumber)
 {
-    EXPECT_EQ(whyNot(changed("\"size\":3000", "\"size\":-1")), "line 2 names no size");
-    EXPECT_EQ(whyNot(changed("\"size\":3000", "\"size\":1.5")), "line 2 names no size");
-    EXPECT_EQ(whyNot(changed("\"size\":3000", "\"size\":1e300")), "line 2 names no size");
-    EXPECT_EQ(whyNot(changed("\"path\":\"d/f\"", "\"path\":1")), "line 2 names no file");
+    EXPECT_EQ(whyNot(changed("\"size\":3000", "\"size\":-1")), "line 2 has no valid \"size\"");
+    EXPECT_EQ(whyNot(changed("\"size\":3000", "\"size\":1.5")), "line 2 has no valid \"size\"");
+    EXPECT_EQ(whyNot(changed("\"size\":3000", "\"size\":1e300")), "line 2 has no valid \"size\"");
+    EXPECT_EQ(whyNot(changed("\"path\":\"d/f\"", "\"path\":1")), "line 2 has no valid \"path\"");
     EXPECT_EQ(whyNot(changed(s_Hash.toLatin1() + "\",\"path\"", "1-2\",\"path\"")),
-              "line 2 names no hash");
+              "line 2 has no valid \"group\"");
     EXPECT_EQ(whyNot(changed("4294967295\",\"path\"", "4294967296\",\"path\"")),
-              "line 2 names no hash");
-    EXPECT_EQ(whyNot(changed("{\"group\"", "x{\"group\"")), "line 2 is no JSON object");
+              "line 2 has no valid \"group\"");
+    EXPECT_EQ(whyNot(changed("{\"group\"", "x{\"group\"")), "line 2 is not a JSON object");
 }
 
 TEST(Manifest, APlaceThatMakesNoSenseIsRefused)
 {
-    EXPECT_EQ(whyNot(changed("\"buckets\":7", "\"buckets\":0")), "names no number of buckets");
-    EXPECT_EQ(whyNot(changed("\"block_size\":1024", "\"block_size\":0")), "names no block size");
+    EXPECT_EQ(whyNot(changed("\"buckets\":7", "\"buckets\":0")), "has no valid \"buckets\"");
+    EXPECT_EQ(whyNot(changed("\"block_size\":1024", "\"block_size\":0")),
+              "has no valid \"block_size\"");
     EXPECT_EQ(whyNot(changed("\"sub_cache\":\"part\"", "\"sub_cache\":\"../x\"")),
-              "'../x' has a separator; a sub-cache is one folder");
-    EXPECT_EQ(whyNot(changed("\"roots\":[", "\"roots\":[],\"x\":[")), "names no cache root");
+              "'../x' contains a '/'; a sub-cache is a single directory");
+    EXPECT_EQ(whyNot(changed("\"roots\":[", "\"roots\":[],\"x\":[")), "has no cache roots");
 }
 
-TEST(Manifest, NamesThatLeadOutOfTheFolderAreRefused)
+TEST(Manifest, NamesThatLeadOutOfTheDirectoryAreRefused)
 {
     for (const char* const name :
          {"/etc/passwd", "../x", "a/../../x", "a/..", ".", "./a", "", "a/", "a/./b"}) {
         EXPECT_FALSE(Manifest::isSafeName(name)) << name;
         const QByteArray path = QByteArray("\"path\":\"") + name + '"';
         EXPECT_EQ(whyNot(changed("\"path\":\"d/f\"", path)),
-                  "line 2 has a name that leads out of the folder")
+                  "line 2 has a name that leads out of the directory")
             << name;
     }
     EXPECT_FALSE(Manifest::isSafeName(std::string("a\0b", 3)));
@@ -149,22 +151,26 @@ TEST(Manifest, NamesAreRelativeAndStayBelow)
 TEST(Manifest, AFileOnDiskComesBack)
 {
     const TemporaryTree tree;
-    EXPECT_EQ(example().save(tree.path("m"), false), "");
-    Manifest manifest;
-    EXPECT_EQ(manifest.load(tree.path("m")), "");
-    EXPECT_EQ(manifest.text(), example().text());
+    example().save(tree.path("m"), false);
+    EXPECT_EQ(Manifest::load(tree.path("m")).text(), example().text());
 }
 
-TEST(Manifest, SavingReplacesOnlyWhenAskedAndLeavesNoPart)
+TEST(Manifest, SavingReplacesOnlyOnRequestAndLeavesNoPart)
 {
     const TemporaryTree tree;
+    const auto codeOf = [](const std::function<void()>& work) {
+        const auto error = ToolError::of(work);
+        return error ? error->code() : 0;
+    };
+    const auto save = [&](const char* name, bool replace) {
+        return codeOf([&] { example().save(tree.path(name), replace); });
+    };
     tree.file("m", "precious");
-    Manifest manifest;
-    EXPECT_EQ(example().save(tree.path("m"), false), "File exists");
-    EXPECT_EQ(manifest.load(tree.path("m")), "is no manifest");
+    EXPECT_EQ(save("m", false), EEXIST);
+    EXPECT_THROW(Manifest::load(tree.path("m")), ToolError);
     EXPECT_NE(::access(tree.path("m.part").c_str(), F_OK), 0);
-    EXPECT_EQ(example().save(tree.path("m"), true), "");
-    EXPECT_EQ(manifest.load(tree.path("m")), "");
-    EXPECT_EQ(example().save(tree.path("missing/m"), true), "No such file or directory");
-    EXPECT_EQ(manifest.load(tree.path("missing")), "No such file or directory");
+    EXPECT_EQ(save("m", true), 0);
+    EXPECT_EQ(Manifest::load(tree.path("m")).m_Files.size(), 2U);
+    EXPECT_EQ(save("missing/m", true), ENOENT);
+    EXPECT_EQ(codeOf([&] { Manifest::load(tree.path("missing")); }), ENOENT);
 }

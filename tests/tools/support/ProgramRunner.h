@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/support/TemporaryTree.h"
+#include "support/TemporaryTree.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -3,14 +3,15 @@
 #include "tools/cache/ToolStore.h"
 #include "tools/terminal/MessageFilter.h"
 
-#include "tools/support/TemporaryTree.h"
+#include "support/TemporaryTree.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
-/// A test with the store set up as the tool does it, and its messages off the terminal.
+/// A test with the store set up as the tool does it, without debug messages.
 class StoreFixture : public ::testing::Test
 {
 protected:
@@ -20,11 +21,9 @@ protected:
     {
         MessageFilter::install(false);
         StorePlace place;
-        // Another one each time: a test that sets up again finds nothing of what was.
+        // A new one each time, so that a second set-up finds an empty cache.
         place.m_Roots = {m_Cache.path("root" + std::to_string(++m_SetUps))};
-        std::string reason;
-        m_Store = ToolStore::open(place, {ToolStore::Roots::Make, s_Memory, 0}, reason);
-        ASSERT_NE(m_Store, nullptr) << reason;
+        m_Store = ToolStore::open(place, {ToolStore::Roots::Make, s_Memory}, &std::abort);
     }
 
     void TearDown() override { m_Store.reset(); }

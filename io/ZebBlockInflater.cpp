@@ -1,26 +1,26 @@
-#include "tools/cache/BlockInflater.h"
+#include "io/ZebBlockInflater.h"
 
 #include <new>
 
-BlockInflater::BlockInflater() : m_Stream()
+ZebBlockInflater::ZebBlockInflater() : m_Stream()
 {
     if (::inflateInit(&m_Stream) != Z_OK)
         throw std::bad_alloc();
 }
 
-BlockInflater::~BlockInflater()
+ZebBlockInflater::~ZebBlockInflater()
 {
     ::inflateEnd(&m_Stream);
 }
 
-void BlockInflater::begin(unsigned char* out, qint64 outBytes)
+void ZebBlockInflater::begin(unsigned char* out, qint64 outBytes)
 {
     ::inflateReset(&m_Stream);
     m_Stream.next_out = out;
     m_Stream.avail_out = static_cast<uInt>(outBytes);
 }
 
-BlockInflater::State BlockInflater::feed(const char* bytes, qint64 size)
+ZebBlockInflater::State ZebBlockInflater::feed(const char* bytes, qint64 size)
 {
     // zlib only reads it.
     m_Stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes));
@@ -35,12 +35,12 @@ BlockInflater::State BlockInflater::feed(const char* bytes, qint64 size)
     return m_Stream.avail_out == 0 ? State::Full : State::Hungry;
 }
 
-qint64 BlockInflater::produced() const
+qint64 ZebBlockInflater::produced() const
 {
     return static_cast<qint64>(m_Stream.total_out);
 }
 
-std::string BlockInflater::reason() const
+std::string ZebBlockInflater::reason() const
 {
-    return m_Stream.msg == nullptr ? "no zlib stream" : m_Stream.msg;
+    return m_Stream.msg == nullptr ? "not a zlib stream" : m_Stream.msg;
 }

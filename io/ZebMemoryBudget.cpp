@@ -1,8 +1,9 @@
-#include "tools/cache/MemoryBudget.h"
+#include "io/ZebMemoryBudget.h"
 
-MemoryBudget::MemoryBudget(qint64 bytes) : m_Free(bytes), m_NextTicket(0), m_Served(0) {}
+ZebMemoryBudget::ZebMemoryBudget(qint64 bytes) : m_Free(bytes), m_NextTicket(0), m_Served(0) {}
 
-MemoryBudget::Share::Share(MemoryBudget& budget, qint64 bytes) : m_Budget(budget), m_Bytes(bytes)
+ZebMemoryBudget::Share::Share(ZebMemoryBudget& budget, qint64 bytes)
+    : m_Budget(budget), m_Bytes(bytes)
 {
     std::unique_lock<std::mutex> locker(budget.m_Mutex);
     const quint64 ticket = budget.m_NextTicket++;
@@ -14,7 +15,7 @@ MemoryBudget::Share::Share(MemoryBudget& budget, qint64 bytes) : m_Budget(budget
     budget.m_Changed.notify_all();
 }
 
-MemoryBudget::Share::~Share()
+ZebMemoryBudget::Share::~Share()
 {
     const std::lock_guard<std::mutex> locker(m_Budget.m_Mutex);
     m_Budget.m_Free += m_Bytes;

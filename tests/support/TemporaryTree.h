@@ -40,7 +40,10 @@ public:
     const std::string& top() const { return m_Top; }
     std::string path(const std::string& name) const { return top() + "/" + name; }
 
-    void folder(const std::string& name) const { EXPECT_EQ(::mkdir(path(name).c_str(), 0755), 0); }
+    void directory(const std::string& name) const
+    {
+        EXPECT_EQ(::mkdir(path(name).c_str(), 0755), 0);
+    }
 
     /// Makes the file, or gives it new content.
     void file(const std::string& name, const std::string& content) const

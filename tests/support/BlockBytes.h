@@ -1,7 +1,7 @@
 #pragma once
 
+#include "hash/ZebBlockName.h"
 #include "hash/ZebDataHash.h"
-#include "tools/cache/BlockName.h"
 
 #include <QByteArray>
 #include <QtGlobal>
@@ -22,11 +22,11 @@ inline std::string blockNameOf(const QByteArray& content)
     return ZebDataHash(content, ZebDataHash::Hash512).toString().toStdString();
 }
 
-inline BlockName parsedNameOf(const QByteArray& content)
+inline ZebBlockName parsedNameOf(const QByteArray& content)
 {
-    const std::optional<BlockName> name = BlockName::parse(blockNameOf(content));
+    const std::optional<ZebBlockName> name = ZebBlockName::parse(blockNameOf(content));
     EXPECT_TRUE(name.has_value());
-    return name.value_or(BlockName());
+    return name.value_or(ZebBlockName());
 }
 
 /// A file with this header and payload, whatever they say.

@@ -1,13 +1,13 @@
 // Good block files, changed at random: whatever changes what a reader gets must be found, and a
 // good file must never be.
 
-#include "tools/cache/BlockVerifier.h"
+#include "io/ZebBlockFileChecker.h"
 
-#include "tools/cache/BlockName.h"
-#include "tools/cache/MemoryBudget.h"
+#include "hash/ZebBlockName.h"
+#include "io/ZebMemoryBudget.h"
 
-#include "tools/support/BlockBytes.h"
-#include "tools/support/TemporaryTree.h"
+#include "support/BlockBytes.h"
+#include "support/TemporaryTree.h"
 
 #include <QString>
 #include <QtGlobal>
@@ -126,17 +126,17 @@ Result run(int rounds, unsigned int seed)
     // What Qt says of each damaged payload.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     const TemporaryTree tree;
-    MemoryBudget budget(s_Largest);
-    BlockVerifier verifier({false, s_Largest, 1024 * 1024}, budget);
+    ZebMemoryBudget budget(s_Largest);
+    ZebBlockFileChecker verifier({false, s_Largest, 1024 * 1024}, budget);
     Mutations mutations(seed);
     Result result;
     Good other = mutations.good();
     const std::string path = tree.path("block");
     for (int i = 0; i < rounds; ++i) {
         const Good good = mutations.good();
-        const BlockName name = parsedNameOf(good.m_Content);
+        const ZebBlockName name = parsedNameOf(good.m_Content);
         tree.file("block", good.m_File);
-        if (verifier.check(path, name).m_Finding != BlockFinding::Sound)
+        if (verifier.check(path, name).m_Finding != ZebBlockFinding::Sound)
             ++result.m_FalseAlarms;
         const std::string changed = mutations.change(good.m_File, other.m_File);
         other = good;
@@ -144,18 +144,19 @@ Result run(int rounds, unsigned int seed)
             continue;
         ++result.m_Changed;
         tree.file("block", changed);
-        const BlockVerdict verdict = verifier.check(path, name);
+        const ZebBlockVerdict verdict = verifier.check(path, name);
         const std::optional<QByteArray> read = readAsTheStoreDoes(changed);
-        if (verdict.m_Finding != BlockFinding::Sound)
+        if (verdict.m_Finding != ZebBlockFinding::Sound)
             ++result.m_Found;
         if (read && *read == good.m_Content)
             continue;
         ++result.m_WrongBytes;
-        // A stump is taken for missing, so nobody gets wrong bytes from it.
-        const bool isToldOf = verdict.isDamage() || verdict.m_Finding == BlockFinding::Stump;
-        if (!isToldOf) {
+        // The store treats a truncated file as missing, so it never returns wrong bytes.
+        const bool isReported =
+            verdict.isDamage() || verdict.m_Finding == ZebBlockFinding::Truncated;
+        if (!isReported) {
             ++result.m_Missed;
-            ADD_FAILURE() << "round " << i << ": " << verdict.line();
+            ADD_FAILURE() << "round " << i << ": " << verdict.m_Detail;
         }
     }
     std::cout << rounds << " good files, " << result.m_FalseAlarms << " false alarms; "

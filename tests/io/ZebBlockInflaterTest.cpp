@@ -1,4 +1,4 @@
-#include "tools/cache/BlockInflater.h"
+#include "io/ZebBlockInflater.h"
 
 #include <QByteArray>
 
@@ -9,7 +9,7 @@
 
 namespace {
 
-using State = BlockInflater::State;
+using State = ZebBlockInflater::State;
 
 // Without the length that Qt puts in front.
 QByteArray streamOf(const QByteArray& content)
@@ -17,7 +17,7 @@ QByteArray streamOf(const QByteArray& content)
     return qCompress(content).mid(4);
 }
 
-State feedInPieces(BlockInflater& inflater, const QByteArray& stream, int piece)
+State feedInPieces(ZebBlockInflater& inflater, const QByteArray& stream, int piece)
 {
     State state = State::Hungry;
     for (int at = 0; at < stream.size() && state == State::Hungry; at += piece)
@@ -27,7 +27,7 @@ State feedInPieces(BlockInflater& inflater, const QByteArray& stream, int piece)
 
 std::string decompressed(const QByteArray& content, int piece)
 {
-    BlockInflater inflater;
+    ZebBlockInflater inflater;
     std::string out(static_cast<std::size_t>(content.size()) + 1, '\0');
     inflater.begin(reinterpret_cast<unsigned char*>(out.data()), static_cast<qint64>(out.size()));
     EXPECT_EQ(feedInPieces(inflater, streamOf(content), piece), State::Ended);
@@ -37,7 +37,7 @@ std::string decompressed(const QByteArray& content, int piece)
 
 } // namespace
 
-TEST(BlockInflater, GivesTheBytesWhateverThePieces)
+TEST(ZebBlockInflater, GivesTheBytesWhateverThePieces)
 {
     QByteArray content;
     for (int i = 0; i < 5000; ++i)
@@ -46,11 +46,11 @@ TEST(BlockInflater, GivesTheBytesWhateverThePieces)
         EXPECT_EQ(decompressed(content, piece), content.toStdString()) << piece;
 }
 
-TEST(BlockInflater, StopsAtTheEndOfItsMemory)
+TEST(ZebBlockInflater, StopsAtTheEndOfItsMemory)
 {
     constexpr int room = 1000;
     const QByteArray bomb = streamOf(QByteArray(10 * 1024 * 1024, '\0'));
-    BlockInflater inflater;
+    ZebBlockInflater inflater;
     std::string out(room + 8, '#');
     inflater.begin(reinterpret_cast<unsigned char*>(out.data()), room);
     EXPECT_EQ(feedInPieces(inflater, bomb, 100), State::Full);
@@ -58,11 +58,11 @@ TEST(BlockInflater, StopsAtTheEndOfItsMemory)
     EXPECT_EQ(out.substr(room), "########");
 }
 
-TEST(BlockInflater, TellsDamageFromAMissingEnd)
+TEST(ZebBlockInflater, DistinguishesDamageFromAMissingEnd)
 {
     unsigned char out[100];
     const QByteArray stream = streamOf("some bytes");
-    BlockInflater inflater;
+    ZebBlockInflater inflater;
     inflater.begin(out, sizeof out);
     EXPECT_EQ(inflater.feed(stream.constData(), stream.size() - 1), State::Hungry);
     QByteArray damaged = stream;
@@ -75,11 +75,11 @@ TEST(BlockInflater, TellsDamageFromAMissingEnd)
     EXPECT_FALSE(inflater.reason().empty());
 }
 
-TEST(BlockInflater, LeavesWhatIsBehindTheEnd)
+TEST(ZebBlockInflater, LeavesBytesAfterTheEnd)
 {
     unsigned char out[100];
     const QByteArray stream = streamOf("some bytes") + "behind";
-    BlockInflater inflater;
+    ZebBlockInflater inflater;
     inflater.begin(out, sizeof out);
     EXPECT_EQ(inflater.feed(stream.constData(), stream.size()), State::Ended);
     EXPECT_EQ(inflater.unused(), 6);

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "io/ZebBlockFinding.h"
+
+#include <string>
+
+/// Findings in block files, in words.
+namespace VerdictText {
+
+/// What is wrong and what to do about it, in one line.
+std::string line(const ZebBlockVerdict& verdict);
+
+/// The name of a finding for programs: "too_short".
+const char* key(ZebBlockFinding finding);
+
+} // namespace VerdictText

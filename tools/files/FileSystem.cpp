@@ -1,0 +1,70 @@
+#include "tools/files/FileSystem.h"
+
+#include "tools/terminal/ErrorReport.h"
+#include "tools/terminal/ToolError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+std::vector<FileSystem::Entry> FileSystem::entries(const std::string& directory,
+                                                   ErrorReport& errors)
+{
+    std::vector<Entry> found;
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(::opendir(directory.c_str()), &::closedir);
+    while (stream != nullptr) {
+        errno = 0;
+        const dirent* const entry = ::readdir(stream.get());
+        if (entry == nullptr)
+            break;
+        std::string name = static_cast<const char*>(entry->d_name);
+        if (name != "." && name != "..")
+            found.push_back({std::move(name), entry->d_type == DT_REG});
+    }
+    if (errno != 0)
+        errors.add(directory, ToolError::ofSystem(errno));
+    std::sort(found.begin(), found.end(),
+              [](const Entry& a, const Entry& b) { return a.m_Name < b.m_Name; });
+    return found;
+}
+
+std::string FileSystem::joined(const std::string& directory, const std::string& name)
+{
+    return !directory.empty() && directory.back() == '/' ? directory + name
+                                                         : directory + "/" + name;
+}
+
+bool FileSystem::isWithin(const std::filesystem::path& path, const std::filesystem::path& directory)
+{
+    return std::mismatch(directory.begin(), directory.end(), path.begin(), path.end()).first ==
+           directory.end();
+}
+
+std::string FileSystem::whyNotAFile(mode_t mode)
+{
+    if (S_ISREG(mode))
+        return {};
+    if (S_ISDIR(mode))
+        return "is a directory";
+    if (S_ISFIFO(mode))
+        return "is a named pipe";
+    if (S_ISSOCK(mode))
+        return "is a socket";
+    if (S_ISCHR(mode))
+        return "is a character device";
+    if (S_ISBLK(mode))
+        return "is a block device";
+    return "is not a file";
+}
+
+void FileSystem::requireDirectory(const std::string& path)
+{
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0)
+        throw ToolError::ofSystem(errno);
+    if (!S_ISDIR(status.st_mode))
+        throw ToolError::ofSystem(ENOTDIR);
+}

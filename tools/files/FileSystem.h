@@ -1,0 +1,37 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+class ErrorReport;
+
+/// Paths and directories, by bytes.
+namespace FileSystem {
+
+struct Entry
+{
+    std::string m_Name;
+    /// Whether the directory itself says that this is a regular file. Not every file system does.
+    bool m_IsRegularFile = false;
+};
+
+/// The entries of a directory without "." and "..", sorted by the bytes of their names. A failure
+/// is an error, and the entries before it are returned.
+std::vector<Entry> entries(const std::string& directory, ErrorReport& errors);
+
+/// The path of a name in a directory.
+std::string joined(const std::string& directory, const std::string& name);
+
+/// Whether `path` is `directory` or lies in it. Both are absolute, without links.
+bool isWithin(const std::filesystem::path& path, const std::filesystem::path& directory);
+
+/// What a file of this mode is instead of a regular file: "is a socket". Empty for a regular file.
+std::string whyNotAFile(mode_t mode);
+
+/// Throws the reason as a ToolError unless `path` is a directory.
+void requireDirectory(const std::string& path);
+
+} // namespace FileSystem
