@@ -4,7 +4,7 @@
 // installed.
 //
 // A block file contains one block. Its name and its directory follow from the digest of the block's
-// bytes (hash/ZebHashText.h, io/ZebBlockPlace.h). Its bytes:
+// bytes as they were added (hash/ZebHashText.h, io/ZebBlockPlace.h). Its bytes:
 //
 //   offset  bytes  what
 //        0      8  size of the plain block in bytes, signed
@@ -23,7 +23,8 @@
 //  - The reader ignores bytes after the payload.
 //  - The reader does not compare the size with the decompressed bytes, and reads a payload that
 //    does not decompress as an empty block.
-//  - A host that compresses a block itself chooses the level of its payload.
+//  - A block that the host compressed before adding it keeps its payload and level, and is named by
+//    the digest of the compressed bytes.
 
 #include <QByteArray>
 
@@ -40,7 +41,7 @@ constexpr int s_HeaderBytes = s_BlockSizeBytes + s_PayloadSizeBytes;
 /// The part of the payload before the zlib stream: the size of the plain block.
 constexpr int s_PlainSizeBytes = 4;
 
-/// The largest block in bytes: the capacity of a QByteArray.
+/// The largest block in bytes, 2 GiB less one: the limit that ZebDataBlock::maxBlockSize() names.
 constexpr qint64 s_MaxBlockBytes = 0x7FFFFFFF;
 
 /// The upper bound of zlib's expansion: plain bytes for each compressed byte.

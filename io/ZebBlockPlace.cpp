@@ -14,7 +14,7 @@ ZebBlockPlace ZebBlockPlace::of(const ZebBlockName& name, int roots, int buckets
     const int root = rootOf(leading, roots);
     ZebBlockPlace place;
     place.m_Root = root < 0 ? -1 : root;
-    place.m_Bucket = bucketOf(name.digest(), ZebBlockName::s_Bytes, buckets);
+    place.m_Bucket = static_cast<int>(bucketOf(name.digest(), ZebBlockName::s_Bytes, buckets));
     return place;
 }
 
@@ -26,14 +26,14 @@ int ZebBlockPlace::rootOf(const QChar* leading, int roots)
     return sum % roots;
 }
 
-int ZebBlockPlace::bucketOf(const unsigned char* digest, int digestBytes, int buckets)
+quint32 ZebBlockPlace::bucketOf(const unsigned char* digest, int digestBytes, int buckets)
 {
     quint32 firstWord = 0;
     std::memcpy(&firstWord, digest, qMin(sizeof firstWord, static_cast<size_t>(digestBytes)));
-    return static_cast<int>(firstWord % static_cast<quint32>(buckets));
+    return firstWord % static_cast<quint32>(buckets);
 }
 
-QString ZebBlockPlace::directory(const QString& root, const QString& subCache, int bucket)
+QString ZebBlockPlace::directory(const QString& root, const QString& subCache, quint32 bucket)
 {
     const QChar separator = QDir::separator();
     return root + separator + subCache + separator + QString::number(bucket) + separator;

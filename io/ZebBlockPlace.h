@@ -14,7 +14,8 @@ class ZebBlockName;
 /// Thread safety: every function uses its arguments only.
 struct ZebBlockPlace
 {
-    /// Index of the root; -1 when the name leads to none, and no store can write the block.
+    /// Index of the root; -1 when the name leads to none of that many roots. A store with them
+    /// cannot write the block.
     int m_Root = -1;
     int m_Bucket = 0;
 
@@ -33,10 +34,10 @@ struct ZebBlockPlace
 
     /// The first 32-bit word of the digest, unsigned and in the byte order of the machine, modulo
     /// `buckets`. Missing digest bytes count as 0.
-    static int bucketOf(const unsigned char* digest, int digestBytes, int buckets);
+    static quint32 bucketOf(const unsigned char* digest, int digestBytes, int buckets);
 
     /// Root, sub-cache and bucket, each followed by the native separator.
     /// Kept on purpose: an empty sub-cache leaves two adjacent separators. Messages and hosts see
     /// the path like that.
-    static QString directory(const QString& root, const QString& subCache, int bucket);
+    static QString directory(const QString& root, const QString& subCache, quint32 bucket);
 };

@@ -34,7 +34,8 @@ public:
     ZebDataBlockCompressionThread(QWaitCondition* condition, QMutex* mutex,
                                   QQueue<ZebDataBlockWriteRequest*>* queue, QObject* parent);
 
-    /// Ends the thread after its current request. Queued requests stay in the queue.
+    /// Ends the thread after its current request; a waiting worker may take one more. The other
+    /// requests stay in the queue.
     ~ZebDataBlockCompressionThread() override;
 
     /// Waits for requests and compresses them, until the worker is destroyed.

@@ -143,6 +143,8 @@ QFuture<ZebDataBlock*> ZebDataBlockReadThread::loadBlock(const ZebSmartPointer<Z
     int attempt = 0;
     while (!readFile(file, &size, &data)) {
         // The block may be queued or half written; after the flush its file is complete.
+        // Kept on purpose: flushes after the last attempt, too, so a failed load waits for the
+        // writers twice.
         ZebDataBlockManager::instance().flushWrite(hash);
         if (++attempt == s_Attempts) {
             ZebTdxMessage::debug(

@@ -45,8 +45,9 @@ public:
     void request(ZebDataHash* hash, ZebDataBlockManager::PreloadPriority priority);
 
     /// Reads the block's file and starts its decompression. When it cannot read the file, it
-    /// flushes the block's writes and retries once; then it returns a cancelled future, without a
-    /// result. A damaged payload gives an empty block. The caller must not hold the delete lock.
+    /// flushes the block's writes and retries once. When that fails, too, it flushes again and
+    /// returns a cancelled future, without a result. A damaged payload gives an empty block. The
+    /// caller must not hold the delete lock.
     ///
     /// @param makeLive whether the task hands the block to the manager; otherwise the caller owns
     ///        the result

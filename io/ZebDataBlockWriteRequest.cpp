@@ -109,8 +109,7 @@ int ZebDataBlockWriteRequest::write(QString* errorString)
     header.m_BlockBytes = m_Block->size();
     if (!writePiece(header.encode().data(), ZebBlockFile::s_BlockSizeBytes, &failure))
         return fail(failure, errorString);
-    // Kept on purpose: compresses with the file open, so a truncated file of 8 bytes is visible
-    // meanwhile.
+    // Kept on purpose: compresses with the file open, so an empty file is visible meanwhile.
     compress();
     const qint32 length = m_CompressedData.size();
     header.m_PayloadBytes = length;

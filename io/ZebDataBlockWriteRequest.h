@@ -61,7 +61,7 @@ public:
 
     /// Whether a complete file, that is one longer than its header, exists at the path; marks the
     /// block as cached then. A truncated file will be overwritten.
-    /// Kept on purpose: the spelling of the name, which hosts use.
+    /// Kept on purpose: the spelling of the name, which hosts may use.
     bool fileExits();
 
     /// Makes the payload, unless an earlier attempt did: compresses the block's bytes, or copies

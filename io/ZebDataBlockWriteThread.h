@@ -44,7 +44,7 @@ public:
     ZebDataBlockWriteThread(const QString& root, int bucketCount, QObject* parent);
     ~ZebDataBlockWriteThread() override;
 
-    /// Queues a block, unless it has a file already.
+    /// Queues a block, unless its file is known to exist (ZebDataBlock::cached()).
     ///
     /// @param deleteBlock whether the writer takes ownership; it then deletes the block in any case
     void writeBlock(ZebDataBlockManager::PreloadPriority priority,

@@ -18,8 +18,9 @@ public:
     void run() override;
 
     /// Moves the waiting write of this hash to the fences, adds a fence after it, and waits until
-    /// the writer has passed the fence. Sends no wake-up: an idle writer sees the fence when its
-    /// wait times out. A write that fails is queued after its fence and not waited for.
+    /// the writer has passed the fence. Kept on purpose: sends no wake-up, so an idle writer sees
+    /// the fence when its wait times out. A write that fails is queued after its fence and not
+    /// waited for.
     void flush(const ZebSmartPointer<ZebDataHash>& hash) override;
     void flush() override;
     void closeDown() override;

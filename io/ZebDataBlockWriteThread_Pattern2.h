@@ -43,8 +43,9 @@ public:
     void run() override;
 
     /// Moves the waiting write of this hash to the fences, adds a fence after it, and waits until
-    /// every block that left the list before the fence is written. Sends no wake-up: an idle writer
-    /// sees the fence when its wait times out. Waits indefinitely while the disk fails.
+    /// every block that left the list before the fence is written. Kept on purpose: sends no
+    /// wake-up, so an idle writer sees the fence when its wait times out. Waits indefinitely while
+    /// the disk fails.
     void flush(const ZebSmartPointer<ZebDataHash>& hash) override;
     void flush() override;
     void closeDown() override;

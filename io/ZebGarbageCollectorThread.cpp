@@ -66,7 +66,8 @@ void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* r
     if (isGateClosed())
         return;
     if (!manager.garbageCollectingThreadStarted()) {
-        // Kept on purpose: the size is 0 while the collection is disabled, whatever files exist.
+        // Kept on purpose: a pass that is due while the collection is disabled counts 0 bytes,
+        // whatever files exist.
         m_CacheSize.store(0, std::memory_order_relaxed);
         return;
     }

@@ -17,8 +17,8 @@
 /// orphaned files, whose hash no reference holds, and sums up the sizes of the others. The thread
 /// polls ten times a second; collect() makes a pass on the calling thread.
 ///
-/// The name alone identifies a block file: sixteen numbers joined by "-". A pass neither removes
-/// nor counts unexpected and hidden files.
+/// The name alone identifies a block file: it has 15 "-", whatever stands between them. A pass
+/// neither removes nor counts files of other names, nor hidden ones.
 ///
 /// A pass never fails: a directory that cannot be read counts as empty, and the next pass retries a
 /// file that cannot be removed.

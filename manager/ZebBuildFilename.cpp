@@ -12,7 +12,7 @@ bool ZebBuildFilename(const ZebDataHash* hash, const QString& root, const QStrin
         return false;
     }
     fileName = hash->toString();
-    const int bucket = ZebBlockPlace::bucketOf(hash->data(), hash->size(), bucketCount);
+    const quint32 bucket = ZebBlockPlace::bucketOf(hash->data(), hash->size(), bucketCount);
     directory = ZebBlockPlace::directory(root, subCache, bucket);
     return true;
 }

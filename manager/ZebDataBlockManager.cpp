@@ -51,7 +51,7 @@ void waitForGlobalPool()
         QThreadPool::globalInstance()->waitForDone(-1);
 }
 
-// Kept on purpose: the misspelt and uneven lines, which hosts match.
+// Kept on purpose: the misspelt and uneven lines, which hosts may match.
 void warnOfMissingVirtualMemory()
 {
     static const char* const lines[] = {

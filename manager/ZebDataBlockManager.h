@@ -98,9 +98,10 @@ public:
     bool setup(const QStringList& cacheRoots, qint64 maxDataCacheSize = -1, int numBuckets = 10,
                int compressionThreads = 0);
 
-    /// Ends the disk threads, deletes every resident block and resets what setup() has set; files
-    /// stay. Does nothing when the store is not set up. Waits for the disk threads and for Qt's
-    /// global pool, so the caller must not hold the delete lock.
+    /// Ends the disk threads, deletes every resident block and resets roots, buckets, sub-cache and
+    /// the limit of resident bytes, to 0; files stay. Does nothing when the store is not set up.
+    /// Waits for the disk threads and for Qt's global pool, so the caller must not hold the delete
+    /// lock.
     ///
     /// @param processEvents whether to process the application's pending events before the last
     ///        wait
@@ -210,7 +211,7 @@ public:
     /// member alive, so this is the cheap way to list a group.
     void extractGroupBlock(const ZebDataReference& group, QSet<QString>& hashes);
 
-    /// Kept on purpose: does nothing, since no cache of groups exists; hosts still call it.
+    /// Kept on purpose: does nothing, since no cache of groups exists; a host may still call it.
     void clearGroupCache();
 
     // Memory
@@ -239,7 +240,8 @@ public:
     /// Waits until the queues of the disk threads have drained, for blocks admitted before the
     /// call. Does not return while a disk keeps failing.
     ///
-    /// @param writeUnwritten whether to queue every resident block without a file first
+    /// @param writeUnwritten whether to queue, after a first wait, each cached resident block that
+    ///        has neither a file nor a write in flight, and to wait for those, too
     /// @param threads which kinds of threads to wait for; collectors are never waited for
     void flush(bool writeUnwritten = false, ThreadType threads = AllThreads)
         ZEBTDX_EXCLUDES(ZebDeleteLock);
@@ -307,8 +309,8 @@ public:
         /// Once, after the last root.
         virtual void finish() = 0;
 
-        /// Once for each directory visited. `value` is their number so far, over all roots, and
-        /// exceeds the total, so a progress bar must clip it; `text` is empty.
+        /// Once for each directory visited. `value` is their number so far, over all roots; it can
+        /// exceed the total, so a progress bar must clip it. `text` is empty.
         virtual void update(int value, const QString& text) = 0;
     };
 
@@ -364,7 +366,8 @@ public:
     void validateState();
 
 public Q_SLOTS:
-    /// Whether eviction has left no evictable block resident. Takes no lock.
+    /// Set when an eviction with writing leaves no evictable block; cleared when an accessor ends,
+    /// or when there are more than 16 evictable blocks. Takes no lock.
     bool allFreeBlocksFlushed();
 
     /// Sets the flag and signals a change. Takes no lock.
@@ -377,7 +380,9 @@ Q_SIGNALS:
     /// connection.
     void allFreeBlocksFlushedChanged(bool flushed);
 
-    /// A writer could not write a block file; it will retry. Emitted on the writer's thread.
+    /// A writer could not write a block file; it will retry. Queued from the writer to the thread
+    /// that owns the manager (the first caller of instance()), which needs an event loop. No lock
+    /// is held.
     void writeError(QString message);
 
     /// The size of the disk cache in bytes has changed. Emitted on the collectors' threads with the

@@ -37,6 +37,7 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
 {
     ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
+    // Kept on purpose: *Me stands for the block and *Ptr for the hash.
     if (block == nullptr)
         ZebTdxMessage::fatal(QStringLiteral("Null Value Passed For *Me"));
     if (hash == nullptr)
@@ -58,7 +59,7 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
         // Kept on purpose: unreachable after the first check, and so is its message.
         ZebTdxMessage::fatal(QStringLiteral("Null Ptr"));
     }
-    // insert() may throw; until then nothing has changed.
+    // Inserted first, since that may throw: m_LiveBytes and the LRU change afterwards.
     m_HashToBlockMap.insert(hash, block);
     static_cast<void>(owned.release());
     m_LiveBytes.fetch_add(block->size(), std::memory_order_relaxed);

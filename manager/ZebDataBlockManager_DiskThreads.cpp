@@ -36,7 +36,7 @@ void ZebDataBlockManager::startIoThreads(const QString& root, int compressionThr
     auto* const reader =
         new ZebDataBlockReadThread(root, numBuckets(), s_MaxLowPriorityRequests, this);
     auto* const collector = new ZebGarbageCollectorThread(root, numBuckets(), this);
-    // Connected before the thread starts, or its first signal could be lost.
+    // Before the thread starts: connecting a signal that another thread may emit races inside Qt.
     connect(writer, &ZebDataBlockWriteThread::writeError, this, &ZebDataBlockManager::writeError,
             Qt::AutoConnection);
     writer->start(QThread::InheritPriority);

@@ -32,7 +32,8 @@ constexpr quint64 s_HelpMeOutBytes = 1099511627776;
 // atomics, written by any admitting thread; a stale value costs a measurement too many or too few.
 namespace ProcessWide {
 
-// The low 32 bits of the sum of all bytes requested.
+// The low 32 bits of the sum of all bytes requested; set to s_MeasureNextBytes to force a
+// measurement.
 std::atomic<qint32> s_RequestedBytes{0};
 
 // The free physical memory in bytes, as last measured; first measured at first use.
@@ -62,6 +63,7 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
     std::atomic<quint64>& measured = ProcessWide::freePhysicalMemory();
     const bool measure = countRequest(size);
     const auto target = static_cast<quint64>(targetFreeMemorySize());
+    // Kept on purpose: this check allows the whole limit, the loop of evict() 90 percent of it.
     if (!measure &&
         static_cast<quint64>(liveBytes()) + size < static_cast<quint64>(maxDataCacheSize()) &&
         measured.load(std::memory_order_relaxed) > target + size) {
@@ -78,6 +80,8 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
                        std::memory_order_relaxed);
     const int freed = evict(size, measured.load(std::memory_order_relaxed), write);
     if (freed > 0) {
+        // Kept on purpose: the next request measures and takes the slow path again, so a full
+        // store stays at 90 percent and evicts at each admission.
         ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, std::memory_order_relaxed);
         if (write && m_Lru.count() == 0)
             setAllFreeBlocksFlushed(true);

@@ -86,7 +86,7 @@ void ZebDataBlockManager::collectGarbage(ProgressReporter* reporter)
     requireInitialized();
     if (reporter != nullptr) {
         // Kept on purpose: the total omits the sub-cache directories, which the passes count, so
-        // the value exceeds it by one for each root.
+        // the value exceeds it by one for each root whose buckets all exist.
         reporter->start(tr("Garbage Collecting"), m_GarbageCollectors.size() * numBuckets());
     }
     int count = 0;

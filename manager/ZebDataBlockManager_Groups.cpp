@@ -118,5 +118,5 @@ void ZebDataBlockManager::extractGroupBlock(const ZebDataReference& group, QSet<
 
 void ZebDataBlockManager::clearGroupCache()
 {
-    // Kept on purpose: no cache of groups exists, but hosts still call this.
+    // Kept on purpose: no cache of groups exists, but a host may call this.
 }

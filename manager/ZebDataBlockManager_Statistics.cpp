@@ -12,7 +12,7 @@
 
 namespace {
 
-// Kept on purpose: references to jobs are not counted; hosts expect the line all the same.
+// Kept on purpose: references to jobs are not counted; hosts may expect the line all the same.
 constexpr int s_BlockFuturePointers = -1;
 
 QString megabytes(qint64 bytes)
@@ -50,7 +50,7 @@ qint64 ZebDataBlockManager::managedBlocks() const
 void ZebDataBlockManager::dumpStats()
 {
     const ZebTdxMutexLocker locker(&deleteMutex());
-    // Kept on purpose: "existant", since hosts parse these lines.
+    // Kept on purpose: "existant", since hosts may parse these lines.
     ZebTdxMessage::debug(QStringLiteral("==== ZebTdx Block Stats ===="));
     ZebTdxMessage::debug(QStringLiteral("Max Cache Size ") + megabytes(maxDataCacheSize()));
     printCount("Number of managed blocks ", m_HashToBlockMap.size());
@@ -66,7 +66,7 @@ void ZebDataBlockManager::dumpStats()
                 .arg(m_CacheRoots.at(i), megabytes(m_ReadThreads.at(i)->bytesRead())));
     }
     for (int i = 0; i < m_WriteThreads.size(); ++i) {
-        // Kept on purpose: the two blanks, since hosts parse these lines.
+        // Kept on purpose: the two blanks, since hosts may parse these lines.
         ZebTdxMessage::debug(
             QStringLiteral("Written  %1 %2")
                 .arg(m_CacheRoots.at(i), megabytes(m_WriteThreads.at(i)->bytesWritten())));
@@ -86,7 +86,7 @@ void ZebDataBlockManager::snapshot(QList<ZebDataReference>& references) const
 {
     const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
-    // Destroyed with the delete lock held, since each may be the last reference to its hash.
+    // Destroyed with the delete lock held: after an exception each may be the last reference.
     QList<ZebSmartPointer<ZebDataHash>> hashes;
     ZebHashManager::instance().snapshot(hashes);
     for (const ZebSmartPointer<ZebDataHash>& hash : qAsConst(hashes))

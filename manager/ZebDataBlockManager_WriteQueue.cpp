@@ -46,6 +46,7 @@ bool ZebDataBlockManager::queueWrite(ZebDataHash* hash, ZebDataBlock* block, boo
 bool ZebDataBlockManager::handOffToWriter(ZebDataHash* hash, ZebDataBlock* block,
                                           ZebTdxMutexLocker& locker)
 {
+    // A block with a write in flight went through queueWrite(), so its hash leads to a root.
     if (m_BlocksBeingWritten.contains(block)) {
         m_BlocksToFreeAfterWriting.insert(block);
         return true;

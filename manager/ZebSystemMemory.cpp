@@ -11,7 +11,7 @@ constexpr qint64 s_GuessedPhysicalBytes = 0x200000000;
 constexpr qint64 s_GuessedSwapBytes = 1;
 constexpr qint64 s_FreeDivisor = 5;
 
-// Kept on purpose: the file name and the line numbers below are fixed, since hosts identify the
+// Kept on purpose: the file name and the line numbers below are fixed, since hosts may identify the
 // failed probe by them.
 void reportFailure(int line, const char* words)
 {

@@ -14,7 +14,6 @@
 #include <QThread>
 
 #include <array>
-#include <limits>
 
 using ZebByteUnits::s_BytesPerMiB;
 using ZebSelfCheck::failure;
@@ -174,20 +173,6 @@ void clearReferencesBetweenPasses()
         manager.startGarbageCollection();
 }
 
-// How many files are left once the collectors have had their time. On a busy machine a pass may
-// still be removing files then, so this waits again for as long as there are fewer files each time.
-int filesAfterCollection(const QStringList& roots)
-{
-    int before = 0;
-    int left = std::numeric_limits<int>::max();
-    do {
-        before = left;
-        QThread::msleep(s_CollectMs);
-        left = ZebSelfCheckStore::blockFiles(roots).size();
-    } while (left != 0 && left < before);
-    return left;
-}
-
 bool collectionWorks(const QStringList& roots)
 {
     if (!registryFollowsReferences())
@@ -197,7 +182,8 @@ bool collectionWorks(const QStringList& roots)
     if (!filesAreLive(roots))
         return false;
     clearReferencesBetweenPasses();
-    const int left = filesAfterCollection(roots);
+    QThread::msleep(s_CollectMs);
+    const int left = ZebSelfCheckStore::blockFiles(roots).size();
     if (left != 0)
         return failure("There should be no cache files, but there are %d files", left);
     return true;
