@@ -122,7 +122,8 @@ void asyncAdd(benchmark::State& state)
             }
         }
     }
-    const auto perThread = static_cast<double>(s_BytesPerThread / size);
+    const qint64 blocksPerThread = s_BytesPerThread / size;
+    const auto perThread = static_cast<double>(blocksPerThread);
     state.counters["immediate_us"] = immediate.median() / perThread * s_UsPerSecond;
     state.counters["async_us"] = async.median() / perThread * s_UsPerSecond;
     state.counters["call_us"] = calls.median() / perThread * s_UsPerSecond;

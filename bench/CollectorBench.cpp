@@ -104,7 +104,7 @@ void passOverLive(benchmark::State& state)
     const Hashes hashes = SampleBlocks::hashes(1, count);
     if (!tree.makeFiles(hashes))
         state.SkipWithError("cannot create a file");
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         state.SetIterationTime(tree.pass());
     if (tree.files() != count)
         state.SkipWithError("a live file was removed");
@@ -116,7 +116,7 @@ void passOverDead(benchmark::State& state)
 {
     const int count = static_cast<int>(state.range(0));
     Tree tree;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         if (!tree.makeFiles(SampleBlocks::hashes(1, count))) {
             state.SkipWithError("cannot create a file");
             break;
@@ -132,7 +132,7 @@ void pollWithoutWork(benchmark::State& state)
 {
     Tree tree;
     tree.pass();
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         tree.poll();
 }
 

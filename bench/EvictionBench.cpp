@@ -44,7 +44,7 @@ ZebDataBlockManager& manager()
 class Store
 {
 public:
-    explicit Store(qint64 limit) : m_FreeMemory(), m_Store(limit, s_Buckets) {}
+    explicit Store(qint64 limit) : m_Store(limit, s_Buckets) {}
 
 private:
     // Restores the target after the store is cleaned up.
@@ -86,7 +86,7 @@ private:
 qint64 heapInUse()
 {
     const struct mallinfo2 info = ::mallinfo2();
-    return static_cast<qint64>(info.uordblks + info.hblkhd);
+    return static_cast<qint64>(info.uordblks) + static_cast<qint64>(info.hblkhd);
 }
 
 // Touches the heap before anything is measured: on a virtual machine, the first touch of a page can
@@ -120,7 +120,7 @@ void admissionWithEviction(benchmark::State& state)
     for (std::size_t i = 0; i < references.size(); ++i)
         admit();
     BenchStore::waitForWriters();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         admit();
         if (manager().isWriteThreadsFull()) {
             state.PauseTiming();
@@ -141,7 +141,7 @@ void admissionWithoutEviction(benchmark::State& state)
     const Store store(4 * s_Limit);
     DistinctBlocks blocks(size);
     std::vector<ZebDataReference> references;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         references.push_back(BenchStore::add(blocks.next()));
         if (manager().liveBytes() > 2 * s_Limit) {
             state.PauseTiming();
@@ -156,7 +156,7 @@ void admissionWithoutEviction(benchmark::State& state)
 // A full store pays this once per admission, because after an eviction the next request measures.
 void measureFreeMemory(benchmark::State& state)
 {
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(ZebGetFreePhysicalMemoryBytes());
 }
 
@@ -167,7 +167,7 @@ void admissionWithManyResident(benchmark::State& state)
     const qint64 count = state.range(0);
     const qint64 perTenth = count / s_Tenths;
     touchHeap(count * (s_SmallBlock + s_MostOverhead));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const Store store(2 * count * s_SmallBlock + s_Limit);
         DistinctBlocks blocks(s_SmallBlock);
         std::vector<ZebDataReference> references(static_cast<std::size_t>(perTenth * s_Tenths));

@@ -72,7 +72,7 @@ void toString(benchmark::State& state)
 {
     const std::vector<ZebDataHash> hashes = someHashes();
     size_t next = 0;
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(hashes[next++ % s_Variety].toString());
 }
 
@@ -82,7 +82,7 @@ void toStringByTextStream(benchmark::State& state)
     if (streamedText(hashes[0].data()) != hashes[0].toString())
         state.SkipWithError("the two conversions differ");
     size_t next = 0;
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(streamedText(hashes[next++ % s_Variety].data()));
 }
 
@@ -91,7 +91,7 @@ void fromString(benchmark::State& state)
     const std::vector<QString> texts = someTexts();
     ZebDataHash hash;
     size_t next = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         hash.fromString(texts[next++ % s_Variety]);
         benchmark::DoNotOptimize(hash.data());
     }
@@ -105,7 +105,7 @@ void fromStringBySplit(benchmark::State& state)
         QByteArray(reinterpret_cast<const char*>(hash.data()), s_DigestBytes))
         state.SkipWithError("the two conversions differ");
     size_t next = 0;
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(splitDigest(texts[next++ % s_Variety]));
 }
 
@@ -115,7 +115,7 @@ void getHashHit(benchmark::State& state)
     ZebHashManager& registry = ZebHashManager::instance();
     const QByteArray bytes(static_cast<int>(state.range(0)), 'h');
     const Pointer held = registry.getHash(bytes);
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.getHash(bytes).data());
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
 }
@@ -125,7 +125,7 @@ void getHashMiss(benchmark::State& state)
 {
     ZebHashManager& registry = ZebHashManager::instance();
     const QByteArray bytes(static_cast<int>(state.range(0)), 'm');
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.getHash(bytes).data());
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
 }
@@ -135,10 +135,11 @@ void getHashHitByText(benchmark::State& state)
     ZebHashManager& registry = ZebHashManager::instance();
     const std::vector<QString> texts = someTexts();
     std::vector<Pointer> held;
+    held.reserve(texts.size());
     for (const QString& text : texts)
         held.push_back(registry.getHash(text));
     size_t next = 0;
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.getHash(texts[next++ % s_Variety]).data());
 }
 
@@ -147,7 +148,7 @@ void getHashMissByText(benchmark::State& state)
     ZebHashManager& registry = ZebHashManager::instance();
     const std::vector<QString> texts = someTexts();
     size_t next = 0;
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.getHash(texts[next++ % s_Variety]).data());
 }
 
@@ -160,7 +161,7 @@ void isHashLive(benchmark::State& state)
     for (size_t i = 0; i < s_Variety; i += 2)
         held.push_back(registry.getHash(texts[i]));
     size_t next = 0;
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.isHashLive(texts[next++ % s_Variety]));
 }
 
@@ -169,7 +170,8 @@ void copyPointer(benchmark::State& state)
 {
     const Pointer held = ZebHashManager::instance().getHash(
         "held by thread " + QByteArray::number(state.thread_index()));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it is what is measured.
         const Pointer copy(held);
         benchmark::DoNotOptimize(copy.data());
     }
@@ -178,7 +180,8 @@ void copyPointer(benchmark::State& state)
 void copySharedPointer(benchmark::State& state)
 {
     const Pointer held = ZebHashManager::instance().getHash(QByteArray("held by all"));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it is what is measured.
         const Pointer copy(held);
         benchmark::DoNotOptimize(copy.data());
     }

@@ -50,6 +50,7 @@ void digestTogether(benchmark::State& state)
     const std::vector<std::vector<unsigned char>> bytes =
         sampleBlobs(count, static_cast<std::size_t>(state.range(2)));
     std::vector<SkeinBatch::Content> contents;
+    contents.reserve(count);
     for (const std::vector<unsigned char>& each : bytes)
         contents.push_back({each.data(), each.size()});
     unsigned char digest[EVP_MAX_MD_SIZE] = {};

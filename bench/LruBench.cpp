@@ -49,8 +49,7 @@ void addAndRemove(benchmark::State& state)
     ZebDataBlockLru lru;
     fill(lru, count);
     quintptr next = static_cast<quintptr>(count);
-    for (auto iteration : state) {
-        (void)iteration;
+    for ([[maybe_unused]] auto _ : state) {
         ZebDataHash* const fresh = key(next++);
         lru.add(fresh);
         const QWriteLocker locker(&lru.lock());
@@ -68,8 +67,7 @@ void forAnyKey(benchmark::State& state, Operation operation)
     fill(lru, count);
     const std::vector<ZebDataHash*> keys = shuffledKeys(count);
     size_t next = 0;
-    for (auto iteration : state) {
-        (void)iteration;
+    for ([[maybe_unused]] auto _ : state) {
         operation(lru, keys[next]);
         next = next + 1 == keys.size() ? 0 : next + 1;
     }

@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <ctime>
 #include <vector>
-
-#include <time.h>
 
 /// The times of one implementation, round after round, for comparison with another implementation
 /// in the same rounds.
