@@ -82,9 +82,6 @@ FORBIDDEN_TEXT = (
     (re.compile(r"(?<![\w.})-])/(?:wor[k](?:space)?|build[s])/"), "a path of a checkout"),
 )
 
-# Folders whose phrases are checked even when no folder is named.
-PHRASE_FOLDERS = (".ci", "cmake", "docs", "io", "manager", "selfcheck", "tools", "")
-
 LEFT_OVER_NOTE = re.compile(r"\b(TO" r"DO|FIX" r"ME|XX" r"X|HA" r"CK)\b")
 WAIVER = re.compile(r"^\s*// style: long function(?:, (?P<reason>\S.*))?$")
 
@@ -454,12 +451,10 @@ def is_in(path, folders):
     return any(f"{path}/".startswith(f"{folder}/") for folder in folders)
 
 
-def findings(tree, folders=()):
+def findings(tree):
     for path in sorted(tree.files):
         file = tree.files[path]
         rules = list(TEXT_RULES.values())
-        if file.folder not in PHRASE_FOLDERS and not is_in(path, folders):
-            rules.remove(check_phrases)
         if file.is_code:
             rules += CODE_RULES.values()
         for rule in rules:
@@ -503,7 +498,7 @@ def check(root, output, folders=()):
         print(f"{root}: no code there, so nothing is checked", file=output)
         return 2
     count = 0
-    for path, line, message in findings(tree, folders):
+    for path, line, message in findings(tree):
         if folders and not is_in(path, folders):
             continue
         print(f"{path}:{line}: {message}", file=output)
