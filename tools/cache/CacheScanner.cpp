@@ -78,12 +78,10 @@ void CacheScanner::scanBuckets(const std::string& directory, const std::string& 
         const std::string path = FileSystem::joined(directory, entry.m_Name);
         const std::optional<int> bucket = bucketNumber(entry.m_Name);
         const bool isUnnamed = subCache.empty();
-        if (!isDirectory(path))
+        if (!isDirectory(path) || (!bucket && !isUnnamed))
             visit(directory, subCache, s_NoBucket, entry.m_Name);
         else if (bucket)
             scanBucket(path, subCache, *bucket);
-        else if (!isUnnamed)
-            visit(directory, subCache, s_NoBucket, entry.m_Name);
         // Sub-caches lie next to the buckets of the unnamed one.
         else if (m_All)
             scanBuckets(path, entry.m_Name);

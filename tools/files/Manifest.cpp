@@ -102,7 +102,7 @@ void parseHead(const QJsonObject& head, Manifest& manifest)
     if (head[QStringLiteral("version")].toInt() != s_Version)
         throw ToolError("is a manifest of a version that this program cannot read");
     StorePlace& place = manifest.m_Place;
-    for (const QJsonValue& value : head[QStringLiteral("roots")].toArray())
+    for (const QJsonValue value : head[QStringLiteral("roots")].toArray())
         place.m_Roots.push_back(getBytes(value.toObject(), QStringLiteral("path")));
     if (place.m_Roots.empty())
         throw ToolError("has no cache roots");
