@@ -60,9 +60,7 @@ set(ZEBTDX_SOURCES
   data/ZebResultCache.cpp
   data/ZebThreadPoolManager.cpp
   io/ZebBlockFile.cpp
-  io/ZebBlockFileChecker.cpp
   io/ZebBlockFilePath.cpp
-  io/ZebBlockInflater.cpp
   io/ZebBlockPlace.cpp
   io/ZebDataBlockCompressionThread.cpp
   io/ZebDataBlockReadThread.cpp
@@ -70,9 +68,7 @@ set(ZEBTDX_SOURCES
   io/ZebDataBlockWriteThread.cpp
   io/ZebDataBlockWriteThread_Pattern1.cpp
   io/ZebDataBlockWriteThread_Pattern2.cpp
-  io/ZebFileReader.cpp
   io/ZebGarbageCollectorThread.cpp
-  io/ZebMemoryBudget.cpp
   manager/ZebBuildFilename.cpp
   manager/ZebDataBlockLru.cpp
   manager/ZebDataBlockManager.cpp
@@ -137,8 +133,7 @@ set_target_properties(ZebTdxObjects PROPERTIES
 target_compile_definitions(ZebTdxObjects PRIVATE ZebTdx_EXPORTS)
 target_include_directories(ZebTdxObjects PUBLIC ${zebtdx_build_includes})
 # Images are the self-check's alone, and no header of a host's names them.
-target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent
-  PRIVATE Qt5::Gui ZLIB::ZLIB)
+target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
 zebtdx_compile_options(ZebTdxObjects)
 if(ZEBTDX_CHECK_LOCKS)
   zebtdx_check_locks(ZebTdxObjects)
@@ -158,13 +153,19 @@ foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
   target_include_directories(ZebTdx PUBLIC
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZebTdx/${subsystem}>)
 endforeach()
-target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent
-  PRIVATE Qt5::Gui ZLIB::ZLIB)
+target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
 target_compile_features(ZebTdx PUBLIC cxx_std_17)
 zebtdx_compile_options(ZebTdx)
 
 if(ZEBTDX_BUILD_TESTS OR ZEBTDX_BUILD_TOOLS)
-  add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>)
+  # The check of a block file decompresses piece by piece, with zlib itself. No operation of the
+  # store needs it, so a host's library does not depend on zlib.
+  find_package(ZLIB REQUIRED)
+  add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>
+    io/ZebBlockFileChecker.cpp
+    io/ZebBlockInflater.cpp
+    io/ZebFileReader.cpp
+    io/ZebMemoryBudget.cpp)
   target_include_directories(ZebTdxTwin PUBLIC ${zebtdx_build_includes})
   target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent Qt5::Gui ZLIB::ZLIB)
   set_target_properties(ZebTdxTwin PROPERTIES LINKER_LANGUAGE CXX)

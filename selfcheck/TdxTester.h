@@ -85,7 +85,7 @@ public:
     bool testDataBlockManagerBasic();
     bool testDataBlockManagerSingleThread();
 
-    /// Kept on purpose: switches tdxLog() on, and nothing switches it off again.
+    /// Kept on purpose: switches tdxLog() on, and no later check of the run switches it off.
     bool testDataBlockManagerMultiThread(int megabytes);
     bool testDataBlockManagerDataStress();
     bool testThreadedIo();

@@ -129,7 +129,7 @@ bool TdxTester::testDataBlockManagerMultiThread(int megabytes)
     const QStringList roots = ZebSelfCheckStore::rootsIn(m_TestDataDirectory, s_Roots);
     line("Clearing Previous Caches");
     ZebSelfCheckStore store(roots, megabytes * s_BytesPerMiB, s_Buckets);
-    // Kept on purpose: it is never switched off again.
+    // Kept on purpose: no later check of the run switches it off.
     m_Logging.store(true, std::memory_order_relaxed);
     ZebDataBlockManager::instance().startGarbageCollection();
     runRounds(megabytes);

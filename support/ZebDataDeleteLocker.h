@@ -3,8 +3,8 @@
 #include "support/ZebTdxExport.h"
 #include "support/ZebThreadSafety.h"
 
-/// Holds the block manager's delete lock for the length of a scope. Meanwhile no block is evicted
-/// by another thread, and the tables of blocks do not change.
+/// Holds the block manager's delete lock for the length of a scope. Meanwhile no other thread
+/// evicts a block or changes the tables of blocks.
 ///
 /// Locks: level 1 of the lock order, the outermost lock, which is recursive. The holder must not
 /// wait for a hashing job or for a disk thread, so it must not call an operation that does:

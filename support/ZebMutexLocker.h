@@ -17,7 +17,7 @@ public:
     explicit ZebMutexLocker(QMutex* lock) ZEBTDX_ACQUIRE(lock) : QMutexLocker(lock) {}
     ~ZebMutexLocker() ZEBTDX_RELEASE() = default;
 
-    /// Gives the lock back before the end of the scope.
+    /// Releases the lock before the end of the scope.
     void unlock() ZEBTDX_RELEASE() { QMutexLocker::unlock(); }
 
     /// Takes the lock again.

@@ -17,7 +17,7 @@ public:
     explicit ZebReadLocker(QReadWriteLock* lock) ZEBTDX_ACQUIRE_SHARED(lock) : QReadLocker(lock) {}
     ~ZebReadLocker() ZEBTDX_RELEASE() = default;
 
-    /// Gives the lock back before the end of the scope.
+    /// Releases the lock before the end of the scope.
     void unlock() ZEBTDX_RELEASE() { QReadLocker::unlock(); }
 
 private:

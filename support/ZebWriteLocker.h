@@ -17,7 +17,7 @@ public:
     explicit ZebWriteLocker(QReadWriteLock* lock) ZEBTDX_ACQUIRE(lock) : QWriteLocker(lock) {}
     ~ZebWriteLocker() ZEBTDX_RELEASE() = default;
 
-    /// Gives the lock back before the end of the scope.
+    /// Releases the lock before the end of the scope.
     void unlock() ZEBTDX_RELEASE() { QWriteLocker::unlock(); }
 
     /// Takes the lock again.
