@@ -148,9 +148,13 @@ int runTool(int argc, char** argv)
 } // namespace
 
 int main(int argc, char** argv)
-{
+try {
     // The tool's arguments are not Qt's.
     int qtArgumentCount = 1;
     const QCoreApplication application(qtArgumentCount, argv);
     return runTool(argc, argv);
+} catch (const std::exception& error) {
+    // Not even the options could be built.
+    std::cerr << "zebtdx: " << error.what() << '\n';
+    return ExitCode::Failed;
 }

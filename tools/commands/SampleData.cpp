@@ -150,7 +150,7 @@ QString SampleData::write(const QString& directory, int parts)
         if (!QDir().mkpath(directory + QLatin1String(name)))
             return directory + QLatin1String(name);
     }
-    const QString corpus = directory + QStringLiteral("/Data.txt");
+    QString corpus = directory + QStringLiteral("/Data.txt");
     if ((parts & Text) != 0 && !writeText(corpus))
         return corpus;
     QVector<Sample> samples;
