@@ -390,6 +390,26 @@ TEST(IngestProgram, WithoutAPlaceForTheStoreNothingIsDone)
     EXPECT_EQ(runShell("ls", tree.top()).m_Output, "f\n");
 }
 
+TEST(IngestProgram, ADiskThatAcceptsNoWritesEndsTheCommand)
+{
+    const TemporaryTree tree;
+    tree.file("f", "abc");
+    tree.directory("cache");
+    tree.directory("cache/main");
+    // The only bucket cannot be created while a file has its name.
+    tree.file("cache/main/0", "");
+    const Outcome outcome = runTool(
+        {"ingest", "f", "--root", "cache", "--buckets", "1", "--manifest", "m"}, tree.top());
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_EQ(outcome.m_Output, "") << "no summary of blocks that are not written";
+    EXPECT_EQ(outcome.errorLines(), 2) << outcome.m_Errors;
+    EXPECT_THAT(outcome.m_Errors,
+                AllOf(HasSubstr("; retrying\nzebtdx: writes to the disk cache keep failing; "
+                                "giving up, "),
+                      HasSubstr("make room on the disk and start again\n")));
+    EXPECT_EQ(runShell("ls", tree.top()).m_Output, "cache\nf\n") << "no manifest";
+}
+
 TEST(IngestProgram, CacheAndManifestAreInTheWorkingDirectoryByDefault)
 {
     const TemporaryTree tree;

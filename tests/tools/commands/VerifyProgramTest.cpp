@@ -202,6 +202,17 @@ TEST_F(VerifyProgram, ACacheThatACrashDamagedHeals)
     EXPECT_EQ(after.number("truncated"), 0);
 }
 
+TEST_F(VerifyProgram, BlocksAboveTheLimitAreReportedAndNotMoved)
+{
+    // Every block is larger, so none can be checked, and all may be sound.
+    const Outcome outcome = onCache({"repair", "--apply", "--largest", "100", "--json"});
+    EXPECT_EQ(outcome.m_Status, 1) << outcome.m_Errors;
+    EXPECT_EQ(outcome.number("damaged_too_large"), 42 + 2);
+    EXPECT_EQ(outcome.number("moved"), 0);
+    EXPECT_TRUE(restores());
+    EXPECT_EQ(onCache({"repair", "--largest", "4K"}).m_Status, 0);
+}
+
 TEST_F(VerifyProgram, AQuarantineInARootIsRefused)
 {
     flip(m_Blocks[0]);
