@@ -5,6 +5,7 @@
 #include "io/ZebMemoryBudget.h"
 
 #include "support/BlockBytes.h"
+#include "support/ResourceLimit.h"
 #include "support/TemporaryTree.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <string>
@@ -20,12 +22,14 @@
 #include <vector>
 
 #include <sys/resource.h>
+#include <unistd.h>
 #include <zlib.h>
 
 namespace {
 
 constexpr qint64 s_MiB = 1024LL * 1024;
 constexpr qint64 s_Largest = 64 * s_MiB;
+constexpr qint64 s_Large = 32 * s_MiB;
 
 class ZebBlockFileCheckerTest : public ::testing::Test
 {
@@ -82,6 +86,35 @@ qint64 peakBytes()
     rusage usage = {};
     EXPECT_EQ(::getrusage(RUSAGE_SELF, &usage), 0);
     return usage.ru_maxrss * 1024LL;
+}
+
+// The address space of the process, in bytes.
+qint64 addressSpaceBytes()
+{
+    std::ifstream stream("/proc/self/statm");
+    qint64 pages = 0;
+    stream >> pages;
+    EXPECT_GT(pages, 0);
+    return pages * ::sysconf(_SC_PAGESIZE);
+}
+
+// A limit of the address space that a large block does not fit in, but small objects do.
+rlim_t limitBelowALargeBlock()
+{
+    return static_cast<rlim_t>(addressSpaceBytes() + s_Large / 4);
+}
+
+// Whether the memory of this process can be limited: a sanitizer takes terabytes of addresses.
+constexpr bool isMemoryLimitable()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return false;
+#elif defined(__has_feature)
+    return !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer) &&
+           !__has_feature(memory_sanitizer);
+#else
+    return true;
+#endif
 }
 
 } // namespace
@@ -327,4 +360,59 @@ TEST_F(ZebBlockFileCheckerTest, ThreadsShareABudgetOfOneBlock)
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(sound.load(), 4 * 50);
+}
+
+TEST_F(ZebBlockFileCheckerTest, ABlockWithoutMemoryIsNotCheckedAndTheNextOneIs)
+{
+    if (!isMemoryLimitable())
+        GTEST_SKIP() << "memory cannot be limited in this build";
+    const QByteArray large(static_cast<int>(s_Large), 'x');
+    const ZebBlockName largeName = parsedNameOf(large);
+    const ZebBlockName name = parsedNameOf(m_Content);
+    m_Tree.file("large", blockFileOf(large));
+    m_Tree.file("block", m_Good);
+    // A share that is not given back would stop the next check of the large block.
+    ZebMemoryBudget budget(s_Large);
+    ZebBlockFileChecker checker({false, s_Large, s_MiB}, budget);
+    ZebBlockVerdict without;
+    ZebBlockVerdict small;
+    {
+        const ResourceLimit limit(RLIMIT_AS, limitBelowALargeBlock());
+        without = checker.check(m_Tree.path("large"), largeName);
+        small = checker.check(m_Tree.path("block"), name);
+    }
+    EXPECT_EQ(without.m_Finding, ZebBlockFinding::NotChecked);
+    EXPECT_EQ(without.m_Detail, "out of memory");
+    EXPECT_EQ(small.m_Finding, ZebBlockFinding::Sound);
+    EXPECT_EQ(checker.check(m_Tree.path("large"), largeName).m_Finding, ZebBlockFinding::Sound);
+}
+
+TEST_F(ZebBlockFileCheckerTest, ABlockWithoutMemoryLeavesTheWaitingOnes)
+{
+    const std::size_t lanes = ZebSkein::SkeinBatch::lanes();
+    if (!isMemoryLimitable() || lanes < 2)
+        GTEST_SKIP() << "memory cannot be limited in this build, or no block waits for another";
+    m_Tree.file("block", m_Good);
+    const std::string path = m_Tree.path("block");
+    const ZebBlockName name = parsedNameOf(m_Content);
+    // Each block that waits keeps this much.
+    ZebBlockFileChecker checker({false, s_Largest, s_Large * static_cast<qint64>(lanes)}, m_Budget);
+    std::map<std::size_t, ZebBlockVerdict> verdicts;
+    const auto receive = [&verdicts](std::size_t tag, const ZebBlockVerdict& verdict,
+                                     const ZebFileStamp*) {
+        verdicts[tag] = verdict;
+    };
+    checker.begin(path, name, 0, receive);
+    {
+        const ResourceLimit limit(RLIMIT_AS, limitBelowALargeBlock());
+        checker.begin(path, name, 1, receive);
+    }
+    EXPECT_EQ(verdicts.size(), 1U);
+    EXPECT_EQ(verdicts[1].m_Finding, ZebBlockFinding::NotChecked);
+    EXPECT_EQ(verdicts[1].m_Detail, "out of memory");
+    checker.begin(path, name, 2, receive);
+    checker.finish(receive);
+    EXPECT_EQ(verdicts.size(), 3U);
+    EXPECT_EQ(verdicts[0].m_Finding, ZebBlockFinding::Sound);
+    EXPECT_EQ(verdicts[2].m_Finding, ZebBlockFinding::Sound);
 }
