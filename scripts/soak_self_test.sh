@@ -51,10 +51,10 @@ expect 0 'heavy:Rows.Second' --list
 expect 1 'FAILED with status 3' --only Failing --minutes 1
 expect 1 'the reason' --only Failing --minutes 1 --seed 7
 expect 1 'failed with seed 7 8 9' --only Failing --minutes 1 --seed 7
-expect 0 'cut off' --only Sleeping --minutes 0.02
-expect 0 'seeds 5 to' --only Passing --minutes 0.02 --seed 5
+expect 0 'cut off' --only Sleeping --minutes 0.1
+expect 0 'seeds 5 to' --only Passing --minutes 0.1 --seed 5
 expect 0 'heavy:Rows.First' --only heavy
-expect 1 'passed' --only Failing --only Passing --minutes 0.02
+expect 1 'passed' --only Failing --only Passing --minutes 0.1
 
 ((mistakes == 0)) || exit 1
 echo "soak.sh behaves as expected."

@@ -12,7 +12,7 @@
 
 #include <QVector>
 
-#include <sys/stat.h>
+#include <optional>
 
 namespace {
 
@@ -53,11 +53,14 @@ bool CacheCleaner::keep(const Manifest& manifest)
     for (const Manifest::File& file : manifest.m_Files) {
         const auto error = ToolError::of([&] {
             const ZebDataReference group(ZebHashManager::instance().getHash(file.m_Group));
-            m_Store.read(group, "its list of blocks ");
+            const QVector<ZebDataReference> members = m_Store.members(group, "its list of blocks ");
+            // Blocks that the list does not name would be removed.
+            if (members.size() != manifest.blocksOf(file))
+                throw ToolError("its list names " + std::to_string(members.size()) +
+                                " blocks, but its size in the manifest needs " +
+                                std::to_string(manifest.blocksOf(file)));
             m_Held.push_back(group);
-            for (const ZebDataReference& member :
-                 ZebDataBlockManager::instance().extractGroupBlock(group))
-                m_Held.push_back(member);
+            m_Held.insert(m_Held.end(), members.begin(), members.end());
         });
         if (error) {
             m_Errors.add(file.m_Path, *error);
@@ -77,12 +80,14 @@ void CacheCleaner::count()
     scanner.only(m_Place.m_SubCache);
     const ZebHashManager& hashes = ZebHashManager::instance();
     scanner.run(m_Place.m_Roots, [this, &hashes](const CacheScanner::File& file) {
-        struct stat status = {};
-        if (!file.m_IsBlock || ::lstat(file.m_Path.c_str(), &status) != 0)
+        if (!file.m_IsBlock)
+            return;
+        const std::optional<qint64> bytes = CacheScanner::fileBytesOf(file, m_Errors);
+        if (!bytes)
             return;
         Sum& sum = hashes.isHashLive(QString::fromStdString(file.m_Name)) ? m_Kept : m_Unreferenced;
         ++sum.m_Files;
-        sum.m_Bytes += status.st_size;
+        sum.m_Bytes += *bytes;
     });
 }
 

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <optional>
 
 #include <sys/stat.h>
 
@@ -53,14 +52,32 @@ void CacheScanner::run(const std::vector<std::string>& roots,
     }
 }
 
-qint64 CacheScanner::blockBytesOf(const std::string& path)
+std::optional<qint64> CacheScanner::fileBytesOf(const File& file, ErrorReport& errors)
 {
-    FileReader reader;
-    reader.open(path);
-    const QByteArray bytes = reader.read(0, ZebBlockFile::s_HeaderBytes);
-    if (bytes.size() < ZebBlockFile::s_HeaderBytes)
-        throw ToolError("is too short for a block");
-    return ZebBlockFile::Header::decode(bytes.constData()).m_BlockBytes;
+    struct stat status = {};
+    if (::lstat(file.m_Path.c_str(), &status) == 0)
+        return status.st_size;
+    if (errno != ENOENT)
+        errors.add(file.m_Path, ToolError::ofSystem(errno));
+    return std::nullopt;
+}
+
+std::optional<qint64> CacheScanner::blockBytesOf(const File& file, ErrorReport& errors)
+{
+    qint64 blockBytes = 0;
+    const auto error = ToolError::of([&file, &blockBytes] {
+        FileReader reader;
+        reader.open(file.m_Path);
+        const QByteArray bytes = reader.read(0, ZebBlockFile::s_HeaderBytes);
+        if (bytes.size() < ZebBlockFile::s_HeaderBytes)
+            throw ToolError("is too short for a block");
+        blockBytes = ZebBlockFile::Header::decode(bytes.constData()).m_BlockBytes;
+    });
+    if (!error)
+        return blockBytes;
+    if (error->code() != ENOENT)
+        errors.add(file.m_Path, *error);
+    return std::nullopt;
 }
 
 void CacheScanner::scanBuckets(const std::string& directory, const std::string& subCache)

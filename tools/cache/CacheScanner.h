@@ -5,6 +5,7 @@
 #include <QtGlobal>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,8 +45,11 @@ public:
     /// directory of the cache.
     void run(const std::vector<std::string>& roots, const std::function<void(const File&)>& visit);
 
-    /// The size of the plain block in bytes, from the header of a block file. Throws a ToolError.
-    static qint64 blockBytesOf(const std::string& path);
+    /// The size of a block file in bytes, and that of the plain block from its header. Empty when
+    /// the file has been removed since the scan listed it, as a collector may do; any other failure
+    /// is an error, and empty as well.
+    static std::optional<qint64> fileBytesOf(const File& file, ErrorReport& errors);
+    static std::optional<qint64> blockBytesOf(const File& file, ErrorReport& errors);
 
 private:
     void scanBuckets(const std::string& directory, const std::string& subCache);

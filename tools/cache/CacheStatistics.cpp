@@ -1,17 +1,15 @@
 #include "tools/cache/CacheStatistics.h"
 
 #include "io/ZebBlockFile.h"
-#include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/SizeText.h"
 #include "tools/terminal/SummaryText.h"
-#include "tools/terminal/ToolError.h"
 
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
 
-#include <sys/stat.h>
+#include <optional>
 
 namespace {
 
@@ -65,19 +63,23 @@ void CacheStatistics::count(const CacheScanner::File& file, ErrorReport& errors)
 {
     if (file.m_IsLog)
         return;
-    struct stat status = {};
-    if (!file.m_IsBlock || ::lstat(file.m_Path.c_str(), &status) != 0 ||
-        !ZebBlockFile::isComplete(status.st_size)) {
+    if (!file.m_IsBlock) {
         ++m_Unexpected;
         return;
     }
-    const auto error = ToolError::of([&] {
-        const Sum sum = {1, status.st_size, CacheScanner::blockBytesOf(file.m_Path)};
-        m_Sums[{file.m_Root, file.m_SubCache, file.m_Bucket}].add(sum);
-        m_Total.add(sum);
-    });
-    if (error)
-        errors.add(file.m_Path, *error);
+    const std::optional<qint64> fileBytes = CacheScanner::fileBytesOf(file, errors);
+    if (!fileBytes)
+        return;
+    if (!ZebBlockFile::isComplete(*fileBytes)) {
+        ++m_Unexpected;
+        return;
+    }
+    const std::optional<qint64> blockBytes = CacheScanner::blockBytesOf(file, errors);
+    if (!blockBytes)
+        return;
+    const Sum sum = {1, *fileBytes, *blockBytes};
+    m_Sums[{file.m_Root, file.m_SubCache, file.m_Bucket}].add(sum);
+    m_Total.add(sum);
 }
 
 std::string CacheStatistics::table() const

@@ -152,8 +152,10 @@ void RootProbe::probeUse(const std::vector<std::string>& roots)
         if (RootLock::fileOf(root).empty())
             continue;
         RootLock lock;
-        const bool used =
-            ToolError::of([&] { lock.take({root}, RootLock::Use::Alone); }).has_value();
+        const auto error = ToolError::of([&] { lock.take({root}, RootLock::Use::Alone); });
+        const bool used = error && error->code() == EWOULDBLOCK;
+        if (error && !used)
+            throw *error;
         std::string text = "no other process of zebtdx uses it";
         if (used)
             text = "another process uses it; wait until that has ended";

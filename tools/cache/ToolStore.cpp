@@ -1,6 +1,7 @@
 #include "tools/cache/ToolStore.h"
 
 #include "data/ZebDataReference.h"
+#include "data/ZebGroupHeader.h"
 #include "hash/ZebDataHash.h"
 #include "io/ZebBlockFile.h"
 #include "manager/ZebDataBlockManager.h"
@@ -89,6 +90,11 @@ void ToolStore::require(const ZebDataReference& reference, const std::string& wh
 ZebConstAccessor ToolStore::read(const ZebDataReference& reference, const std::string& what) const
 {
     require(reference, what);
+    return load(reference, what);
+}
+
+ZebConstAccessor ToolStore::load(const ZebDataReference& reference, const std::string& what) const
+{
     ZebConstAccessor block = reference.constAccessor();
     if (block.isNull())
         throw ToolError(what + "is not in the cache", ENOENT);
@@ -96,6 +102,16 @@ ZebConstAccessor ToolStore::read(const ZebDataReference& reference, const std::s
     if (ZebDataHash(block.data(), block.size(), hash->size()) != *hash)
         throw ToolError(what + "is damaged in the cache; run zebtdx verify");
     return block;
+}
+
+QVector<ZebDataReference> ToolStore::members(const ZebDataReference& list,
+                                             const std::string& what) const
+{
+    // Pinned meanwhile, so that the extraction reads the bytes that have been checked.
+    const ZebConstAccessor block = read(list, what);
+    if (!ZebGroupHeader::decode(block.data(), block.size()))
+        throw ToolError(what + "is not a list of blocks");
+    return ZebDataBlockManager::instance().extractGroupBlock(list);
 }
 
 ToolStore::~ToolStore()

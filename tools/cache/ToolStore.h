@@ -1,12 +1,14 @@
 #pragma once
 
 #include "data/ZebConstAccessor.h"
+#include "data/ZebDataReference.h"
 #include "tools/cache/RootLock.h"
 #include "tools/cache/StorePlace.h"
 
 #include <QElapsedTimer>
 #include <QObject>
 #include <QString>
+#include <QVector>
 #include <QtGlobal>
 
 #include <functional>
@@ -68,6 +70,13 @@ public:
     /// The block, whose digest has been compared with its name. Throws a ToolError that begins with
     /// `what` when it is missing or damaged. Any thread may call this.
     ZebConstAccessor read(const ZebDataReference& reference, const std::string& what) const;
+
+    /// The same without require(), for a caller that has called it.
+    ZebConstAccessor load(const ZebDataReference& reference, const std::string& what) const;
+
+    /// The members of a list of blocks, which has been read like read(). Throws a ToolError for a
+    /// block that is not a list, too. Any thread may call this.
+    QVector<ZebDataReference> members(const ZebDataReference& list, const std::string& what) const;
 
     /// Waits until everything that was added is written.
     void flush(ErrorReport& errors);

@@ -27,8 +27,7 @@ void write(const ToolStore& store, const ZebDataReference& reference, const std:
 
 void writeMembers(const ToolStore& store, const ZebDataReference& group)
 {
-    store.read(group, {});
-    for (const ZebDataReference& member : ZebDataBlockManager::instance().extractGroupBlock(group))
+    for (const ZebDataReference& member : store.members(group, {}))
         write(store, member, "its block " + member.hash().toStdString() + " ");
 }
 

@@ -127,7 +127,10 @@ void CommandOptions::addCheckThreads(CLI::App& command, int& threads)
 void CommandOptions::addLargestBlock(CLI::App& command, qint64& bytes)
 {
     const auto read = [&bytes](const std::string& text) {
-        bytes = std::clamp<qint64>(parsedSize("--largest", text), 1, ZebBlockFile::s_MaxBlockBytes);
+        const qint64 size = parsedSize("--largest", text);
+        if (size < 1)
+            throw CLI::ValidationError("--largest", "must be at least 1 byte");
+        bytes = std::min(size, ZebBlockFile::s_MaxBlockBytes);
     };
     command
         .add_option_function<std::string>(

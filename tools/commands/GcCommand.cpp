@@ -73,7 +73,7 @@ int GcCommand::run(const ToolSettings& settings)
     const CacheCleaner::Sum found = cleaner.unreferenced();
     if (!complete)
         errors.add("nothing is removed, as the blocks to keep are not all known; ingest the files "
-                   "above again, or leave out their manifest");
+                   "above again and replace their manifest");
     else if (m_Apply && !cleaner.removeUnreferenced())
         errors.add("some files could not be removed; check their permissions");
 

@@ -12,6 +12,7 @@
 
 #include <iomanip>
 #include <iostream>
+#include <optional>
 
 namespace {
 
@@ -66,9 +67,8 @@ void LsCommand::listCache(ErrorReport& errors) const
     scanner.run(m_Roots, [&errors](const CacheScanner::File& file) {
         if (!file.m_IsBlock)
             return;
-        const auto error = ToolError::of(
-            [&file] { printLine(CacheScanner::blockBytesOf(file.m_Path), file.m_Name); });
-        if (error)
-            errors.add(file.m_Path, *error);
+        const std::optional<qint64> bytes = CacheScanner::blockBytesOf(file, errors);
+        if (bytes)
+            printLine(*bytes, file.m_Name);
     });
 }

@@ -68,9 +68,14 @@ QString dataDirectory(const std::string& given, const QTemporaryDir& temporary)
 {
     if (!given.empty())
         return QFileInfo(QFile::decodeName(given.c_str())).absoluteFilePath();
+    // Without a directory its path is empty, and the data would go to the root of the file system.
+    if (!temporary.isValid())
+        throw ToolError(
+            "cannot create a temporary directory: " + temporary.errorString().toStdString() +
+            "; set TMPDIR to another directory");
     const QString failed = SampleData::write(temporary.path());
     if (!failed.isEmpty())
-        throw ToolError(QFile::encodeName(failed).toStdString() +
+        throw ToolError(PathText::printable(QFile::encodeName(failed).toStdString()) +
                         ": cannot be written; make room, or set TMPDIR to another directory");
     return temporary.path();
 }

@@ -13,6 +13,8 @@
 
 #include <QElapsedTimer>
 
+#include <cerrno>
+
 namespace {
 
 const char* const s_Footer =
@@ -45,6 +47,8 @@ int VerifyCommand::run(const ToolSettings&)
     m_Place.requireDirectories();
     RootLock lock;
     const auto used = ToolError::of([&] { lock.take(m_Place.m_Roots, RootLock::Use::Reading); });
+    if (used && used->code() != EWOULDBLOCK)
+        throw *used;
     if (used)
         errors.note(std::string(used->what()) + ": files that it is writing may look damaged now");
     CacheWarnings warnings(errors);

@@ -79,9 +79,7 @@ void FileRestorer::restore(const Manifest::File& file, const std::string& path)
 void FileRestorer::writeBlocks(const Manifest::File& file, FileWriter& target)
 {
     const ZebDataReference group(ZebHashManager::instance().getHash(file.m_Group));
-    m_Store.read(group, "its list of blocks ");
-    const QVector<ZebDataReference> blocks =
-        ZebDataBlockManager::instance().extractGroupBlock(group);
+    const QVector<ZebDataReference> blocks = m_Store.members(group, "its list of blocks ");
     for (const ZebDataReference& block : blocks)
         m_Store.require(block, "one of its blocks ");
     qint64 size = 0;
@@ -91,7 +89,7 @@ void FileRestorer::writeBlocks(const Manifest::File& file, FileWriter& target)
         requested = std::max(requested, i + 1);
         for (const int end = std::min(i + 1 + s_Ahead, blocks.size()); requested < end; ++requested)
             blocks[requested].preload();
-        const ZebConstAccessor block = m_Store.read(blocks[i], "one of its blocks ");
+        const ZebConstAccessor block = m_Store.load(blocks[i], "one of its blocks ");
         target.write(block.data(), block.size());
         size += block.size();
         m_DoneBytes.fetch_add(block.size());

@@ -161,10 +161,15 @@ qint64 Manifest::largestBlock() const
 {
     qint64 largest = 0;
     for (const File& file : m_Files) {
-        const qint64 blocks = file.m_Size / m_BlockSize + (file.m_Size % m_BlockSize != 0);
-        largest = std::max({largest, std::min(file.m_Size, m_BlockSize), groupBytes(blocks)});
+        const qint64 list = groupBytes(blocksOf(file));
+        largest = std::max({largest, std::min(file.m_Size, m_BlockSize), list});
     }
     return largest;
+}
+
+qint64 Manifest::blocksOf(const File& file) const
+{
+    return file.m_Size / m_BlockSize + (file.m_Size % m_BlockSize != 0 ? 1 : 0);
 }
 
 QByteArray Manifest::text() const

@@ -37,6 +37,9 @@ struct Manifest
     /// The size of the largest block of the files, including their group blocks.
     qint64 largestBlock() const;
 
+    /// How many blocks a file has.
+    qint64 blocksOf(const File& file) const;
+
     /// The manifest as one JSON object per line.
     QByteArray text() const;
 

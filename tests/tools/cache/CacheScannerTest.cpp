@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 namespace {
@@ -47,7 +48,7 @@ protected:
 
 } // namespace
 
-TEST_F(CacheScannerTest, FindsBucketsInOrderOfTheirNumbersAndSubCachesBehindThem)
+TEST_F(CacheScannerTest, FindsBucketsInOrderOfTheirNumbersAndSubCachesAfterThem)
 {
     EXPECT_THAT(scan(m_Scan, {m_Tree.path("r")}),
                 ElementsAre("0 '' 9 block", "0 '' 10 block", "0 'part' 0 block"));
@@ -98,4 +99,33 @@ TEST_F(CacheScannerTest, AMissingRootIsAnErrorAndTheOthersGoOn)
     EXPECT_THAT(scan(m_Scan, {m_Tree.path("missing"), m_Tree.path("r")}),
                 ElementsAre("1 'part' 0 block"));
     EXPECT_EQ(m_Errors.lines().size(), 1U);
+}
+
+TEST_F(CacheScannerTest, AFileThatIsRemovedAfterTheListingIsNoError)
+{
+    CacheScanner::File file;
+    file.m_Path = m_Tree.path("r/9/" + s_Name);
+    EXPECT_EQ(CacheScanner::fileBytesOf(file, m_Errors.report()), 3);
+    file.m_Path = m_Tree.path("r/9/removed");
+    EXPECT_FALSE(CacheScanner::fileBytesOf(file, m_Errors.report()).has_value());
+    EXPECT_FALSE(CacheScanner::blockBytesOf(file, m_Errors.report()).has_value());
+    EXPECT_THAT(m_Errors.lines(), IsEmpty());
+}
+
+TEST_F(CacheScannerTest, AFileThatCannotBeLookedAtIsAnError)
+{
+    CacheScanner::File file;
+    file.m_Path = m_Tree.path("r/9/" + s_Name + "/below");
+    EXPECT_FALSE(CacheScanner::fileBytesOf(file, m_Errors.report()).has_value());
+    EXPECT_FALSE(CacheScanner::blockBytesOf(file, m_Errors.report()).has_value());
+    EXPECT_THAT(m_Errors.lines(),
+                ElementsAre(HasSubstr("Not a directory"), HasSubstr("Not a directory")));
+}
+
+TEST_F(CacheScannerTest, AFileWithoutAWholeHeaderHasNoBlockSize)
+{
+    CacheScanner::File file;
+    file.m_Path = m_Tree.path("r/9/" + s_Name);
+    EXPECT_FALSE(CacheScanner::blockBytesOf(file, m_Errors.report()).has_value());
+    EXPECT_THAT(m_Errors.lines(), ElementsAre(HasSubstr("too short for a block")));
 }

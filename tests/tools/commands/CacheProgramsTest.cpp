@@ -6,7 +6,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 
 using ::testing::AllOf;
@@ -55,6 +58,35 @@ protected:
         }
         ADD_FAILURE() << path;
         return {"", "", ""};
+    }
+
+    // The name of the first block of a file, from the bytes of its list.
+    std::string firstMember(const std::string& manifest, const std::string& path) const
+    {
+        return firstMemberOf(listed(manifest, path)[1]);
+    }
+
+    std::string firstMemberOf(const std::string& list) const
+    {
+        constexpr std::size_t headerBytes = 16;
+        constexpr int words = 16;
+        const std::string bytes = onCache({"cat", list}).m_Output.substr(headerBytes);
+        std::string name;
+        for (int word = 0; word < words; ++word) {
+            quint32 number = 0;
+            std::memcpy(&number, bytes.data() + 4 * word, sizeof number);
+            name += (word == 0 ? "" : "-") + std::to_string(number);
+        }
+        return name;
+    }
+
+    void replaceInFile(const std::string& name, const std::string& from, const std::string& to)
+    {
+        std::ifstream in(m_Tree.path(name));
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        const std::size_t position = text.find(from);
+        ASSERT_NE(position, std::string::npos) << from;
+        m_Tree.file(name, text.replace(position, from.size(), to));
     }
 
     bool restores(const std::string& manifest, const std::string& name) const
@@ -114,6 +146,34 @@ TEST_F(CachePrograms, CatOfAMissingBlockFails)
     }
 }
 
+TEST_F(CachePrograms, CatOfAFileNeedsAListOfBlocks)
+{
+    // The first block of a list is a block of the file.
+    const std::string block = firstMember("m-a", "a/own");
+    EXPECT_EQ(onCache({"cat", block}).m_Output, mixedBytes(3000, 2).substr(0, 1024));
+    const Outcome outcome = onCache({"cat", "--file", block});
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_EQ(outcome.m_Output, "");
+    EXPECT_EQ(outcome.m_Errors, "zebtdx: " + block + ": is not a list of blocks\n");
+}
+
+TEST_F(CachePrograms, GcRemovesNothingWhenAManifestNamesTheWrongList)
+{
+    // The block, not the list of the file.
+    const std::string list = listed("m-a", "a/own")[1];
+    replaceInFile("m-a", list, firstMember("m-a", "a/own"));
+    Outcome outcome = run({"gc", "m-a", "--apply"});
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_THAT(outcome.m_Errors, HasSubstr("a/own: its list of blocks is not a list of blocks"));
+    // A list of another number of blocks.
+    replaceInFile("m-a", firstMemberOf(list), listed("m-a", "a/common")[1]);
+    outcome = run({"gc", "m-a", "--apply"});
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_THAT(outcome.m_Errors, HasSubstr("a/own: its list names 5 blocks, but its size in the "
+                                            "manifest needs 3"));
+    EXPECT_TRUE(restores("m-b", "b"));
+}
+
 TEST_F(CachePrograms, GcOnlyReportsWithoutApply)
 {
     const Outcome outcome = run({"gc", "m-a", "--json"});
@@ -162,7 +222,7 @@ TEST_F(CachePrograms, GcRemovesNothingWhenAListIsMissing)
     EXPECT_EQ(outcome.m_Errors,
               "zebtdx: a/own: its list of blocks is not in the cache\n"
               "zebtdx: nothing is removed, as the blocks to keep are not all known; ingest the "
-              "files above again, or leave out their manifest\n");
+              "files above again and replace their manifest\n");
     EXPECT_TRUE(restores("m-b", "b"));
 }
 
