@@ -213,6 +213,17 @@ TEST_F(VerifyProgram, BlocksAboveTheLimitAreReportedAndNotMoved)
     EXPECT_EQ(onCache({"repair", "--largest", "4K"}).m_Status, 0);
 }
 
+TEST_F(VerifyProgram, ALimitBelowOneByteIsBadUsage)
+{
+    for (const char* const command : {"verify", "repair"}) {
+        const Outcome outcome = onCache({command, "--largest", "0"});
+        EXPECT_EQ(outcome.m_Status, 2) << command;
+        EXPECT_EQ(outcome.m_Output, "") << command;
+        EXPECT_THAT(outcome.m_Errors, HasSubstr("--largest: must be at least 1 byte")) << command;
+        EXPECT_EQ(onCache({command, "--largest", "1"}).m_Status, 1) << command;
+    }
+}
+
 TEST_F(VerifyProgram, AQuarantineInARootIsRefused)
 {
     flip(m_Blocks[0]);
