@@ -1,6 +1,7 @@
 #include "tools/cache/CacheScanner.h"
 
 #include "io/ZebBlockFile.h"
+#include "support/ZebPlainNumber.h"
 #include "tools/files/FileReader.h"
 #include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 
 #include <sys/stat.h>
 
@@ -19,11 +19,7 @@ constexpr int s_NoBucket = -1;
 // Empty unless the name is a number as the store writes it.
 std::optional<int> bucketNumber(const std::string& name)
 {
-    int number = 0;
-    const char* const end = name.data() + name.size();
-    const auto [rest, error] = std::from_chars(name.data(), end, number);
-    const bool isBucket = error == std::errc() && rest == end && std::to_string(number) == name;
-    return isBucket && number >= 0 ? std::optional<int>(number) : std::nullopt;
+    return ZebPlainNumber<int>(name.data(), name.data() + name.size());
 }
 
 bool isDirectory(const std::string& path)

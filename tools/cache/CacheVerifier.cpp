@@ -19,6 +19,7 @@
 #include <iterator>
 #include <numeric>
 #include <random>
+#include <utility>
 
 #include <sys/stat.h>
 
@@ -68,6 +69,11 @@ void CacheVerifier::choose()
     std::iota(all.begin(), all.end(), std::size_t(0));
     const std::size_t wanted =
         (all.size() * static_cast<std::size_t>(m_Options.m_Percent) + s_Percent - 1) / s_Percent;
+    if (wanted == all.size()) {
+        m_Chosen = std::move(all);
+        return;
+    }
+    m_Chosen.reserve(wanted);
     // A new share each time, so that repeated checks reach all files in the end.
     std::sample(all.begin(), all.end(), std::back_inserter(m_Chosen), wanted,
                 std::mt19937_64(std::random_device{}()));

@@ -44,10 +44,10 @@ int LsCommand::run(const ToolSettings&)
 {
     ProgressBar progress = ProgressBar::onStandardError(false);
     ErrorReport errors(progress);
-    const auto error =
-        ToolError::of([&] { m_Manifest.empty() ? listCache(errors) : listManifest(); });
-    if (error)
-        errors.add(m_Manifest, *error);
+    if (m_Manifest.empty())
+        listCache(errors);
+    else
+        ToolError::locate(m_Manifest, [this] { listManifest(); });
     errors.flushOutput();
     return errors.status();
 }

@@ -22,7 +22,8 @@ const char* const s_Footer =
     "Exit status:\n"
     "  0  no damage, or all damaged files were moved\n"
     "  1  damaged files are still in the cache\n"
-    "  2  the command line is invalid, the cache is in use, or a file could not be checked\n";
+    "  2  the command line is invalid, the cache is in use, most files are misplaced, or a file\n"
+    "     could not be checked\n";
 
 } // namespace
 

@@ -40,10 +40,10 @@ int RestoreCommand::run(const ToolSettings& settings)
     ToolError::locate(m_Manifest, [&] { manifest = Manifest::load(m_Manifest); });
     const std::size_t roots = manifest.m_Place.m_Roots.size();
     if (!m_Roots.empty() && m_Roots.size() != roots) {
-        throw CLI::ValidationError(
-            "--root is given " + std::to_string(m_Roots.size()) +
-            " times, but the cache of the manifest has " + std::to_string(roots) +
-            (roots == 1 ? " root" : " roots; give each once, in their order"));
+        throw CLI::ValidationError("the manifest's cache has " + std::to_string(roots) +
+                                   (roots == 1 ? " root" : " roots") + ", but --root names " +
+                                   std::to_string(m_Roots.size()) +
+                                   "; give each root once, in their order");
     }
     if (!m_Roots.empty())
         manifest.m_Place.m_Roots = m_Roots;

@@ -19,6 +19,7 @@
 #include <QMutex>
 #include <QMutexLocker>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 
 #include <iomanip>
@@ -164,8 +165,8 @@ SelfCheckCommand::Result SelfCheckCommand::runHere(const QString& directory, con
     tester.setTestDataDirectory(directory);
     s_LastLine.clear();
     s_Next = qInstallMessageHandler(&noteLine);
+    const auto restored = qScopeGuard([] { qInstallMessageHandler(s_Next); });
     const bool passed = row.run(tester);
-    qInstallMessageHandler(s_Next);
     const QMutexLocker locker(&s_Mutex);
     const std::string lastLine = s_LastLine.toStdString();
     return {row.isExpected(passed, lastLine), lastLine};

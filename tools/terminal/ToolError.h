@@ -18,7 +18,7 @@ public:
     /// The error that the system reports by this number.
     static ToolError ofSystem(int code);
 
-    /// Calls `work`. Returns the error when it throws any exception.
+    /// Calls `work`. Returns the error when it throws a std::exception.
     static std::optional<ToolError> of(const std::function<void()>& work);
 
     /// Calls `work`. Puts the path in front of the text of any error.

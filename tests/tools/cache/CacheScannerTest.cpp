@@ -64,7 +64,7 @@ TEST_F(CacheScannerTest, OneSubCacheAlone)
     EXPECT_THAT(scan(unnamed, {m_Tree.path("r")}), ElementsAre("0 '' 9 block", "0 '' 10 block"));
 }
 
-TEST_F(CacheScannerTest, WhatIsNotTheCachesIsMarked)
+TEST_F(CacheScannerTest, UnexpectedFilesAreMarked)
 {
     m_Tree.file("r/TdxLog.txt", "");
     m_Tree.file("r/stranger", "1");
@@ -93,7 +93,7 @@ TEST_F(CacheScannerTest, ALinkInThePlaceOfABucketIsNotFollowed)
                 ElementsAre("0 '' -1 3 unexpected", "0 '' 9 block", "0 '' 10 block"));
 }
 
-TEST_F(CacheScannerTest, AMissingRootIsAnErrorAndTheOthersGoOn)
+TEST_F(CacheScannerTest, AMissingRootDoesNotStopTheScan)
 {
     m_Scan.only("part");
     EXPECT_THAT(scan(m_Scan, {m_Tree.path("missing"), m_Tree.path("r")}),

@@ -101,7 +101,7 @@ TEST_F(CacheVerifierTest, WritableFilesAreWarningsWhereverTheyLie)
     EXPECT_EQ(m_Bytes, bytes);
 }
 
-TEST_F(CacheVerifierTest, TheLimitIsThatOfTheLargestBlock)
+TEST_F(CacheVerifierTest, TheLargestBlockLimitIsInclusive)
 {
     CacheVerifier::Options narrow = options(8);
     narrow.m_LargestBlock = 1000 + s_Files - 1;
@@ -110,7 +110,7 @@ TEST_F(CacheVerifierTest, TheLimitIsThatOfTheLargestBlock)
     EXPECT_EQ(damaged(narrow).size(), 1U) << "one is larger";
 }
 
-TEST_F(CacheVerifierTest, SamplesAreOfTheRightSizeAndComeToSeeAll)
+TEST_F(CacheVerifierTest, RepeatedSamplesReachAllFiles)
 {
     for (const std::string& name : m_Names)
         m_Tree.resize(name, 500);
@@ -125,7 +125,7 @@ TEST_F(CacheVerifierTest, SamplesAreOfTheRightSizeAndComeToSeeAll)
     EXPECT_EQ(seen.size(), s_Files);
 }
 
-TEST_F(CacheVerifierTest, WhatCannotBeOpenedIsAnErrorAndNoDamage)
+TEST_F(CacheVerifierTest, AFileThatCannotBeOpenedIsAnErrorNotDamage)
 {
     const CacheFiles files(m_Place, true, m_Errors.report(), m_Warnings);
     // Something else has come into the place of a file since the folder was listed.

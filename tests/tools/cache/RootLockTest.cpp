@@ -51,7 +51,7 @@ protected:
 
 } // namespace
 
-TEST_F(RootLockTest, OneAloneOrManyThatRead)
+TEST_F(RootLockTest, OneExclusiveOrManyShared)
 {
     ASSERT_TRUE(take(m_First, "a", RootLock::Use::Reading));
     EXPECT_TRUE(take(m_Second, "a", RootLock::Use::Reading));

@@ -100,8 +100,7 @@ TEST_F(RestoreProgram, ACacheThatHasMovedIsFoundByItsRoots)
               "zebtdx: cache root " + m_Tree.path("r1") + ": No such file or directory\n");
     const Outcome tooFew = restore({"--root", "n1"});
     EXPECT_EQ(tooFew.m_Status, 2);
-    EXPECT_THAT(tooFew.m_Errors,
-                HasSubstr("--root is given 1 times, but the cache of the manifest has 2 roots"));
+    EXPECT_THAT(tooFew.m_Errors, HasSubstr("the manifest's cache has 2 roots, but --root names 1"));
     EXPECT_EQ(restore({"--root", "n1", "--root", "n2"}).m_Status, 0);
     EXPECT_EQ(difference(), "");
 }

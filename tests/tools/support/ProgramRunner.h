@@ -14,11 +14,11 @@
 #include <string>
 #include <vector>
 
-// The program as a user meets it, in a process of its own.
+// Runs the program as a user does, in a separate process.
 
 inline constexpr int s_ProgramDeadlineMs = 120000;
 
-/// What a run of the program came to.
+/// The outcome of a run.
 struct Outcome
 {
     int m_Status = -1;
@@ -78,8 +78,8 @@ inline Outcome runTool(const std::vector<std::string>& arguments, const std::str
     return finish(process);
 }
 
-/// `zebtdx ingest` with a cache and a manifest of its own, which are gone afterwards. The arguments
-/// begin behind the command.
+/// `zebtdx ingest` with a cache and a manifest of its own, which are removed afterwards. The
+/// arguments are those after the command.
 inline Outcome runIngest(const std::vector<std::string>& arguments, const std::string& folder = "/")
 {
     const TemporaryTree scratch;
@@ -89,7 +89,7 @@ inline Outcome runIngest(const std::vector<std::string>& arguments, const std::s
     return runTool(line, folder);
 }
 
-/// Through a shell, for arguments that are no text.
+/// Through a shell, for arguments that are not valid text.
 inline Outcome runShell(const std::string& commandLine, const std::string& folder)
 {
     QProcess process;
