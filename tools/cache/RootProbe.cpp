@@ -155,7 +155,7 @@ void RootProbe::probeUse(const std::vector<std::string>& roots)
         const auto error = ToolError::of([&] { lock.take({root}, RootLock::Use::Alone); });
         const bool used = error && error->code() == EWOULDBLOCK;
         if (error && !used)
-            throw *error;
+            throw ToolError(*error);
         std::string text = "no other process of zebtdx uses it";
         if (used)
             text = "another process uses it; wait until that has ended";

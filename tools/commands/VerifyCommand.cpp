@@ -48,7 +48,7 @@ int VerifyCommand::run(const ToolSettings&)
     RootLock lock;
     const auto used = ToolError::of([&] { lock.take(m_Place.m_Roots, RootLock::Use::Reading); });
     if (used && used->code() != EWOULDBLOCK)
-        throw *used;
+        throw ToolError(*used);
     if (used)
         errors.note(std::string(used->what()) + ": files that it is writing may look damaged now");
     CacheWarnings warnings(errors);
