@@ -426,9 +426,10 @@ TEST(ZebDataBlockReadThread, SkipsANullHash)
 TEST(ZebDataBlockReadThread, FlushWaitsForTheListAndNotForTheCurrentLoad)
 {
     TemporaryStore store;
+    // Outlives the reader's thread, which waits for a point until the end.
+    SequencePoints points;
     FlushProbe probe;
     ReaderStation station(store.roots().first());
-    SequencePoints points;
     probe.onFlush([&](int number) {
         if (number == 1)
             points.wait("checked");
