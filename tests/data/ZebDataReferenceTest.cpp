@@ -100,7 +100,7 @@ TEST(ZebDataReference, OperationsThatDoNotNeedTheHashDoNotWait)
 {
     const TemporaryStore store;
     int calls = 0;
-    ZebDataReference reference = pendingOn(resolved("nobody waits for me"), &calls);
+    ZebDataReference reference = pendingOn(resolved("not waited for"), &calls);
     ZebDataReference copy(reference);
     ZebDataReference assigned;
     assigned = reference;

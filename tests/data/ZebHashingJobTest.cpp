@@ -10,6 +10,7 @@
 #include "support/Fatal.h"
 #include "support/FutureInside.h"
 #include "support/Manager.h"
+#include "support/Registry.h"
 #include "support/RunTogether.h"
 #include "support/TemporaryStore.h"
 #include "support/WaitUntil.h"
@@ -30,11 +31,6 @@ namespace {
 
 using HashPointer = ZebSmartPointer<ZebDataHash>;
 using FuturePointer = ZebSmartPointer<ZebBlockFuture>;
-
-ZebHashManager& registry()
-{
-    return ZebHashManager::instance();
-}
 
 QThreadPool& hashingPool()
 {

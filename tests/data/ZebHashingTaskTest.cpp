@@ -9,6 +9,7 @@
 #include "support/BytesOf.h"
 #include "support/Manager.h"
 #include "support/MessageCapture.h"
+#include "support/Registry.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
 #include "support/WaitUntil.h"
@@ -31,11 +32,6 @@ namespace {
 
 using HashPointer = ZebSmartPointer<ZebDataHash>;
 using FuturePointer = ZebSmartPointer<ZebBlockFuture>;
-
-ZebHashManager& registry()
-{
-    return ZebHashManager::instance();
-}
 
 QThreadPool& hashingPool()
 {

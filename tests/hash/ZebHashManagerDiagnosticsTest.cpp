@@ -3,6 +3,7 @@
 
 #include "hash/ZebHashManager.h"
 
+#include "support/Registry.h"
 #include "support/RegistryReports.h"
 
 #include <QList>
@@ -16,16 +17,6 @@ using RegistryReports::stats;
 namespace {
 
 using Pointer = ZebSmartPointer<ZebDataHash>;
-
-ZebHashManager& registry()
-{
-    return ZebHashManager::instance();
-}
-
-ZebDataHash* newHash(const QByteArray& bytes)
-{
-    return new ZebDataHash(bytes, ZebDataHash::Hash512);
-}
 
 // A text form of 8 groups that all have this value.
 QString textOfGroups(const QString& value)

@@ -5,6 +5,7 @@
 #include "support/HashInside.h"
 #include "support/IsFree.h"
 #include "support/MessageCapture.h"
+#include "support/Registry.h"
 #include "support/RegistryInside.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
@@ -24,11 +25,6 @@ using RegistryInside::derefRemoveHash;
 
 namespace {
 
-ZebHashManager& registry()
-{
-    return ZebHashManager::instance();
-}
-
 QMutex& registryMutex()
 {
     return RegistryInside::mutex();
@@ -42,11 +38,6 @@ const QSet<ZebHashHandle>& entries()
 int removes()
 {
     return RegistryInside::removes(registry());
-}
-
-ZebDataHash* newHash(const QByteArray& bytes)
-{
-    return new ZebDataHash(bytes, ZebDataHash::Hash512);
 }
 
 // The state around a block that the last release of its hash deletes.

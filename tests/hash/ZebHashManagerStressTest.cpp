@@ -3,6 +3,7 @@
 #include "data/ZebConstAccessor.h"
 #include "data/ZebDataReference.h"
 #include "manager/ZebDataBlockManager.h"
+#include "support/Registry.h"
 #include "support/RegistryReports.h"
 #include "support/RunTogether.h"
 #include "support/TemporaryStore.h"
@@ -32,11 +33,6 @@ constexpr int s_Scale = 5;
 #else
 constexpr int s_Scale = 1;
 #endif
-
-ZebHashManager& registry()
-{
-    return ZebHashManager::instance();
-}
 
 /// One of the few inputs that all threads contend for.
 struct Input

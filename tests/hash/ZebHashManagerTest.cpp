@@ -2,6 +2,7 @@
 
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
+#include "support/Registry.h"
 #include "support/RegistryInside.h"
 #include "support/RegistryReports.h"
 
@@ -20,16 +21,6 @@ using RegistryReports::stats;
 namespace {
 
 using Pointer = ZebSmartPointer<ZebDataHash>;
-
-ZebHashManager& registry()
-{
-    return ZebHashManager::instance();
-}
-
-ZebDataHash* newHash(const QByteArray& bytes)
-{
-    return new ZebDataHash(bytes, ZebDataHash::Hash512);
-}
 
 QString textOf(const QByteArray& bytes)
 {
