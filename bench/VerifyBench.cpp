@@ -9,13 +9,16 @@
 // which a busy machine does not distort. "second_core" is the speed-up by a second thread. The
 // files come from the page cache in both, so the disk is not measured.
 
+#include "bench/RoundTimes.h"
+#include "hash/ZebDataHash.h"
+#include "hash/ZebHashText.h"
+#include "io/ZebBlockFile.h"
+#include "io/ZebBlockPlace.h"
 #include "tools/cache/CacheFiles.h"
 #include "tools/cache/CacheVerifier.h"
 #include "tools/cache/CacheWarnings.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
-
-#include "hash/ZebDataHash.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -27,7 +30,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -36,16 +38,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 #include <zlib.h>
 
 namespace {
 
 constexpr int s_Buckets = 10;
-constexpr int s_HeaderBytes = 12;
-constexpr int s_SizeBytes = 4;
-constexpr int s_Level = 2;
 
 // Half text, half noise.
 QByteArray contentOf(int size, unsigned int seed)
@@ -66,15 +64,16 @@ public:
             QDir().mkpath(m_Folder.path() + "/" + QString::number(i));
         for (int i = 0; i < count; ++i) {
             const QByteArray content = contentOf(size, static_cast<unsigned int>(i));
-            const QString name = ZebDataHash(content, ZebDataHash::Hash512).toString();
-            const quint32 word = name.section('-', 0, 0).toUInt();
-            const QByteArray payload = qCompress(content, s_Level);
-            const qint64 blockSize = size;
-            const qint32 length = payload.size();
-            QFile file(m_Folder.path() + "/" + QString::number(word % s_Buckets) + "/" + name);
+            const ZebDataHash hash(content, ZebDataHash::Hash512);
+            const quint32 bucket = ZebBlockPlace::bucketOf(hash.data(), hash.size(), s_Buckets);
+            const QByteArray payload = ZebBlockFile::encodePayload(content);
+            ZebBlockFile::Header header;
+            header.m_BlockBytes = size;
+            header.m_PayloadBytes = payload.size();
+            QFile file(ZebBlockPlace::directory(m_Folder.path(), QString(), bucket) +
+                       hash.toString());
             file.open(QIODevice::WriteOnly);
-            file.write(reinterpret_cast<const char*>(&blockSize), sizeof blockSize);
-            file.write(reinterpret_cast<const char*>(&length), sizeof length);
+            file.write(header.encode().data(), ZebBlockFile::s_HeaderBytes);
             file.write(payload);
         }
     }
@@ -107,27 +106,24 @@ bool checkNaively(const std::string& path, const std::string& name, quint32 buck
         return false;
     static std::vector<char> file;
     static std::vector<unsigned char> block;
-    const qint64 wanted = fast ? s_HeaderBytes + s_SizeBytes : fileSize;
+    constexpr int fixedBytes = ZebBlockFile::s_HeaderBytes + ZebBlockFile::s_PlainSizeBytes;
+    const qint64 wanted = fast ? fixedBytes : fileSize;
     file.resize(static_cast<std::size_t>(wanted));
     const ssize_t got = ::read(descriptor, file.data(), file.size());
     ::close(descriptor);
-    qint64 size = 0;
-    qint32 length = 0;
-    std::memcpy(&size, file.data(), sizeof size);
-    std::memcpy(&length, file.data() + sizeof size, sizeof length);
+    const auto header = ZebBlockFile::Header::decode(file.data());
     const std::vector<quint32> words = wordsOf(name);
-    if (got != wanted || length != fileSize - s_HeaderBytes || words.size() != 16 ||
-        words[0] % s_Buckets != bucket)
+    if (got != wanted || header.m_PayloadBytes != fileSize - ZebBlockFile::s_HeaderBytes ||
+        words.size() != ZebHashText::s_BlockWords || words[0] % s_Buckets != bucket)
         return false;
     if (fast)
         return true;
-    block.resize(static_cast<std::size_t>(size));
+    block.resize(static_cast<std::size_t>(header.m_BlockBytes));
     uLongf room = block.size();
-    const auto* const stream =
-        reinterpret_cast<const Bytef*>(file.data() + s_HeaderBytes + s_SizeBytes);
-    if (::uncompress(block.data(), &room, stream, static_cast<uLong>(length - s_SizeBytes)) != Z_OK)
+    const auto* const stream = reinterpret_cast<const Bytef*>(file.data() + fixedBytes);
+    if (::uncompress(block.data(), &room, stream, static_cast<uLong>(wanted - fixedBytes)) != Z_OK)
         return false;
-    const ZebDataHash hash(block.data(), size, ZebDataHash::Hash512);
+    const ZebDataHash hash(block.data(), header.m_BlockBytes, ZebDataHash::Hash512);
     return std::memcmp(words.data(), hash.data(), ZebDataHash::Hash512) == 0;
 }
 
@@ -165,62 +161,29 @@ int runTool(const Cache& cache, bool fast, int threads)
     return static_cast<int>(verifier.files()) - static_cast<int>(verifier.damage().size());
 }
 
-// Seconds, one value for each round.
-class Times
-{
-public:
-    void add(const std::function<void()>& work)
-    {
-        const double wall = now(CLOCK_MONOTONIC);
-        const double cpu = now(CLOCK_PROCESS_CPUTIME_ID);
-        work();
-        m_Cpu.push_back(now(CLOCK_PROCESS_CPUTIME_ID) - cpu);
-        m_Wall.push_back(now(CLOCK_MONOTONIC) - wall);
-    }
-    double lastWall() const { return m_Wall.back(); }
-    double wall() const { return median(m_Wall); }
-    double cpu() const { return median(m_Cpu); }
-
-private:
-    static double now(clockid_t clock)
-    {
-        timespec time{};
-        clock_gettime(clock, &time);
-        return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
-    }
-    static double median(std::vector<double> values)
-    {
-        std::sort(values.begin(), values.end());
-        return values.empty() ? 0 : values[values.size() / 2];
-    }
-
-    std::vector<double> m_Wall;
-    std::vector<double> m_Cpu;
-};
-
 // Arguments: files, bytes of a block.
 void verify(benchmark::State& state, bool fast)
 {
     const auto count = static_cast<int>(state.range(0));
     const auto size = static_cast<int>(state.range(1));
     const Cache cache(count, size);
-    Times naive;
-    Times one;
-    Times two;
+    RoundTimes naive;
+    RoundTimes one;
+    RoundTimes two;
     int sound = runNaive(cache, fast);
     for ([[maybe_unused]] auto _ : state) {
         naive.add([&] { sound = std::min(sound, runNaive(cache, fast)); });
-        one.add([&] { sound = std::min(sound, runTool(cache, fast, 1)); });
+        const double seconds = one.add([&] { sound = std::min(sound, runTool(cache, fast, 1)); });
         two.add([&] { sound = std::min(sound, runTool(cache, fast, 2)); });
-        state.SetIterationTime(one.lastWall());
+        state.SetIterationTime(seconds);
     }
     if (sound != count)
         state.SkipWithError("a sound file was reported as damaged");
-    state.counters["files_per_s"] = count / one.wall();
-    state.counters["MB_per_s"] = 1e-6 * count * size / one.wall();
-    state.counters["ratio"] = naive.wall() / one.wall();
-    state.counters["cpu_ratio"] = naive.cpu() / one.cpu();
-    state.counters["second_core"] = one.wall() / two.wall();
+    state.counters["files_per_s"] = count / one.median();
+    state.counters["MB_per_s"] = 1e-6 * count * size / one.median();
+    state.counters["ratio"] = naive.median() / one.median();
+    state.counters["cpu_ratio"] = naive.processorMedian() / one.processorMedian();
+    state.counters["second_core"] = one.median() / two.median();
 }
 
 } // namespace
