@@ -39,6 +39,7 @@ set(ZEBTDX_SOURCES
   support/ZebTdxLog.cpp
   support/ZebTdxMessage.cpp
   support/ZebTdxMutex.cpp
+  support/ZebThreadStart.cpp
   hash/Skein.cpp
   hash/SkeinBatch.cpp
   hash/SkeinLaneForm.cpp

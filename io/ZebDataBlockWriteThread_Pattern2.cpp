@@ -4,6 +4,7 @@
 #include "io/ZebDataBlockWriteRequest.h"
 #include "support/ZebMutexLocker.h"
 #include "support/ZebReadLocker.h"
+#include "support/ZebThreadStart.h"
 #include "support/ZebWriteLocker.h"
 
 #include <algorithm>
@@ -30,7 +31,7 @@ ZebDataBlockWriteThread_Pattern2::ZebDataBlockWriteThread_Pattern2(const QString
         connect(worker, &ZebDataBlockCompressionThread::compressed, this,
                 &ZebDataBlockWriteThread_Pattern2::pushWrite, Qt::DirectConnection);
         m_CompressionThreads.append(worker);
-        worker->start(QThread::InheritPriority);
+        ZebThreadStart(worker, QThread::InheritPriority);
     }
 }
 
