@@ -16,6 +16,7 @@
 #include "tools/terminal/ExitCode.h"
 #include "tools/terminal/MessageFilter.h"
 #include "tools/terminal/PathText.h"
+#include "tools/terminal/StopRequest.h"
 
 #include <CLI/CLI.hpp>
 
@@ -43,6 +44,8 @@ const char* const s_Footer =
     "  0  everything was done, without errors or differences\n"
     "  1  a file failed or differs; the rest was done\n"
     "  2  the command line is invalid; nothing was done\n"
+    "SIGINT and SIGTERM end a command after the files in hand, and the process ends by that\n"
+    "signal (130 and 143 in a shell). A second one ends it at once.\n"
     "The help of verify, repair and probe explains their exit statuses.\n";
 
 struct Entry
@@ -129,12 +132,19 @@ int runTool(int argc, char** argv)
             if (!entry.m_Parsed->parsed())
                 continue;
             failure = entry.m_Command->statusOfException();
+            if (entry.m_Command->stopsBetweenSteps())
+                StopRequest::install();
             return entry.m_Command->run(settings);
         }
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
             return application.exit(error);
         std::cerr << "zebtdx: " << PathText::printable(error.what()) << " (see --help)\n";
+    } catch (const StopRequest::Stopped& stop) {
+        std::cout.flush();
+        std::cerr << "zebtdx: stopped by signal " << stop.signal()
+                  << "; run the command again to finish\n";
+        StopRequest::endBy(stop.signal());
     } catch (const std::bad_alloc&) {
         std::cerr << "zebtdx: out of memory\n";
         return failure;

@@ -8,6 +8,7 @@
 #include "tools/files/Manifest.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 
 #include <QVector>
@@ -51,6 +52,7 @@ bool CacheCleaner::keep(const Manifest& manifest)
                      ProgressBar::Unit::Items);
     qint64 done = 0;
     for (const Manifest::File& file : manifest.m_Files) {
+        StopRequest::check();
         const auto error = ToolError::of([&] {
             const ZebDataReference group(ZebHashManager::instance().getHash(file.m_Group));
             const QVector<ZebDataReference> members = m_Store.members(group, "its list of blocks ");

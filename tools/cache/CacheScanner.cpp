@@ -5,6 +5,7 @@
 #include "tools/files/FileReader.h"
 #include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 
 #include <algorithm>
@@ -110,6 +111,7 @@ void CacheScanner::scanBucket(const std::string& directory, const std::string& s
 void CacheScanner::visit(const std::string& directory, const std::string& subCache, int bucket,
                          const std::string& name, bool isRegularFile)
 {
+    StopRequest::check();
     m_File.m_Root = m_Root;
     m_File.m_SubCache = subCache;
     m_File.m_Bucket = bucket;

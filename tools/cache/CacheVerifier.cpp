@@ -6,6 +6,7 @@
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
 #include "tools/terminal/SizeText.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/SummaryText.h"
 #include "tools/terminal/TimeText.h"
 #include "tools/terminal/Workers.h"
@@ -88,6 +89,7 @@ void CacheVerifier::work()
             take(index, verdict, stamp);
         };
     for (;;) {
+        StopRequest::check();
         const std::size_t next = m_Next.fetch_add(1);
         if (next >= m_Chosen.size())
             break;

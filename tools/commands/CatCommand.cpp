@@ -7,6 +7,7 @@
 #include "tools/commands/CommandOptions.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 
 #include <CLI/CLI.hpp>
@@ -20,6 +21,7 @@ namespace {
 
 void write(const ToolStore& store, const ZebDataReference& reference, const std::string& what)
 {
+    StopRequest::check();
     const ZebConstAccessor block = store.read(reference, what);
     std::cout.write(reinterpret_cast<const char*>(block.data()),
                     static_cast<std::streamsize>(block.size()));

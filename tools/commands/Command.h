@@ -37,4 +37,7 @@ public:
 
     /// The exit status for an exception.
     virtual int statusOfException() const { return ExitCode::Failed; }
+
+    /// Whether run() calls StopRequest::check(). A signal ends any other command at once.
+    virtual bool stopsBetweenSteps() const { return true; }
 };

@@ -13,6 +13,7 @@ class ProbeCommand : public Command
 public:
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    bool stopsBetweenSteps() const override { return false; }
 
 private:
     std::vector<std::string> m_Roots;

@@ -8,6 +8,7 @@
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/SummaryText.h"
 #include "tools/terminal/ToolError.h"
 
@@ -93,6 +94,7 @@ qint64 RepairCommand::move(const CacheFiles& files, const CacheVerifier& found,
     const Quarantine quarantine(m_Quarantine);
     qint64 moved = 0;
     for (const CacheVerifier::Damage& damage : found.damage()) {
+        StopRequest::check();
         // It may be sound: --largest was too low to check it.
         if (damage.m_Verdict.m_Finding == ZebBlockFinding::TooLarge)
             continue;

@@ -10,6 +10,7 @@ class SampleDataCommand : public Command
 public:
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    bool stopsBetweenSteps() const override { return false; }
 
 private:
     std::string m_Directory;

@@ -5,6 +5,7 @@
 #include "tools/commands/SampleData.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 
 #include <CLI/CLI.hpp>
@@ -30,6 +31,7 @@ namespace {
 constexpr int s_TitleColumns = 42;
 constexpr int s_SecondsColumns = 8;
 constexpr double s_MillisecondsPerSecond = 1000.0;
+constexpr int s_PollMs = 100;
 
 // The last line that the library logged. A leaf lock guards the text.
 QMutex s_Mutex;
@@ -187,8 +189,14 @@ SelfCheckCommand::Result SelfCheckCommand::runApart(const QString& directory, co
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process.start(QCoreApplication::applicationFilePath(), arguments);
     // No limit: a slow machine may take as long as it needs.
-    if (!process.waitForStarted() || !process.waitForFinished(-1))
+    if (!process.waitForStarted())
         return {false, process.errorString().toStdString()};
+    while (!process.waitForFinished(s_PollMs)) {
+        // The destructor ends the process, too.
+        StopRequest::check();
+        if (process.error() != QProcess::Timedout)
+            return {false, process.errorString().toStdString()};
+    }
     const QJsonObject object = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
     const QJsonArray rows = object[QStringLiteral("rows")].toArray();
     if (process.exitStatus() != QProcess::NormalExit || rows.size() != 1)

@@ -16,6 +16,8 @@ class SelfCheckCommand : public Command
 public:
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    // A row in this process has no steps.
+    bool stopsBetweenSteps() const override { return !m_InProcess; }
 
 private:
     using Row = ZebSelfCheckTable::Row;

@@ -6,6 +6,7 @@
 #include "tools/files/StoredFiles.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
@@ -37,6 +38,7 @@ void FileComparer::work(StoredFiles& stored)
 {
     FileReader reader;
     for (;;) {
+        StopRequest::check();
         const std::size_t index = m_NextSegment.fetch_add(1);
         if (index >= stored.m_Segments.size())
             return;

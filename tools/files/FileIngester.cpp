@@ -8,6 +8,7 @@
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
 #include "tools/terminal/SizeText.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
@@ -33,8 +34,10 @@ constexpr qint64 s_PendingShare = 4;
 // Sleeps while the writers' queues are full.
 void waitForWriters()
 {
-    while (ZebDataBlockManager::instance().isWriteThreadsFull())
+    while (ZebDataBlockManager::instance().isWriteThreadsFull()) {
         QThread::msleep(s_PollMs);
+        StopRequest::check();
+    }
 }
 
 } // namespace
@@ -72,6 +75,7 @@ StoredFiles FileIngester::run(const FileWalker& walk)
 
 StoredSegment* FileIngester::nextSegment()
 {
+    StopRequest::check();
     const std::lock_guard<std::mutex> locker(m_CursorMutex);
     if (m_NextFile == m_Stored.m_Files.size())
         return nullptr;
@@ -188,6 +192,7 @@ void FileIngester::makeGroups()
                            ") is larger than the largest block; raise --block");
             continue;
         }
+        StopRequest::check();
         // No thread that ticks is running now.
         m_Store.watchWrites(m_Errors);
         file.m_StoredBytes = bytes;

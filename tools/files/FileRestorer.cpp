@@ -9,6 +9,7 @@
 #include "tools/files/FileWriter.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
@@ -50,6 +51,7 @@ void FileRestorer::run(const Manifest& manifest, const std::string& directory)
 void FileRestorer::work(const Manifest& manifest, const std::string& directory)
 {
     for (;;) {
+        StopRequest::check();
         const std::size_t index = m_Next.fetch_add(1);
         if (index >= manifest.m_Files.size())
             return;
@@ -89,6 +91,7 @@ void FileRestorer::writeBlocks(const Manifest::File& file, FileWriter& target)
         requested = std::max(requested, i + 1);
         for (const int end = std::min(i + 1 + s_Ahead, blocks.size()); requested < end; ++requested)
             blocks[requested].preload();
+        StopRequest::check();
         const ZebConstAccessor block = m_Store.load(blocks[i], "one of its blocks ");
         target.write(block.data(), block.size());
         size += block.size();

@@ -2,6 +2,7 @@
 
 #include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 
 #include <cerrno>
@@ -68,6 +69,7 @@ void FileWalker::addAny(const std::string& path, const std::string& realPath, un
 void FileWalker::addDirectory(const std::string& path, const std::string& realPath, Names& seen)
 {
     for (const FileSystem::Entry& entry : FileSystem::entries(path, m_Errors)) {
+        StopRequest::check();
         const std::string child = FileSystem::joined(path, entry.m_Name);
         struct stat status = {};
         if (::lstat(child.c_str(), &status) != 0) {
