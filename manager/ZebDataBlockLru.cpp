@@ -3,8 +3,6 @@
 #include "support/ZebReadLocker.h"
 #include "support/ZebWriteLocker.h"
 
-#include <memory>
-
 QAtomicInt m_LruNodeCount;
 
 ZebDataBlockLruNode::ZebDataBlockLruNode(ZebDataHash* hash) : m_Hash(hash)
@@ -27,54 +25,56 @@ ZebDataBlockLru::~ZebDataBlockLru()
 bool ZebDataBlockLru::contains(ZebDataHash* hash) const
 {
     const ZebReadLocker locker(&m_Lock);
-    return m_Items.contains(hash);
+    const auto place = m_Items.find(hash);
+    return place != m_Items.end() && place->second;
 }
 
 int ZebDataBlockLru::count() const
 {
-    const ZebReadLocker locker(&m_Lock);
-    return m_Items.size();
+    return m_Count.load(std::memory_order_relaxed);
 }
 
 void ZebDataBlockLru::add(ZebDataHash* hash)
 {
     const ZebWriteLocker locker(&m_Lock);
-    if (m_Items.contains(hash))
+    std::optional<ZebDataBlockLruNode>& place = m_Items.try_emplace(hash).first->second;
+    if (place)
         return;
-    auto node = std::make_unique<ZebDataBlockLruNode>(hash);
-    m_Items.insert(hash, node.get());
-    link(node.release());
+    link(&place.emplace(hash));
 }
 
 void ZebDataBlockLru::touch(ZebDataHash* hash)
 {
     const ZebWriteLocker locker(&m_Lock);
-    ZebDataBlockLruNode* const node = m_Items.value(hash);
-    if (node == nullptr || node == m_Newest)
+    const auto place = m_Items.find(hash);
+    if (place == m_Items.end() || !place->second || &*place->second == m_Newest)
         return;
-    unlink(node);
-    link(node);
+    unlink(&*place->second);
+    link(&*place->second);
+}
+
+void ZebDataBlockLru::park(ZebDataHash* hash)
+{
+    const auto place = m_Items.find(hash);
+    if (place == m_Items.end() || !place->second)
+        return;
+    unlink(&*place->second);
+    place->second.reset();
 }
 
 void ZebDataBlockLru::remove(ZebDataHash* hash)
 {
-    ZebDataBlockLruNode* const node = m_Items.take(hash);
-    if (node == nullptr)
-        return;
-    unlink(node);
-    delete node;
+    park(hash);
+    m_Items.erase(hash);
 }
 
 void ZebDataBlockLru::clear()
 {
-    for (ZebDataBlockLruNode* node = m_Newest; node != nullptr;) {
-        ZebDataBlockLruNode* const older = node->m_Older;
-        delete node;
-        node = older;
-    }
     m_Newest = nullptr;
     m_Oldest = nullptr;
-    m_Items = QHash<ZebDataHash*, ZebDataBlockLruNode*>();
+    m_Count.store(0, std::memory_order_relaxed);
+    // Not clear(): it would keep the buckets.
+    decltype(m_Items)().swap(m_Items);
 }
 
 ZebDataHash* ZebDataBlockLru::oldest() const
@@ -97,6 +97,7 @@ void ZebDataBlockLru::link(ZebDataBlockLruNode* node)
     else
         m_Oldest = node;
     m_Newest = node;
+    m_Count.fetch_add(1, std::memory_order_relaxed);
 }
 
 void ZebDataBlockLru::unlink(ZebDataBlockLruNode* node)
@@ -109,4 +110,5 @@ void ZebDataBlockLru::unlink(ZebDataBlockLruNode* node)
         node->m_Older->m_Newer = node->m_Newer;
     else
         m_Oldest = node->m_Newer;
+    m_Count.fetch_sub(1, std::memory_order_relaxed);
 }

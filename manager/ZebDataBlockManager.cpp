@@ -169,6 +169,9 @@ void ZebDataBlockManager::dropAllBlocks()
     }
     m_SubCache.clear();
     m_HashToBlockMap.clear();
+    // The writers have ended, so no request refers to these. A later block may get their addresses.
+    m_BlocksBeingWritten.clear();
+    m_BlocksToFreeAfterWriting.clear();
     m_Initialized.store(false, std::memory_order_release);
 }
 

@@ -472,11 +472,13 @@ private:
     /// The eviction of managePhysicalMemoryUse(). Returns the number of evicted blocks.
     int evict(quint64 size, quint64 free, bool write) ZEBTDX_REQUIRES(ZebDeleteLock);
 
-    /// Hands a block that eviction has removed from the tables to its writer, or leaves it to the
-    /// write in flight. Returns false when the caller must delete it. The caller holds the delete
-    /// lock by `locker`, which this may unlock.
-    bool handOffToWriter(ZebDataHash* hash, ZebDataBlock* block, ZebTdxMutexLocker& locker)
-        ZEBTDX_REQUIRES(ZebDeleteLock);
+    /// Hands a block to its writer, or leaves it to the write in flight. Returns false when the
+    /// caller must delete it. The caller removes the block from the tables before it releases the
+    /// delete lock. When this throws, nothing has changed.
+    bool handOffToWriter(ZebDataHash* hash, ZebDataBlock* block) ZEBTDX_REQUIRES(ZebDeleteLock);
+
+    /// Removes a block from the table and the LRU. Throws nothing.
+    void forget(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Loads the block through the reader of the root `index`, with the delete lock released by one
     /// level meanwhile. The caller owns the block; null when it cannot be loaded.
@@ -489,13 +491,13 @@ private:
     ZebDataBlockWriteThread* writerOf(int index, const ZebDataHash* hash) const;
 
     /// Queues the write of a block; nothing else does. Returns false and does nothing for a block
-    /// with a file or a write in flight, and for a block whose hash is ending. The caller holds the
-    /// delete lock by `locker`.
+    /// with a file or a write in flight, and for a block whose hash is ending. When this throws,
+    /// nothing has changed.
     ///
-    /// @param deleteBlock whether the request takes ownership of the block, which is out of the
-    ///        tables then; unlocks `locker` before the block enters the queue
-    bool queueWrite(ZebDataHash* hash, ZebDataBlock* block, bool deleteBlock,
-                    ZebTdxMutexLocker& locker) ZEBTDX_REQUIRES(ZebDeleteLock);
+    /// @param deleteBlock whether the request takes ownership of the block, which the caller
+    ///        removes from the tables before it releases the delete lock
+    bool queueWrite(ZebDataHash* hash, ZebDataBlock* block, bool deleteBlock)
+        ZEBTDX_REQUIRES(ZebDeleteLock);
 
     qint64 bytesInWriteQueues() const;
     void startIoThreads(const QString& root, int compressionThreads);

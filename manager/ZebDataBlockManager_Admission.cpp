@@ -7,7 +7,9 @@
 #include "data/ZebHashingJob.h"
 #include "hash/ZebHashManager.h"
 #include "support/ZebTdxMessage.h"
+#include "support/ZebWriteLocker.h"
 
+#include <QScopeGuard>
 #include <QUuid>
 
 #include <memory>
@@ -35,7 +37,7 @@ void requireSize(qint64 size)
 
 void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
 {
-    ZebTdxMutexLocker locker(&deleteMutex());
+    const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
     // Kept on purpose: *Me stands for the block and *Ptr for the hash.
     if (block == nullptr)
@@ -59,15 +61,24 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
         // Kept on purpose: unreachable after the first check, and so is its message.
         ZebTdxMessage::fatal(QStringLiteral("Null Ptr"));
     }
-    // Inserted first, since that may throw: m_LiveBytes and the LRU change afterwards.
     m_HashToBlockMap.insert(hash, block);
+    auto undo = qScopeGuard([this, hash]() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS { forget(hash); });
+    if (!hash->isDontCache()) {
+        m_Lru.add(hash);
+        // Written at admission, so that eviction finds the file complete.
+        queueWrite(hash, block, false);
+    }
+    // Nothing throws from here on.
+    undo.dismiss();
     static_cast<void>(owned.release());
     m_LiveBytes.fetch_add(block->size(), std::memory_order_relaxed);
-    if (hash->isDontCache())
-        return;
-    m_Lru.add(hash);
-    // Written at admission, so that eviction finds the file complete.
-    queueWrite(hash, block, false, locker);
+}
+
+void ZebDataBlockManager::forget(ZebDataHash* hash)
+{
+    m_HashToBlockMap.remove(hash);
+    const ZebWriteLocker lruLocker(&m_Lru.lock());
+    m_Lru.remove(hash);
 }
 
 ZebDataReference ZebDataBlockManager::admit(const ZebSmartPointer<ZebDataHash>& hash,

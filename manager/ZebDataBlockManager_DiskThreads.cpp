@@ -112,14 +112,14 @@ void ZebDataBlockManager::flush(bool writeUnwritten, ThreadType threads)
     waitForThreads();
     if (writeUnwritten) {
         {
-            ZebTdxMutexLocker locker(&deleteMutex());
+            const ZebTdxMutexLocker locker(&deleteMutex());
             for (auto entry = m_HashToBlockMap.constBegin(); entry != m_HashToBlockMap.constEnd();
                  ++entry) {
                 // Kept on purpose: unreachable, since makeBlockLive() refuses a null hash.
                 if (entry.key() == nullptr)
                     ZebTdxMessage::fatal(QStringLiteral("Null Value in Hash to Block Map"));
                 if (!entry.key()->isDontCache())
-                    queueWrite(entry.key(), entry.value(), false, locker);
+                    queueWrite(entry.key(), entry.value(), false);
             }
         }
         waitForThreads();

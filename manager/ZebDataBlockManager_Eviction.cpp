@@ -9,6 +9,8 @@
 #include "support/ZebTdxMessage.h"
 #include "support/ZebWriteLocker.h"
 
+#include <QScopeGuard>
+
 #include <atomic>
 
 namespace {
@@ -114,10 +116,6 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
             m_Lru.touch(hash);
             continue;
         }
-        {
-            const ZebWriteLocker lruLocker(&m_Lru.lock());
-            m_Lru.remove(hash);
-        }
         freeBlock(hash, write, true);
         // An estimate until the next measurement.
         free += static_cast<quint64>(liveBefore - liveBytes());
@@ -130,29 +128,27 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
     // References may outlive the store, and their last release calls this.
     if (!isInitialized())
         return;
-    ZebTdxMutexLocker locker(&deleteMutex());
-    requireInitialized();
-    if (!m_HashToBlockMap.contains(hash)) {
-        if (hashLocked)
-            hash->unlock();
-        return;
-    }
-    if (!blockIsLocked(hash))
-        blockUsed(hash);
-    ZebDataBlock* const block = m_HashToBlockMap.value(hash);
-    m_LiveBytes.fetch_sub(block->size(), std::memory_order_relaxed);
-    m_HashToBlockMap.remove(hash);
+    bool handedOff = false;
+    ZebDataBlock* block = nullptr;
     {
-        const ZebWriteLocker lruLocker(&m_Lru.lock());
-        m_Lru.remove(hash);
+        const ZebTdxMutexLocker locker(&deleteMutex());
+        const auto unlockHash = qScopeGuard([hash, hashLocked] {
+            if (hashLocked)
+                hash->unlock();
+        });
+        requireInitialized();
+        block = m_HashToBlockMap.value(hash, nullptr);
+        if (block != nullptr) {
+            // First, since only this may throw; the block stays resident then. The writer may start
+            // at once, but needs the delete lock before it deletes the block.
+            handedOff = write && !hash->isDontCache() && handOffToWriter(hash, block);
+            m_LiveBytes.fetch_sub(block->size(), std::memory_order_relaxed);
+            m_BlocksFreedCount.fetch_add(1, std::memory_order_relaxed);
+        }
+        forget(hash);
     }
-    m_BlocksFreedCount.fetch_add(1, std::memory_order_relaxed);
-    if (hashLocked)
-        hash->unlock();
-    if (write && !hash->isDontCache() && handOffToWriter(hash, block, locker))
-        return;
-    locker.unlock();
-    delete block;
+    if (!handedOff)
+        delete block;
 }
 
 bool ZebDataBlockManager::flushMemory(bool force)
@@ -173,9 +169,10 @@ void ZebDataBlockManager::freeAllBlocks()
     {
         const ZebTdxMutexLocker locker(&deleteMutex());
         requireInitialized();
-        const QHash<ZebDataHash*, ZebDataBlock*> blocks = m_HashToBlockMap;
-        for (auto block = blocks.constBegin(); block != blocks.constEnd(); ++block)
-            freeBlock(block.key(), true, false);
+        // Not a copy of the table: removing from a shared table copies it, which may throw.
+        const QList<ZebDataHash*> hashes = m_HashToBlockMap.keys();
+        for (ZebDataHash* const hash : hashes)
+            freeBlock(hash, true, false);
         m_HashToBlockMap.clear();
         const ZebWriteLocker lruLocker(&m_Lru.lock());
         m_Lru.clear();

@@ -6,6 +6,8 @@
 #include "support/ZebTdxMessage.h"
 #include "support/ZebWriteLocker.h"
 
+#include <new>
+
 namespace {
 
 qulonglong addressOf(const ZebDataHash* hash)
@@ -25,8 +27,9 @@ void ZebDataBlockManager::lockBlock(ZebDataHash* hash)
         ZebTdxMessage::fatal(
             QStringLiteral("Hash %1 is Not Contained in the LRU").arg(addressOf(hash)));
     }
+    // Keeps the block's place, so that unlockBlock() allocates nothing.
     const ZebWriteLocker lruLocker(&m_Lru.lock());
-    m_Lru.remove(hash);
+    m_Lru.park(hash);
 }
 
 void ZebDataBlockManager::unlockBlock(ZebDataHash* hash)
@@ -41,7 +44,14 @@ void ZebDataBlockManager::unlockBlock(ZebDataHash* hash)
     }
     m_Lru.add(hash);
     // There is an evictable block again.
-    setAllFreeBlocksFlushed(false);
+    try {
+        setAllFreeBlocksFlushed(false);
+    } catch (const std::bad_alloc&) {
+        // Queueing the signal to another thread allocates. The flag has changed all the same, and
+        // the end of an accessor cannot fail.
+        // NOLINTNEXTLINE(bugprone-empty-catch)
+        Q_UNUSED(this)
+    }
 }
 
 void ZebDataBlockManager::blockUsed(ZebDataHash* hash)

@@ -8,23 +8,16 @@
 #include "io/ZebDataBlockWriteThread.h"
 #include "support/ZebTdxMessage.h"
 
+#include <QScopeGuard>
 #include <QThread>
 
 namespace {
 
 constexpr unsigned long s_BrakeSleepMs = 1000;
 
-// Not analysed: a locker that is a parameter has no known lock. So for the analysis the caller
-// still holds the delete lock afterwards.
-void unlockEarly(ZebTdxMutexLocker& locker) ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
-{
-    locker.unlock();
-}
-
 } // namespace
 
-bool ZebDataBlockManager::queueWrite(ZebDataHash* hash, ZebDataBlock* block, bool deleteBlock,
-                                     ZebTdxMutexLocker& locker)
+bool ZebDataBlockManager::queueWrite(ZebDataHash* hash, ZebDataBlock* block, bool deleteBlock)
 {
     const int index = cacheIndex(hash);
     // Kept on purpose: the index is never -1 here, since the hash is not null.
@@ -36,22 +29,23 @@ bool ZebDataBlockManager::queueWrite(ZebDataHash* hash, ZebDataBlock* block, boo
         return false;
     ZebDataBlockWriteThread* const writer = writerOf(index, hash);
     m_BlocksBeingWritten.insert(block);
-    // The block is out of the tables already, so nothing below needs the lock.
-    if (deleteBlock)
-        unlockEarly(locker);
+    // A mark without a request would keep this block, and any later one at its address, from being
+    // written.
+    auto unmark = qScopeGuard(
+        [this, block]() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS { m_BlocksBeingWritten.remove(block); });
     writer->writeBlock(PreloadNormal, held, block, deleteBlock);
+    unmark.dismiss();
     return true;
 }
 
-bool ZebDataBlockManager::handOffToWriter(ZebDataHash* hash, ZebDataBlock* block,
-                                          ZebTdxMutexLocker& locker)
+bool ZebDataBlockManager::handOffToWriter(ZebDataHash* hash, ZebDataBlock* block)
 {
     // A block with a write in flight went through queueWrite(), so its hash leads to a root.
     if (m_BlocksBeingWritten.contains(block)) {
         m_BlocksToFreeAfterWriting.insert(block);
         return true;
     }
-    return queueWrite(hash, block, true, locker);
+    return queueWrite(hash, block, true);
 }
 
 void ZebDataBlockManager::flushWrite(const ZebSmartPointer<ZebDataHash>& hash)

@@ -3,11 +3,11 @@
 #include "manager/ZebDataBlockLru.h"
 #include "support/PrivateAccess.h"
 
-#include <QHash>
-
+#include <optional>
+#include <unordered_map>
 #include <vector>
 
-using LruInsideItems = QHash<ZebDataHash*, ZebDataBlockLruNode*>;
+using LruInsideItems = std::unordered_map<ZebDataHash*, std::optional<ZebDataBlockLruNode>>;
 
 ZEBTDX_ACCESS(LruInsideItemMap, ZebDataBlockLru, LruInsideItems ZebDataBlockLru::*, m_Items)
 ZEBTDX_ACCESS(LruInsideNewest, ZebDataBlockLru, ZebDataBlockLruNode* ZebDataBlockLru::*, m_Newest)
