@@ -20,8 +20,8 @@
 class ZebMemoryBudget;
 
 /// Checks block files: the header, whether the payload decompresses to the size that the header
-/// names, and whether the bytes match the name. Reads each file once, in pieces, and writes
-/// nothing. Whatever a file claims, no block takes more memory than the limit.
+/// names, and whether the bytes, or the payload itself, match the name. Reads each file once, in
+/// pieces, and writes nothing. Whatever a file claims, no block takes more memory than the limit.
 ///
 /// Small blocks wait until there are as many as the processor digests in parallel.
 ///
@@ -98,7 +98,11 @@ private:
     /// has room for one byte more than the block.
     ZebBlockVerdict inflate(Slot& slot, const Header& header, unsigned char* out);
 
-    static void conclude(Slot& slot, ZebBlockVerdict verdict, const Receiver& receive);
+    /// Whether the name is the digest of the payload: that of a block which the host compressed
+    /// before it added it.
+    bool isNamedByPayload(Slot& slot);
+
+    void conclude(Slot& slot, ZebBlockVerdict verdict, const Receiver& receive);
 
     const Limits m_Limits;
     // As many as are digested together; the first m_Waiting wait for their digests.

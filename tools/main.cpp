@@ -83,17 +83,8 @@ std::vector<std::string> plainArguments(int argc, char** argv)
     std::_Exit(ExitCode::Failed);
 }
 
-int runTool(int argc, char** argv)
+std::vector<std::unique_ptr<Command>> allCommands()
 {
-    CLI::App application(
-        "Puts files into a ZebTdx store, which keeps equal blocks once, and restores them.",
-        "zebtdx");
-    ToolSettings settings;
-    settings.m_GiveUp = &giveUp;
-    application.set_version_flag("--version", "zebtdx " ZEBTDX_VERSION_STRING);
-    application.add_flag("--verbose", settings.m_Verbose, "Show the store's own messages");
-    application.require_subcommand(1);
-
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(std::make_unique<IngestCommand>());
     commands.push_back(std::make_unique<RestoreCommand>());
@@ -106,9 +97,22 @@ int runTool(int argc, char** argv)
     commands.push_back(std::make_unique<VerifyCommand>());
     commands.push_back(std::make_unique<RepairCommand>());
     commands.push_back(std::make_unique<ProbeCommand>());
+    return commands;
+}
+
+int runTool(int argc, char** argv)
+{
+    CLI::App application(
+        "Puts files into a ZebTdx store, which keeps equal blocks once, and restores them.",
+        "zebtdx");
+    ToolSettings settings;
+    settings.m_GiveUp = &giveUp;
+    application.set_version_flag("--version", "zebtdx " ZEBTDX_VERSION_STRING);
+    application.add_flag("--verbose", settings.m_Verbose, "Show the store's own messages");
+    application.require_subcommand(1);
 
     std::vector<Entry> entries;
-    for (std::unique_ptr<Command>& command : commands) {
+    for (std::unique_ptr<Command>& command : allCommands()) {
         CLI::App* const parsed = command->addTo(application);
         parsed->add_flag("--verbose", settings.m_Verbose, "Show the store's own messages");
         entries.push_back({std::move(command), parsed});

@@ -37,6 +37,9 @@ public:
     /// @param place the roots, and the sub-cache unless `all` asks for every sub-cache
     CacheFiles(StorePlace place, bool all, ErrorReport& errors, CacheWarnings& warnings);
 
+    /// What the files were listed with.
+    const StorePlace& place() const { return m_Place; }
+
     const std::vector<File>& files() const { return m_Files; }
     const Directory& directoryOf(const File& file) const { return m_Directories[file.m_Directory]; }
     std::string pathOf(const File& file) const;

@@ -18,11 +18,12 @@ Words wordsOf(ZebBlockFinding finding)
         return {"sound", "is sound", "no action needed"};
     case ZebBlockFinding::NoPlace:
         return {"no_place", "has a name that no store with this many roots can use",
-                "pass all roots in their order, or move it out with zebtdx repair"};
+                "pass all roots in their order, or move it out with zebtdx repair "
+                "--move-misplaced"};
     case ZebBlockFinding::Misplaced:
         return {"misplaced", "is in a place where the store does not look for it",
                 "pass all roots in their order and the right --buckets, or move it out with zebtdx "
-                "repair"};
+                "repair --move-misplaced"};
     case ZebBlockFinding::BadBlockSize:
         return {"bad_block_size", "has an invalid block size in its header", s_Repair};
     case ZebBlockFinding::BadPayloadSize:

@@ -1,6 +1,7 @@
 #include "tools/commands/RepairCommand.h"
 
 #include "tools/cache/CacheFiles.h"
+#include "tools/cache/CacheLayout.h"
 #include "tools/cache/CacheVerifier.h"
 #include "tools/cache/CacheWarnings.h"
 #include "tools/cache/Quarantine.h"
@@ -23,8 +24,8 @@ const char* const s_Footer =
     "Exit status:\n"
     "  0  no damage, or all damaged files were moved\n"
     "  1  damaged files are still in the cache\n"
-    "  2  the command line is invalid, the cache is in use, most files are misplaced, or a file\n"
-    "     could not be checked\n";
+    "  2  the command line is invalid, the cache is in use, the files do not fit --root and\n"
+    "     --buckets, or a file could not be checked\n";
 
 } // namespace
 
@@ -41,6 +42,9 @@ CLI::App* RepairCommand::addTo(CLI::App& application)
     CommandOptions::addCheckThreads(*command, m_Threads);
     CommandOptions::addLargestBlock(*command, m_LargestBlock);
     command->add_flag("--apply", m_Apply, "Move the files");
+    command->add_flag("--move-misplaced", m_MoveMisplaced,
+                      "Also move files from places where the store does not look for them; they "
+                      "may be sound, of a store with other roots or buckets");
     CommandOptions::addJson(*command, m_Json);
     command->footer(s_Footer);
     return command;
@@ -56,9 +60,12 @@ int RepairCommand::run(const ToolSettings&)
     lock.take(m_Place.m_Roots, RootLock::Use::Alone);
     CacheWarnings warnings(errors);
     const CacheFiles files(m_Place, m_Place.m_SubCache.empty(), errors, warnings);
+    CacheLayout::require(files);
     CacheVerifier found({m_Threads, false, m_LargestBlock}, files, errors, warnings, progress);
     found.run();
-    const bool refused = m_Apply && !isThisCache(files, found);
+    const qint64 elsewhere =
+        found.damaged(ZebBlockFinding::Misplaced) + found.damaged(ZebBlockFinding::NoPlace);
+    const bool refused = m_Apply && !isThisCache(files, elsewhere);
     qint64 moved = 0;
     if (refused)
         errors.add("most files are not where --root and --buckets place them; nothing is moved; "
@@ -73,6 +80,9 @@ int RepairCommand::run(const ToolSettings&)
     const auto damaged = static_cast<qint64>(found.damage().size());
     if (!m_Apply && damaged > 0)
         summary.addLine("Nothing was moved. Pass --apply to move damaged files.");
+    if (elsewhere > 0 && !m_MoveMisplaced)
+        summary.addLine("Misplaced files stay. Pass --move-misplaced to move them as well, once "
+                        "--root and --buckets are certain.");
     const bool complete = summary.print(m_Json, errors) == ExitCode::Success;
     if (refused)
         return ExitCode::Environment;
@@ -81,11 +91,23 @@ int RepairCommand::run(const ToolSettings&)
     return complete ? ExitCode::Success : ExitCode::Environment;
 }
 
-bool RepairCommand::isThisCache(const CacheFiles& files, const CacheVerifier& found)
+bool RepairCommand::isThisCache(const CacheFiles& files, qint64 elsewhere)
 {
-    const qint64 elsewhere =
-        found.damaged(ZebBlockFinding::Misplaced) + found.damaged(ZebBlockFinding::NoPlace);
     return 2 * elsewhere <= static_cast<qint64>(files.files().size());
+}
+
+bool RepairCommand::isToMove(ZebBlockFinding finding) const
+{
+    switch (finding) {
+    case ZebBlockFinding::TooLarge:
+        // --largest was too low to check it.
+        return false;
+    case ZebBlockFinding::NoPlace:
+    case ZebBlockFinding::Misplaced:
+        return m_MoveMisplaced;
+    default:
+        return true;
+    }
 }
 
 qint64 RepairCommand::move(const CacheFiles& files, const CacheVerifier& found,
@@ -95,8 +117,7 @@ qint64 RepairCommand::move(const CacheFiles& files, const CacheVerifier& found,
     qint64 moved = 0;
     for (const CacheVerifier::Damage& damage : found.damage()) {
         StopRequest::check();
-        // It may be sound: --largest was too low to check it.
-        if (damage.m_Verdict.m_Finding == ZebBlockFinding::TooLarge)
+        if (!isToMove(damage.m_Verdict.m_Finding))
             continue;
         const CacheFiles::File& file = files.files()[damage.m_File];
         const std::string path = files.pathOf(file);

@@ -9,6 +9,7 @@
 
 #include <string>
 
+enum class ZebBlockFinding;
 class CacheFiles;
 class CacheVerifier;
 class ErrorReport;
@@ -25,7 +26,10 @@ public:
 
 private:
     /// Whether the places of most files match the roots and buckets given.
-    static bool isThisCache(const CacheFiles& files, const CacheVerifier& found);
+    static bool isThisCache(const CacheFiles& files, qint64 elsewhere);
+
+    /// Whether a file with this damage is moved. It may be sound otherwise.
+    bool isToMove(ZebBlockFinding finding) const;
 
     /// Moves the damaged files. Returns how many it moved.
     qint64 move(const CacheFiles& files, const CacheVerifier& found, ErrorReport& errors) const;
@@ -35,5 +39,6 @@ private:
     qint64 m_LargestBlock = ZebBlockFile::s_MaxBlockBytes;
     int m_Threads = CommandOptions::defaultThreads();
     bool m_Apply = false;
+    bool m_MoveMisplaced = false;
     bool m_Json = false;
 };

@@ -1,6 +1,7 @@
 #include "tools/commands/VerifyCommand.h"
 
 #include "tools/cache/CacheFiles.h"
+#include "tools/cache/CacheLayout.h"
 #include "tools/cache/CacheVerifier.h"
 #include "tools/cache/CacheWarnings.h"
 #include "tools/cache/RootLock.h"
@@ -21,7 +22,8 @@ const char* const s_Footer =
     "Exit status:\n"
     "  0  no damage, and every file was checked\n"
     "  1  damage was found\n"
-    "  2  the command line is invalid, or a file could not be checked and the others are sound\n";
+    "  2  the command line is invalid, the files do not fit --root and --buckets, or a file could\n"
+    "     not be checked and the others are sound\n";
 
 } // namespace
 
@@ -55,6 +57,7 @@ int VerifyCommand::run(const ToolSettings&)
     QElapsedTimer timer;
     timer.start();
     const CacheFiles files(m_Place, m_Place.m_SubCache.empty(), errors, warnings);
+    CacheLayout::require(files);
     CacheVerifier verifier({m_Threads, m_Fast, m_LargestBlock, m_Percent}, files, errors, warnings,
                            progress);
     verifier.run();

@@ -132,19 +132,6 @@ TEST_F(VerifyProgram, ASampleChecksItsShare)
     EXPECT_EQ(onCache({"verify", "--sample", "101"}).m_Status, 2);
 }
 
-TEST_F(VerifyProgram, OtherBucketsOrRootsMisplaceFilesAndRepairRefuses)
-{
-    EXPECT_THAT(
-        onCache({"verify", "--buckets", "7"}).m_Errors,
-        HasSubstr(": is in a place where the store does not look for it (it belongs in bucket "));
-    EXPECT_EQ(run({"verify", "--root", "r2", "--root", "r1"}).m_Status, 1);
-    const Outcome outcome = onCache({"repair", "--apply", "--buckets", "7", "--json"});
-    EXPECT_EQ(outcome.m_Status, 2);
-    EXPECT_EQ(outcome.number("moved"), 0);
-    EXPECT_THAT(outcome.m_Errors, HasSubstr("nothing is moved; check both\n"));
-    EXPECT_EQ(onCache({"verify"}).m_Status, 0);
-}
-
 TEST_F(VerifyProgram, WarningsDoNotChangeTheStatus)
 {
     m_Tree.file("r1/main/stranger", "mine");
