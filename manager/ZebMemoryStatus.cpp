@@ -2,15 +2,19 @@
 
 #include <QByteArray>
 #include <QFile>
-#include <QFileInfo>
-#include <QList>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
 #include <limits>
+#include <string_view>
 
 #ifdef Q_OS_WIN
 #include <windows.h>
 #else
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #endif
@@ -71,59 +75,120 @@ constexpr qint64 s_BytesPerKilobyte = 1024;
 // The user half of a 48-bit address space.
 constexpr qint64 s_UserAddressSpaceBytes = 0x800000000000;
 
-QString& sourceRoot()
+constexpr std::size_t s_PathBytes = 4096;
+
+// More than any of the files holds; the statistics of a group are the longest.
+constexpr std::size_t s_FileBytes = 16384;
+
+using Path = std::array<char, s_PathBytes>;
+
+QByteArray& sourceRoot()
 {
-    static QString root;
+    static QByteArray root;
     return root;
 }
 
-std::optional<QByteArray> contentsOf(const QString& path)
+// The contents of a small file of the kernel, read without an allocation: a full store measures
+// free memory at each admission.
+class KernelFile
 {
-    QFile file(sourceRoot() + path);
-    if (!file.open(QIODevice::ReadOnly))
+public:
+    // The path is the concatenation of the parts.
+    explicit KernelFile(std::string_view path, std::string_view directory = "",
+                        std::string_view name = "")
+    {
+        Path full = {};
+        const int length = std::snprintf(
+            full.data(), full.size(), "%s%.*s%.*s%.*s", sourceRoot().constData(),
+            static_cast<int>(path.size()), path.data(), static_cast<int>(directory.size()),
+            directory.data(), static_cast<int>(name.size()), name.data());
+        if (length < 0 || static_cast<std::size_t>(length) >= full.size())
+            return;
+        const int descriptor = ::open(full.data(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+        if (descriptor < 0)
+            return;
+        read(descriptor);
+        ::close(descriptor);
+    }
+    KernelFile(const KernelFile&) = delete;
+    KernelFile& operator=(const KernelFile&) = delete;
+
+    // Empty for a file that cannot be read.
+    std::string_view text() const { return {m_Bytes.data(), m_Size}; }
+
+private:
+    void read(int descriptor)
+    {
+        while (m_Size < m_Bytes.size()) {
+            const ssize_t got =
+                ::read(descriptor, m_Bytes.data() + m_Size, m_Bytes.size() - m_Size);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0)
+                return;
+            m_Size += static_cast<std::size_t>(got);
+        }
+    }
+
+    std::array<char, s_FileBytes> m_Bytes;
+    std::size_t m_Size = 0;
+};
+
+// Splits `text` at the first `end`: returns what comes before, and leaves what comes after.
+std::string_view takeUntil(std::string_view& text, char end)
+{
+    const std::size_t length = std::min(text.find(end), text.size());
+    const std::string_view taken = text.substr(0, length);
+    text.remove_prefix(std::min(length + 1, text.size()));
+    return taken;
+}
+
+// The decimal number that is the first word of `text`.
+std::optional<qint64> numberIn(std::string_view text)
+{
+    constexpr std::string_view separators = " \t\r\n";
+    text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
+    text = text.substr(0, text.find_first_of(separators));
+    qint64 number = 0;
+    const std::from_chars_result result =
+        std::from_chars(text.data(), text.data() + text.size(), number);
+    if (text.empty() || result.ec != std::errc() || result.ptr != text.data() + text.size())
         return {};
-    return file.readAll();
+    return number;
 }
 
-std::optional<qint64> numberIn(const QByteArray& text)
+std::optional<qint64> numberInFile(std::string_view path, std::string_view directory = "",
+                                   std::string_view name = "")
 {
-    bool valid = false;
-    const qint64 number = text.trimmed().toLongLong(&valid);
-    return valid ? std::optional<qint64>(number) : std::nullopt;
-}
-
-std::optional<qint64> numberInFile(const QString& path)
-{
-    const auto contents = contentsOf(path);
-    return contents ? numberIn(*contents) : std::nullopt;
+    return numberIn(KernelFile(path, directory, name).text());
 }
 
 // The number after `key`, in lines of key, separators and number.
-std::optional<qint64> valueOfKey(const QByteArray& contents, const QByteArray& key)
+std::optional<qint64> valueOfKey(std::string_view text, std::string_view key)
 {
-    for (const QByteArray& line : contents.split('\n')) {
-        if (!line.startsWith(key))
-            continue;
-        const QList<QByteArray> words = line.mid(key.size()).simplified().split(' ');
-        return numberIn(words.first());
+    while (!text.empty()) {
+        const std::string_view line = takeUntil(text, '\n');
+        if (line.substr(0, key.size()) == key)
+            return numberIn(line.substr(key.size()));
     }
     return {};
 }
 
-std::optional<qint64> memoryInfo(const QByteArray& key)
+std::optional<qint64> memoryInfo(std::string_view key)
 {
-    const auto contents = contentsOf(QStringLiteral("/proc/meminfo"));
-    const auto kilobytes = contents ? valueOfKey(*contents, key) : std::nullopt;
+    const auto kilobytes = valueOfKey(KernelFile("/proc/meminfo").text(), key);
     return kilobytes ? std::optional<qint64>(*kilobytes * s_BytesPerKilobyte) : std::nullopt;
 }
 
 // The file names of one version of control groups.
 struct GroupFiles
 {
-    QString m_Mount;
-    QString m_Limit;
-    QString m_Usage;
-    QByteArray m_DroppableKey;
+    std::string_view m_Mount;
+    std::string_view m_Limit;
+    std::string_view m_Usage;
+    // The statistics of memory that the kernel gives back on demand: file pages, of both lists, and
+    // reclaimable slab, which version 1 does not report.
+    std::array<std::string_view, 3> m_DroppableKeys;
 };
 
 struct GroupMemory
@@ -132,63 +197,75 @@ struct GroupMemory
     qint64 m_Free = s_NoLimitBytes;
 };
 
-void narrow(GroupMemory& memory, const GroupFiles& files, const QString& directory)
+void narrow(GroupMemory& memory, const GroupFiles& files, std::string_view group)
 {
     // An unlimited group of version 2 has a word here; one of version 1 the largest number of whole
     // pages. Usage and statistics are then not read: a full store measures at each admission.
-    const auto limit = numberInFile(directory + files.m_Limit);
+    const auto limit = numberInFile(files.m_Mount, group, files.m_Limit);
     if (!limit || *limit < 0 || *limit >= s_NoLimitFromBytes)
         return;
     memory.m_Limit = std::min(memory.m_Limit, *limit);
-    const qint64 usage = numberInFile(directory + files.m_Usage).value_or(0);
-    const QByteArray statistics =
-        contentsOf(directory + QStringLiteral("/memory.stat")).value_or(QByteArray());
-    const qint64 droppable = valueOfKey(statistics, files.m_DroppableKey).value_or(0);
-    const qint64 used = std::max<qint64>(0, usage - droppable);
+    const qint64 usage = numberInFile(files.m_Mount, group, files.m_Usage).value_or(0);
+    const KernelFile statistics(files.m_Mount, group, "/memory.stat");
+    qint64 used = usage;
+    for (const std::string_view key : files.m_DroppableKeys) {
+        if (!key.empty())
+            used -= valueOfKey(statistics.text(), key).value_or(0);
+    }
+    used = std::max<qint64>(0, used);
     memory.m_Free = std::min(memory.m_Free, std::max<qint64>(0, *limit - used));
 }
 
-// The lowest limits of the group and its parents, up to the mount point. In a container the group's
-// own directory may not be visible; the mount point then is the group.
-GroupMemory memoryOfGroup(const GroupFiles& files, QString group)
+// Narrows to the lowest limits of the group and its parents, up to the mount point. In a container
+// the group's own directory may not be visible; the mount point then is the group.
+void narrowToGroup(GroupMemory& memory, const GroupFiles& files, std::string_view group)
 {
-    GroupMemory memory;
-    while (group.endsWith(QLatin1Char('/')))
-        group.chop(1);
+    while (!group.empty() && group.back() == '/')
+        group.remove_suffix(1);
     for (;;) {
-        narrow(memory, files, files.m_Mount + group);
-        if (group.isEmpty())
-            return memory;
-        group.truncate(std::max(0, group.lastIndexOf(QLatin1Char('/'))));
+        narrow(memory, files, group);
+        if (group.empty())
+            return;
+        const std::size_t parent = group.rfind('/');
+        group = group.substr(0, parent == std::string_view::npos ? 0 : parent);
     }
+}
+
+bool containsMemory(std::string_view controllers)
+{
+    while (!controllers.empty()) {
+        if (takeUntil(controllers, ',') == "memory")
+            return true;
+    }
+    return false;
 }
 
 GroupMemory memoryOfControlGroup()
 {
-    static const GroupFiles unified = {
-        QStringLiteral("/sys/fs/cgroup"), QStringLiteral("/memory.max"),
-        QStringLiteral("/memory.current"), QByteArrayLiteral("inactive_file ")};
-    static const GroupFiles legacy = {
-        QStringLiteral("/sys/fs/cgroup/memory"), QStringLiteral("/memory.limit_in_bytes"),
-        QStringLiteral("/memory.usage_in_bytes"), QByteArrayLiteral("total_inactive_file ")};
+    static constexpr GroupFiles unified = {"/sys/fs/cgroup",
+                                           "/memory.max",
+                                           "/memory.current",
+                                           {"active_file ", "inactive_file ", "slab_reclaimable "}};
+    static constexpr GroupFiles legacy = {"/sys/fs/cgroup/memory",
+                                          "/memory.limit_in_bytes",
+                                          "/memory.usage_in_bytes",
+                                          {"total_active_file ", "total_inactive_file ", ""}};
 
-    const QByteArray groups =
-        contentsOf(QStringLiteral("/proc/self/cgroup")).value_or(QByteArray());
+    const KernelFile groups("/proc/self/cgroup");
     GroupMemory memory;
-    for (const QByteArray& line : groups.split('\n')) {
+    for (std::string_view lines = groups.text(); !lines.empty();) {
         // Number, controllers, path, separated by colons; the path may contain colons.
-        const int first = line.indexOf(':');
-        const int second = first < 0 ? -1 : line.indexOf(':', first + 1);
-        if (second < 0)
+        std::string_view line = takeUntil(lines, '\n');
+        takeUntil(line, ':');
+        const std::size_t end = line.find(':');
+        if (end == std::string_view::npos)
             continue;
-        const QByteArray controllers = line.mid(first + 1, second - first - 1);
-        const bool isUnified = controllers.isEmpty();
-        if (!isUnified && !controllers.split(',').contains("memory"))
-            continue;
-        const GroupMemory found =
-            memoryOfGroup(isUnified ? unified : legacy, QFile::decodeName(line.mid(second + 1)));
-        memory.m_Limit = std::min(memory.m_Limit, found.m_Limit);
-        memory.m_Free = std::min(memory.m_Free, found.m_Free);
+        const std::string_view controllers = line.substr(0, end);
+        const std::string_view group = line.substr(end + 1);
+        if (controllers.empty())
+            narrowToGroup(memory, unified, group);
+        else if (containsMemory(controllers))
+            narrowToGroup(memory, legacy, group);
     }
     return memory;
 }
@@ -197,7 +274,7 @@ GroupMemory memoryOfControlGroup()
 
 std::optional<qint64> ZebMemoryStatus::totalPhysicalBytes()
 {
-    const auto total = memoryInfo(QByteArrayLiteral("MemTotal:"));
+    const auto total = memoryInfo("MemTotal:");
     if (!total)
         return {};
     return std::min(*total, memoryOfControlGroup().m_Limit);
@@ -205,7 +282,7 @@ std::optional<qint64> ZebMemoryStatus::totalPhysicalBytes()
 
 std::optional<qint64> ZebMemoryStatus::freePhysicalBytes()
 {
-    const auto free = memoryInfo(QByteArrayLiteral("MemAvailable:"));
+    const auto free = memoryInfo("MemAvailable:");
     if (!free)
         return {};
     return std::min(*free, memoryOfControlGroup().m_Free);
@@ -213,13 +290,12 @@ std::optional<qint64> ZebMemoryStatus::freePhysicalBytes()
 
 std::optional<qint64> ZebMemoryStatus::totalSwapBytes()
 {
-    return memoryInfo(QByteArrayLiteral("SwapTotal:"));
+    return memoryInfo("SwapTotal:");
 }
 
 std::optional<qint64> ZebMemoryStatus::freeAddressSpaceBytes()
 {
-    const auto sizes = contentsOf(QStringLiteral("/proc/self/statm"));
-    const auto pages = sizes ? numberIn(sizes->split(' ').first()) : std::nullopt;
+    const auto pages = numberInFile("/proc/self/statm");
     rlimit limit = {};
     if (!pages || getrlimit(RLIMIT_AS, &limit) != 0)
         return {};
@@ -231,7 +307,7 @@ std::optional<qint64> ZebMemoryStatus::freeAddressSpaceBytes()
 
 void ZebMemoryStatus::setSourceRoot(const QString& root)
 {
-    sourceRoot() = root;
+    sourceRoot() = QFile::encodeName(root);
 }
 
 #endif

@@ -8,6 +8,8 @@
 
 /// The platform's memory figures in bytes; no value for a figure that cannot be read.
 ///
+/// The getters read the kernel's files anew each time and allocate nothing.
+///
 /// Thread safety: any thread may call the getters. setSourceRoot() must not run concurrently with
 /// them.
 namespace ZebMemoryStatus {
@@ -16,7 +18,8 @@ namespace ZebMemoryStatus {
 std::optional<qint64> totalPhysicalBytes();
 
 /// Available physical memory, at most what the memory limits of the process's control group and of
-/// its parent groups leave. Inactive file pages of these groups count as available.
+/// its parent groups leave. What the kernel gives back on demand counts as available: the file
+/// pages and the reclaimable slab of these groups.
 std::optional<qint64> freePhysicalBytes();
 
 /// Swap: the commit limit less the physical memory.

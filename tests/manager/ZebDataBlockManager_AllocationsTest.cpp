@@ -1,6 +1,8 @@
 // The tables of the store when an allocation fails: each operation happens as a whole or not at
 // all.
 
+#include "manager/ZebMemoryStatus.h"
+#include "manager/ZebSystemMemory.h"
 #include "support/FailingAllocations.h"
 #include "support/FailingDisk.h"
 #include "support/StoreFixture.h"
@@ -136,4 +138,15 @@ TEST_F(ZebDataBlockManagerAllocations, TheEndOfAnAccessorAllocatesNothing)
     EXPECT_EQ(FailingAllocations::count([&] { second.reset(); }), 0);
     EXPECT_EQ(FailingAllocations::count([&] { accessor.reset(); }), 0);
     EXPECT_EQ(manager().liveBlocks(), 1);
+}
+
+TEST_F(ZebDataBlockManagerAllocations, MeasuringFreeMemoryAllocatesNothing)
+{
+    // The figures of this machine, with its control groups; those of the fixture log a line.
+    ZebMemoryStatus::setSourceRoot(QString());
+    EXPECT_EQ(FailingAllocations::count([] {
+                  EXPECT_GT(ZebGetTotalPhysicalMemoryBytes(), 0);
+                  EXPECT_GT(ZebGetFreePhysicalMemoryBytes(), 0);
+              }),
+              0);
 }

@@ -115,25 +115,29 @@ protected:
     void writeGroups(const QByteArray& lines) { write(QStringLiteral("/proc/self/cgroup"), lines); }
 
     void writeUnified(const QString& group, const QByteArray& limit, qint64 usage,
-                      qint64 inactiveFile)
+                      qint64 inactiveFile, qint64 activeFile = 0, qint64 reclaimableSlab = 0)
     {
         const QString directory = QStringLiteral("/sys/fs/cgroup") + group;
         write(directory + QStringLiteral("/memory.max"), limit + '\n');
         writeNumber(directory + QStringLiteral("/memory.current"), usage);
         write(directory + QStringLiteral("/memory.stat"),
-              "anon 11\nactive_file 999999999999\ninactive_file " +
-                  QByteArray::number(inactiveFile) + "\nslab 3\n");
+              "anon 999999999999\nfile 999999999999\ninactive_file " +
+                  QByteArray::number(inactiveFile) + "\nactive_file " +
+                  QByteArray::number(activeFile) + "\nslab_reclaimable " +
+                  QByteArray::number(reclaimableSlab) + "\nslab 999999999999\n");
     }
 
-    void writeLegacy(const QString& group, qint64 limit, qint64 usage, qint64 inactiveFile)
+    void writeLegacy(const QString& group, qint64 limit, qint64 usage, qint64 inactiveFile,
+                     qint64 activeFile = 0)
     {
         const QString directory = QStringLiteral("/sys/fs/cgroup/memory") + group;
         writeNumber(directory + QStringLiteral("/memory.limit_in_bytes"), limit);
         writeNumber(directory + QStringLiteral("/memory.usage_in_bytes"), usage);
-        // The first figure leaves the groups below out; the total is what counts.
+        // The first figures leave the groups below out; the totals are what counts.
         write(directory + QStringLiteral("/memory.stat"),
-              "inactive_file 999999999999\ntotal_inactive_file " +
-                  QByteArray::number(inactiveFile) + '\n');
+              "inactive_file 999999999999\nactive_file 999999999999\ntotal_inactive_file " +
+                  QByteArray::number(inactiveFile) + "\ntotal_active_file " +
+                  QByteArray::number(activeFile) + '\n');
     }
 
     static QByteArray bytes(qint64 number) { return QByteArray::number(number); }
@@ -283,6 +287,21 @@ TEST_F(ZebSystemMemoryTest, AGroupLimitBoundsTotalAndFree)
     EXPECT_EQ(ZebGetTotalPhysicalMemoryBytes(), s_Gigabyte);
     // File pages that the group can drop count as free.
     EXPECT_EQ(ZebGetFreePhysicalMemoryBytes(), (1024 - 600 + 100) * s_Megabyte);
+    expectQuiet();
+}
+
+TEST_F(ZebSystemMemoryTest, FilePagesInUseAndReclaimableSlabOfAGroupCountAsFree)
+{
+    // What a store has read and written is in the page cache, mostly on the active list.
+    writeLargeMachine();
+    writeGroups("0::/busy\n");
+    writeUnified(QStringLiteral("/busy"), bytes(s_Gigabyte), 1000 * s_Megabyte, 100 * s_Megabyte,
+                 600 * s_Megabyte, 50 * s_Megabyte);
+    EXPECT_EQ(ZebGetFreePhysicalMemoryBytes(), (1024 - 1000 + 750) * s_Megabyte);
+    writeGroups("4:memory:/busy\n");
+    writeLegacy(QStringLiteral("/busy"), s_Gigabyte, 1000 * s_Megabyte, 100 * s_Megabyte,
+                600 * s_Megabyte);
+    EXPECT_EQ(ZebGetFreePhysicalMemoryBytes(), (1024 - 1000 + 700) * s_Megabyte);
     expectQuiet();
 }
 
