@@ -36,6 +36,7 @@ set(ZEBTDX_PUBLIC_HEADERS
 
 set(ZEBTDX_SOURCES
   support/ZebDataDeleteLocker.cpp
+  support/ZebRegularFile.cpp
   support/ZebTdxLog.cpp
   support/ZebTdxMessage.cpp
   support/ZebTdxMutex.cpp

@@ -1,6 +1,7 @@
 #include "support/ZebTdxLog.h"
 
 #include "support/ZebMutexLocker.h"
+#include "support/ZebRegularFile.h"
 #include "support/ZebTdxMessage.h"
 
 #include <QDebug>
@@ -8,6 +9,9 @@
 #include <QMessageLogger>
 #include <QTextStream>
 #include <QTime>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 std::atomic<bool> ZebTdxLog::s_Dead{false};
 
@@ -69,7 +73,13 @@ bool ZebTdxLog::setSubCache(const QString& path) ZEBTDX_NO_THREAD_SAFETY_ANALYSI
         return false;
     }
     m_File.setFileName(path + QStringLiteral("/TdxLog.txt"));
-    if (!m_File.open(QIODevice::Append | QIODevice::Text)) {
+    QString error;
+    const int descriptor =
+        ZebRegularFile::open(m_File.fileName(), O_WRONLY | O_APPEND | O_CREAT, &error);
+    if (descriptor < 0 || !m_File.open(descriptor, QIODevice::Append | QIODevice::Text,
+                                       QFileDevice::AutoCloseHandle)) {
+        if (descriptor >= 0)
+            ::close(descriptor);
         ZebTdxMessage::debug(QStringLiteral("[ !! ] Cannot Open TDx Log ") + m_File.fileName());
         return false;
     }
@@ -80,18 +90,23 @@ bool ZebTdxLog::log(Level level, const char* file, int line, const QString& mess
 {
     if (s_Dead.load(std::memory_order_relaxed) || !enabled())
         return true;
-    const ZebMutexLocker locker(&m_Mutex);
-    if (!m_File.isOpen())
-        return true;
     const QString tag = tagOf(level);
-    const QString time = QTime::currentTime().toString(Qt::TextDate);
+    QString time;
     {
-        QTextStream stream(&m_File);
-        stream << tag << time << ' ' << message << " - " << file << ':' << line << '\n';
-        stream.flush();
+        const ZebMutexLocker locker(&m_Mutex);
+        if (!m_File.isOpen())
+            return true;
+        time = QTime::currentTime().toString(Qt::TextDate);
+        {
+            QTextStream stream(&m_File);
+            stream << tag << time << ' ' << message << " - " << file << ':' << line << '\n';
+            stream.flush();
+        }
+        // The device is flushed as well: a crash must not lose more than the line in progress.
+        m_File.flush();
     }
-    // The device is flushed as well: a crash must not lose more than the line in progress.
-    m_File.flush();
+    // The host's message handler runs with no lock held, so it may log, or wait for a thread that
+    // does.
     QMessageLogger().debug() << tag << time << ' ' << message << " - " << file << ':' << line
                              << Qt::endl;
     if (level == Fatal)

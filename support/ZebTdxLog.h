@@ -22,9 +22,10 @@
 /// Thread safety: any thread may call log(). Only the controlling thread may call setSubCache(),
 /// while no other thread logs.
 ///
-/// Locks: log() holds m_Mutex, which is not recursive, while it writes the line and while Qt's
-/// message handler processes the copy. So a message handler must not call log(): a thread that logs
-/// would deadlock with itself. It must not wait for a thread that logs, either.
+/// Locks: log() holds m_Mutex while it writes the line to the file. Qt's message handler processes
+/// the copy with no lock of the log held; the copies of two threads may arrive in another order
+/// than their lines in the file. A handler that calls log() gets the copy of that line, too, and
+/// must end that recursion itself.
 class ZEBTDX_EXPORT ZebTdxLog
 {
 public:
@@ -51,8 +52,8 @@ public:
 
     /// Continues the log in "TdxLog.txt" in the directory `path`, which is created with its parents
     /// if it is missing. An empty path closes the file. Returns false, with a debug line, if the
-    /// directory cannot be created or the file cannot be opened; no file is open then. Takes no
-    /// lock.
+    /// directory cannot be created, the file cannot be opened, or its name belongs to a link or
+    /// anything else than a regular file; no file is open then. Takes no lock.
     bool setSubCache(const QString& path);
 
     /// Appends a line with the tag of `level`, the time of day, `message`, `file` and `line`, and

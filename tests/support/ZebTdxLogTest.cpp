@@ -5,6 +5,7 @@
 #include "support/IsFree.h"
 #include "support/LogInside.h"
 #include "support/MessageCapture.h"
+#include "support/ResourceLimit.h"
 
 #include <QDebug>
 #include <QDir>
@@ -20,6 +21,10 @@
 #include <memory>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -365,6 +370,45 @@ TEST_F(ZebTdxLogTest, ALineWaitsForTheLineInProgress)
     EXPECT_EQ(linesOf(logPath()).size(), 1);
 }
 
+TEST_F(ZebTdxLogTest, TheMessageHandlerRunsWithoutTheLock)
+{
+    static bool s_WasFree = false;
+    ASSERT_TRUE(log().setSubCache(directory()));
+    const QtMessageHandler previous =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {
+            s_WasFree = isFree(LogInside::mutex(log()));
+        });
+    log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("x"));
+    qInstallMessageHandler(previous);
+    EXPECT_TRUE(s_WasFree);
+    EXPECT_EQ(linesOf(logPath()).size(), 1);
+}
+
+TEST_F(ZebTdxLogTest, ALinkInThePlaceOfTheFileIsNotFollowed)
+{
+    const QTemporaryDir outside;
+    const QString target = outside.path() + QStringLiteral("/target");
+    ASSERT_TRUE(QFile::link(target, logPath()));
+    EXPECT_FALSE(log().setSubCache(directory()));
+    EXPECT_FALSE(hasOpenFile());
+    log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("x"));
+    EXPECT_FALSE(QFile::exists(target));
+    EXPECT_EQ(m_Messages.debugLines(),
+              QStringList(QStringLiteral("[ !! ] Cannot Open TDx Log ") + logPath()));
+}
+
+TEST_F(ZebTdxLogTest, APipeInThePlaceOfTheFileDoesNotBlock)
+{
+    // Read and write, so that opening the pipe for writing could succeed.
+    ASSERT_EQ(::mkfifo(QFile::encodeName(logPath()).constData(), S_IRUSR | S_IWUSR), 0);
+    const int reader = ::open(QFile::encodeName(logPath()).constData(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    EXPECT_FALSE(log().setSubCache(directory()));
+    EXPECT_FALSE(hasOpenFile());
+    ::close(reader);
+    EXPECT_FALSE(log().setSubCache(directory()));
+}
+
 TEST_F(ZebTdxLogTest, ALogThatHasEndedIsSilentForTheRestOfTheProcess)
 {
     auto ended = std::make_unique<ZebTdxLog>();
@@ -404,11 +448,13 @@ TEST_F(ZebTdxLogTest, TheEndOfALogClosesItsFile)
 
 TEST_F(ZebTdxLogTest, AFailedWriteIsNotReported)
 {
-    // Every write to this file fails because the device is full.
-    ASSERT_TRUE(QFile::link(QStringLiteral("/dev/full"), logPath()));
     ASSERT_TRUE(log().setSubCache(directory()));
-    EXPECT_TRUE(log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("lost")));
+    {
+        const ResourceLimit limit(RLIMIT_FSIZE, 0);
+        EXPECT_TRUE(log().log(ZebTdxLog::Info, "a.cpp", 1, QStringLiteral("lost")));
+    }
     EXPECT_TRUE(hasOpenFile());
+    EXPECT_EQ(contentsOf(logPath()), QString());
     // The copy of the line, and no message about the failure.
     EXPECT_EQ(m_Messages.debugLines().size(), 1);
 }
