@@ -9,6 +9,7 @@
 #include "io/ZebGarbageCollectorThread.h"
 #include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
+#include "support/ZebThreadStart.h"
 
 #include <QThread>
 
@@ -39,9 +40,9 @@ void ZebDataBlockManager::startIoThreads(const QString& root, int compressionThr
     // Before the thread starts: connecting a signal that another thread may emit races inside Qt.
     connect(writer, &ZebDataBlockWriteThread::writeError, this, &ZebDataBlockManager::writeError,
             Qt::AutoConnection);
-    writer->start(QThread::InheritPriority);
-    reader->start(QThread::InheritPriority);
-    collector->start(QThread::InheritPriority);
+    ZebThreadStart(writer, QThread::InheritPriority);
+    ZebThreadStart(reader, QThread::InheritPriority);
+    ZebThreadStart(collector, QThread::InheritPriority);
     m_ReadThreads.append(reader);
     m_WriteThreads.append(writer);
     m_GarbageCollectors.append(collector);

@@ -3,6 +3,7 @@
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
+#include "support/TemporaryStore.h"
 
 #include <QString>
 #include <QThread>
@@ -85,4 +86,14 @@ TEST(ZebThreadStartDeathTest, EndsTheProcessWhenACompressionWorkerDoesNotStart)
             const ZebDataBlockWriteThread_Pattern2 writer(QString(), 1, 2, nullptr);
         },
         refused("TDX Compression"));
+}
+
+TEST(ZebThreadStartDeathTest, EndsTheProcessWhenADiskThreadDoesNotStart)
+{
+    EXPECT_FATAL(
+        {
+            s_SystemRefusesThreads = true;
+            const TemporaryStore store;
+        },
+        refused("TDX Write"));
 }
