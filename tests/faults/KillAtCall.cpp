@@ -1,0 +1,155 @@
+// Preloaded into a program, kills it at one of its system calls that change files, chosen by
+// number: a random number is a random moment, with as many moments inside short work on files as
+// inside long computations. A write that is chosen writes a part of its bytes first, as the kernel
+// may when it kills a process inside a long write.
+//
+// ZEBTDX_KILL_AT is the number of the call, counted from 1. Without it, nothing is killed and the
+// number of calls is appended to the file that ZEBTDX_KILL_COUNT names, when the process ends.
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<long> s_Calls{0};
+
+long chosenCall()
+{
+    static const long chosen = [] {
+        const char* const text = std::getenv("ZEBTDX_KILL_AT");
+        return text == nullptr ? 0 : std::strtol(text, nullptr, 10);
+    }();
+    return chosen;
+}
+
+// Whether this call is the chosen one.
+bool isChosen()
+{
+    return ++s_Calls == chosenCall();
+}
+
+[[noreturn]] void die()
+{
+    ::kill(::getpid(), SIGKILL);
+    for (;;)
+        ::pause();
+}
+
+void dieIfChosen()
+{
+    if (isChosen())
+        die();
+}
+
+// The next definition of a function of the C library.
+template <typename Function>
+Function next(const char* name)
+{
+    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
+}
+
+struct CountAtExit
+{
+    ~CountAtExit()
+    {
+        const char* const path = std::getenv("ZEBTDX_KILL_COUNT");
+        if (path == nullptr)
+            return;
+        const long calls = s_Calls;
+        if (std::FILE* const file = std::fopen(path, "a")) {
+            std::fprintf(file, "%ld\n", calls);
+            std::fclose(file);
+        }
+    }
+} s_CountAtExit;
+
+} // namespace
+
+extern "C" {
+
+ssize_t write(int descriptor, const void* bytes, size_t size)
+{
+    static const auto system = next<ssize_t (*)(int, const void*, size_t)>("write");
+    // Pipes wake threads and are no files.
+    struct stat status = {};
+    if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && isChosen()) {
+        // Any part, from none to all.
+        timespec now = {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        const size_t part = static_cast<size_t>(now.tv_nsec) % (size + 1);
+        if (part > 0)
+            static_cast<void>(system(descriptor, bytes, part) == 0);
+        die();
+    }
+    return system(descriptor, bytes, size);
+}
+
+int close(int descriptor)
+{
+    static const auto system = next<int (*)(int)>("close");
+    struct stat status = {};
+    if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode))
+        dieIfChosen();
+    return system(descriptor);
+}
+
+int fsync(int descriptor)
+{
+    static const auto system = next<int (*)(int)>("fsync");
+    dieIfChosen();
+    return system(descriptor);
+}
+
+int syncfs(int descriptor) noexcept
+{
+    static const auto system = next<int (*)(int)>("syncfs");
+    dieIfChosen();
+    return system(descriptor);
+}
+
+int ftruncate64(int descriptor, off64_t size) noexcept
+{
+    static const auto system = next<int (*)(int, off64_t)>("ftruncate64");
+    dieIfChosen();
+    return system(descriptor, size);
+}
+
+int rename(const char* from, const char* to) noexcept
+{
+    static const auto system = next<int (*)(const char*, const char*)>("rename");
+    dieIfChosen();
+    return system(from, to);
+}
+
+int renameat2(int fromDirectory, const char* from, int toDirectory, const char* to,
+              unsigned int flags) noexcept
+{
+    static const auto system =
+        next<int (*)(int, const char*, int, const char*, unsigned int)>("renameat2");
+    dieIfChosen();
+    return system(fromDirectory, from, toDirectory, to, flags);
+}
+
+int unlink(const char* path) noexcept
+{
+    static const auto system = next<int (*)(const char*)>("unlink");
+    dieIfChosen();
+    return system(path);
+}
+
+int mkdir(const char* path, mode_t mode) noexcept
+{
+    static const auto system = next<int (*)(const char*, mode_t)>("mkdir");
+    dieIfChosen();
+    return system(path, mode);
+}
+}
