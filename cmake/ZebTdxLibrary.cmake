@@ -104,6 +104,7 @@ set(ZEBTDX_SOURCES
   selfcheck/ZebSelfCheckFrame.cpp
   selfcheck/ZebSelfCheckStore.cpp
   selfcheck/ZebSelfCheckTable.cpp
+  selfcheck/ZebSharedRandom.cpp
   selfcheck/ZebThreadedIo.cpp)
 
 set(ZEBTDX_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)

@@ -12,6 +12,7 @@
 #include "selfcheck/ZebSelfCheck.h"
 #include "selfcheck/ZebSelfCheckFrame.h"
 #include "selfcheck/ZebSelfCheckStore.h"
+#include "selfcheck/ZebSharedRandom.h"
 
 #include <QElapsedTimer>
 #include <QFuture>
@@ -32,7 +33,6 @@ constexpr int s_RoundTrips = 10000;
 
 constexpr int s_RegistryRounds = 2000;
 constexpr int s_RegistryBytes = 256 * 1024;
-constexpr int s_ByteValues = 256;
 
 using Days = QVector<QPair<QString, int>>;
 
@@ -112,7 +112,7 @@ qint64 internHashes(bool byText)
     std::vector<ZebSmartPointer<ZebDataHash>> held;
     held.reserve(s_RegistryRounds);
     qint64 processed = 0;
-    auto seed = static_cast<quint32>(ZebByteChain::sharedIndex(s_ByteValues));
+    auto seed = static_cast<quint32>(ZebSharedRandom::value());
     for (int round = 0; round < s_RegistryRounds; ++round) {
         const unsigned char byte = ZebByteChain(seed).nextByte();
         seed = byte;

@@ -1,7 +1,7 @@
 #include "selfcheck/ZebLiveReferences.h"
 
 #include "manager/ZebDataBlockManager.h"
-#include "selfcheck/ZebByteChain.h"
+#include "selfcheck/ZebSharedRandom.h"
 #include "support/ZebDataDeleteLocker.h"
 
 #include <QByteArray>
@@ -169,7 +169,7 @@ ZebDataReference ZebLiveReferences::pick()
     const QMutexLocker locker(&m_Mutex);
     if (m_References.isEmpty())
         return ZebDataReference();
-    const int place = ZebByteChain::sharedIndex(m_References.size());
+    const int place = ZebSharedRandom::below(m_References.size());
     return std::next(m_References.constBegin(), place).key();
 }
 

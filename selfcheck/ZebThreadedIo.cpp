@@ -6,6 +6,7 @@
 #include "selfcheck/TdxTester.h"
 #include "selfcheck/ZebByteChain.h"
 #include "selfcheck/ZebSelfCheck.h"
+#include "selfcheck/ZebSharedRandom.h"
 
 #include <QElapsedTimer>
 #include <QFuture>
@@ -55,14 +56,11 @@ void ZebThreadedIo::create()
 
 ZebDataReference ZebThreadedIo::createBlock(int index)
 {
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    const ZebDataReference reference =
-        manager.addBlock(ZebByteChain::bytes(static_cast<quint32>(index), m_BlockBytes),
-                         ZebModifyAccessor::Cached, false);
-    // Each task waits for its own block and for the disks, so that neither the jobs nor the
-    // writers' queues keep all blocks in memory.
+    const ZebDataReference reference = ZebDataBlockManager::instance().addBlock(
+        ZebByteChain::bytes(static_cast<quint32>(index), m_BlockBytes), ZebModifyAccessor::Cached,
+        false);
+    // The flush that follows the tasks does not wait for hashing jobs.
     reference.resolveWork();
-    manager.processIO();
     const qint64 created =
         m_BytesCreated.fetch_add(m_BlockBytes, std::memory_order_relaxed) + m_BlockBytes;
     if (index % s_LineStep == 0) {
@@ -105,7 +103,7 @@ QVector<ZebThreadedIo::Task> ZebThreadedIo::shuffledTasks() const
     for (int index = 0; index < m_Blocks / s_BlocksPerNewBlock; ++index)
         tasks.append({Task::Create, m_Blocks + index});
     for (int index = tasks.size() - 1; index > 0; --index)
-        std::swap(tasks[index], tasks[ZebByteChain::sharedIndex(index + 1)]);
+        std::swap(tasks[index], tasks[ZebSharedRandom::below(index + 1)]);
     return tasks;
 }
 

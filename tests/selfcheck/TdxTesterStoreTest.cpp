@@ -7,10 +7,15 @@
 #include "hash/ZebHashManager.h"
 #include "selfcheck/ZebByteChain.h"
 #include "selfcheck/ZebLiveReferences.h"
+#include "selfcheck/ZebSharedRandom.h"
 #include "selfcheck/ZebThreadedIo.h"
+#include "support/BlockedThread.h"
+#include "support/HeldWriter.h"
+#include "support/Manager.h"
 #include "support/MessageCapture.h"
 #include "support/NoBlocks.h"
 #include "support/SampleFolder.h"
+#include "support/SettingsKit.h"
 #include "support/TemporaryStore.h"
 
 #include "manager/ZebDataBlockManager.h"
@@ -20,7 +25,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -147,6 +155,9 @@ TEST(ZebByteChain, IsTheSameOnEveryMachineAndDiffersBySeed)
     // 0 * 214013 + 2531011 is 0x269EC3, whose bits from bit 16 on are 0x26.
     ZebByteChain chain(0);
     EXPECT_EQ(chain.next(), 0x26U);
+    // The value is the next seed: 38 * 214013 + 2531011 is 0xA2B651, whose bits from 16 on are
+    // 0xA2.
+    EXPECT_EQ(chain.next(), 0xA2U);
     EXPECT_EQ(ZebByteChain(0).nextByte(), 0x26);
     QSet<QByteArray> distinct;
     for (quint32 seed = 0; seed < 11000; ++seed)
@@ -185,6 +196,39 @@ TEST(ZebLiveReferences, WorkersOnAnEmptyMapDoNothing)
     ZebLiveReferences::remove();
     EXPECT_EQ(ZebLiveReferences::count(), 0);
     EXPECT_EQ(ZebLiveReferences::bytesProcessed(), 0);
+}
+
+// The blocks of one root pile up in memory, and no task waits for them.
+TEST(ZebThreadedIo, CreatesItsBlocksFasterThanTheWritersWriteThem)
+{
+    const TemporaryStore store;
+    const KeptSettings settings;
+    manager().setMaxWritePendingSizeFactor(0.0F);
+    constexpr int blocks = 100;
+    constexpr int bytes = 16 * 1024;
+    ZebThreadedIo io(blocks, bytes);
+    {
+        HeldWriter held;
+        BlockedThread creator([&io] { io.create(); });
+        EXPECT_TRUE(creator.ends());
+        EXPECT_TRUE(manager().isWriteThreadsFull());
+        held.release();
+    }
+    EXPECT_EQ(io.references(), blocks);
+    io.clear();
+}
+
+TEST(ZebSharedRandom, ItsValuesAreThoseOfTheProcess)
+{
+    std::srand(5);
+    std::vector<int> expected(100);
+    std::generate(expected.begin(), expected.end(), &std::rand);
+    std::srand(5);
+    std::vector<int> values(100);
+    std::generate(values.begin(), values.end(), &ZebSharedRandom::value);
+    EXPECT_EQ(values, expected);
+    for (const int value : values)
+        EXPECT_LT(ZebSharedRandom::below(value % 7 + 1), value % 7 + 1);
 }
 
 // No check gets this far, because the comparisons before it never hold.
