@@ -49,6 +49,7 @@ set(ZEBTDX_SOURCES
   hash/ZebDataHash_Text.cpp
   hash/ZebHashHandle.cpp
   hash/ZebHashManager.cpp
+  hash/ZebHashRemoval.cpp
   hash/ZebHashText.cpp
   data/ZebBlockFuture.cpp
   data/ZebConstAccessor.cpp

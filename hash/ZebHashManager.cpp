@@ -1,5 +1,6 @@
 #include "hash/ZebHashManager.h"
 
+#include "hash/ZebHashRemoval.h"
 #include "support/ZebCountUp.h"
 #include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
@@ -51,6 +52,7 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::intern(ZebDataHash* fresh)
     std::unique_ptr<ZebDataHash> owned(fresh);
     ZebMutexLocker locker(&m_Mutex);
     ZebCountUp(m_Requests);
+    awaitRemoval(*fresh);
     const auto entry = m_Hashes.constFind(ZebHashHandle(fresh));
     if (entry == m_Hashes.constEnd()) {
         // The entry comes first: if the table cannot grow, nothing has changed.
@@ -85,6 +87,7 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::addHash_Unlocked(ZebDataHash* hash)
 {
     if (hash == nullptr)
         return {};
+    awaitRemoval(*hash);
     const auto entry = m_Hashes.constFind(ZebHashHandle(hash));
     if (entry == m_Hashes.constEnd()) {
         m_Hashes.insert(ZebHashHandle(hash));
@@ -129,6 +132,54 @@ bool ZebHashManager::isHashLive(const QString& text) const
     ZebDataHash wanted(text);
     const ZebMutexLocker locker(&m_Mutex);
     return m_Hashes.contains(ZebHashHandle(&wanted));
+}
+
+bool ZebHashManager::beginRemoval(ZebHashRemoval* removal)
+{
+    const ZebMutexLocker locker(&m_Mutex);
+    if (m_Hashes.contains(ZebHashHandle(&removal->m_Hash)))
+        return false;
+    const ZebMutexLocker removalLocker(&m_RemovalMutex);
+    removal->m_Next = m_Removals;
+    m_Removals = removal;
+    m_RemovalCount.fetch_add(1, std::memory_order_relaxed);
+    return true;
+}
+
+void ZebHashManager::endRemoval(ZebHashRemoval* removal)
+{
+    const ZebMutexLocker locker(&m_RemovalMutex);
+    ZebHashRemoval** link = &m_Removals;
+    while (*link != removal)
+        link = &(*link)->m_Next;
+    *link = removal->m_Next;
+    m_RemovalCount.fetch_sub(1, std::memory_order_relaxed);
+    m_RemovalEnded.wakeAll();
+}
+
+bool ZebHashManager::isBeingRemoved(const ZebDataHash& hash) const
+{
+    const ZebHashRemoval* removal = m_Removals;
+    while (removal != nullptr && removal->m_Hash != hash)
+        removal = removal->m_Next;
+    return removal != nullptr;
+}
+
+void ZebHashManager::awaitRemoval(const ZebDataHash& hash)
+{
+    // The caller may hold the delete lock, or entries of m_Mutex further out. The wait still ends:
+    // a collector that has set a mark takes neither before it has cleared the mark, and in between
+    // it only removes one file.
+    while (m_RemovalCount.load(std::memory_order_relaxed) != 0) {
+        ZebMutexLocker locker(&m_RemovalMutex);
+        if (!isBeingRemoved(hash))
+            return;
+        m_Mutex.unlock();
+        m_RemovalEnded.wait(&m_RemovalMutex);
+        // Unlocked first: m_Mutex comes before it. Another removal may begin in between.
+        locker.unlock();
+        m_Mutex.lock();
+    }
 }
 
 int ZebHashManager::hashCount() const

@@ -11,6 +11,11 @@
 #include <QMutex>
 #include <QSet>
 #include <QString>
+#include <QWaitCondition>
+
+#include <atomic>
+
+class ZebHashRemoval;
 
 /// The registry that interns hashes. While a hash has a holder, every look-up of equal bytes
 /// returns the same object; so for interned hashes equal pointers mean equal digests.
@@ -21,7 +26,10 @@
 /// Thread safety: any thread may call any operation except validateState(), which is for a quiet
 /// system.
 ///
+/// While a collector removes the file of a digest, a thread that interns this digest waits.
+///
 /// Locks: m_Mutex is at level 3 of the lock order; the mutex of a hash may be taken inside it.
+/// m_RemovalMutex is a leaf lock.
 class ZEBTDX_EXPORT ZebHashManager
 {
 public:
@@ -71,6 +79,7 @@ public:
 protected:
     friend class ZebDataHash;
     friend class ZebHashingJob;
+    friend class ZebHashRemoval;
 
     ZebHashManager();
 
@@ -91,6 +100,20 @@ private:
     /// and the caller destroys it. Only ZebDataHash calls it, with no lock of this level held.
     bool derefRemoveHash(ZebDataHash* hash);
 
+    /// Marks a digest as being removed unless it is registered, and returns whether it did: one
+    /// decision, with the registry locked.
+    bool beginRemoval(ZebHashRemoval* removal);
+
+    /// Clears the mark and wakes the threads that wait for it. Takes m_RemovalMutex alone.
+    void endRemoval(ZebHashRemoval* removal);
+
+    /// Waits until the digest of this hash is not being removed, with m_Mutex released by one level
+    /// meanwhile. On return no removal of it can begin before the registry is unlocked.
+    void awaitRemoval(const ZebDataHash& hash) ZEBTDX_REQUIRES(m_Mutex);
+
+    /// Whether the digest of this hash is being removed.
+    bool isBeingRemoved(const ZebDataHash& hash) const ZEBTDX_REQUIRES(m_RemovalMutex);
+
     QSet<ZebHashHandle> m_Hashes ZEBTDX_GUARDED_BY(m_Mutex);
     int m_Requests ZEBTDX_GUARDED_BY(m_Mutex) = 0;
     int m_CacheHits ZEBTDX_GUARDED_BY(m_Mutex) = 0;
@@ -99,4 +122,16 @@ private:
 
     // Recursive, so that a thread may drop a holder while it walks the table.
     mutable QMutex m_Mutex ZEBTDX_LOCK_LEVEL_3;
+
+    // A leaf lock, taken inside m_Mutex. Qt's condition cannot release a recursive mutex.
+    QMutex m_RemovalMutex ZEBTDX_ACQUIRED_AFTER(m_Mutex);
+    QWaitCondition m_RemovalEnded;
+
+    // The removals in progress, linked by their m_Next. None of their digests is registered: a mark
+    // is set with m_Mutex held too, and every insertion looks for marks first.
+    ZebHashRemoval* m_Removals ZEBTDX_GUARDED_BY(m_RemovalMutex) = nullptr;
+
+    // Their number, so that interning rarely takes the second mutex. Grows with both mutexes held
+    // and shrinks with m_RemovalMutex held: with m_Mutex held, 0 proves that there is none.
+    std::atomic<int> m_RemovalCount{0};
 };

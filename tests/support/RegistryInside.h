@@ -5,11 +5,14 @@
 
 #include <QMutex>
 #include <QSet>
+#include <QWaitCondition>
 
 using RegistryInsidePointer = ZebSmartPointer<ZebDataHash>;
 
 ZEBTDX_ACCESS(RegistryInsideHashes, ZebHashManager, QSet<ZebHashHandle> ZebHashManager::*, m_Hashes)
 ZEBTDX_ACCESS(RegistryInsideMutex, ZebHashManager, QMutex ZebHashManager::*, m_Mutex)
+ZEBTDX_ACCESS(RegistryInsideRemovalEnded, ZebHashManager, QWaitCondition ZebHashManager::*,
+              m_RemovalEnded)
 ZEBTDX_ACCESS(RegistryInsideRequests, ZebHashManager, int ZebHashManager::*, m_Requests)
 ZEBTDX_ACCESS(RegistryInsideCacheHits, ZebHashManager, int ZebHashManager::*, m_CacheHits)
 ZEBTDX_ACCESS(RegistryInsideCacheMisses, ZebHashManager, int ZebHashManager::*, m_CacheMisses)
@@ -60,6 +63,12 @@ inline RegistryInsidePointer addHashUnlocked(ZebHashManager& object, ZebDataHash
 inline bool derefRemoveHash(ZebHashManager& object, ZebDataHash* hash)
 {
     return (object.*privateMember(RegistryInsideDerefRemoveHash()))(hash);
+}
+
+/// At which a thread waits for the removal of a file.
+inline QWaitCondition& removalEnded(ZebHashManager& object)
+{
+    return object.*privateMember(RegistryInsideRemovalEnded());
 }
 
 /// The mutex of the process's registry.

@@ -1,0 +1,13 @@
+#include "hash/ZebHashRemoval.h"
+
+#include "hash/ZebHashManager.h"
+
+ZebHashRemoval::ZebHashRemoval(const QString& text)
+    : m_Hash(text), m_Next(nullptr), m_HashIsLive(!ZebHashManager::instance().beginRemoval(this))
+{}
+
+ZebHashRemoval::~ZebHashRemoval()
+{
+    if (!m_HashIsLive)
+        ZebHashManager::instance().endRemoval(this);
+}
