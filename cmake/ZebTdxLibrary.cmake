@@ -71,6 +71,8 @@ set(ZEBTDX_SOURCES
   io/ZebDataBlockWriteThread.cpp
   io/ZebDataBlockWriteThread_Pattern1.cpp
   io/ZebDataBlockWriteThread_Pattern2.cpp
+  io/ZebDirectory.cpp
+  io/ZebFileReader.cpp
   io/ZebGarbageCollectorThread.cpp
   manager/ZebBuildFilename.cpp
   manager/ZebDataBlockLru.cpp
@@ -168,7 +170,6 @@ if(ZEBTDX_BUILD_TESTS OR ZEBTDX_BUILD_TOOLS)
   add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>
     io/ZebBlockFileChecker.cpp
     io/ZebBlockInflater.cpp
-    io/ZebFileReader.cpp
     io/ZebMemoryBudget.cpp)
   target_include_directories(ZebTdxTwin PUBLIC ${zebtdx_build_includes})
   target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent Qt5::Gui ZLIB::ZLIB)

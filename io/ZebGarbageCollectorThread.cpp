@@ -1,23 +1,33 @@
 #include "io/ZebGarbageCollectorThread.h"
 
-#include "hash/ZebHashManager.h"
+#include "hash/ZebHashRemoval.h"
 #include "hash/ZebHashText.h"
+#include "io/ZebDirectory.h"
 #include "support/ZebMutexLocker.h"
-#include "support/ZebReadLocker.h"
 #include "support/ZebWriteLocker.h"
 
+#include <QByteArray>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QScopeGuard>
 
+#include <algorithm>
 #include <new>
+#include <utility>
 
 namespace {
 
 constexpr unsigned long s_PollUs = 100000;
 constexpr qint64 s_PassIntervalMs = 60000;
 constexpr qint64 s_NoPassYet = -1;
+
+// Whether a file of this name may be a block file. A name that Qt cannot decode is none.
+bool isBlockFile(const QByteArray& name)
+{
+    const QString text = QFile::decodeName(name);
+    return ZebHashText::isBlockFileName(text) && QFile::encodeName(text) == name;
+}
 
 } // namespace
 
@@ -52,9 +62,10 @@ void ZebGarbageCollectorThread::run()
 
 void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* reporter, int* count)
 {
-    // Waits for a change of the sub-cache in progress, and holds nothing afterwards.
-    m_Lock.lockForRead();
-    m_Lock.unlock();
+    {
+        // Waits for a change of the sub-cache in progress, and holds nothing afterwards.
+        const ZebWriteLocker waiting(&m_Lock);
+    }
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     // Takes the delete lock, so it must precede the bracket. The name cannot change while the
     // collection is enabled.
@@ -72,10 +83,12 @@ void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* r
         return;
     }
     const auto end = qScopeGuard([this] { endPass(); });
-    const QStringList files =
-        findBlockFiles(m_CacheRoot + QDir::separator() + subCache, reporter, count);
+    // A trailing separator, since the root itself may be a link.
+    const ZebDirectory root(QFile::encodeName(m_CacheRoot + QDir::separator()).toStdString());
+    const ZebDirectory directory = root.below(QFile::encodeName(subCache).toStdString());
+    const std::vector<Visited> visited = walk(directory, reporter, count);
     if (manager.garbageCollecting())
-        sweep(files);
+        sweep(directory, visited);
 }
 
 bool ZebGarbageCollectorThread::isGateClosed() const
@@ -87,46 +100,71 @@ bool ZebGarbageCollectorThread::isGateClosed() const
     return m_PassTimer.isValid() && m_PassTimer.elapsed() < s_PassIntervalMs;
 }
 
-QStringList ZebGarbageCollectorThread::findBlockFiles(
-    const QString& directory, ZebDataBlockManager::ProgressReporter* reporter, int* count)
+std::vector<ZebGarbageCollectorThread::Visited>
+ZebGarbageCollectorThread::walk(const ZebDirectory& subCache,
+                                ZebDataBlockManager::ProgressReporter* reporter, int* count)
 {
     const ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    QStringList directories(directory);
-    QStringList files;
-    while (!directories.isEmpty() && manager.garbageCollecting()) {
+    std::vector<Visited> visited(1);
+    for (std::size_t index = 0; index < visited.size() && manager.garbageCollecting(); ++index) {
         if (reporter != nullptr && count != nullptr)
             reporter->update(++*count, QStringLiteral(""));
-        const QFileInfoList entries =
-            QDir(directories.takeFirst())
-                .entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot,
-                               QDir::NoSort);
-        for (const QFileInfo& entry : entries) {
-            if (entry.isFile() && ZebHashText::isBlockFileName(entry.fileName()))
-                files.append(entry.absoluteFilePath());
-            else if (entry.isDir())
-                directories.append(entry.absoluteFilePath());
-        }
+        visit(subCache.below(visited[index].m_Path), index, &visited);
     }
-    return files;
+    return visited;
 }
 
-void ZebGarbageCollectorThread::sweep(const QStringList& files)
+void ZebGarbageCollectorThread::visit(const ZebDirectory& directory, std::size_t index,
+                                      std::vector<Visited>* visited)
 {
-    const ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    const ZebHashManager& registry = ZebHashManager::instance();
-    m_CacheSize.store(0, std::memory_order_relaxed);
-    for (const QString& path : files) {
-        const QFileInfo file(path);
-        // Checked just before the removal, so a reference taken since the walk keeps the file. A
-        // queued request, a read or a write in progress holds one.
-        if (registry.isHashLive(file.fileName())) {
-            m_CacheSize.fetch_add(file.size(), std::memory_order_relaxed);
-            continue;
-        }
-        if (!manager.garbageCollecting())
+    const std::string path = (*visited)[index].m_Path + "/";
+    std::string names;
+    // In the order of the directory, which needs no memory beyond the names.
+    directory.forEach([&](const char* name, ZebDirectory::Kind kind) {
+        // Kept on purpose: hidden entries stay, whatever their names.
+        if (*name == '.')
             return;
-        deleteBlock(path);
+        if (kind == ZebDirectory::Kind::Directory)
+            visited->push_back({path + name, {}});
+        else if (kind == ZebDirectory::Kind::File && isBlockFile(name))
+            names.append(name).push_back('\0');
+    });
+    (*visited)[index].m_FileNames = std::move(names);
+}
+
+void ZebGarbageCollectorThread::sweep(const ZebDirectory& subCache,
+                                      const std::vector<Visited>& visited)
+{
+    m_CacheSize.store(0, std::memory_order_relaxed);
+    for (const Visited& found : visited) {
+        if (found.m_FileNames.empty())
+            continue;
+        // Opened again: a walk may visit more directories than a process can have open.
+        const ZebDirectory directory = subCache.below(found.m_Path);
+        std::size_t begin = 0;
+        while (begin < found.m_FileNames.size()) {
+            const std::string name = found.m_FileNames.c_str() + begin;
+            if (!sweepFile(directory, name))
+                return;
+            begin += name.size() + 1;
+        }
     }
+}
+
+bool ZebGarbageCollectorThread::sweepFile(const ZebDirectory& directory, const std::string& name)
+{
+    // Decided just before the removal, so a reference taken since the walk keeps the file. A
+    // queued request, a read or a write in progress holds one.
+    const ZebHashRemoval removal(QFile::decodeName(name.c_str()));
+    if (removal.isHashLive()) {
+        m_CacheSize.fetch_add(std::max<qint64>(directory.fileSize(name), 0),
+                              std::memory_order_relaxed);
+        return true;
+    }
+    if (!ZebDataBlockManager::instance().garbageCollecting())
+        return false;
+    directory.removeFile(name);
+    return true;
 }
 
 void ZebGarbageCollectorThread::endPass()
@@ -146,18 +184,20 @@ void ZebGarbageCollectorThread::endPass()
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): the interface is fixed.
 void ZebGarbageCollectorThread::deleteBlock(const QString& path)
 {
-    QFile file(path);
-    if (file.exists())
-        file.remove();
+    const QFileInfo file(path);
+    const ZebDirectory directory(QFile::encodeName(file.path()).toStdString());
+    directory.removeFile(QFile::encodeName(file.fileName()).toStdString());
 }
 
 void ZebGarbageCollectorThread::closeDown()
 {
-    // Kept on purpose: a read lock although this writes, so it only waits for setSubCache(). Both
-    // fields are atomic.
-    const ZebReadLocker locker(&m_Lock);
+    // Kept on purpose: waits for setSubCache() only, as a reader, although this writes. Both fields
+    // are atomic. The read lock is the second choice, since it allocates.
+    if (!m_Lock.tryLockForWrite())
+        m_Lock.lockForRead();
     m_Exit.store(true, std::memory_order_relaxed);
     m_CacheSize.store(0, std::memory_order_relaxed);
+    m_Lock.unlock();
 }
 
 void ZebGarbageCollectorThread::setSubCache(const QString& subCache)
@@ -168,6 +208,6 @@ void ZebGarbageCollectorThread::setSubCache(const QString& subCache)
 
 QString ZebGarbageCollectorThread::subCache() const
 {
-    const ZebReadLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     return m_SubCache;
 }

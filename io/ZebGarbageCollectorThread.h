@@ -8,17 +8,24 @@
 #include <QMutex>
 #include <QReadWriteLock>
 #include <QString>
-#include <QStringList>
 #include <QThread>
 
 #include <atomic>
+#include <string>
+#include <vector>
+
+class ZebDirectory;
 
 /// The garbage collector of one cache root. A pass walks the root's current sub-cache, removes
 /// orphaned files, whose hash no reference holds, and sums up the sizes of the others. The thread
 /// polls ten times a second; collect() makes a pass on the calling thread.
 ///
 /// The name alone identifies a block file: it has 15 "-", whatever stands between them. A pass
-/// neither removes nor counts files of other names, nor hidden ones.
+/// neither removes nor counts files of other names, hidden files, or anything but a regular file.
+/// Below the root it follows no link: it stays in the tree.
+///
+/// Between the decision that a file is orphaned and its removal, the registry keeps its digest out
+/// (ZebHashRemoval), so bytes that are added again are written again.
 ///
 /// A pass never fails: a directory that cannot be read counts as empty, and the next pass retries a
 /// file that cannot be removed.
@@ -29,6 +36,8 @@
 /// Locks: m_Lock is level 4; m_PassTimerMutex is a leaf lock. A pass holds neither across a file
 /// operation. It takes the delete lock briefly before its bracket, never inside:
 /// ZebDataBlockManager::stopGarbageCollection() waits for the bracket's end with that lock held.
+/// m_Lock is taken for writing only: a recursive read lock allocates, and stays taken when that
+/// fails. closeDown() is the exception.
 class ZEBTDX_EXPORT ZebGarbageCollectorThread : public QThread
 {
 public:
@@ -47,7 +56,7 @@ public:
     void collect(ZebDataBlockManager::ProgressReporter* reporter, int* count)
         ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// Removes the file if it exists. Ignores a failure.
+    /// Removes the file if it is a regular one. Ignores a failure.
     void deleteBlock(const QString& path);
 
     /// Asks the thread to end and resets the size found. Does not wait, and does not stop a running
@@ -66,13 +75,30 @@ private:
     /// Whether a pass can be skipped: no block was freed since the last one, which is recent.
     bool isGateClosed() const;
 
-    /// The block files below `directory`, breadth-first. Stops early when the collection is
-    /// disabled.
-    static QStringList findBlockFiles(const QString& directory,
-                                      ZebDataBlockManager::ProgressReporter* reporter, int* count);
+    /// A directory that the walk has visited.
+    struct Visited
+    {
+        /// Its path below the sub-cache.
+        std::string m_Path;
+        /// The names of its block files, each followed by a NUL.
+        std::string m_FileNames;
+    };
 
-    /// Removes the orphaned ones of these files, and sets m_CacheSize to the size of the others.
-    void sweep(const QStringList& files);
+    /// Visits the directories below `subCache`, breadth-first. Stops early when the collection is
+    /// disabled.
+    static std::vector<Visited> walk(const ZebDirectory& subCache,
+                                     ZebDataBlockManager::ProgressReporter* reporter, int* count);
+
+    /// Adds the block files and the subdirectories of a directory.
+    static void visit(const ZebDirectory& directory, std::size_t index,
+                      std::vector<Visited>* visited);
+
+    /// Removes the orphaned files of these directories, and sets m_CacheSize to the size of the
+    /// others.
+    void sweep(const ZebDirectory& subCache, const std::vector<Visited>& visited);
+
+    /// Removes an orphaned file or counts a live one. False when the collection is disabled.
+    bool sweepFile(const ZebDirectory& directory, const std::string& name);
 
     /// Closes the gate and ends the bracket of a pass.
     void endPass();

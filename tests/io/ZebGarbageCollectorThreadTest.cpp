@@ -30,15 +30,15 @@ class ZebGarbageCollectorThreadTest : public CollectorStation
 
 // Replaces the system's function.
 
-extern "C" int unlink(const char* path) noexcept
+extern "C" int unlinkat(int directory, const char* name, int flags) noexcept
 {
     if (s_RemovalFails) {
         errno = EACCES;
         return -1;
     }
-    using Function = int (*)(const char*);
-    static const auto system = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "unlink"));
-    return system(path);
+    using Function = int (*)(int, const char*, int);
+    static const auto system = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "unlinkat"));
+    return system(directory, name, flags);
 }
 
 // What a pass removes and counts

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <new>
 #include <stdexcept>
@@ -40,14 +41,14 @@ protected:
 } // namespace
 
 // Replaces the system's function.
-extern "C" void* opendir(const char* path)
+extern "C" dirent* readdir(DIR* directory)
 {
     ++s_Walks;
     if (s_WalkIsOutOfMemory)
         throw std::bad_alloc();
-    using Function = void* (*)(const char*);
-    static const auto system = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "opendir"));
-    return system(path);
+    using Function = dirent* (*)(DIR*);
+    static const auto system = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "readdir"));
+    return system(directory);
 }
 
 // A pass that is stopped early, and what it holds
@@ -169,14 +170,16 @@ TEST_F(ZebGarbageCollectorThreadRun, AskedToEndBeforeItStartsItMakesNoPass)
 
 TEST_F(ZebGarbageCollectorThreadRun, AWalkThatRunsOutOfMemoryDoesNotEndTheThread)
 {
+    const QString dead = writeDead("0");
+    CollectedStore::write(deadName(1));
     s_WalkIsOutOfMemory = true;
     const int walks = s_Walks;
     m_Collector.start();
     manager().startGarbageCollection();
     EXPECT_TRUE(waitUntil([walks] { return s_Walks > walks + 1; })) << "the store's and this one";
     EXPECT_TRUE(waitUntil([] { return passesRunning() == 0; }));
+    EXPECT_TRUE(QFile::exists(dead));
     s_WalkIsOutOfMemory = false;
-    const QString dead = writeDead("0");
     EXPECT_TRUE(isRemoved(dead));
     m_Collector.closeDown();
     EXPECT_TRUE(m_Collector.wait(20000));
