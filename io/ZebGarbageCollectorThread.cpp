@@ -67,9 +67,14 @@ void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* r
         const ZebWriteLocker waiting(&m_Lock);
     }
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    // Takes the delete lock, so it must precede the bracket. The name cannot change while the
-    // collection is enabled.
-    const QString subCache = manager.subCache();
+    QString subCache;
+    quint64 generation = 0;
+    {
+        // Precedes the bracket, in which this lock must not be waited for.
+        const ZebTdxMutexLocker locker(&manager.deleteMutex());
+        subCache = manager.m_SubCache;
+        generation = manager.m_SubCacheGeneration.load(std::memory_order_relaxed);
+    }
     if (subCache.isEmpty()) {
         m_CacheSize.store(0, std::memory_order_relaxed);
         return;
@@ -80,6 +85,12 @@ void ZebGarbageCollectorThread::collect(ZebDataBlockManager::ProgressReporter* r
         // Kept on purpose: a pass that is due while the collection is disabled counts 0 bytes,
         // whatever files exist.
         m_CacheSize.store(0, std::memory_order_relaxed);
+        return;
+    }
+    // The name may have changed before the collection was enabled, and cannot change inside the
+    // bracket. A skipped pass does not close the gate: the next one uses the new name.
+    if (manager.m_SubCacheGeneration.load(std::memory_order_relaxed) != generation) {
+        manager.garbageCollectingThreadFinished();
         return;
     }
     const auto end = qScopeGuard([this] { endPass(); });

@@ -24,6 +24,9 @@ class ZebDirectory;
 /// neither removes nor counts files of other names, hidden files, or anything but a regular file.
 /// Below the root it follows no link: it stays in the tree.
 ///
+/// A pass skips what it would do when the sub-cache changed between reading its name and the
+/// bracket; it is still due then.
+///
 /// Between the decision that a file is orphaned and its removal, the registry keeps its digest out
 /// (ZebHashRemoval), so bytes that are added again are written again.
 ///

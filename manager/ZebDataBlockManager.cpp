@@ -168,6 +168,7 @@ void ZebDataBlockManager::dropAllBlocks()
         m_Lru.clear();
     }
     m_SubCache.clear();
+    m_SubCacheGeneration.fetch_add(1, std::memory_order_relaxed);
     m_HashToBlockMap.clear();
     // The writers have ended, so no request refers to these. A later block may get their addresses.
     m_BlocksBeingWritten.clear();

@@ -564,6 +564,7 @@ private:
 
     // Each disk thread has a copy of this name.
     QString m_SubCache ZEBTDX_GUARDED_BY(ZebDeleteLock);
+    std::atomic<quint64> m_SubCacheGeneration{0}; // counts its changes; also read without the lock
     std::atomic<bool> m_Initialized; // acquire and release: orders what setup() has written
     std::atomic<bool> m_RequestPromotionEnabled; // (a)
 

@@ -26,8 +26,16 @@ void ZebDataBlockManager::setSubCache(const QString& name)
     // to finish a block.
     flush(false, AllThreads);
     const ZebTdxMutexLocker locker(&deleteMutex());
-    m_SubCache = name;
+    // The collection may have been enabled meanwhile, and a pass may be removing files by the
+    // present name. From here on it stays disabled: enabling it takes the delete lock.
+    if (garbageCollecting())
+        return;
+    // First, since it allocates: a failure changes no name.
     ZebTdxLog::instance().setSubCache(m_CacheRoots.value(0) + QDir::separator() + name);
+    m_SubCache = name;
+    // A pass that has read the old name compares this once the collection is enabled again. What
+    // enables it takes the delete lock, so the pass sees the change.
+    m_SubCacheGeneration.fetch_add(1, std::memory_order_relaxed);
     for (ZebDataBlockReadThread* const reader : qAsConst(m_ReadThreads))
         reader->setSubCache(name);
     for (ZebDataBlockWriteThread* const writer : qAsConst(m_WriteThreads))

@@ -49,6 +49,36 @@ extern "C" int unlinkat(int directory, const char* name, int flags) noexcept
     return system(directory, name, flags);
 }
 
+// A change of the sub-cache
+
+TEST_F(ZebGarbageCollectorThreadRace, APassThatReadTheOldSubCacheIsSkipped)
+{
+    const QString old = writeDead("0");
+    freeABlock();
+    std::unique_ptr<BlockedThread> passing;
+    {
+        // Held, so that the pass stops between the name of the sub-cache and its bracket.
+        const QMutexLocker bracket(&StoreInside::collectionMutex());
+        passing =
+            std::make_unique<BlockedThread>([this] { m_Collector.collect(nullptr, nullptr); });
+        ASSERT_TRUE(passing->waitsFor(StoreInside::collectionMutex()));
+        setSizeFound(s_UnlikelySize);
+        manager().setSubCache("Other");
+        // What startGarbageCollection() does with this mutex.
+        StoreInside::collecting() = true;
+    }
+    EXPECT_TRUE(passing->ends());
+    EXPECT_TRUE(QFile::exists(old)) << "it lies in a sub-cache that the host has left";
+    EXPECT_EQ(StoreInside::passesRunning(), 0);
+    EXPECT_EQ(sizeFound(), s_UnlikelySize);
+
+    const QString present = m_Root.path() + "/Other/0/" + deadName(2);
+    BlockFiles::write(present, "x");
+    m_Collector.collect(nullptr, nullptr);
+    EXPECT_FALSE(QFile::exists(present)) << "the skipped pass is still due";
+    EXPECT_TRUE(QFile::exists(old));
+}
+
 // Bytes that are added again
 
 TEST_F(ZebGarbageCollectorThreadRace, BytesThatAreAddedDuringTheRemovalAreWrittenAgain)

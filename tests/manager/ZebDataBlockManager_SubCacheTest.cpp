@@ -185,6 +185,20 @@ TEST_F(ZebDataBlockManagerSubCache, NothingHappensDuringCollection)
     EXPECT_EQ(m_Store.messages().messages().size(), before);
 }
 
+TEST_F(ZebDataBlockManagerSubCache, ACollectionThatBeginsDuringTheFlushKeepsTheName)
+{
+    manager().setSubCache("Test1");
+    {
+        // It sleeps between two looks at the queues.
+        const RecordedSleeps sleeps([] { manager().startGarbageCollection(); });
+        manager().setSubCache("Test2");
+    }
+    EXPECT_TRUE(manager().garbageCollecting());
+    EXPECT_EQ(namesInUse(), QStringList("Test1"));
+    EXPECT_FALSE(manager().subCacheExists("Test2")) << "the log stays, too";
+    manager().stopGarbageCollection();
+}
+
 TEST(ZebDataBlockManagerSubCacheOfNoStore, TheCollectionIsCheckedBeforeTheStore)
 {
     const MessageCapture messages;
