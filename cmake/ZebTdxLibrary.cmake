@@ -36,6 +36,7 @@ set(ZEBTDX_PUBLIC_HEADERS
 
 set(ZEBTDX_SOURCES
   support/ZebDataDeleteLocker.cpp
+  support/ZebForkWatch.cpp
   support/ZebRegularFile.cpp
   support/ZebTdxLog.cpp
   support/ZebTdxMessage.cpp
@@ -160,6 +161,11 @@ foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZebTdx/${subsystem}>)
 endforeach()
 target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+  # The store lives until the process ends, and so must its code: the plug-in that has loaded the
+  # library may be closed while disk threads and pools still run.
+  target_link_options(ZebTdx PRIVATE LINKER:-z,nodelete)
+endif()
 target_compile_features(ZebTdx PUBLIC cxx_std_17)
 zebtdx_compile_options(ZebTdx)
 

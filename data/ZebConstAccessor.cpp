@@ -3,6 +3,7 @@
 #include "data/ZebDataBlock.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebDataDeleteLocker.h"
+#include "support/ZebForkWatch.h"
 #include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
 
@@ -36,9 +37,14 @@ ZebConstAccessor::ZebConstAccessor(const ZebConstAccessor& other) : m_Block(null
 
 ZebConstAccessor::~ZebConstAccessor()
 {
-    if (m_Block == nullptr)
+    // In a forked child the locks below may be held by threads that this process does not have.
+    if (m_Block == nullptr || ZebForkWatch::isStoreOfParent())
         return;
     const ZebDataDeleteLocker deleteLocker;
+    // The store has deleted its blocks, at process exit for example. It does so with the delete
+    // lock held, so the block exists from here on if the store is set up.
+    if (!ZebDataBlockManager::instance().isInitialized())
+        return;
     const ZebMutexLocker blockLocker(&m_Block->m_Mutex);
     if (m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1)
         ZebDataBlockManager::instance().unlockBlock(m_DataHash.data());

@@ -5,6 +5,7 @@
 #include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
+#include "support/ZebForkWatch.h"
 #include "support/ZebMutexLocker.h"
 
 #include <memory>
@@ -36,6 +37,9 @@ ZebHashingJob::ZebHashingJob(const ZebHashingJob& other)
 
 ZebHashingJob::~ZebHashingJob()
 {
+    // The thread that would do the work is the parent's.
+    if (ZebForkWatch::isStoreOfParent())
+        return;
     try {
         ZebHashingTask::wait(m_Future);
     } catch (...) {

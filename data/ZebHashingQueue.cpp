@@ -7,8 +7,8 @@
 
 ZebHashingQueue& ZebHashingQueue::instance()
 {
-    static ZebHashingQueue queue;
-    return queue;
+    static ZebHashingQueue* const queue = new ZebHashingQueue;
+    return *queue;
 }
 
 void ZebHashingQueue::add(const TaskPointer& task)

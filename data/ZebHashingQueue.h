@@ -26,7 +26,8 @@ class ZebHashingQueue
 public:
     using TaskPointer = std::shared_ptr<ZebHashingTask>;
 
-    /// The queue of the process. It outlives the pools, since their tasks use it.
+    /// The queue of the process. Never destroyed: a waiting thread may still run its task while the
+    /// process exits.
     static ZebHashingQueue& instance();
 
     /// Appends a task.

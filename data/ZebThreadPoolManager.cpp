@@ -1,26 +1,56 @@
 #include "data/ZebThreadPoolManager.h"
 
-#include "data/ZebHashingQueue.h"
-#include "hash/SkeinLaneForm.h"
+#include "support/ZebForkWatch.h"
 
-ZebThreadPoolManager::ZebThreadPoolManager()
+#include <QThread>
+
+namespace {
+
+constexpr unsigned long s_PollMs = 1;
+
+// Waits for the tasks of `pool`, with the exception of the one that has called exit(), if this
+// thread runs a task of a pool: a wait for that one would never end.
+void waitForOthers(QThreadPool& pool)
 {
-    // What is constructed first is destroyed last. At process exit the pools wait for their tasks,
-    // and these use the queue and the table of lane forms.
-    ZebHashingQueue::instance();
-    ZebSkein::SkeinLaneForm::available();
+    if (!QThread::currentThread()->inherits("QThreadPoolThread")) {
+        pool.waitForDone(-1);
+        return;
+    }
+    // A queued task has a busy thread, so a pool with at most one busy thread has no other work
+    // that could begin.
+    while (pool.activeThreadCount() > 1)
+        QThread::msleep(s_PollMs);
 }
+
+} // namespace
+
+ZebThreadPoolManager::ZebThreadPoolManager() = default;
 
 ZebThreadPoolManager::~ZebThreadPoolManager() = default;
 
+ZebThreadPoolManager& ZebThreadPoolManager::create()
+{
+    // The pools are never destroyed: tasks may be queued to the very end of the process. At its
+    // exit they are waited for, as a destructor would.
+    struct ProcessEnd
+    {
+        explicit ProcessEnd(ZebThreadPoolManager* manager) : m_Manager(manager) {}
+        ~ProcessEnd() { m_Manager->waitForTasks(); }
+        ZebThreadPoolManager* const m_Manager;
+    };
+    static const ProcessEnd end(new ZebThreadPoolManager);
+    return *end.m_Manager;
+}
+
 ZebThreadPoolManager& ZebThreadPoolManager::instance()
 {
-    static ZebThreadPoolManager manager;
+    static ZebThreadPoolManager& manager = create();
     return manager;
 }
 
 QThreadPool* ZebThreadPoolManager::threadPool(ZebThreadPoolType type)
 {
+    m_UsedIn.store(ZebForkWatch::generation(), std::memory_order_relaxed);
     switch (type) {
     case PrivateThreadPool:
         return &m_PrivatePool;
@@ -30,4 +60,18 @@ QThreadPool* ZebThreadPoolManager::threadPool(ZebThreadPoolType type)
         break;
     }
     return QThreadPool::globalInstance();
+}
+
+void ZebThreadPoolManager::waitForTasks()
+{
+    if (ZebForkWatch::isStoreOfParent())
+        return;
+    // Tasks of the host may queue hashing jobs, so these come last. Qt may have destroyed its pool.
+    if (QThreadPool* const global = QThreadPool::globalInstance())
+        waitForOthers(*global);
+    // The threads that the own pools had before a fork are the parent's.
+    if (m_UsedIn.load(std::memory_order_relaxed) != ZebForkWatch::generation())
+        return;
+    waitForOthers(m_PrivatePool);
+    m_HashingPool.waitForDone(-1);
 }

@@ -4,7 +4,14 @@
 
 #include <QThreadPool>
 
+#include <atomic>
+
 /// The owner of the library's thread pools, each of Qt's default size.
+///
+/// Process exit: the object and its pools are not destroyed, so a task that runs late still finds
+/// them. At the point of the exit where the object would be destroyed, and before the store ends,
+/// the exit waits for the tasks of Qt's global pool and of both own pools. exit() may be called in
+/// a task of PrivateThreadPool, but not in a task of another pool: it would wait for itself.
 ///
 /// Thread safety: any thread may ask for a pool.
 class ZEBTDX_EXPORT ZebThreadPoolManager
@@ -20,7 +27,8 @@ public:
         HashingThreadPool = 2
     };
 
-    /// Waits for the tasks of its own two pools.
+    /// Waits for the tasks of its own two pools. The object of the process is not destroyed, see
+    /// above.
     ~ZebThreadPoolManager();
 
     /// The object of the process, constructed at first use.
@@ -33,7 +41,22 @@ public:
 private:
     Q_DISABLE_COPY(ZebThreadPoolManager)
 
+    friend class ZebDataBlockManager;
+
+    // How many forks precede a process in which no pool has been asked for.
+    static constexpr int s_Unused = -1;
+
     ZebThreadPoolManager();
+
+    static ZebThreadPoolManager& create();
+
+    /// Waits for the tasks of Qt's global pool and of the own pools. Does not wait for threads that
+    /// a parent process has left behind at a fork.
+    void waitForTasks();
+
+    // The process that has last asked for a pool, by ZebForkWatch::generation(). Relaxed: only the
+    // exit of the process reads it.
+    std::atomic<int> m_UsedIn{s_Unused};
 
     QThreadPool m_PrivatePool;
     QThreadPool m_HashingPool;

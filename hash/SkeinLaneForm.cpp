@@ -54,8 +54,9 @@ const SkeinLaneForm& SkeinLaneForm::scalar()
 
 const std::vector<SkeinLaneForm>& SkeinLaneForm::available()
 {
-    static const std::vector<SkeinLaneForm> forms = detect();
-    return forms;
+    // Never destroyed: a digest may still be computed while the process exits.
+    static const auto* const forms = new std::vector<SkeinLaneForm>(detect());
+    return *forms;
 }
 
 const SkeinLaneForm& SkeinLaneForm::best()

@@ -3,6 +3,7 @@
 #include "hash/Skein.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
+#include "support/ZebForkWatch.h"
 #include "support/ZebTdxMessage.h"
 
 #include <QHash>
@@ -220,6 +221,9 @@ void ZebDataHash::decRef(void* holder)
     Q_UNUSED(holder)
     if (refCount() < 1)
         ZebTdxMessage::fatal(QStringLiteral("No Positive Ref Count in Dec Ref"));
+    // The locks below may have been held by threads that this process does not have.
+    if (ZebForkWatch::isStoreOfParent())
+        return;
     if (!ZebHashManager::instance().derefRemoveHash(this))
         return;
     // No look-up can find this hash any more, so its block is freed, and then the hash itself. No

@@ -20,8 +20,10 @@ ZebHashManager::~ZebHashManager() = default;
 
 ZebHashManager& ZebHashManager::instance()
 {
-    static ZebHashManager manager;
-    return manager;
+    // Never destroyed: what a host keeps in static objects may be released after any other static
+    // object has been destroyed.
+    static ZebHashManager* const manager = new ZebHashManager;
+    return *manager;
 }
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(unsigned char* bytes, qint64 length)

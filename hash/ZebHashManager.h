@@ -33,11 +33,11 @@ class ZebHashRemoval;
 class ZEBTDX_EXPORT ZebHashManager
 {
 public:
-    /// Accesses no hash: holders may outlive the registry.
+    /// Accesses no hash.
     ~ZebHashManager();
 
     /// The registry of the process, constructed at first use with a debug line that names the
-    /// thread.
+    /// thread. Not destroyed at process exit: smart pointers may be released to the very end.
     static ZebHashManager& instance();
 
     /// The interned hash of `length` bytes at `bytes`, of size Hash512. The digest is computed

@@ -4,9 +4,11 @@
 
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
+#include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebSystemMemory.h"
 #include "support/ZebByteUnits.h"
+#include "support/ZebForkWatch.h"
 #include "support/ZebTdxLog.h"
 #include "support/ZebTdxMessage.h"
 #include "support/ZebWriteLocker.h"
@@ -91,8 +93,10 @@ ZebDataBlockManager::ZebDataBlockManager()
 {
     calcMaxWritePendingDataCacheSize();
     setTargetFreeMemorySize(defaultTargetFreeMemorySize());
-    // Constructed before the store is complete, the registry is destroyed after it at process exit.
     ZebHashManager::instance();
+    // Static objects that Qt constructs before the store are destroyed after it: a reader may need
+    // the pool until the store has ended.
+    QThreadPool::globalInstance();
 }
 
 ZebDataBlockManager::~ZebDataBlockManager()
@@ -101,10 +105,35 @@ ZebDataBlockManager::~ZebDataBlockManager()
     cleanUp(false);
 }
 
+ZebDataBlockManager& ZebDataBlockManager::create()
+{
+    // Not a static object: what outlives the store still takes the delete lock and finds the store
+    // not set up.
+    struct ProcessEnd
+    {
+        explicit ProcessEnd(ZebDataBlockManager* manager) : m_Manager(manager) {}
+        ~ProcessEnd() { m_Manager->endWithProcess(); }
+        ZebDataBlockManager* const m_Manager;
+    };
+    static const ProcessEnd end(new ZebDataBlockManager);
+    return *end.m_Manager;
+}
+
 ZebDataBlockManager& ZebDataBlockManager::instance()
 {
-    static ZebDataBlockManager manager;
+    static ZebDataBlockManager& manager = create();
     return manager;
+}
+
+void ZebDataBlockManager::endWithProcess()
+{
+    if (ZebForkWatch::isStoreOfParent())
+        return;
+    // A job that is pending still adds its block, and the block is written.
+    if (isInitialized())
+        ZebThreadPoolManager::instance().waitForTasks();
+    ZebTdxLog::instance().setEnabled(false);
+    cleanUp(false);
 }
 
 bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCacheSize,
@@ -120,6 +149,7 @@ bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCac
     for (const QString& root : cacheRoots)
         requireCacheRoot(root);
     m_CacheRoots = cacheRoots;
+    ZebForkWatch::setStoreIsSetUp(true);
     for (const QString& root : cacheRoots)
         startIoThreads(root, compressionThreads);
     m_Initialized.store(true, std::memory_order_release);
@@ -174,6 +204,7 @@ void ZebDataBlockManager::dropAllBlocks()
     m_BlocksBeingWritten.clear();
     m_BlocksToFreeAfterWriting.clear();
     m_Initialized.store(false, std::memory_order_release);
+    ZebForkWatch::setStoreIsSetUp(false);
 }
 
 bool ZebDataBlockManager::isInitialized() const

@@ -79,7 +79,11 @@ public:
     /// Disables the log and cleans up.
     ~ZebDataBlockManager() override;
 
-    /// The only store of the process, built at first use.
+    /// The only store of the process, built at first use and never destroyed, so references,
+    /// accessors and jobs may be dropped to the very end of the process. At process exit it waits
+    /// for the tasks of Qt's global pool and of the library's pools, disables the log and cleans up.
+    /// In a child that was forked while the store was set up it does nothing: the disk threads are
+    /// the parent's.
     static ZebDataBlockManager& instance();
 
     // Lifetime and configuration
@@ -459,6 +463,11 @@ private:
     void lockDeletes() ZEBTDX_ACQUIRE(ZebDeleteLock);
     void unlockDeletes() ZEBTDX_RELEASE(ZebDeleteLock);
     void requireInitialized() const;
+
+    /// Builds the only store and arranges for its end at process exit.
+    static ZebDataBlockManager& create();
+    void endWithProcess();
+
     void calcMaxWritePendingDataCacheSize();
 
     /// Evicts the least recently used blocks until `size` more bytes fit the limit of resident

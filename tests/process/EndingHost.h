@@ -1,0 +1,42 @@
+#pragma once
+
+#include "data/ZebBlockFuture.h"
+#include "data/ZebConstAccessor.h"
+#include "data/ZebDataReference.h"
+#include "data/ZebResultCache.h"
+#include "hash/ZebSmartPointer.h"
+#include "manager/ZebDataBlockManager.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+#include <vector>
+
+/// What a host may hold when its process ends.
+struct KeptByHost
+{
+    ZebDataReference m_Reference;
+    std::vector<ZebDataReference> m_References;
+    ZebResultCache m_Results;
+    std::optional<ZebConstAccessor> m_Accessor;
+    ZebSmartPointer<ZebBlockFuture> m_Job;
+};
+
+inline ZebDataBlockManager& store()
+{
+    return ZebDataBlockManager::instance();
+}
+
+/// The blob of this number; each number has another.
+inline QByteArray blob(int number)
+{
+    return QByteArray(100000, 'b') + QByteArray::number(number);
+}
+
+/// Forks, ends the child by `_exit` or by `exit`, and returns 0 if it ends with 0 in time. A child
+/// that hangs is killed.
+int forkAndEnd(bool byExit);
+
+/// The same many times, while other threads use the store.
+int forkManyTimes(bool byExit);
