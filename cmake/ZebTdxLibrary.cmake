@@ -37,6 +37,7 @@ set(ZEBTDX_PUBLIC_HEADERS
 set(ZEBTDX_SOURCES
   support/ZebDataDeleteLocker.cpp
   support/ZebForkWatch.cpp
+  support/ZebPoolExit.cpp
   support/ZebRegularFile.cpp
   support/ZebTdxLog.cpp
   support/ZebTdxMessage.cpp

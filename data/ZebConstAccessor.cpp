@@ -41,9 +41,9 @@ ZebConstAccessor::~ZebConstAccessor()
     if (m_Block == nullptr || ZebForkWatch::isStoreOfParent())
         return;
     const ZebDataDeleteLocker deleteLocker;
-    // The store has deleted its blocks, at process exit for example. It does so with the delete
-    // lock held, so the block exists from here on if the store is set up.
-    if (!ZebDataBlockManager::instance().isInitialized())
+    // At process exit the store deletes its blocks. The mark is set with the delete lock held, and
+    // before that.
+    if (ZebDataBlockManager::instance().m_HasEnded.load(std::memory_order_relaxed))
         return;
     const ZebMutexLocker blockLocker(&m_Block->m_Mutex);
     if (m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1)

@@ -1,28 +1,7 @@
 #include "data/ZebThreadPoolManager.h"
 
 #include "support/ZebForkWatch.h"
-
-#include <QThread>
-
-namespace {
-
-constexpr unsigned long s_PollMs = 1;
-
-// Waits for the tasks of `pool`, with the exception of the one that has called exit(), if this
-// thread runs a task of a pool: a wait for that one would never end.
-void waitForOthers(QThreadPool& pool)
-{
-    if (!QThread::currentThread()->inherits("QThreadPoolThread")) {
-        pool.waitForDone(-1);
-        return;
-    }
-    // A queued task has a busy thread, so a pool with at most one busy thread has no other work
-    // that could begin.
-    while (pool.activeThreadCount() > 1)
-        QThread::msleep(s_PollMs);
-}
-
-} // namespace
+#include "support/ZebPoolExit.h"
 
 ZebThreadPoolManager::ZebThreadPoolManager() = default;
 
@@ -68,10 +47,10 @@ void ZebThreadPoolManager::waitForTasks()
         return;
     // Tasks of the host may queue hashing jobs, so these come last. Qt may have destroyed its pool.
     if (QThreadPool* const global = QThreadPool::globalInstance())
-        waitForOthers(*global);
+        ZebPoolExit::waitForOthers(*global);
     // The threads that the own pools had before a fork are the parent's.
     if (m_UsedIn.load(std::memory_order_relaxed) != ZebForkWatch::generation())
         return;
-    waitForOthers(m_PrivatePool);
-    m_HashingPool.waitForDone(-1);
+    ZebPoolExit::waitForOthers(m_PrivatePool);
+    ZebPoolExit::waitForOthers(m_HashingPool);
 }

@@ -9,9 +9,9 @@
 /// The owner of the library's thread pools, each of Qt's default size.
 ///
 /// Process exit: the object and its pools are not destroyed, so a task that runs late still finds
-/// them. At the point of the exit where the object would be destroyed, and before the store ends,
-/// the exit waits for the tasks of Qt's global pool and of both own pools. exit() may be called in
-/// a task of PrivateThreadPool, but not in a task of another pool: it would wait for itself.
+/// them. Where the object would be destroyed, and before the store ends, the exit waits for the
+/// tasks of Qt's global pool and of both own pools. A task that calls exit() does not wait for
+/// itself, and may not wait for one other task of each pool.
 ///
 /// Thread safety: any thread may ask for a pool.
 class ZEBTDX_EXPORT ZebThreadPoolManager

@@ -9,6 +9,7 @@
 #include "manager/ZebSystemMemory.h"
 #include "support/ZebByteUnits.h"
 #include "support/ZebForkWatch.h"
+#include "support/ZebPoolExit.h"
 #include "support/ZebTdxLog.h"
 #include "support/ZebTdxMessage.h"
 #include "support/ZebWriteLocker.h"
@@ -44,13 +45,6 @@ qint64 truncated(float value)
     if (!(value >= -end))
         return std::numeric_limits<qint64>::min();
     return static_cast<qint64>(value);
-}
-
-// At process exit Qt may have destroyed the pool before the store.
-void waitForGlobalPool()
-{
-    if (QThreadPool::globalInstance() != nullptr)
-        QThreadPool::globalInstance()->waitForDone(-1);
 }
 
 // Kept on purpose: the misspelt and uneven lines, which hosts may match.
@@ -132,6 +126,10 @@ void ZebDataBlockManager::endWithProcess()
     // A job that is pending still adds its block, and the block is written.
     if (isInitialized())
         ZebThreadPoolManager::instance().waitForTasks();
+    {
+        const ZebTdxMutexLocker locker(&deleteMutex());
+        m_HasEnded.store(true, std::memory_order_relaxed);
+    }
     ZebTdxLog::instance().setEnabled(false);
     cleanUp(false);
 }
@@ -178,6 +176,18 @@ void ZebDataBlockManager::cleanUp(bool processEvents)
     if (processEvents && QCoreApplication::instance() != nullptr)
         QCoreApplication::processEvents();
     waitForGlobalPool();
+}
+
+void ZebDataBlockManager::waitForGlobalPool() const
+{
+    // At process exit Qt may have destroyed the pool before the store.
+    QThreadPool* const pool = QThreadPool::globalInstance();
+    if (pool == nullptr)
+        return;
+    if (m_HasEnded.load(std::memory_order_relaxed))
+        ZebPoolExit::waitForOthers(*pool);
+    else
+        pool->waitForDone(-1);
 }
 
 void ZebDataBlockManager::dropAllBlocks()

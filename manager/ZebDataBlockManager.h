@@ -81,9 +81,9 @@ public:
 
     /// The only store of the process, built at first use and never destroyed, so references,
     /// accessors and jobs may be dropped to the very end of the process. At process exit it waits
-    /// for the tasks of Qt's global pool and of the library's pools, disables the log and cleans up.
-    /// In a child that was forked while the store was set up it does nothing: the disk threads are
-    /// the parent's.
+    /// for the tasks of Qt's global pool and of the library's pools, disables the log and cleans
+    /// up. In a child that was forked while the store was set up it does nothing: the disk threads
+    /// are the parent's.
     static ZebDataBlockManager& instance();
 
     // Lifetime and configuration
@@ -467,6 +467,7 @@ private:
     /// Builds the only store and arranges for its end at process exit.
     static ZebDataBlockManager& create();
     void endWithProcess();
+    void waitForGlobalPool() const;
 
     void calcMaxWritePendingDataCacheSize();
 
@@ -570,6 +571,9 @@ private:
     std::atomic<bool> m_GarbageCollecting;  // also read without the lock
     int m_GarbageCollectorsRunning          // passes inside their bracket
         ZEBTDX_GUARDED_BY(m_GarbageCollectionMutex);
+
+    // Whether the process ends: the accessors that are left do not touch their blocks any more.
+    std::atomic<bool> m_HasEnded{false}; // (a)
 
     // Each disk thread has a copy of this name.
     QString m_SubCache ZEBTDX_GUARDED_BY(ZebDeleteLock);

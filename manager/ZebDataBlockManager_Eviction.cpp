@@ -136,7 +136,10 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
             if (hashLocked)
                 hash->unlock();
         });
-        requireInitialized();
+        // Threads may drop references while the process exits; the end of the store is no mistake
+        // then.
+        if (!m_HasEnded.load(std::memory_order_relaxed))
+            requireInitialized();
         block = m_HashToBlockMap.value(hash, nullptr);
         if (block != nullptr) {
             // First, since only this may throw; the block stays resident then. The writer may start

@@ -56,10 +56,22 @@ KeptByHost& leaked()
 KeptByHost* placeNamed(const std::string& place)
 {
     const std::map<std::string, std::function<KeptByHost*()>> places = {
-        {"before", [] { return &s_BeforeStore; }},
-        {"after", [] { return &afterStore(); }},
-        {"singleton", [] { return &HostSingleton::instance().m_Kept; }},
-        {"leaked", [] { return &leaked(); }},
+        {"before",
+         [] {
+             return &s_BeforeStore;
+         }},
+        {"after",
+         [] {
+             return &afterStore();
+         }},
+        {"singleton",
+         [] {
+             return &HostSingleton::instance().m_Kept;
+         }},
+        {"leaked",
+         [] {
+             return &leaked();
+         }},
     };
     const auto found = places.find(place);
     return found == places.end() ? nullptr : found->second();
@@ -149,10 +161,10 @@ int addInTasks()
     return 0;
 }
 
-// Calls exit() in a task of the host's pool, while another task still uses the store.
-int exitInTask()
+// Calls exit() in a task of a pool, while another task still uses the store.
+int exitInTask(ZebThreadPoolManager::ZebThreadPoolType type)
 {
-    QThreadPool& own = pool(ZebThreadPoolManager::PrivateThreadPool);
+    QThreadPool& own = pool(type);
     own.setMaxThreadCount(2);
     static auto* const exiting = new QSemaphore;
     own.start([] {
@@ -201,13 +213,36 @@ int run(const std::string& mode)
 {
     const std::map<std::string, std::function<int()>> modes = {
         {"addInTasks", &addInTasks},
-        {"exitInTask", &exitInTask},
+        {"exitInTask",
+         [] {
+             return exitInTask(ZebThreadPoolManager::PrivateThreadPool);
+         }},
+        {"exitInGlobalTask",
+         [] {
+             return exitInTask(ZebThreadPoolManager::GlobalThreadPool);
+         }},
+        {"exitInHashingTask",
+         [] {
+             return exitInTask(ZebThreadPoolManager::HashingThreadPool);
+         }},
         {"releaseInThreads", &releaseInThreads},
         {"cleanUpFirst", &cleanUpFirst},
-        {"forkAnd_exit", [] { return forkAndEnd(false); }},
-        {"forkAndExit", [] { return forkAndEnd(true); }},
-        {"forkManyTimesAnd_exit", [] { return forkManyTimes(false); }},
-        {"forkManyTimesAndExit", [] { return forkManyTimes(true); }},
+        {"forkAnd_exit",
+         [] {
+             return forkAndEnd(false);
+         }},
+        {"forkAndExit",
+         [] {
+             return forkAndEnd(true);
+         }},
+        {"forkManyTimesAnd_exit",
+         [] {
+             return forkManyTimes(false);
+         }},
+        {"forkManyTimesAndExit",
+         [] {
+             return forkManyTimes(true);
+         }},
     };
     const auto found = modes.find(mode);
     if (found != modes.end())

@@ -71,6 +71,8 @@ int forkAndEnd(bool byExit)
     kept.m_Reference = store().addBlock(blob(0));
     kept.m_References.push_back(store().addBlock(blob(1)));
     kept.m_Reference.resolveWork();
+    // Loaded again, with a thread of Qt's pool.
+    store().freeAllBlocks();
     kept.m_Accessor.emplace(kept.m_Reference.constAccessor());
     return forkOnce(byExit);
 }

@@ -100,6 +100,18 @@ TEST_F(ProcessEnd, ATaskOfTheHostsPoolMayExit)
     EXPECT_EQ(fileCount(), 2);
 }
 
+TEST_F(ProcessEnd, ATaskOfQtsGlobalPoolMayExit)
+{
+    expectHostToEnd("exitInGlobalTask");
+    EXPECT_EQ(fileCount(), 2);
+}
+
+TEST_F(ProcessEnd, ATaskOfTheHashingPoolMayExit)
+{
+    expectHostToEnd("exitInHashingTask");
+    EXPECT_EQ(fileCount(), 2);
+}
+
 TEST_F(ProcessEnd, ThreadsMayDropReferencesToTheVeryEnd)
 {
     expectHostToEnd("releaseInThreads");

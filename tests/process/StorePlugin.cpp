@@ -18,7 +18,9 @@ extern "C" __attribute__((visibility("default"))) int useStore(const char* direc
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     if (!manager.isInitialized())
         manager.setup({QString::fromLocal8Bit(directory)}, 100000000);
-    const auto blob = [](int number) { return QByteArray(1000, 'p') + QByteArray::number(number); };
+    const auto blob = [](int number) {
+        return QByteArray(1000, 'p') + QByteArray::number(number);
+    };
     if (call > 0) {
         const ZebDataReference former =
             manager.addBlock(blob(call - 1), ZebModifyAccessor::Cached, true);
