@@ -7,23 +7,19 @@ ZebThreadPoolManager::ZebThreadPoolManager() = default;
 
 ZebThreadPoolManager::~ZebThreadPoolManager() = default;
 
-ZebThreadPoolManager& ZebThreadPoolManager::create()
-{
-    // The pools are never destroyed: tasks may be queued to the very end of the process. At its
-    // exit they are waited for, as a destructor would.
-    struct ProcessEnd
-    {
-        explicit ProcessEnd(ZebThreadPoolManager* manager) : m_Manager(manager) {}
-        ~ProcessEnd() { m_Manager->waitForTasks(); }
-        ZebThreadPoolManager* const m_Manager;
-    };
-    static const ProcessEnd end(new ZebThreadPoolManager);
-    return *end.m_Manager;
-}
-
 ZebThreadPoolManager& ZebThreadPoolManager::instance()
 {
-    static ZebThreadPoolManager& manager = create();
+    // Never destroyed: tasks may be queued to the very end of the process. At its exit they are
+    // waited for, as a destructor would.
+    struct ProcessEnd
+    {
+        ~ProcessEnd() { m_Manager.waitForTasks(); }
+        ZebThreadPoolManager& m_Manager;
+    };
+    static ZebThreadPoolManager& manager = []() -> ZebThreadPoolManager& {
+        static const ProcessEnd end{*new ZebThreadPoolManager};
+        return end.m_Manager;
+    }();
     return manager;
 }
 

@@ -48,8 +48,6 @@ private:
 
     ZebThreadPoolManager();
 
-    static ZebThreadPoolManager& create();
-
     /// Waits for the tasks of Qt's global pool and of the own pools. Does not wait for threads that
     /// a parent process has left behind at a fork.
     void waitForTasks();

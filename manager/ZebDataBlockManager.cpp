@@ -47,6 +47,16 @@ qint64 truncated(float value)
     return static_cast<qint64>(value);
 }
 
+void waitForGlobalPool(bool atProcessEnd)
+{
+    // At process exit Qt may have destroyed the pool before the store.
+    QThreadPool* const pool = QThreadPool::globalInstance();
+    if (pool != nullptr && atProcessEnd)
+        ZebPoolExit::waitForOthers(*pool);
+    else if (pool != nullptr)
+        pool->waitForDone(-1);
+}
+
 // Kept on purpose: the misspelt and uneven lines, which hosts may match.
 void warnOfMissingVirtualMemory()
 {
@@ -99,23 +109,18 @@ ZebDataBlockManager::~ZebDataBlockManager()
     cleanUp(false);
 }
 
-ZebDataBlockManager& ZebDataBlockManager::create()
-{
-    // Not a static object: what outlives the store still takes the delete lock and finds the store
-    // not set up.
-    struct ProcessEnd
-    {
-        explicit ProcessEnd(ZebDataBlockManager* manager) : m_Manager(manager) {}
-        ~ProcessEnd() { m_Manager->endWithProcess(); }
-        ZebDataBlockManager* const m_Manager;
-    };
-    static const ProcessEnd end(new ZebDataBlockManager);
-    return *end.m_Manager;
-}
-
 ZebDataBlockManager& ZebDataBlockManager::instance()
 {
-    static ZebDataBlockManager& manager = create();
+    // What outlives the store still takes the delete lock, and finds the store not set up.
+    struct ProcessEnd
+    {
+        ~ProcessEnd() { m_Manager.endWithProcess(); }
+        ZebDataBlockManager& m_Manager;
+    };
+    static ZebDataBlockManager& manager = []() -> ZebDataBlockManager& {
+        static const ProcessEnd end{*new ZebDataBlockManager};
+        return end.m_Manager;
+    }();
     return manager;
 }
 
@@ -170,24 +175,12 @@ void ZebDataBlockManager::cleanUp(bool processEvents)
     stopGarbageCollection();
     stopAllIoThreads();
     // A decompression in progress must find the store set up when it makes its block live.
-    waitForGlobalPool();
+    waitForGlobalPool(m_HasEnded.load(std::memory_order_relaxed));
     dropAllBlocks();
     setAllFreeBlocksFlushed(false);
     if (processEvents && QCoreApplication::instance() != nullptr)
         QCoreApplication::processEvents();
-    waitForGlobalPool();
-}
-
-void ZebDataBlockManager::waitForGlobalPool() const
-{
-    // At process exit Qt may have destroyed the pool before the store.
-    QThreadPool* const pool = QThreadPool::globalInstance();
-    if (pool == nullptr)
-        return;
-    if (m_HasEnded.load(std::memory_order_relaxed))
-        ZebPoolExit::waitForOthers(*pool);
-    else
-        pool->waitForDone(-1);
+    waitForGlobalPool(m_HasEnded.load(std::memory_order_relaxed));
 }
 
 void ZebDataBlockManager::dropAllBlocks()

@@ -13,7 +13,6 @@
 #include <QMap>
 #include <QMutex>
 #include <QObject>
-#include <QReadWriteLock>
 #include <QSet>
 #include <QString>
 #include <QStringList>
@@ -79,11 +78,8 @@ public:
     /// Disables the log and cleans up.
     ~ZebDataBlockManager() override;
 
-    /// The only store of the process, built at first use and never destroyed, so references,
-    /// accessors and jobs may be dropped to the very end of the process. At process exit it waits
-    /// for the tasks of Qt's global pool and of the library's pools, disables the log and cleans
-    /// up. In a child that was forked while the store was set up it does nothing: the disk threads
-    /// are the parent's.
+    /// The only store, built at first use and never destroyed. At process exit it waits for the
+    /// tasks of the pools, disables the log and cleans up, unless a parent process has set it up.
     static ZebDataBlockManager& instance();
 
     // Lifetime and configuration
@@ -463,12 +459,7 @@ private:
     void lockDeletes() ZEBTDX_ACQUIRE(ZebDeleteLock);
     void unlockDeletes() ZEBTDX_RELEASE(ZebDeleteLock);
     void requireInitialized() const;
-
-    /// Builds the only store and arranges for its end at process exit.
-    static ZebDataBlockManager& create();
     void endWithProcess();
-    void waitForGlobalPool() const;
-
     void calcMaxWritePendingDataCacheSize();
 
     /// Evicts the least recently used blocks until `size` more bytes fit the limit of resident
@@ -572,13 +563,11 @@ private:
     int m_GarbageCollectorsRunning          // passes inside their bracket
         ZEBTDX_GUARDED_BY(m_GarbageCollectionMutex);
 
-    // Whether the process ends: the accessors that are left do not touch their blocks any more.
-    std::atomic<bool> m_HasEnded{false}; // (a)
-
     // Each disk thread has a copy of this name.
     QString m_SubCache ZEBTDX_GUARDED_BY(ZebDeleteLock);
     std::atomic<quint64> m_SubCacheGeneration{0}; // counts its changes; also read without the lock
-    std::atomic<bool> m_Initialized; // acquire and release: orders what setup() has written
+    std::atomic<bool> m_Initialized;     // acquire and release: orders what setup() has written
+    std::atomic<bool> m_HasEnded{false}; // (a) set at process exit, before the blocks go
     std::atomic<bool> m_RequestPromotionEnabled; // (a)
 
     QVector<ZebDataBlockReadThread*> m_ReadThreads;
@@ -595,9 +584,6 @@ private:
     // Taken inside the delete lock. Recursive: slots of cacheSizeUpdate() run with it held and may
     // ask for the size.
     mutable QMutex m_CacheSizeMutex ZEBTDX_ACQUIRED_AFTER(ZebDeleteLock);
-
-    // Kept on purpose: part of the layout of the class; no operation takes it.
-    QReadWriteLock m_StateLock;
 
     std::atomic<bool> m_AllFreeBlocksFlushed; // (a)
 
