@@ -2,6 +2,7 @@
 
 #include "hash/ZebHashText.h"
 #include "tools/cache/CacheWarnings.h"
+#include "tools/cache/UnfinishedMark.h"
 #include "tools/files/FileSystem.h"
 
 #include <sys/stat.h>
@@ -26,6 +27,10 @@ void CacheFiles::take(const CacheScanner::File& found, CacheWarnings& warnings)
 {
     if (found.m_IsLog)
         return;
+    if (found.m_IsMark) {
+        warnings.add(CacheWarnings::Unfinished, found.m_Path, UnfinishedMark::textOf(found.m_Path));
+        return;
+    }
     if (S_ISLNK(found.m_Mode)) {
         warnings.add(CacheWarnings::Link, found.m_Path,
                      "is a symbolic link, which is not checked; the store would follow it; remove "

@@ -2,6 +2,7 @@
 
 #include "io/ZebBlockFile.h"
 #include "support/ZebPlainNumber.h"
+#include "tools/cache/UnfinishedMark.h"
 #include "tools/files/FileReader.h"
 #include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
@@ -133,5 +134,6 @@ void CacheScanner::visit(const std::string& directory, const std::string& subCac
     m_File.m_IsBlock = block.has_value();
     m_File.m_BlockName = block.value_or(ZebBlockName());
     m_File.m_IsLog = isRegular && bucket == s_NoBucket && name == "TdxLog.txt";
+    m_File.m_IsMark = isRegular && bucket == s_NoBucket && UnfinishedMark::isName(name);
     (*m_Visit)(m_File);
 }

@@ -34,6 +34,8 @@ public:
         ZebBlockName m_BlockName;
         /// Whether it is the store's own log.
         bool m_IsLog = false;
+        /// Whether it is the mark of an ingest that has not finished.
+        bool m_IsMark = false;
     };
 
     explicit CacheScanner(ErrorReport& errors);

@@ -1,6 +1,8 @@
 #include "tools/cache/CacheStatistics.h"
 
 #include "io/ZebBlockFile.h"
+#include "tools/cache/UnfinishedMark.h"
+#include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/SizeText.h"
 #include "tools/terminal/SummaryText.h"
@@ -63,6 +65,11 @@ void CacheStatistics::count(const CacheScanner::File& file, ErrorReport& errors)
 {
     if (file.m_IsLog)
         return;
+    if (file.m_IsMark) {
+        ++m_Unfinished;
+        errors.note(file.m_Path, UnfinishedMark::textOf(file.m_Path));
+        return;
+    }
     if (!file.m_IsBlock) {
         ++m_Unexpected;
         return;
@@ -114,6 +121,8 @@ SummaryText CacheStatistics::shown() const
     text.addDecimal(QStringLiteral("compression_ratio"), "Compression ratio", ratio(m_Total));
     text.addCount(QStringLiteral("unexpected"), "Unexpected files", m_Unexpected,
                   "which are not block files, or truncated ones");
+    text.addCount(QStringLiteral("unfinished"), "Unfinished ingests", m_Unfinished,
+                  "by their marks");
     QJsonArray places;
     for (const auto& [place, sum] : m_Sums) {
         QJsonObject object = objectOf(sum);

@@ -46,4 +46,5 @@ private:
     std::map<Place, Sum> m_Sums;
     Sum m_Total;
     qint64 m_Unexpected = 0;
+    qint64 m_Unfinished = 0;
 };

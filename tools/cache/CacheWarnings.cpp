@@ -54,4 +54,6 @@ void CacheWarnings::addTo(SummaryText& summary) const
                      "which lets them change blocks");
     summary.addCount(QStringLiteral("changed"), "Changed meanwhile", count(Changed),
                      "by another process");
+    summary.addCount(QStringLiteral("unfinished"), "Unfinished ingests", count(Unfinished),
+                     "by their marks");
 }

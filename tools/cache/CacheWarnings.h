@@ -27,7 +27,9 @@ public:
         /// A file that an interrupted write left.
         Truncated,
         /// A file that another process wrote or removed during the check.
-        Changed
+        Changed,
+        /// The mark of an ingest that has not finished.
+        Unfinished
     };
 
     explicit CacheWarnings(ErrorReport& errors);
@@ -47,7 +49,7 @@ public:
     void addTo(SummaryText& summary) const;
 
 private:
-    static constexpr std::size_t s_Kinds = Changed + 1;
+    static constexpr std::size_t s_Kinds = Unfinished + 1;
 
     ErrorReport& m_Errors;
     // Guards the numbers. A leaf lock.

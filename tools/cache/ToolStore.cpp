@@ -81,8 +81,7 @@ std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, const Option
 
 void ToolStore::require(const ZebDataReference& reference, const std::string& what) const
 {
-    const QFileInfo file(
-        ZebDataBlockManager::instance().getBlockDestination(m_SubCache, reference.hash()));
+    const QFileInfo file(fileOf(reference));
     if (!ZebBlockFile::isComplete(file.size()))
         throw ToolError(what + "is not in the cache", ENOENT);
 }
@@ -119,10 +118,27 @@ ToolStore::~ToolStore()
     ZebDataBlockManager::instance().cleanUp();
 }
 
+QString ToolStore::fileOf(const ZebDataReference& reference) const
+{
+    return ZebDataBlockManager::instance().getBlockDestination(m_SubCache, reference.hash());
+}
+
+std::string ToolStore::pathOf(const ZebDataReference& reference) const
+{
+    return QFile::encodeName(fileOf(reference)).toStdString();
+}
+
 void ToolStore::flush(ErrorReport& errors)
 {
     Workers::run(
         1, [] { ZebDataBlockManager::instance().flush(); },
+        [this, &errors] { watchWrites(errors); });
+}
+
+void ToolStore::evict(ErrorReport& errors)
+{
+    Workers::run(
+        1, [] { ZebDataBlockManager::instance().freeAllBlocks(); },
         [this, &errors] { watchWrites(errors); });
 }
 

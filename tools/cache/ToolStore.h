@@ -78,8 +78,15 @@ public:
     /// block that is not a list, too. Any thread may call this.
     QVector<ZebDataReference> members(const ZebDataReference& list, const std::string& what) const;
 
+    /// Path of the block's file. Any thread may call this.
+    std::string pathOf(const ZebDataReference& reference) const;
+
     /// Waits until everything that was added is written.
     void flush(ErrorReport& errors);
+
+    /// The same, and evicts every block, so that the next access reads the disk. No accessor may be
+    /// open.
+    void evict(ErrorReport& errors);
 
     /// Reports failed writes: one line for each series of failures. When writes have failed for
     /// `patienceMs` without a pause, reports an error and gives up; queued blocks are lost.
@@ -89,6 +96,8 @@ private:
     static constexpr qint64 s_PatienceMs = 10000;
 
     ToolStore(RootLock&& lock, const GiveUp& giveUp);
+
+    QString fileOf(const ZebDataReference& reference) const;
 
     RootLock m_Lock;
     const GiveUp m_GiveUp;

@@ -62,13 +62,15 @@ Words wordsOf(ZebBlockFinding finding)
 
 } // namespace
 
+std::string VerdictText::what(const ZebBlockVerdict& verdict)
+{
+    const std::string text = wordsOf(verdict.m_Finding).m_What;
+    return verdict.m_Detail.empty() ? text : text + " (" + verdict.m_Detail + ")";
+}
+
 std::string VerdictText::line(const ZebBlockVerdict& verdict)
 {
-    const Words words = wordsOf(verdict.m_Finding);
-    std::string text = words.m_What;
-    if (!verdict.m_Detail.empty())
-        text += " (" + verdict.m_Detail + ")";
-    return text + "; " + words.m_Advice;
+    return what(verdict) + "; " + wordsOf(verdict.m_Finding).m_Advice;
 }
 
 const char* VerdictText::key(ZebBlockFinding finding)

@@ -7,7 +7,10 @@
 /// Findings in block files, in words.
 namespace VerdictText {
 
-/// What is wrong and what to do about it, in one line.
+/// What is wrong: "is shorter than its header says (3 bytes ...)".
+std::string what(const ZebBlockVerdict& verdict);
+
+/// The same, and what to do about it, in one line.
 std::string line(const ZebBlockVerdict& verdict);
 
 /// The name of a finding for programs: "too_short".

@@ -1,6 +1,7 @@
 #include "tools/commands/GcCommand.h"
 
 #include "tools/cache/CacheCleaner.h"
+#include "tools/cache/UnfinishedMark.h"
 #include "tools/commands/CommandOptions.h"
 #include "tools/files/Manifest.h"
 #include "tools/terminal/ErrorReport.h"
@@ -65,6 +66,8 @@ int GcCommand::run(const ToolSettings& settings)
         place.m_Roots = m_Roots;
     const auto store = ToolStore::open(
         place, {ToolStore::Roots::Expect, m_Memory, 0, RootLock::Use::Alone}, settings.m_GiveUp);
+    for (const std::string& path : UnfinishedMark::find(place))
+        errors.note(path, UnfinishedMark::textOf(path));
     CacheCleaner cleaner(place, *store, errors, progress);
     bool complete = true;
     for (const Manifest& manifest : manifests)

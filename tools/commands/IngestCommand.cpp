@@ -2,11 +2,15 @@
 
 #include "data/ZebDataBlock.h"
 #include "tools/cache/ToolStore.h"
+#include "tools/cache/UnfinishedMark.h"
 #include "tools/commands/IngestSummary.h"
 #include "tools/files/FileComparer.h"
 #include "tools/files/FileIngester.h"
+#include "tools/files/FileSystem.h"
 #include "tools/files/FileWalker.h"
 #include "tools/files/Manifest.h"
+#include "tools/files/StoredBlockChecker.h"
+#include "tools/files/StoredFiles.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
@@ -17,6 +21,8 @@
 #include <CLI/CLI.hpp>
 
 #include <QElapsedTimer>
+
+#include <optional>
 
 #include <unistd.h>
 
@@ -46,6 +52,9 @@ CLI::App* IngestCommand::addTo(CLI::App& application)
         *command, "--compression-threads", m_CompressionThreads, 0, s_MostCompressionThreads,
         "Number of threads that compress for each root; with 0, its writer compresses");
     command->add_flag("--no-check", m_NoCheck, "Do not read back and compare");
+    command->add_flag("--verify", m_Verify,
+                      "Decompress and digest every block file, also those that existed before; "
+                      "always done after an ingest that has not finished");
     CommandOptions::addJson(*command, m_Json);
     return command;
 }
@@ -88,11 +97,29 @@ int IngestCommand::run(const ToolSettings& settings)
         walk.leaveOut(root);
     for (const std::string& path : m_Paths)
         walk.add(path);
-    return ingest(walk, *store, errors, progress);
+    const UnfinishedMark mark(m_Place, m_Manifest, m_Paths, m_BlockSize);
+    m_Verify = findMarks(mark, errors) || m_Verify;
+    mark.set();
+    return ingest(walk, *store, errors, progress, mark);
+}
+
+bool IngestCommand::findMarks(const UnfinishedMark& own, ErrorReport& errors) const
+{
+    const std::vector<std::string> marks = UnfinishedMark::find(m_Place);
+    bool isAgain = false;
+    for (const std::string& path : marks) {
+        if (own.isAt(path))
+            isAgain = true;
+        else
+            errors.note(path, UnfinishedMark::textOf(path));
+    }
+    if (isAgain)
+        errors.note("this ingest has not finished before; its block files are checked in full");
+    return !marks.empty();
 }
 
 int IngestCommand::ingest(const FileWalker& walk, ToolStore& store, ErrorReport& errors,
-                          ProgressBar& progress)
+                          ProgressBar& progress, const UnfinishedMark& mark)
 {
     IngestSummary summary;
     summary.m_Memory = m_Memory;
@@ -105,15 +132,12 @@ int IngestCommand::ingest(const FileWalker& walk, ToolStore& store, ErrorReport&
     StoredFiles stored = ingester.run(walk);
     store.flush(errors);
     summary.m_SecondsIn = SummaryText::secondsOf(timer);
+    // A file that cannot be read says nothing about the cache; all later errors do.
+    const qint64 failedFiles = errors.count();
+    StoredBlockChecker checker({m_Threads, m_Verify}, store, errors, progress);
+    checker.run(stored);
+    summary.m_Rewritten = checker.rewritten();
     summary.count(stored);
-    // Before the comparison, so that an interrupted one leaves a manifest.
-    const auto error =
-        ToolError::of([&] { Manifest::of(stored, m_Place, errors).save(m_Manifest, m_Replace); });
-    if (error)
-        errors.add(m_Manifest, *error);
-    else
-        summary.m_Manifest = m_Manifest;
-
     if (!m_NoCheck) {
         FileComparer comparer(m_Threads, store, errors, progress);
         timer.restart();
@@ -122,6 +146,29 @@ int IngestCommand::ingest(const FileWalker& walk, ToolStore& store, ErrorReport&
         summary.m_ReadBackBytes = comparer.bytes();
         summary.m_Differences = comparer.differences();
     }
+    if (save(stored, errors)) {
+        summary.m_Manifest = m_Manifest;
+        if (errors.count() == failedFiles)
+            mark.clear();
+    }
     summary.m_Errors = errors.count();
     return summary.shown().print(m_Json, errors);
+}
+
+bool IngestCommand::save(const StoredFiles& stored, ErrorReport& errors) const
+{
+    std::optional<ToolError> error = ToolError::of([this] {
+        // After a power loss, a manifest must not name blocks that are not there.
+        for (const std::string& root : m_Place.m_Roots)
+            ToolError::locate("cache root " + root, [&root] { FileSystem::syncAll(root); });
+    });
+    if (error) {
+        errors.add(std::string(error->what()) + "; no manifest is written; check the disk");
+        return false;
+    }
+    error =
+        ToolError::of([&] { Manifest::of(stored, m_Place, errors).save(m_Manifest, m_Replace); });
+    if (error)
+        errors.add(m_Manifest, *error);
+    return !error;
 }

@@ -15,9 +15,12 @@ class ErrorReport;
 class FileWalker;
 class ProgressBar;
 class ToolStore;
+class UnfinishedMark;
+struct StoredFiles;
 
-/// `zebtdx ingest`: puts files into a cache on disk, writes a manifest for `zebtdx restore`, then
-/// reads the blocks from the store and compares them with the files.
+/// `zebtdx ingest`: puts files into a cache on disk, reads the blocks back from the disk, compares
+/// them with the files, and writes a manifest for `zebtdx restore`. An UnfinishedMark is in the
+/// cache meanwhile.
 class IngestCommand : public Command
 {
 public:
@@ -28,9 +31,15 @@ private:
     /// Throws a CLI::ParseError for sizes that exclude each other.
     void requireSizes() const;
 
+    /// Reports the marks of ingests that have not finished. Returns whether there are any.
+    bool findMarks(const UnfinishedMark& own, ErrorReport& errors) const;
+
     /// Stores, compares and reports. Returns the exit status.
-    int ingest(const FileWalker& walk, ToolStore& store, ErrorReport& errors,
-               ProgressBar& progress);
+    int ingest(const FileWalker& walk, ToolStore& store, ErrorReport& errors, ProgressBar& progress,
+               const UnfinishedMark& mark);
+
+    /// Writes the manifest after all blocks are on the disk. Returns whether it is there.
+    bool save(const StoredFiles& stored, ErrorReport& errors) const;
 
     std::vector<std::string> m_Paths;
     StorePlace m_Place;
@@ -41,5 +50,6 @@ private:
     int m_CompressionThreads = CommandOptions::defaultThreads();
     bool m_Replace = false;
     bool m_NoCheck = false;
+    bool m_Verify = false;
     bool m_Json = false;
 };

@@ -56,6 +56,7 @@ SummaryText IngestSummary::shown() const
     text.addCount(QStringLiteral("saved_bytes"), "Bytes saved", savedBytes(),
                   "(" + SizeText::print(savedBytes()) + "), " +
                       QString::number(savedPercent, 'f', 1).toStdString() + " %");
+    text.addJson(QStringLiteral("rewritten_blocks"), m_Rewritten);
     text.addRate(QStringLiteral("_in"), "MB/s stored", m_Bytes, m_SecondsIn);
     if (m_Checked) {
         text.addRate(QStringLiteral("_out"), "MB/s compared", m_ReadBackBytes, m_SecondsOut);

@@ -19,6 +19,8 @@ struct IngestSummary
     /// The same without duplicates.
     qint64 m_DistinctBlocks = 0;
     qint64 m_DistinctBytes = 0;
+    /// Blocks whose files were damaged or missing, and are written again.
+    qint64 m_Rewritten = 0;
     /// Whether everything was read back and compared.
     bool m_Checked = true;
     qint64 m_ReadBackBytes = 0;

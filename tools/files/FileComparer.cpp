@@ -21,6 +21,8 @@ FileComparer::FileComparer(int threads, ToolStore& store, ErrorReport& errors,
 
 void FileComparer::run(StoredFiles& stored)
 {
+    // Otherwise resident blocks would be compared, and not what a later run finds.
+    m_Store.evict(m_Errors);
     qint64 total = 0;
     for (const StoredSegment& segment : stored.m_Segments)
         total += segment.m_Bytes;
@@ -42,8 +44,23 @@ void FileComparer::work(StoredFiles& stored)
         const std::size_t index = m_NextSegment.fetch_add(1);
         if (index >= stored.m_Segments.size())
             return;
-        checkSegment(stored, stored.m_Segments[index], reader);
+        const StoredSegment& segment = stored.m_Segments[index];
+        // The segments of a file are consecutive.
+        if (index == 0 || stored.m_Segments[index - 1].m_File != segment.m_File)
+            checkList(stored.m_Files[segment.m_File]);
+        checkSegment(stored, segment, reader);
     }
+}
+
+void FileComparer::checkList(StoredFile& file)
+{
+    if (file.m_Failed.load())
+        return;
+    // Compares its digest with its name, which is that of the list that was stored.
+    const std::optional<ToolError> error =
+        ToolError::of([&] { m_Store.members(file.m_Group, "its list of blocks "); });
+    if (error && !file.m_Different.exchange(true))
+        m_Errors.add(file.m_Path, *error);
 }
 
 void FileComparer::checkSegment(StoredFiles& stored, const StoredSegment& segment,

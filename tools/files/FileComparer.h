@@ -14,8 +14,8 @@ struct StoredFile;
 struct StoredFiles;
 struct StoredSegment;
 
-/// The second pass of an ingest: loads every block from the store and compares it, byte by byte,
-/// with the file that it came from, on several threads.
+/// The second pass of an ingest: evicts everything, then reads every block and every list of blocks
+/// from the disk and compares it with the file that it came from, on several threads.
 ///
 /// A file that differs, in any byte or in its length, is an error, and so is a file that can no
 /// longer be read. Each such file is reported once.
@@ -24,7 +24,7 @@ class FileComparer
 public:
     FileComparer(int threads, ToolStore& store, ErrorReport& errors, ProgressBar& progress);
 
-    /// Compares everything in `stored`.
+    /// Compares everything in `stored`. Everything must be written, and no accessor open.
     void run(StoredFiles& stored);
 
     /// How many files differ from what was stored.
@@ -36,6 +36,9 @@ public:
 private:
     void work(StoredFiles& stored);
     void checkSegment(StoredFiles& stored, const StoredSegment& segment, FileReader& reader);
+
+    /// Reads the file's list of blocks from the disk.
+    void checkList(StoredFile& file);
 
     /// Whether the segment equals the file that is open.
     bool isEqual(qint64 blockSize, const StoredSegment& segment, FileReader& reader);

@@ -69,7 +69,7 @@ StoredFiles FileIngester::run(const FileWalker& walk)
         });
     m_Progress.end();
     makeGroups();
-    dropFailedFiles();
+    m_Stored.dropFailed();
     return std::move(m_Stored);
 }
 
@@ -157,17 +157,6 @@ void FileIngester::fail(StoredFile& file, const std::string& reason)
 {
     if (!file.m_Failed.exchange(true))
         m_Errors.add(file.m_Path, reason);
-}
-
-void FileIngester::dropFailedFiles()
-{
-    for (StoredSegment& segment : m_Stored.m_Segments) {
-        if (!m_Stored.m_Files[segment.m_File].m_Failed.load())
-            continue;
-        segment.m_Blocks.clear();
-        segment.m_Bytes = 0;
-        segment.m_Complete = false;
-    }
 }
 
 void FileIngester::makeGroups()

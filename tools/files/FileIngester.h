@@ -52,7 +52,6 @@ private:
                     std::deque<ZebDataReference>& pending);
 
     void fail(StoredFile& file, const std::string& reason);
-    void dropFailedFiles();
 
     /// Makes the group blocks of the complete files.
     void makeGroups();

@@ -8,7 +8,26 @@
 #include <memory>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Opens the directory for one call that syncs, and throws its error.
+void syncBy(int (*sync)(int), const std::string& directory)
+{
+    const int descriptor = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0)
+        throw ToolError::ofSystem(errno);
+    const int error = sync(descriptor) == 0 ? 0 : errno;
+    ::close(descriptor);
+    // Some network file systems have no such call for a directory.
+    if (error != 0 && error != EINVAL)
+        throw ToolError::ofSystem(error);
+}
+
+} // namespace
 
 std::vector<FileSystem::Entry> FileSystem::entries(const std::string& directory,
                                                    ErrorReport& errors)
@@ -67,4 +86,14 @@ void FileSystem::requireDirectory(const std::string& path)
         throw ToolError::ofSystem(errno);
     if (!S_ISDIR(status.st_mode))
         throw ToolError::ofSystem(ENOTDIR);
+}
+
+void FileSystem::syncDirectory(const std::string& path)
+{
+    syncBy(&::fsync, path);
+}
+
+void FileSystem::syncAll(const std::string& directory)
+{
+    syncBy(&::syncfs, directory);
 }

@@ -34,4 +34,11 @@ std::string whyNotAFile(mode_t mode);
 /// Throws the reason as a ToolError unless `path` is a directory.
 void requireDirectory(const std::string& path);
 
+/// Waits until the names in this directory are on the disk. Throws a ToolError.
+void syncDirectory(const std::string& path);
+
+/// Waits until everything that was written to the file system of this directory is on the disk.
+/// Throws a ToolError.
+void syncAll(const std::string& directory);
+
 } // namespace FileSystem

@@ -61,4 +61,7 @@ struct StoredFiles
     /// Neither list ever moves an element.
     std::deque<StoredFile> m_Files;
     std::deque<StoredSegment> m_Segments;
+
+    /// Drops what was stored of the files that have failed.
+    void dropFailed();
 };

@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 
 using ::testing::ElementsAre;
@@ -331,10 +332,41 @@ TEST_F(IngestPassesTest, ABlockThatTheStoreHasLostIsAnError)
     const IngestSummary summary = check();
     EXPECT_EQ(summary.m_Errors, 1);
     EXPECT_EQ(summary.m_ReadBackBytes, 0);
-    EXPECT_THAT(
-        errorLines(),
-        ElementsAre(
-            "zebtdx: f: cannot be compared: one of its blocks cannot be loaded from the store"));
+    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: f: its list of blocks is not in the cache"));
+}
+
+TEST_F(IngestPassesTest, BlocksAreReadFromTheDisk)
+{
+    m_Tree.file("a", "12345");
+    m_Tree.file("b", "67890");
+    find();
+    store();
+    toolStore().flush(m_Errors.report());
+    const auto pathOf = [this](std::size_t segment) {
+        return toolStore().pathOf(m_Stored->m_Segments[segment].m_Blocks.front());
+    };
+    std::filesystem::copy_file(pathOf(0), pathOf(1),
+                               std::filesystem::copy_options::overwrite_existing);
+    const IngestSummary summary = check();
+    EXPECT_EQ(summary.m_Differences, 1);
+    EXPECT_EQ(summary.m_ReadBackBytes, 5);
+    EXPECT_THAT(errorLines(),
+                ElementsAre("zebtdx: b: differs from the bytes in the store; run zebtdx verify"));
+}
+
+TEST_F(IngestPassesTest, ListsOfBlocksAreReadFromTheDisk)
+{
+    m_Tree.file("a", "12345");
+    m_Tree.file("b", "67890");
+    find();
+    store();
+    toolStore().flush(m_Errors.report());
+    std::filesystem::copy_file(toolStore().pathOf(m_Stored->m_Files[0].m_Group),
+                               toolStore().pathOf(m_Stored->m_Files[1].m_Group),
+                               std::filesystem::copy_options::overwrite_existing);
+    EXPECT_EQ(check().m_ReadBackBytes, 5);
+    EXPECT_THAT(errorLines(), ElementsAre("zebtdx: b: its list of blocks is damaged in the cache; "
+                                          "run zebtdx verify"));
 }
 
 TEST_F(IngestPassesTest, TheGroupOfAFileListsItsBlocksInOrder)
