@@ -29,6 +29,7 @@ void CacheFiles::take(const CacheScanner::File& found, CacheWarnings& warnings)
         return;
     if (found.m_IsMark) {
         warnings.add(CacheWarnings::Unfinished, found.m_Path, UnfinishedMark::textOf(found.m_Path));
+        m_Marks.push_back(found.m_Path);
         return;
     }
     if (S_ISLNK(found.m_Mode)) {

@@ -41,6 +41,10 @@ public:
     const StorePlace& place() const { return m_Place; }
 
     const std::vector<File>& files() const { return m_Files; }
+
+    /// The paths of the marks of ingests that have not finished.
+    const std::vector<std::string>& marks() const { return m_Marks; }
+
     const Directory& directoryOf(const File& file) const { return m_Directories[file.m_Directory]; }
     std::string pathOf(const File& file) const;
 
@@ -61,5 +65,6 @@ private:
 
     const StorePlace m_Place;
     std::vector<File> m_Files;
+    std::vector<std::string> m_Marks;
     std::vector<Directory> m_Directories;
 };

@@ -95,11 +95,19 @@ void UnfinishedMark::set() const
 
 void UnfinishedMark::clear() const
 {
-    for (const std::string& root : m_Place.m_Roots) {
-        ToolError::locate(pathIn(root), [this, &root] {
-            if (::unlink(pathIn(root).c_str()) != 0 && errno != ENOENT)
+    std::vector<std::string> paths;
+    for (const std::string& root : m_Place.m_Roots)
+        paths.push_back(pathIn(root));
+    remove(paths);
+}
+
+void UnfinishedMark::remove(const std::vector<std::string>& paths)
+{
+    for (const std::string& path : paths) {
+        ToolError::locate(path, [&path] {
+            if (::unlink(path.c_str()) != 0 && errno != ENOENT)
                 throw ToolError::ofSystem(errno);
-            FileSystem::syncDirectory(directoryOf(root));
+            FileSystem::syncDirectory(fs::path(path).parent_path().string());
         });
     }
 }

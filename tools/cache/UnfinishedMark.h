@@ -38,6 +38,10 @@ public:
     /// The paths of all marks in the cache, of any ingest. Throws a ToolError.
     static std::vector<std::string> find(const StorePlace& place);
 
+    /// Removes the marks at these paths, of any ingest. Every block file must have been checked.
+    /// Throws a ToolError.
+    static void remove(const std::vector<std::string>& paths);
+
     /// Whether a file in the directory of a sub-cache is a mark by its name.
     static bool isName(const std::string& name);
 

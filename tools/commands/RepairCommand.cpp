@@ -6,6 +6,7 @@
 #include "tools/cache/CacheWarnings.h"
 #include "tools/cache/Quarantine.h"
 #include "tools/cache/RootLock.h"
+#include "tools/cache/UnfinishedMark.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/ProgressBar.h"
@@ -72,12 +73,15 @@ int RepairCommand::run(const ToolSettings&)
                    "check both");
     else if (m_Apply)
         moved = move(files, found, errors);
+    const auto damaged = static_cast<qint64>(found.damage().size());
+    // Every file is sound now, whatever an ingest has left.
+    if (m_Apply && !refused && moved == damaged && errors.count() == 0)
+        UnfinishedMark::remove(files.marks());
     SummaryText summary;
     found.addTo(summary);
     warnings.addTo(summary);
     summary.addCount(QStringLiteral("moved"), "Moved", moved);
     summary.addCount(QStringLiteral("errors"), "Errors", errors.count());
-    const auto damaged = static_cast<qint64>(found.damage().size());
     if (!m_Apply && damaged > 0)
         summary.addLine("Nothing was moved. Pass --apply to move damaged files.");
     if (elsewhere > 0 && !m_MoveMisplaced)

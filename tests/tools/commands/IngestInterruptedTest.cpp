@@ -238,6 +238,26 @@ TEST_F(IngestInterrupted, OtherCommandsReportTheMarkAndLeaveIt)
     EXPECT_EQ(runTool({"probe", "--root", "r1", "--root", "r2"}, m_Tree.top()).m_Status, 0);
 }
 
+TEST_F(IngestInterrupted, ARepairThatLeavesNoDamageRemovesTheMark)
+{
+    leaveMarks();
+    for (const fs::path& file : blockFiles())
+        changeBytes(file);
+    const auto repair = [this](const std::vector<std::string>& options) {
+        std::vector<std::string> whole = {"repair", "--root",       "r1",   "--root",
+                                          "r2",     "--quarantine", "aside"};
+        whole.insert(whole.end(), options.begin(), options.end());
+        return runTool(whole, m_Tree.top()).m_Status;
+    };
+    EXPECT_EQ(repair({}), 1);
+    EXPECT_THAT(marks(), SizeIs(2));
+    EXPECT_EQ(repair({"--apply"}), 0);
+    EXPECT_THAT(marks(), IsEmpty());
+    EXPECT_THAT(blockFiles(), IsEmpty());
+    EXPECT_EQ(ingest({"--no-check"}).m_Status, 0);
+    EXPECT_EQ(whyNotRestored(), "");
+}
+
 TEST_F(IngestInterrupted, ADirectoryInThePlaceOfABlockIsAnError)
 {
     ASSERT_EQ(ingest().m_Status, 0);
