@@ -35,6 +35,7 @@ set(ZEBTDX_PUBLIC_HEADERS
   selfcheck/TdxTester.h)
 
 set(ZEBTDX_SOURCES
+  support/ZebCompression.cpp
   support/ZebDataDeleteLocker.cpp
   support/ZebForkWatch.cpp
   support/ZebPoolExit.cpp
@@ -141,7 +142,9 @@ set_target_properties(ZebTdxObjects PROPERTIES
 target_compile_definitions(ZebTdxObjects PRIVATE ZebTdx_EXPORTS)
 target_include_directories(ZebTdxObjects PUBLIC ${zebtdx_build_includes})
 # Images are the self-check's alone, and no header of a host's names them.
-target_link_libraries(ZebTdxObjects PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
+target_link_libraries(ZebTdxObjects
+  PUBLIC Qt5::Core Qt5::Concurrent
+  PRIVATE Qt5::Gui ZLIB::ZLIB)
 zebtdx_compile_options(ZebTdxObjects)
 if(ZEBTDX_CHECK_LOCKS)
   zebtdx_check_locks(ZebTdxObjects)
@@ -161,7 +164,10 @@ foreach(subsystem IN LISTS ZEBTDX_SUBSYSTEMS)
   target_include_directories(ZebTdx PUBLIC
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZebTdx/${subsystem}>)
 endforeach()
-target_link_libraries(ZebTdx PUBLIC Qt5::Core Qt5::Concurrent PRIVATE Qt5::Gui)
+# The package does not name zlib: a host needs the library alone, not its headers.
+target_link_libraries(ZebTdx
+  PUBLIC Qt5::Core Qt5::Concurrent
+  PRIVATE Qt5::Gui $<BUILD_INTERFACE:ZLIB::ZLIB>)
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
   # The store lives until the process ends, and so must its code: the plug-in that has loaded the
   # library may be closed while disk threads and pools still run.
@@ -171,9 +177,7 @@ target_compile_features(ZebTdx PUBLIC cxx_std_17)
 zebtdx_compile_options(ZebTdx)
 
 if(ZEBTDX_BUILD_TESTS OR ZEBTDX_BUILD_TOOLS)
-  # The check of a block file decompresses piece by piece, with zlib itself. No operation of the
-  # store needs it, so a host's library does not depend on zlib.
-  find_package(ZLIB REQUIRED)
+  # The check of a block file is for the tool and the tests; no operation of the store needs it.
   add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>
     io/ZebBlockFileChecker.cpp
     io/ZebBlockInflater.cpp

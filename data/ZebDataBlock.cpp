@@ -1,6 +1,7 @@
 #include "data/ZebDataBlock.h"
 
 #include "manager/ZebDataBlockManager.h"
+#include "support/ZebCompression.h"
 #include "support/ZebTdxMessage.h"
 
 #include <algorithm>
@@ -124,7 +125,9 @@ bool ZebDataBlock::compress(int level)
         return true;
     // Kept on purpose: no copy is kept, so a failure loses the bytes. The peak memory is that of
     // the uncompressed and the compressed bytes.
-    m_Data = qCompress(m_Data, level);
+    QByteArray payload;
+    ZebCompression::compress(m_Data, level, &payload);
+    m_Data = payload;
     if (m_Data.isEmpty()) {
         ZebTdxMessage::debug(QStringLiteral("Failed to compress data block."));
         return false;

@@ -39,9 +39,16 @@ bool ZebBlockFile::isComplete(qint64 fileBytes)
     return fileBytes > s_HeaderBytes;
 }
 
+ZebCompression::Result ZebBlockFile::encodePayload(const QByteArray& plain, QByteArray* payload)
+{
+    return ZebCompression::compress(plain, s_CompressionLevel, payload);
+}
+
 QByteArray ZebBlockFile::encodePayload(const QByteArray& plain)
 {
-    return qCompress(plain, s_CompressionLevel);
+    QByteArray payload;
+    encodePayload(plain, &payload);
+    return payload;
 }
 
 QByteArray ZebBlockFile::decodePayload(const QByteArray& payload)

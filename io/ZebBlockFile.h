@@ -15,6 +15,8 @@
 // Size and N are in the byte order of the machine. There is no magic number, version or
 // checksum: only the name can verify the bytes.
 //
+//  - Only a regular file is a block file. Anything else under its name, such as a folder or a link,
+//    counts as missing; the writer neither follows, replaces nor removes it.
 //  - The writer replaces a file of 12 bytes or less, and treats any longer file as complete,
 //    whatever it contains.
 //  - The reader reads N = 0 as an empty block, even in a file of 12 bytes.
@@ -25,6 +27,8 @@
 //    does not decompress as an empty block.
 //  - A block that the host compressed before adding it keeps its payload and level, and is named by
 //    the digest of the compressed bytes.
+
+#include "support/ZebCompression.h"
 
 #include <QByteArray>
 
@@ -68,7 +72,10 @@ struct Header
 /// Whether a file of this size counts as complete; a writer replaces any other.
 bool isComplete(qint64 fileBytes);
 
-/// The payload for these bytes. Empty when zlib runs out of memory.
+/// Makes the payload for these bytes. It stays empty on a failure.
+ZebCompression::Result encodePayload(const QByteArray& plain, QByteArray* payload);
+
+/// The payload for these bytes. Empty when it cannot be made.
 QByteArray encodePayload(const QByteArray& plain);
 
 /// The plain bytes of a payload. Empty when it does not decompress; Qt then logs a line.
