@@ -5,24 +5,48 @@
 #include "io/ZebBlockFilePath.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebDataDeleteLocker.h"
+#include "support/ZebRegularFile.h"
 #include "support/ZebTdxMessage.h"
 
 #include <QDir>
 #include <QFileInfo>
 
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace {
 
 constexpr int s_NoFence = -1;
+constexpr int s_Closed = -1;
+
+// Made without an allocation, for a failure that leaves no memory for a text of its own.
+QString outOfMemoryText()
+{
+    return QStringLiteral("Cannot Write Block File : 'Cannot allocate memory'");
+}
 
 } // namespace
 
 ZebDataBlockWriteRequest::ZebDataBlockWriteRequest(const ZebSmartPointer<ZebDataHash>& hash,
                                                    ZebDataBlock* block, bool deleteBlock)
-    : m_Fence(s_NoFence), m_Hash(hash), m_Block(block), m_DeleteBlock(deleteBlock)
+    : m_Fence(s_NoFence),
+      m_Hash(hash),
+      m_Block(block),
+      m_DeleteBlock(deleteBlock),
+      m_Descriptor(s_Closed),
+      m_IsIncomplete(false)
 {}
 
 ZebDataBlockWriteRequest::ZebDataBlockWriteRequest(int fence)
-    : m_Fence(fence), m_Block(nullptr), m_DeleteBlock(false)
+    : m_Fence(fence),
+      m_Block(nullptr),
+      m_DeleteBlock(false),
+      m_Descriptor(s_Closed),
+      m_IsIncomplete(false)
 {}
 
 ZebDataBlockWriteRequest::~ZebDataBlockWriteRequest()
@@ -65,19 +89,26 @@ qint64 ZebDataBlockWriteRequest::blockSize() const
 void ZebDataBlockWriteRequest::setFileName(const QString& root, const QString& subCache,
                                            int bucketCount)
 {
-    m_File.setFileName(ZebBlockFilePath(m_Hash.data(), root, subCache, bucketCount));
+    closeFile();
+    const QString name = ZebBlockFilePath(m_Hash.data(), root, subCache, bucketCount);
+    const QByteArray path = QFile::encodeName(name);
+    m_File.setFileName(name);
+    // What was left at another path no longer matters here.
+    m_IsIncomplete = m_IsIncomplete && path == m_Path;
+    m_FileName = name;
+    m_Path = path;
 }
 
 void ZebDataBlockWriteRequest::makeDirectory()
 {
-    const QString directory = QFileInfo(m_File.fileName()).path();
+    const QString directory = QFileInfo(m_FileName).path();
     if (!QDir(directory).exists())
         QDir().mkpath(directory);
 }
 
 bool ZebDataBlockWriteRequest::fileExits()
 {
-    if (!QFile::exists(m_File.fileName()) || !ZebBlockFile::isComplete(m_File.size()))
+    if (m_IsIncomplete || !ZebBlockFile::isComplete(ZebRegularFile::size(m_Path)))
         return false;
     m_Block->m_Cached.store(true, std::memory_order_relaxed);
     return true;
@@ -85,44 +116,111 @@ bool ZebDataBlockWriteRequest::fileExits()
 
 void ZebDataBlockWriteRequest::compress()
 {
+    try {
+        QString failure;
+        makePayload(&failure);
+    } catch (const std::bad_alloc&) {
+        // write() tries again and reports it.
+    }
+}
+
+bool ZebDataBlockWriteRequest::makePayload(QString* failure)
+{
     if (!m_CompressedData.isNull())
-        return;
+        return true;
     if (m_Block->m_Compressed) {
         m_CompressedData = m_Block->m_Data;
         // Kept on purpose: only this branch logs an empty payload.
         if (m_CompressedData.isEmpty())
             ZebTdxMessage::debug(QStringLiteral("Failed to compress data block."));
-        return;
+        return true;
     }
-    m_CompressedData = ZebBlockFile::encodePayload(m_Block->m_Data);
+    QByteArray payload;
+    const ZebCompression::Result result = ZebBlockFile::encodePayload(m_Block->m_Data, &payload);
+    if (result == ZebCompression::Result::Made) {
+        m_CompressedData = payload;
+        return true;
+    }
+    *failure = QStringLiteral("Cannot Compress Data for File %1 : '%2'")
+                   .arg(m_FileName, result == ZebCompression::Result::TooLarge
+                                        ? QStringLiteral("Larger than 2 GiB")
+                                        : qt_error_string(ENOMEM));
+    return false;
 }
 
 int ZebDataBlockWriteRequest::write(QString* errorString)
 {
-    if (!m_File.open(QIODevice::WriteOnly)) {
-        return fail(QStringLiteral("Cannot Open File %1 : '%2'")
-                        .arg(m_File.fileName(), m_File.errorString()),
-                    errorString);
+    QString failure = outOfMemoryText();
+    try {
+        if (writeFile(&failure)) {
+            m_IsIncomplete = false;
+            m_Block->m_Cached.store(true, std::memory_order_relaxed);
+            return m_CompressedData.size();
+        }
+    } catch (const std::bad_alloc&) {
+        // The text of a failure before this one would mislead.
+        failure = outOfMemoryText();
     }
-    QString failure;
+    try {
+        ZebTdxMessage::debug(failure);
+    } catch (const std::bad_alloc&) {
+        // The caller still gets the text.
+    }
+    if (errorString != nullptr)
+        *errorString = failure;
+    discardFile();
+    return 0;
+}
+
+bool ZebDataBlockWriteRequest::writeFile(QString* failure)
+{
+    if (!openFile(failure))
+        return false;
     ZebBlockFile::Header header;
     header.m_BlockBytes = m_Block->size();
-    if (!writePiece(header.encode().data(), ZebBlockFile::s_BlockSizeBytes, &failure))
-        return fail(failure, errorString);
     // Kept on purpose: compresses with the file open, so an empty file is visible meanwhile.
-    compress();
+    if (!writePiece(header.encode().data(), ZebBlockFile::s_BlockSizeBytes, failure) ||
+        !makePayload(failure))
+        return false;
     const qint32 length = m_CompressedData.size();
     header.m_PayloadBytes = length;
     if (!writePiece(header.encode().data() + ZebBlockFile::s_BlockSizeBytes,
-                    ZebBlockFile::s_PayloadSizeBytes, &failure) ||
-        !writePiece(m_CompressedData.constData(), length, &failure))
-        return fail(failure, errorString);
+                    ZebBlockFile::s_PayloadSizeBytes, failure) ||
+        !writePiece(m_CompressedData.constData(), length, failure))
+        return false;
     // close() would lose buffered bytes without an error.
-    if (!m_File.flush())
-        return fail(shortWriteText(-1, length), errorString);
-    m_File.close();
-    m_Block->m_Cached.store(true, std::memory_order_relaxed);
-    return length;
+    if (!m_File.flush()) {
+        *failure = shortWriteText(m_File.errorString(), -1, length);
+        return false;
+    }
+    if (!closeFile()) {
+        *failure = shortWriteText(qt_error_string(errno), -1, length);
+        return false;
+    }
+    return true;
+}
+
+bool ZebDataBlockWriteRequest::openFile(QString* failure)
+{
+    // An earlier attempt may have failed to close it.
+    closeFile();
+    QString error;
+    m_Descriptor = ZebRegularFile::open(m_FileName, O_WRONLY | O_CREAT, &error);
+    bool isOpen = m_Descriptor != s_Closed;
+    if (isOpen) {
+        // Before the first change: only a removal or a success ends it.
+        m_IsIncomplete = true;
+        if (::ftruncate(m_Descriptor, 0) != 0) {
+            error = qt_error_string(errno);
+            isOpen = false;
+        } else if (!m_File.open(m_Descriptor, QIODevice::WriteOnly, QFileDevice::DontCloseHandle)) {
+            error = m_File.errorString();
+            isOpen = false;
+        }
+    }
+    if (!isOpen)
+        *failure = QStringLiteral("Cannot Open File %1 : '%2'").arg(m_FileName, error);
+    return isOpen;
 }
 
 bool ZebDataBlockWriteRequest::writePiece(const char* bytes, qint64 length, QString* failure)
@@ -130,24 +228,37 @@ bool ZebDataBlockWriteRequest::writePiece(const char* bytes, qint64 length, QStr
     const qint64 written = m_File.write(bytes, length);
     if (written == length)
         return true;
-    *failure = shortWriteText(written, length);
+    *failure = shortWriteText(m_File.errorString(), written, length);
     return false;
 }
 
-QString ZebDataBlockWriteRequest::shortWriteText(qint64 written, qint64 expected) const
+bool ZebDataBlockWriteRequest::closeFile()
 {
-    return QStringLiteral("Cannot Write to File %1 : '%2' - wrote %3 bytes (expecting %4 bytes)")
-        .arg(m_File.fileName(), m_File.errorString(), QString::number(written),
-             QString::number(expected));
+    // Flushes, and may throw; the descriptor is then still open, as the buffered bytes must not
+    // reach a file that gets its number later.
+    m_File.close();
+    const int descriptor = std::exchange(m_Descriptor, s_Closed);
+    return descriptor == s_Closed || ::close(descriptor) == 0;
 }
 
-int ZebDataBlockWriteRequest::fail(const QString& text, QString* errorString)
+QString ZebDataBlockWriteRequest::shortWriteText(const QString& error, qint64 written,
+                                                 qint64 expected) const
 {
-    ZebTdxMessage::debug(text);
-    if (errorString != nullptr)
-        *errorString = text;
-    // Closes first and removes by name: an open QFile that cannot flush refuses to be removed.
-    m_File.close();
-    QFile::remove(m_File.fileName());
-    return 0;
+    return QStringLiteral("Cannot Write to File %1 : '%2' - wrote %3 bytes (expecting %4 bytes)")
+        .arg(m_FileName, error, QString::number(written), QString::number(expected));
+}
+
+void ZebDataBlockWriteRequest::discardFile()
+{
+    try {
+        // Before the removal: an open QFile that cannot flush refuses to be removed.
+        closeFile();
+    } catch (const std::bad_alloc&) {
+        // The next attempt closes it.
+    }
+    // After a failed open, the file may be a complete one of another process.
+    if (!m_IsIncomplete && ZebBlockFile::isComplete(ZebRegularFile::size(m_Path)))
+        return;
+    if (ZebRegularFile::remove(m_Path))
+        m_IsIncomplete = false;
 }

@@ -60,12 +60,15 @@ public:
     void makeDirectory();
 
     /// Whether a complete file, that is one longer than its header, exists at the path; marks the
-    /// block as cached then. A truncated file will be overwritten.
+    /// block as cached then. A truncated file will be overwritten, and so will a file that a failed
+    /// write() of this request could not remove. A link is not followed; anything but a regular
+    /// file counts as missing.
     /// Kept on purpose: the spelling of the name, which hosts may use.
     bool fileExits();
 
     /// Makes the payload, unless an earlier attempt did: compresses the block's bytes, or copies
-    /// them if they are compressed already.
+    /// them if they are compressed already. A failure leaves it to write() to try again and to
+    /// report it. Throws nothing.
     void compress();
 
     /// Writes the file, and compresses the block first if needed. Flushes the bytes to the
@@ -73,25 +76,49 @@ public:
     ///
     /// Returns the length of the payload in bytes and marks the block as cached. On failure it
     /// returns 0, logs the reason, sets `errorString`, which may be null, and removes the file. It
-    /// keeps the payload for a retry.
+    /// keeps the payload for a retry. A failed allocation is such a failure, and so is anything but
+    /// a regular file at the path, which stays as it is. Throws nothing.
     ///
-    /// Kept on purpose: an empty payload is written, too, but returns 0 without a message.
+    /// Kept on purpose: the empty payload of a compressed block is written, too, but returns 0
+    /// without a message.
     int write(QString* errorString);
 
 private:
+    /// write() without its failure path; false sets `failure`.
+    bool writeFile(QString* failure);
+
+    /// Opens the file, emptied; false sets `failure`.
+    bool openFile(QString* failure);
+
+    /// compress() with the reason of a failure.
+    bool makePayload(QString* failure);
+
     /// Writes one piece in full, or sets `failure`.
     bool writePiece(const char* bytes, qint64 length, QString* failure);
 
-    /// The message for a short write.
-    QString shortWriteText(qint64 written, qint64 expected) const;
+    /// Closes the file if it is open. False when the system reports an error.
+    bool closeFile();
 
-    /// Logs a failure, passes it to `errorString`, removes the file, and returns 0.
-    int fail(const QString& text, QString* errorString);
+    /// The message for a short write.
+    QString shortWriteText(const QString& error, qint64 written, qint64 expected) const;
+
+    /// Removes what a failed attempt has left. Throws nothing.
+    void discardFile();
 
     int m_Fence;
     ZebSmartPointer<ZebDataHash> m_Hash;
     ZebDataBlock* m_Block;
     QByteArray m_CompressedData;
     bool m_DeleteBlock;
+
+    // Writes to m_Descriptor, which it does not own: an error of closing must be seen.
     QFile m_File;
+
+    // m_File forgets its name when it is opened. m_Path is that name as the system takes it.
+    QString m_FileName;
+    QByteArray m_Path;
+    int m_Descriptor;
+
+    // Whether the file at the path is an incomplete one of this request.
+    bool m_IsIncomplete;
 };

@@ -1,6 +1,8 @@
 #pragma once
 
-// Internal: careful opening of files below a cache root. Not installed.
+// Internal: careful access to the files below a cache root. Not installed.
+
+#include <QByteArray>
 
 class QString;
 
@@ -17,5 +19,13 @@ namespace ZebRegularFile {
 ///
 /// Thread safety: any thread may call it.
 int open(const QString& path, int flags, QString* error);
+
+/// The size in bytes of the regular file at `path`, which is as QFile::encodeName() makes it. -1
+/// when there is none; a link is not followed. Allocates nothing.
+qint64 size(const QByteArray& path);
+
+/// Removes the regular file at `path`, and nothing of another kind. Returns whether there is no
+/// regular file afterwards. Allocates nothing.
+bool remove(const QByteArray& path);
 
 } // namespace ZebRegularFile

@@ -1,29 +1,26 @@
 #pragma once
 
 #include "data/ZebDataReference.h"
-#include "io/ZebDataBlockWriteThread.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/WaitUntil.h"
 
 #include <QByteArray>
 #include <QDir>
-#include <QFile>
-#include <QFileInfo>
+#include <QSemaphore>
 #include <QString>
+#include <QtGlobal>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-/// Blocks one writer of the store until release(): it writes a small block whose file is a pipe
-/// without a reader. What is queued to it meanwhile stays queued.
+/// Blocks one writer of the store until release(): a folder is in the place of a small block's
+/// file, and the message handler blocks in the message about it, which no capture sees. What is
+/// queued to the writer meanwhile stays queued. The small block is written in a second attempt.
 ///
-/// The small block stays resident and pinned, so it cannot be evicted.
+/// The small block stays resident and pinned, so it cannot be evicted. A message handler that is
+/// installed later must be removed earlier.
 class HeldWriter
 {
 public:
@@ -31,27 +28,23 @@ public:
     {
         static std::atomic<int> s_Count{0};
         const QByteArray bytes = "held writer " + QByteArray::number(++s_Count);
-        const QString text = ZebDataHash(bytes, ZebDataHash::Hash512).toString();
-        m_Path = QFile::encodeName(manager().getBlockDestination(QString(), text));
-        QDir().mkpath(QFileInfo(QFile::decodeName(m_Path)).path());
-        EXPECT_EQ(::mkfifo(m_Path.constData(), S_IRUSR | S_IWUSR), 0);
+        m_Name = ZebDataHash(bytes, ZebDataHash::Hash512).toString();
+        m_Path = manager().getBlockDestination(QString(), m_Name);
+        EXPECT_TRUE(QDir().mkpath(m_Path));
+        EXPECT_EQ(s_Current.load(), nullptr);
+        s_Current = this;
+        m_Previous = qInstallMessageHandler(&HeldWriter::handle);
         m_Reference = manager().addBlock(bytes, ZebModifyAccessor::Cached, true);
         m_Accessor = std::make_unique<const ZebConstAccessor>(m_Reference.constAccessor());
-        EXPECT_TRUE(waitUntil([] {
-            for (const auto* const writer : manager().findChildren<ZebDataBlockWriteThread*>()) {
-                if (writer->requestsInProgress() > 0)
-                    return true;
-            }
-            return false;
-        }));
+        EXPECT_TRUE(waitUntil([this] { return m_Held.available() > 0; }));
     }
 
     ~HeldWriter()
     {
         release();
         manager().flush(false, ZebDataBlockManager::WriteThreads);
-        ::close(m_Reader);
-        ::unlink(m_Path.constData());
+        qInstallMessageHandler(m_Previous);
+        s_Current = nullptr;
     }
     HeldWriter(const HeldWriter&) = delete;
     HeldWriter& operator=(const HeldWriter&) = delete;
@@ -59,9 +52,10 @@ public:
     /// Lets the writer continue; any thread may call it, once.
     void release()
     {
-        if (m_Reader < 0)
-            m_Reader = ::open(m_Path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        EXPECT_GE(m_Reader, 0);
+        if (m_IsReleased.exchange(true))
+            return;
+        EXPECT_TRUE(QDir().rmdir(m_Path));
+        m_GoOn.release();
     }
 
     const ZebDataReference& reference() const { return m_Reference; }
@@ -69,9 +63,27 @@ public:
 private:
     static ZebDataBlockManager& manager() { return ZebDataBlockManager::instance(); }
 
-    QByteArray m_Path;
-    // Stays open until the block is written: a pipe without a reader would end the process.
-    int m_Reader = -1;
+    static void handle(QtMsgType type, const QMessageLogContext& context, const QString& text)
+    {
+        HeldWriter& held = *s_Current;
+        if (text.startsWith(QStringLiteral("Cannot Open File ")) && text.contains(held.m_Name)) {
+            held.m_Held.release();
+            held.m_GoOn.acquire();
+            return;
+        }
+        // Another thread may log while the constructor still installs this handler.
+        if (const QtMessageHandler previous = held.m_Previous)
+            previous(type, context, text);
+    }
+
+    inline static std::atomic<HeldWriter*> s_Current{nullptr};
+
+    QString m_Name;
+    QString m_Path;
+    std::atomic<QtMessageHandler> m_Previous{nullptr};
+    QSemaphore m_Held;
+    QSemaphore m_GoOn;
+    std::atomic<bool> m_IsReleased{false};
     ZebDataReference m_Reference;
     std::unique_ptr<const ZebConstAccessor> m_Accessor;
 };
