@@ -26,7 +26,7 @@ constexpr unsigned long s_ShortMs = 10;
 constexpr unsigned long s_WriteMs = 100;
 constexpr unsigned long s_CollectMs = 500;
 
-// A reference whose hash is already computed.
+// A reference whose hash is already computed: on a busy machine a hashing job may start late.
 ZebDataReference add(const QByteArray& bytes, ZebModifyAccessor::Caching caching)
 {
     const ZebDataReference reference =
@@ -98,8 +98,6 @@ bool dontCacheWorks(const QStringList& roots)
             return false;
         blocks.m_E =
             add(QByteArray(static_cast<int>(s_BytesPerMiB), '\0'), ZebModifyAccessor::Cached);
-        // On a busy machine the writers may take longer than the sleep.
-        ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
         QThread::msleep(s_WriteMs);
         if (!residencyIsRight(blocks) || !filesAreOfCachedBlocks(blocks, roots))
             return false;
@@ -134,7 +132,7 @@ bool registryFollowsReferences()
     QThread::msleep(s_ShortMs);
     if (!hashesAre(distinctBlocks))
         return false;
-    // A queued write holds its hash, so the queues are drained before the references are dropped.
+    // A queued write holds its hash, and on a busy machine the sleep may be too short for it.
     ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
     references[0] = ZebDataReference();
     references[1] = ZebDataReference();
@@ -159,20 +157,6 @@ bool filesAreLive(const QStringList& roots)
     return true;
 }
 
-// Drops the references while no pass runs. A pass that runs meanwhile keeps the files whose hashes
-// it has already found live, and with the frees counted before its end no other pass follows for up
-// to a minute.
-void clearReferencesBetweenPasses()
-{
-    ZebDataBlockManager& manager = ZebDataBlockManager::instance();
-    const bool isCollecting = manager.garbageCollecting();
-    if (isCollecting)
-        manager.stopGarbageCollection();
-    ZebLiveReferences::clear();
-    if (isCollecting)
-        manager.startGarbageCollection();
-}
-
 bool collectionWorks(const QStringList& roots)
 {
     if (!registryFollowsReferences())
@@ -181,7 +165,7 @@ bool collectionWorks(const QStringList& roots)
     QThread::msleep(s_ShortMs);
     if (!filesAreLive(roots))
         return false;
-    clearReferencesBetweenPasses();
+    ZebLiveReferences::clear();
     QThread::msleep(s_CollectMs);
     const int left = ZebSelfCheckStore::blockFiles(roots).size();
     if (left != 0)

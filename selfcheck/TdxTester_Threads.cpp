@@ -36,7 +36,8 @@ void runRounds(int megabytes)
     QElapsedTimer timer;
     timer.start();
     for (int round = 0; round < rounds; ++round) {
-        QFuture<void> creator = QtConcurrent::run(&ZebLiveReferences::create);
+        ZebLiveReferences::expectCreators(1);
+        QFuture<void> creator = ZebLiveReferences::startCreator();
         QFuture<void> reader = QtConcurrent::run(&ZebLiveReferences::read);
         QFuture<void> modifier = QtConcurrent::run(&ZebLiveReferences::modify);
         creator.waitForFinished();

@@ -1,9 +1,9 @@
 #include "selfcheck/ZebImageTiles.h"
 
 #include "manager/ZebDataBlockManager.h"
+#include "selfcheck/ZebReleasedPoolThread.h"
 
 #include <QPainter>
-#include <QThreadPool>
 #include <QtConcurrent>
 
 #include <cstring>
@@ -11,19 +11,6 @@
 namespace {
 
 using ImagePart = QPair<const QImage*, QRect>;
-
-// Gives up the pool thread of the current task while it waits for other tasks of the pool.
-class ReleasedThread
-{
-public:
-    ReleasedThread() : m_Pool(QThreadPool::globalInstance()) { m_Pool->releaseThread(); }
-    ~ReleasedThread() { m_Pool->reserveThread(); }
-    ReleasedThread(const ReleasedThread&) = delete;
-    ReleasedThread& operator=(const ReleasedThread&) = delete;
-
-private:
-    QThreadPool* m_Pool;
-};
 
 ZebImageTiles::Tile storeTile(const ImagePart& part)
 {
@@ -45,8 +32,7 @@ ZebImageTiles::Map ZebImageTiles::dice(const QImage& image, int tileSize)
     }
     QFuture<Tile> tiles = QtConcurrent::mapped(parts, &storeTile);
     {
-        // On a thread outside the pool, this only allows the pool one more thread for a moment.
-        const ReleasedThread released;
+        const ZebReleasedPoolThread released;
         tiles.waitForFinished();
     }
     return tiles.results();

@@ -1,12 +1,14 @@
 #include "selfcheck/ZebLiveReferences.h"
 
 #include "manager/ZebDataBlockManager.h"
+#include "selfcheck/ZebReleasedPoolThread.h"
 #include "selfcheck/ZebSharedRandom.h"
 #include "support/ZebDataDeleteLocker.h"
 
 #include <QByteArray>
 #include <QFuture>
 #include <QMutexLocker>
+#include <QScopeGuard>
 #include <QtConcurrent>
 
 #include <cstring>
@@ -23,29 +25,12 @@ int fillByte(int step)
     return step % s_DistinctBytes;
 }
 
-// Neither the collector nor a check that counts files may find writes still queued. The wait is
-// part of the work, so no wait follows it.
-void settle()
-{
-    ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
-}
-
-void createAndSettle()
-{
-    ZebLiveReferences::create();
-    settle();
-}
-
-void modifyAndSettle()
-{
-    ZebLiveReferences::modify();
-    settle();
-}
-
 } // namespace
 
 QMutex ZebLiveReferences::m_Mutex;
 QHash<ZebDataReference, bool> ZebLiveReferences::m_References;
+int ZebLiveReferences::m_Creators = 0;
+QWaitCondition ZebLiveReferences::m_Changed;
 std::atomic<qint64> ZebLiveReferences::m_BytesProcessed{0};
 std::atomic<qint64> ZebLiveReferences::m_BytesSummed{0};
 int ZebLiveReferences::m_Iterations = 256;
@@ -58,6 +43,29 @@ void ZebLiveReferences::create()
         insert(manager.addBlock(bytes, ZebModifyAccessor::Cached, false));
         m_BytesProcessed.fetch_add(bytes.size(), std::memory_order_relaxed);
     }
+}
+
+void ZebLiveReferences::expectCreators(int count)
+{
+    const QMutexLocker locker(&m_Mutex);
+    m_Creators += count;
+}
+
+QFuture<void> ZebLiveReferences::startCreator()
+{
+    return QtConcurrent::run([] {
+        const auto end = qScopeGuard(&ZebLiveReferences::endCreator);
+        create();
+    });
+}
+
+void ZebLiveReferences::endCreator()
+{
+    {
+        const QMutexLocker locker(&m_Mutex);
+        --m_Creators;
+    }
+    m_Changed.wakeAll();
 }
 
 void ZebLiveReferences::read()
@@ -93,29 +101,37 @@ void ZebLiveReferences::modify()
     }
 }
 
-void ZebLiveReferences::remove()
+int ZebLiveReferences::remove()
 {
+    int removed = 0;
     for (int step = 0; step < m_Iterations; ++step) {
-        // Keeps the last reference until the mutex is released.
-        const ZebDataReference reference = pick();
-        const QMutexLocker locker(&m_Mutex);
-        m_References.remove(reference);
+        // A last reference dies here, without the mutex.
+        if (!take().isNull())
+            ++removed;
     }
+    return removed;
 }
 
-void ZebLiveReferences::runAll()
+int ZebLiveReferences::runAll()
 {
-    // The remover starts first: in a small pool it could otherwise run last, when no worker adds
-    // blocks again, and the collector would need another pass.
+    expectCreators(2);
+    // First, or in a small pool it would run after the creators.
+    QFuture<int> remover = QtConcurrent::run(&ZebLiveReferences::remove);
     QList<QFuture<void>> workers;
-    workers.append(QtConcurrent::run(&ZebLiveReferences::remove));
-    workers.append(QtConcurrent::run(&createAndSettle));
-    workers.append(QtConcurrent::run(&createAndSettle));
+    workers.append(startCreator());
+    workers.append(startCreator());
     workers.append(QtConcurrent::run(&ZebLiveReferences::read));
     workers.append(QtConcurrent::run(&ZebLiveReferences::read));
-    workers.append(QtConcurrent::run(&modifyAndSettle));
+    // The modifier adds every block once more. When it starts after the last removal, all blocks
+    // are live in the end, and no file waits for the next pass of the collector.
+    remover.waitForFinished();
+    workers.append(QtConcurrent::run(&ZebLiveReferences::modify));
     for (QFuture<void>& worker : workers)
         worker.waitForFinished();
+    // The workers add blocks faster than the writers write them. A block in a queue has no file,
+    // and keeps its hash when its references are dropped.
+    ZebDataBlockManager::instance().flush(false, ZebDataBlockManager::WriteThreads);
+    return remover.result();
 }
 
 void ZebLiveReferences::clear()
@@ -160,23 +176,48 @@ void ZebLiveReferences::resetCounters()
 void ZebLiveReferences::insert(const ZebDataReference& reference)
 {
     reference.resolveWork();
-    const QMutexLocker locker(&m_Mutex);
-    m_References.insert(reference, true);
+    {
+        const QMutexLocker locker(&m_Mutex);
+        m_References.insert(reference, true);
+    }
+    m_Changed.wakeAll();
+}
+
+bool ZebLiveReferences::hasEntries(int count)
+{
+    if (m_References.size() < count && m_Creators > 0) {
+        const ZebReleasedPoolThread released;
+        while (m_References.size() < count && m_Creators > 0)
+            m_Changed.wait(&m_Mutex);
+    }
+    return m_References.size() >= count;
+}
+
+ZebDataReference ZebLiveReferences::entryAt(int place)
+{
+    return std::next(m_References.constBegin(), place).key();
 }
 
 ZebDataReference ZebLiveReferences::pick()
 {
     const QMutexLocker locker(&m_Mutex);
-    if (m_References.isEmpty())
-        return ZebDataReference();
-    const int place = ZebSharedRandom::below(m_References.size());
-    return std::next(m_References.constBegin(), place).key();
+    return hasEntries(1) ? entryAt(ZebSharedRandom::below(m_References.size()))
+                         : ZebDataReference();
 }
 
 ZebDataReference ZebLiveReferences::pickAt(int place)
 {
     const QMutexLocker locker(&m_Mutex);
-    if (m_References.isEmpty())
+    return hasEntries(1) ? entryAt(place % m_References.size()) : ZebDataReference();
+}
+
+ZebDataReference ZebLiveReferences::take()
+{
+    const QMutexLocker locker(&m_Mutex);
+    // The last entry stays, or the other workers would find an empty map after the creators.
+    if (!hasEntries(2))
         return ZebDataReference();
-    return std::next(m_References.constBegin(), place % m_References.size()).key();
+    const ZebDataReference reference = entryAt(ZebSharedRandom::below(m_References.size()));
+    m_References.remove(reference);
+    return reference;
 }

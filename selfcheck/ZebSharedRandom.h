@@ -4,7 +4,7 @@
 
 /// The process's rand(), for workers on several threads.
 ///
-/// Thread safety: any thread may call everything. Other users of rand() are not held off.
+/// Thread safety: any thread may call everything. Does not protect other users of rand().
 namespace ZebSharedRandom {
 
 /// What rand() returns, from 0 to RAND_MAX.

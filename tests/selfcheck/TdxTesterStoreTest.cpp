@@ -183,8 +183,9 @@ TEST(ZebLiveReferences, ACreatorAdds255DistinctBlocks)
         ASSERT_FALSE(accessor.isNull());
         EXPECT_EQ(accessor.data()[0], accessor.data()[accessor.size() - 1]);
     }
-    ZebLiveReferences::remove();
-    EXPECT_EQ(ZebLiveReferences::count(), 0);
+    EXPECT_EQ(ZebLiveReferences::remove(), 254);
+    EXPECT_EQ(ZebLiveReferences::count(), 1);
+    ZebLiveReferences::clear();
 }
 
 TEST(ZebLiveReferences, WorkersOnAnEmptyMapDoNothing)
@@ -193,10 +194,41 @@ TEST(ZebLiveReferences, WorkersOnAnEmptyMapDoNothing)
     ZebLiveReferences::resetCounters();
     ZebLiveReferences::read();
     ZebLiveReferences::modify();
-    ZebLiveReferences::remove();
+    EXPECT_EQ(ZebLiveReferences::remove(), 0);
     EXPECT_EQ(ZebLiveReferences::count(), 0);
     EXPECT_EQ(ZebLiveReferences::bytesProcessed(), 0);
 }
+
+namespace {
+
+class ZebLiveReferencesInPool : public testing::TestWithParam<int>
+{
+protected:
+    ZebLiveReferencesInPool() : m_Before(QThreadPool::globalInstance()->maxThreadCount())
+    {
+        QThreadPool::globalInstance()->setMaxThreadCount(GetParam());
+    }
+    ~ZebLiveReferencesInPool() override
+    {
+        QThreadPool::globalInstance()->setMaxThreadCount(m_Before);
+    }
+
+private:
+    int m_Before;
+};
+
+} // namespace
+
+TEST_P(ZebLiveReferencesInPool, TheRemoverTakesReferencesWhileOthersAddThem)
+{
+    const TemporaryStore store;
+    EXPECT_GE(ZebLiveReferences::runAll(), 254);
+    EXPECT_EQ(ZebLiveReferences::count(), 255);
+    EXPECT_EQ(ZebHashManager::instance().hashCount(), 255);
+    ZebLiveReferences::clear();
+}
+
+INSTANTIATE_TEST_SUITE_P(Threads, ZebLiveReferencesInPool, testing::Values(1, 8));
 
 // The blocks of one root pile up in memory, and no task waits for them.
 TEST(ZebThreadedIo, CreatesItsBlocksFasterThanTheWritersWriteThem)
