@@ -2,32 +2,43 @@
 
 #include "data/ZebDataReference.h"
 #include "data/ZebGroupHeader.h"
+#include "hash/ZebBlockName.h"
 #include "hash/ZebDataHash.h"
 #include "io/ZebBlockFile.h"
+#include "io/ZebBlockPlace.h"
 #include "manager/ZebDataBlockManager.h"
+#include "support/ZebTdxLog.h"
+#include "tools/files/FileReader.h"
 #include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/PathText.h"
+#include "tools/terminal/SizeText.h"
 #include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QFile>
-#include <QFileInfo>
 #include <QStringList>
 
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 #include <utility>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 // A disk whose last failure is this long ago works again.
 constexpr qint64 s_PauseMs = 3000;
+
+// What require() reads of a block's file: both sizes of the block.
+constexpr int s_StartBytes = ZebBlockFile::s_HeaderBytes + ZebBlockFile::s_PlainSizeBytes;
+
+const char* const s_Damaged = "is damaged in the cache; run zebtdx verify";
 
 void requireRoot(const std::string& root, ToolStore::Roots roots)
 {
@@ -37,9 +48,21 @@ void requireRoot(const std::string& root, ToolStore::Roots roots)
     if (error)
         throw ToolError(error.message(), error.value());
     FileSystem::requireDirectory(root);
-    // Readers create missing directories too.
-    if (::access(root.c_str(), R_OK | W_OK | X_OK) != 0)
+    const int write = roots == ToolStore::Roots::Read ? 0 : W_OK;
+    if (::access(root.c_str(), R_OK | X_OK | write) != 0)
         throw ToolError::ofSystem(errno);
+}
+
+// The store would create the directory.
+void requireSubCache(const StorePlace& place)
+{
+    for (const std::string& root : place.m_Roots) {
+        struct stat status = {};
+        if (::stat(FileSystem::joined(root, place.m_SubCache).c_str(), &status) == 0)
+            return;
+    }
+    throw ToolError("the cache has no sub-cache " + PathText::printable(place.m_SubCache) +
+                    "; check --root and --sub-cache");
 }
 
 } // namespace
@@ -70,7 +93,13 @@ std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, const Option
     }
     RootLock lock;
     lock.take(place.m_Roots, options.m_Use);
+    if (options.m_Roots == Roots::Read)
+        requireSubCache(place);
     std::unique_ptr<ToolStore> store(new ToolStore(std::move(lock), giveUp));
+    store->m_Roots = paths.size();
+    store->m_Memory = options.m_Memory;
+    // The log lies in the cache.
+    ZebTdxLog::instance().setEnabled(options.m_Roots != Roots::Read);
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     manager.setup(paths, options.m_Memory, place.m_Buckets, options.m_CompressionThreads);
     store->m_SubCache = QFile::decodeName(QByteArray::fromStdString(place.m_SubCache));
@@ -81,9 +110,27 @@ std::unique_ptr<ToolStore> ToolStore::open(const StorePlace& place, const Option
 
 void ToolStore::require(const ZebDataReference& reference, const std::string& what) const
 {
-    const QFileInfo file(fileOf(reference));
-    if (!ZebBlockFile::isComplete(file.size()))
+    FileReader file;
+    QByteArray start;
+    const auto error = ToolError::of([&] {
+        file.open(pathOf(reference), ZebFileReader::Links::Refuse);
+        start = file.read(0, s_StartBytes);
+    });
+    if (error && error->code() != ENOENT)
+        throw ToolError(what + "cannot be read: " + error->what(), error->code());
+    if (error || !ZebBlockFile::isComplete(file.stamp().m_Size))
         throw ToolError(what + "is not in the cache", ENOENT);
+    if (start.size() < s_StartBytes)
+        throw ToolError(what + s_Damaged);
+    const qint64 size = ZebBlockFile::Header::decode(start.constData()).m_BlockBytes;
+    // The store reserves the first size, and decompresses as much as the second one says.
+    if (size < 0 ||
+        size != ZebBlockFile::plainSizeOf(start.constData() + ZebBlockFile::s_HeaderBytes))
+        throw ToolError(what + s_Damaged);
+    if (size > m_Memory) {
+        throw ToolError(what + "has " + SizeText::print(size) + ", more than --memory (" +
+                        SizeText::print(m_Memory) + "); raise --memory");
+    }
 }
 
 ZebConstAccessor ToolStore::read(const ZebDataReference& reference, const std::string& what) const
@@ -99,7 +146,7 @@ ZebConstAccessor ToolStore::load(const ZebDataReference& reference, const std::s
         throw ToolError(what + "is not in the cache", ENOENT);
     const ZebSmartPointer<ZebDataHash> hash = reference.hashPtr();
     if (ZebDataHash(block.data(), block.size(), hash->size()) != *hash)
-        throw ToolError(what + "is damaged in the cache; run zebtdx verify");
+        throw ToolError(what + s_Damaged);
     return block;
 }
 
@@ -108,7 +155,11 @@ QVector<ZebDataReference> ToolStore::members(const ZebDataReference& list,
 {
     // Pinned meanwhile, so that the extraction reads the bytes that have been checked.
     const ZebConstAccessor block = read(list, what);
-    if (!ZebGroupHeader::decode(block.data(), block.size()))
+    const std::optional<ZebGroupHeader> header = ZebGroupHeader::decode(block.data(), block.size());
+    // The store ends the process when it looks for a block with a shorter digest.
+    const bool isOfBlocks = header && (header->m_Digests < 1 || header->m_DigestBytes < 1 ||
+                                       header->m_DigestBytes == ZebBlockName::s_Bytes);
+    if (!isOfBlocks)
         throw ToolError(what + "is not a list of blocks");
     return ZebDataBlockManager::instance().extractGroupBlock(list);
 }
@@ -118,14 +169,14 @@ ToolStore::~ToolStore()
     ZebDataBlockManager::instance().cleanUp();
 }
 
-QString ToolStore::fileOf(const ZebDataReference& reference) const
-{
-    return ZebDataBlockManager::instance().getBlockDestination(m_SubCache, reference.hash());
-}
-
 std::string ToolStore::pathOf(const ZebDataReference& reference) const
 {
-    return QFile::encodeName(fileOf(reference)).toStdString();
+    const QString text = reference.hash();
+    const std::optional<ZebBlockName> name = ZebBlockName::parse(text.toStdString());
+    if (!name || ZebBlockPlace::of(*name, m_Roots, 1).m_Root < 0)
+        throw ToolError("no store with this many roots can have a block with this name");
+    return QFile::encodeName(ZebDataBlockManager::instance().getBlockDestination(m_SubCache, text))
+        .toStdString();
 }
 
 void ToolStore::flush(ErrorReport& errors)

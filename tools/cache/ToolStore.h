@@ -32,7 +32,10 @@ public:
         /// Created if missing.
         Make,
         /// A missing root is an error.
-        Expect
+        Expect,
+        /// The same, and a missing sub-cache, too. Nothing is created there, so the cache may be
+        /// read-only.
+        Read
     };
 
     struct Options
@@ -62,9 +65,10 @@ public:
     ToolStore(const ToolStore&) = delete;
     ToolStore& operator=(const ToolStore&) = delete;
 
-    /// Throws a ToolError that begins with `what` unless the block has a complete file. Without
-    /// this check, loading a missing block takes the store up to seconds, as its write might be
-    /// queued. Any thread may call this.
+    /// Throws a ToolError that begins with `what` unless the block has a file that the store can
+    /// load within the memory limit. Without this check, loading a missing block takes the store up
+    /// to seconds, as its write might be queued; and the store ends the process for a block larger
+    /// than the limit, and for a name that leads to no root. Any thread may call this.
     void require(const ZebDataReference& reference, const std::string& what) const;
 
     /// The block, whose digest has been compared with its name. Throws a ToolError that begins with
@@ -78,7 +82,8 @@ public:
     /// block that is not a list, too. Any thread may call this.
     QVector<ZebDataReference> members(const ZebDataReference& list, const std::string& what) const;
 
-    /// Path of the block's file. Any thread may call this.
+    /// Path of the block's file. Throws a ToolError for a name that leads to no root. Any thread
+    /// may call this.
     std::string pathOf(const ZebDataReference& reference) const;
 
     /// Waits until everything that was added is written.
@@ -97,11 +102,11 @@ private:
 
     ToolStore(RootLock&& lock, const GiveUp& giveUp);
 
-    QString fileOf(const ZebDataReference& reference) const;
-
     RootLock m_Lock;
     const GiveUp m_GiveUp;
     QString m_SubCache;
+    int m_Roots = 0;
+    qint64 m_Memory = 0;
     // Receives the store's signal.
     QObject m_Receiver;
     QString m_LastError;

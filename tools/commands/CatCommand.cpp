@@ -5,6 +5,7 @@
 #include "hash/ZebBlockName.h"
 #include "hash/ZebHashManager.h"
 #include "tools/commands/CommandOptions.h"
+#include "tools/files/FileSystem.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
 #include "tools/terminal/StopRequest.h"
@@ -15,16 +16,43 @@
 #include <QString>
 #include <QVector>
 
-#include <iostream>
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
+
+constexpr int s_PollMs = 100;
+
+// In pieces for which a pipe has room, so that a reader that has stopped does not keep the command
+// from ending.
+void writeOutput(const unsigned char* bytes, qint64 size)
+{
+    struct stat status = {};
+    const bool isFile = ::fstat(STDOUT_FILENO, &status) == 0 && S_ISREG(status.st_mode);
+    const qint64 most = isFile ? size : PIPE_BUF;
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    for (qint64 done = 0; done < size;) {
+        StopRequest::check();
+        const int ready = ::poll(&output, 1, s_PollMs);
+        if (ready == 0 || (ready < 0 && errno == EINTR))
+            continue;
+        const qint64 piece = std::min(size - done, most);
+        ToolError::locate("standard output",
+                          [&] { FileSystem::write(STDOUT_FILENO, bytes + done, piece); });
+        done += piece;
+    }
+}
 
 void write(const ToolStore& store, const ZebDataReference& reference, const std::string& what)
 {
     StopRequest::check();
     const ZebConstAccessor block = store.read(reference, what);
-    std::cout.write(reinterpret_cast<const char*>(block.data()),
-                    static_cast<std::streamsize>(block.size()));
+    writeOutput(block.data(), block.size());
 }
 
 void writeMembers(const ToolStore& store, const ZebDataReference& group)
@@ -56,7 +84,7 @@ int CatCommand::run(const ToolSettings& settings)
     ProgressBar progress = ProgressBar::onStandardError(false);
     ErrorReport errors(progress);
     const auto store =
-        ToolStore::open(m_Place, {ToolStore::Roots::Expect, m_Memory}, settings.m_GiveUp);
+        ToolStore::open(m_Place, {ToolStore::Roots::Read, m_Memory}, settings.m_GiveUp);
     for (const std::string& name : m_Hashes) {
         const auto error = ToolError::of([&] {
             const ZebDataReference reference(

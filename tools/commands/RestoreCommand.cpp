@@ -21,7 +21,9 @@ CLI::App* RestoreCommand::addTo(CLI::App& application)
     command->add_option("MANIFEST", m_Manifest, "Manifest that ingest wrote")
         ->type_name("")
         ->required();
-    command->add_option("--out", m_Out, "Directory for the files; existing files are not touched")
+    command
+        ->add_option("--out", m_Out,
+                     "Directory for the files; existing files are compared and not touched")
         ->type_name("DIR")
         ->required();
     CommandOptions::addManifestRoots(*command, m_Roots);
@@ -49,7 +51,7 @@ int RestoreCommand::run(const ToolSettings& settings)
         manifest.m_Place.m_Roots = m_Roots;
     CommandOptions::requireMemory(m_Memory, manifest.largestBlock());
     const auto store =
-        ToolStore::open(manifest.m_Place, {ToolStore::Roots::Expect, m_Memory}, settings.m_GiveUp);
+        ToolStore::open(manifest.m_Place, {ToolStore::Roots::Read, m_Memory}, settings.m_GiveUp);
     QElapsedTimer timer;
     timer.start();
     FileRestorer restorer(m_Threads, *store, errors, progress);
@@ -59,6 +61,10 @@ int RestoreCommand::run(const ToolSettings& settings)
     const double seconds = SummaryText::secondsOf(timer);
     summary.addCount("files", "Files", restorer.files(),
                      "of " + SizeText::grouped(static_cast<qint64>(manifest.m_Files.size())));
+    if (restorer.present() > 0)
+        summary.addCount("present", "Already there", restorer.present());
+    else
+        summary.addJson("present", 0);
     summary.addBytes("bytes", "Bytes", restorer.bytes());
     summary.addRate({}, "MB/s restored", restorer.bytes(), seconds);
     summary.addCount("errors", "Errors", errors.count());

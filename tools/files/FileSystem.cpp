@@ -62,6 +62,37 @@ bool FileSystem::isWithin(const std::filesystem::path& path, const std::filesyst
            directory.end();
 }
 
+void FileSystem::write(int descriptor, const void* bytes, qint64 size)
+{
+    const char* next = static_cast<const char*>(bytes);
+    while (size > 0) {
+        const ssize_t written = ::write(descriptor, next, static_cast<std::size_t>(size));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            throw ToolError::ofSystem(errno);
+        next += written;
+        size -= written;
+    }
+}
+
+qint64 FileSystem::read(int descriptor, void* bytes, qint64 size)
+{
+    qint64 done = 0;
+    while (done < size) {
+        const ssize_t count = ::read(descriptor, static_cast<char*>(bytes) + done,
+                                     static_cast<std::size_t>(size - done));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            throw ToolError::ofSystem(errno);
+        if (count == 0)
+            break;
+        done += count;
+    }
+    return done;
+}
+
 std::string FileSystem::whyNotAFile(mode_t mode)
 {
     if (S_ISREG(mode))

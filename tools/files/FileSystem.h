@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QtGlobal>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -27,6 +29,13 @@ std::string joined(const std::string& directory, const std::string& name);
 
 /// Whether `path` is `directory` or lies in it. Both are absolute, without links.
 bool isWithin(const std::filesystem::path& path, const std::filesystem::path& directory);
+
+/// Writes all of these bytes to an open file. Throws a ToolError.
+void write(int descriptor, const void* bytes, qint64 size);
+
+/// Reads up to `size` bytes of an open file; fewer only at its end. Returns how many. Throws a
+/// ToolError.
+qint64 read(int descriptor, void* bytes, qint64 size);
 
 /// What a file of this mode is instead of a regular file: "is a socket". Empty for a regular file.
 std::string whyNotAFile(mode_t mode);

@@ -1,5 +1,6 @@
 #include "tools/files/FileWriter.h"
 
+#include "tools/files/FileSystem.h"
 #include "tools/terminal/ToolError.h"
 
 #include <cerrno>
@@ -26,16 +27,7 @@ FileWriter::~FileWriter()
 
 void FileWriter::write(const void* bytes, qint64 size)
 {
-    const char* next = static_cast<const char*>(bytes);
-    while (size > 0) {
-        const ssize_t written = ::write(m_Descriptor, next, static_cast<std::size_t>(size));
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            throw ToolError::ofSystem(errno);
-        next += written;
-        size -= written;
-    }
+    FileSystem::write(m_Descriptor, bytes, size);
 }
 
 void FileWriter::sync()

@@ -105,18 +105,19 @@ TEST_F(RestoreProgram, ACacheThatHasMovedIsFoundByItsRoots)
     EXPECT_EQ(difference(), "");
 }
 
-TEST_F(RestoreProgram, FilesThatAreThereAreNotTouched)
+TEST_F(RestoreProgram, OtherFilesThatAreThereAreNotTouched)
 {
     ASSERT_EQ(ingest().m_Status, 0);
     m_Tree.directory("out");
     m_Tree.directory("out/in");
-    m_Tree.file("out/in/small", "mine");
+    m_Tree.file("out/in/small", "abd");
     m_Tree.link("out/in/empty", "../../victim");
     const Outcome outcome = restore();
     EXPECT_EQ(outcome.m_Status, 1);
-    EXPECT_EQ(outcome.m_Errors, "zebtdx: out/in/empty: File exists\n"
-                                "zebtdx: out/in/small: File exists\n");
-    EXPECT_EQ(runShell("cat out/in/small; ls victim 2>/dev/null", m_Tree.top()).m_Output, "mine");
+    EXPECT_EQ(outcome.m_Errors,
+              "zebtdx: out/in/empty: already exists, and is another file; move it away\n"
+              "zebtdx: out/in/small: already exists, and is another file; move it away\n");
+    EXPECT_EQ(runShell("cat out/in/small; ls victim 2>/dev/null", m_Tree.top()).m_Output, "abd");
     EXPECT_TRUE(std::filesystem::exists(m_Tree.path("out/in/sub/large")));
 }
 

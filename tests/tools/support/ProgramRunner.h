@@ -14,6 +14,9 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 // Runs the program as a user does, in a separate process.
 
 inline constexpr int s_ProgramDeadlineMs = 120000;
@@ -67,6 +70,37 @@ inline void setLanguage(QProcess& process)
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
     process.setProcessEnvironment(environment);
+}
+
+/// A process without the rights of the superuser, as whom tests may run: permissions count. It runs
+/// the program through a descriptor, since a user without rights may not reach its directory.
+class UnprivilegedProcess : public QProcess
+{
+public:
+    UnprivilegedProcess() : m_Program(::open(ZEBTDX_PROGRAM, O_RDONLY)) {}
+    ~UnprivilegedProcess() override { ::close(m_Program); }
+
+    QString path() const { return QStringLiteral("/proc/self/fd/%1").arg(m_Program); }
+
+protected:
+    void setupChildProcess() override
+    {
+        constexpr unsigned int nobody = 65534;
+        if (::geteuid() == 0 && (::setgid(nobody) != 0 || ::setuid(nobody) != 0))
+            ::_exit(127);
+    }
+
+private:
+    int m_Program;
+};
+
+inline Outcome runUnprivileged(const std::vector<std::string>& arguments, const std::string& folder)
+{
+    UnprivilegedProcess process;
+    setLanguage(process);
+    process.setWorkingDirectory(QString::fromStdString(folder));
+    process.start(process.path(), asArguments(arguments));
+    return finish(process);
 }
 
 inline Outcome runTool(const std::vector<std::string>& arguments, const std::string& folder = "/")
