@@ -77,6 +77,7 @@ set(ZEBTDX_SOURCES
   io/ZebDirectory.cpp
   io/ZebFileReader.cpp
   io/ZebGarbageCollectorThread.cpp
+  io/ZebWriteErrorForwarder.cpp
   manager/ZebBuildFilename.cpp
   manager/ZebDataBlockLru.cpp
   manager/ZebDataBlockManager.cpp

@@ -7,6 +7,7 @@
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "io/ZebGarbageCollectorThread.h"
+#include "io/ZebWriteErrorForwarder.h"
 #include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
 #include "support/ZebThreadStart.h"
@@ -38,8 +39,11 @@ void ZebDataBlockManager::startIoThreads(const QString& root, int compressionThr
         new ZebDataBlockReadThread(root, numBuckets(), s_MaxLowPriorityRequests, this);
     auto* const collector = new ZebGarbageCollectorThread(root, numBuckets(), this);
     // Before the thread starts: connecting a signal that another thread may emit races inside Qt.
-    connect(writer, &ZebDataBlockWriteThread::writeError, this, &ZebDataBlockManager::writeError,
-            Qt::AutoConnection);
+    // Direct, since the forwarder queues what may wait.
+    connect(writer, &ZebDataBlockWriteThread::writeError, this,
+            ZebWriteErrorForwarder(this,
+                                   [this](const QString& message) { Q_EMIT writeError(message); }),
+            Qt::DirectConnection);
     ZebThreadStart(writer, QThread::InheritPriority);
     ZebThreadStart(reader, QThread::InheritPriority);
     ZebThreadStart(collector, QThread::InheritPriority);
