@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <new>
 
 namespace {
 
@@ -51,7 +52,11 @@ void ZebDataBlockCompressionThread::run()
         ZebDataBlockWriteRequest* const request = m_Queue->dequeue();
         locker.unlock();
         request->compress();
-        Q_EMIT compressed(request);
+        try {
+            Q_EMIT compressed(request);
+        } catch (const std::bad_alloc&) {
+            // From a queued connection of a host. The writer's own connection comes first.
+        }
         locker.relock();
         givePermits(1);
     }

@@ -23,10 +23,14 @@ namespace {
 constexpr int s_NoFence = -1;
 constexpr int s_Closed = -1;
 
-// Made without an allocation, for a failure that leaves no memory for a text of its own.
-QString outOfMemoryText()
+// Throws nothing. Without memory the line is lost; the caller reports the failure in other ways,
+// too.
+void logFailure(const QString& text)
 {
-    return QStringLiteral("Cannot Write Block File : 'Cannot allocate memory'");
+    try {
+        ZebTdxMessage::debug(text);
+    } catch (const std::bad_alloc&) {
+    }
 }
 
 } // namespace
@@ -59,6 +63,20 @@ ZebDataBlockWriteRequest::~ZebDataBlockWriteRequest()
     }
     const ZebDataDeleteLocker locker;
     m_Hash = ZebSmartPointer<ZebDataHash>();
+}
+
+void ZebDataBlockWriteRequest::disownBlock()
+{
+    m_Block = nullptr;
+    m_DeleteBlock = false;
+}
+
+QString ZebDataBlockWriteRequest::reportOutOfMemory()
+{
+    // A text that takes no memory of its own.
+    const QString text = QStringLiteral("Cannot Write Block File : 'Cannot allocate memory'");
+    logFailure(text);
+    return text;
 }
 
 int ZebDataBlockWriteRequest::fence() const
@@ -150,21 +168,16 @@ bool ZebDataBlockWriteRequest::makePayload(QString* failure)
 
 int ZebDataBlockWriteRequest::write(QString* errorString)
 {
-    QString failure = outOfMemoryText();
+    QString failure;
     try {
         if (writeFile(&failure)) {
             m_IsIncomplete = false;
             m_Block->m_Cached.store(true, std::memory_order_relaxed);
             return m_CompressedData.size();
         }
+        logFailure(failure);
     } catch (const std::bad_alloc&) {
-        // The text of a failure before this one would mislead.
-        failure = outOfMemoryText();
-    }
-    try {
-        ZebTdxMessage::debug(failure);
-    } catch (const std::bad_alloc&) {
-        // The caller still gets the text.
+        failure = reportOutOfMemory();
     }
     if (errorString != nullptr)
         *errorString = failure;

@@ -9,6 +9,7 @@
 #include <QString>
 
 class ZebDataBlock;
+class ZebDataBlockWriteThread;
 
 /// One unit of a writer's work: either the write of one block to its file, or a fence. A fence is a
 /// numbered marker in the queue; a caller waits until the writer reaches it. docs/FORMAT.md
@@ -84,6 +85,14 @@ public:
     int write(QString* errorString);
 
 private:
+    friend class ZebDataBlockWriteThread;
+
+    /// Leaves the block to the caller: the destructor no longer touches it.
+    void disownBlock();
+
+    /// Logs that an allocation failed in an attempt to write, and returns the text. Throws nothing.
+    static QString reportOutOfMemory();
+
     /// write() without its failure path; false sets `failure`.
     bool writeFile(QString* failure);
 

@@ -4,7 +4,6 @@
 #include "io/ZebDataBlockWriteRequest.h"
 #include "support/ZebDataDeleteLocker.h"
 #include "support/ZebMutexLocker.h"
-#include "support/ZebReadLocker.h"
 #include "support/ZebWriteLocker.h"
 
 #include <memory>
@@ -12,6 +11,7 @@
 namespace {
 
 constexpr unsigned long s_IdleMs = 1000;
+constexpr unsigned long s_MemoryPauseMs = 10;
 
 } // namespace
 
@@ -46,23 +46,26 @@ void ZebDataBlockWriteThread::writeBlock(ZebDataBlockManager::PreloadPriority pr
         return;
     }
     auto request = std::make_unique<ZebDataBlockWriteRequest>(hash, block, deleteBlock);
-    {
+    try {
         const ZebWriteLocker locker(&m_Lock);
         m_Requests.insert(priority, request.get());
         m_BytesInQueue += request.release()->blockSize();
+    } catch (const std::bad_alloc&) {
+        request->disownBlock();
+        throw;
     }
     m_WaitCondition.wakeAll();
 }
 
 int ZebDataBlockWriteThread::requests() const
 {
-    const ZebReadLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     return m_Requests.size();
 }
 
 qint64 ZebDataBlockWriteThread::bytesInQueue() const
 {
-    const ZebReadLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     return m_BytesInQueue;
 }
 
@@ -89,7 +92,7 @@ void ZebDataBlockWriteThread::setSubCache(const QString& subCache)
 
 QString ZebDataBlockWriteThread::subCache() const
 {
-    const ZebReadLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     return m_SubCache;
 }
 
@@ -104,7 +107,7 @@ void ZebDataBlockWriteThread::askToEnd()
 
 bool ZebDataBlockWriteThread::exitAsked() const
 {
-    const ZebReadLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     return m_Exit;
 }
 
@@ -112,6 +115,25 @@ void ZebDataBlockWriteThread::idle()
 {
     const ZebMutexLocker locker(&m_WaitMutex);
     m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
+}
+
+QString ZebDataBlockWriteThread::reportOutOfMemory()
+{
+    return ZebDataBlockWriteRequest::reportOutOfMemory();
+}
+
+void ZebDataBlockWriteThread::emitWriteError(const QString& message)
+{
+    try {
+        Q_EMIT writeError(message);
+    } catch (const std::bad_alloc&) {
+        // The attempt is logged already.
+    }
+}
+
+void ZebDataBlockWriteThread::pauseForMemory()
+{
+    QThread::msleep(s_MemoryPauseMs);
 }
 
 void ZebDataBlockWriteThread::endWrite(ZebDataBlockWriteRequest* request)
@@ -130,17 +152,35 @@ void ZebDataBlockWriteThread::releaseTaken()
 
 int ZebDataBlockWriteThread::takeFenceId()
 {
-    return m_FreeFenceIds.isEmpty() ? m_NextFenceId++ : m_FreeFenceIds.takeLast();
+    if (!m_FreeFenceIds.isEmpty())
+        return m_FreeFenceIds.takeLast();
+    m_FreeFenceIds.reserve(m_NextFenceId + 1);
+    return m_NextFenceId++;
+}
+
+void ZebDataBlockWriteThread::numberFence(ZebDataBlockWriteRequest& fence)
+{
+    fence.m_Fence = takeFenceId();
+}
+
+void ZebDataBlockWriteThread::queueFence(std::unique_ptr<ZebDataBlockWriteRequest>& fence)
+{
+    try {
+        m_Requests.insert(s_FencePriority, fence.get());
+    } catch (const std::bad_alloc&) {
+        m_FreeFenceIds.append(fence->fence());
+        throw;
+    }
+    static_cast<void>(fence.release());
 }
 
 void ZebDataBlockWriteThread::moveToFences(const ZebDataHash* hash)
 {
     for (int i = 0; i < m_Requests.size(); ++i) {
-        ZebDataBlockWriteRequest* const request = m_Requests.valueAt(i);
-        if (request->hash().data() != hash || m_Requests.priorityAt(i) <= s_FencePriority)
-            continue;
-        m_Requests.removeAt(i);
-        m_Requests.insert(s_FencePriority, request);
-        return;
+        if (m_Requests.valueAt(i)->hash().data() == hash &&
+            m_Requests.priorityAt(i) > s_FencePriority) {
+            m_Requests.moveTo(i, s_FencePriority);
+            return;
+        }
     }
 }

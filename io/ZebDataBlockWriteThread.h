@@ -17,6 +17,8 @@
 #include <QWaitCondition>
 
 #include <atomic>
+#include <memory>
+#include <new>
 
 class ZebDataBlock;
 class ZebDataBlockWriteRequest;
@@ -25,7 +27,8 @@ class ZebDataBlockWriteRequest;
 /// of writers share. The derived class decides how it processes the list.
 ///
 /// A failed write is retried indefinitely, and each failure emits writeError(). No request is
-/// dropped: on a full disk the writer retries until there is space.
+/// dropped: on a full disk the writer retries until there is space, and so it does when an
+/// allocation fails.
 ///
 /// Ownership: the writer owns the requests in its list. Flush before destroying it: requests that
 /// are still queued are lost.
@@ -45,6 +48,8 @@ public:
     ~ZebDataBlockWriteThread() override;
 
     /// Queues a block, unless its file is known to exist (ZebDataBlock::cached()).
+    ///
+    /// When it throws std::bad_alloc, nothing is queued, and the block still belongs to the caller.
     ///
     /// @param deleteBlock whether the writer takes ownership; it then deletes the block in any case
     void writeBlock(ZebDataBlockManager::PreloadPriority priority,
@@ -101,6 +106,33 @@ protected:
     /// Waits for a wake-up, at most 1000 ms.
     void idle();
 
+    /// Logs that an allocation failed in an attempt to write, and returns the text. Throws nothing.
+    static QString reportOutOfMemory();
+
+    /// Emits writeError(). Throws nothing: a queued connection that cannot allocate its event loses
+    /// that event.
+    void emitWriteError(const QString& message);
+
+    /// Calls `step` until it finds the memory that it needs, and logs and pauses after each failed
+    /// allocation. For steps that would lose a request or a fence otherwise. `step` takes its own
+    /// locks, and the caller holds none.
+    template <typename Step>
+    static void untilMemorySuffices(Step step)
+    {
+        for (;;) {
+            try {
+                step();
+                return;
+            } catch (const std::bad_alloc&) {
+                reportOutOfMemory();
+                pauseForMemory();
+            }
+        }
+    }
+
+    /// Sleeps briefly, so that other threads can release memory.
+    static void pauseForMemory();
+
     /// Deletes the request of a block that has its file. Takes the delete lock; the caller must not
     /// hold m_Lock.
     static void endWrite(ZebDataBlockWriteRequest* request);
@@ -109,10 +141,19 @@ protected:
     void releaseTaken();
 
     /// A number for a fence: the last one that became free, or a new one. The caller holds the lock
-    /// that guards the fences.
+    /// that guards the fences. Appending the number to m_FreeFenceIds again allocates nothing.
     int takeFenceId();
 
+    /// Gives `fence` the number of takeFenceId(). The caller holds the lock that guards the fences.
+    void numberFence(ZebDataBlockWriteRequest& fence);
+
+    /// Queues a numbered fence. When it throws, the number is free again and `fence` still belongs
+    /// to the caller, who must not destroy it with m_Lock held: that takes the delete lock. The
+    /// caller also holds the lock that guards the fences.
+    void queueFence(std::unique_ptr<ZebDataBlockWriteRequest>& fence) ZEBTDX_REQUIRES(m_Lock);
+
     /// Raises the first write of this hash to the priority of fences, if it is less urgent.
+    /// Allocates nothing.
     void moveToFences(const ZebDataHash* hash) ZEBTDX_REQUIRES(m_Lock);
 
     static constexpr int s_FencePriority = 0;
@@ -127,7 +168,9 @@ protected:
     QMutex m_WaitMutex;
     QWaitCondition m_WaitCondition;
 
-    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4; // recursive
+    // Recursive, and taken for writing only: Qt counts the readers of such a lock in a table, and
+    // when that cannot grow, the lock is never free again.
+    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4;
 
     ZebPriorityList<ZebDataBlockWriteRequest*> m_Requests ZEBTDX_GUARDED_BY(m_Lock);
     qint64 m_BytesInQueue ZEBTDX_GUARDED_BY(m_Lock);

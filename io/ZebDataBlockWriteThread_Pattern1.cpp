@@ -1,13 +1,13 @@
 #include "io/ZebDataBlockWriteThread_Pattern1.h"
 
 #include "io/ZebDataBlockWriteRequest.h"
-#include "support/ZebReadLocker.h"
 #include "support/ZebWriteLocker.h"
 
 namespace {
 
 constexpr unsigned long s_FencePollUs = 10000;
 constexpr unsigned long s_QueuePollUs = 10;
+constexpr int s_NoNumberYet = 0;
 
 } // namespace
 
@@ -51,34 +51,43 @@ void ZebDataBlockWriteThread_Pattern1::handleWrite(int priority, ZebDataBlockWri
         subCache = m_SubCache;
     }
     m_RequestsInProgress.fetchAndAddOrdered(1);
-    request->setFileName(m_CacheRoot, subCache, m_BucketCount);
-    if (request->fileExits()) {
+    bool isFound = false;
+    int written = 0;
+    QString error;
+    try {
+        request->setFileName(m_CacheRoot, subCache, m_BucketCount);
+        isFound = request->fileExits();
+        if (!isFound)
+            written = request->write(&error);
+    } catch (const std::bad_alloc&) {
+        error = reportOutOfMemory();
+    }
+    if (isFound || written >= 1) {
         finish(request);
+        m_BytesWritten.fetch_add(written, std::memory_order_relaxed);
     } else {
-        QString error;
-        const int written = request->write(&error);
-        if (written >= 1) {
-            finish(request);
-            m_BytesWritten.fetch_add(written, std::memory_order_relaxed);
-        } else {
-            {
-                const ZebWriteLocker locker(&m_Lock);
-                m_Requests.insert(priority, request);
-                m_BytesInQueue += request->blockSize();
-            }
-            Q_EMIT writeError(error);
-        }
+        requeue(priority, request);
+        emitWriteError(error);
     }
     m_RequestsInProgress.fetchAndAddOrdered(-1);
     releaseTaken();
 }
 
+void ZebDataBlockWriteThread_Pattern1::requeue(int priority, ZebDataBlockWriteRequest* request)
+{
+    untilMemorySuffices([this, priority, request] {
+        const ZebWriteLocker locker(&m_Lock);
+        m_Requests.insert(priority, request);
+        m_BytesInQueue += request->blockSize();
+    });
+}
+
 void ZebDataBlockWriteThread_Pattern1::handleFence(ZebDataBlockWriteRequest* request)
 {
-    {
+    untilMemorySuffices([this, request] {
         const ZebWriteLocker locker(&m_Lock);
         m_FencesReached.insert(request->fence());
-    }
+    });
     delete request;
     releaseTaken();
 }
@@ -100,10 +109,13 @@ void ZebDataBlockWriteThread_Pattern1::flush(const ZebSmartPointer<ZebDataHash>&
 
 int ZebDataBlockWriteThread_Pattern1::insertFence(const ZebDataHash* hash)
 {
+    // Outlives the lock, as queueFence() requires.
+    auto request = std::make_unique<ZebDataBlockWriteRequest>(s_NoNumberYet);
     const ZebWriteLocker locker(&m_Lock);
-    const int fence = takeFenceId();
+    numberFence(*request);
+    const int fence = request->fence();
     moveToFences(hash);
-    m_Requests.insert(s_FencePriority, new ZebDataBlockWriteRequest(fence));
+    queueFence(request);
     return fence;
 }
 
@@ -120,7 +132,7 @@ void ZebDataBlockWriteThread_Pattern1::flush()
 {
     for (;;) {
         {
-            const ZebReadLocker locker(&m_Lock);
+            const ZebWriteLocker locker(&m_Lock);
             if (m_Requests.isEmpty() && m_RequestsInProgress.loadAcquire() == 0 &&
                 m_RequestsTaken == 0)
                 return;

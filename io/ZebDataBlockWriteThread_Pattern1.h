@@ -32,6 +32,9 @@ private:
     /// Writes one block, or returns its request to the list at `priority`.
     void handleWrite(int priority, ZebDataBlockWriteRequest* request);
 
+    /// Returns the request of a failed write to the list.
+    void requeue(int priority, ZebDataBlockWriteRequest* request);
+
     /// Marks a fence as reached.
     void handleFence(ZebDataBlockWriteRequest* request);
 

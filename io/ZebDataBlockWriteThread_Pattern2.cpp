@@ -3,7 +3,6 @@
 #include "io/ZebDataBlockCompressionThread.h"
 #include "io/ZebDataBlockWriteRequest.h"
 #include "support/ZebMutexLocker.h"
-#include "support/ZebReadLocker.h"
 #include "support/ZebThreadStart.h"
 #include "support/ZebWriteLocker.h"
 
@@ -13,6 +12,7 @@
 namespace {
 
 constexpr int s_NoFence = -1;
+constexpr int s_NoNumberYet = 0;
 constexpr unsigned long s_EmptyListPauseMs = 10;
 constexpr int s_PermitWaitMs = 1;
 
@@ -68,7 +68,7 @@ bool ZebDataBlockWriteThread_Pattern2::isDrained()
 {
     if (m_RequestsInProgress.loadAcquire() != 0)
         return false;
-    const ZebReadLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     return m_Requests.isEmpty();
 }
 
@@ -77,13 +77,18 @@ bool ZebDataBlockWriteThread_Pattern2::writeNext()
     ZebDataBlockWriteRequest* const request = popWrite();
     if (request == nullptr)
         return false;
-    // A retry keeps its path, so nothing else would create a removed directory again.
-    request->makeDirectory();
+    int written = 0;
     QString error;
-    const int written = request->write(&error);
+    try {
+        // A retry keeps its path, so nothing else would create a removed directory again.
+        request->makeDirectory();
+        written = request->write(&error);
+    } catch (const std::bad_alloc&) {
+        error = reportOutOfMemory();
+    }
     if (written < 1) {
         pushWrite(request);
-        Q_EMIT writeError(error);
+        emitWriteError(error);
         return true;
     }
     lowerBytesInQueue(request);
@@ -115,8 +120,7 @@ int ZebDataBlockWriteThread_Pattern2::takeUpNext()
 
 void ZebDataBlockWriteThread_Pattern2::handleWrite(ZebDataBlockWriteRequest* request)
 {
-    request->setFileName(m_CacheRoot, subCache(), m_BucketCount);
-    if (request->fileExits()) {
+    if (findFile(request)) {
         // Kept on purpose: counts neither as in progress nor as handled.
         lowerBytesInQueue(request);
         endWrite(request);
@@ -125,6 +129,19 @@ void ZebDataBlockWriteThread_Pattern2::handleWrite(ZebDataBlockWriteRequest* req
     }
     m_RequestsInProgress.fetchAndAddOrdered(1);
     pushCompression(request);
+}
+
+bool ZebDataBlockWriteThread_Pattern2::findFile(ZebDataBlockWriteRequest* request)
+{
+    for (;;) {
+        try {
+            request->setFileName(m_CacheRoot, subCache(), m_BucketCount);
+            return request->fileExits();
+        } catch (const std::bad_alloc&) {
+            emitWriteError(reportOutOfMemory());
+            pauseForMemory();
+        }
+    }
 }
 
 void ZebDataBlockWriteThread_Pattern2::passFence(int fence)
@@ -137,10 +154,10 @@ void ZebDataBlockWriteThread_Pattern2::passFence(int fence)
             continue;
         QThread::yieldCurrentThread();
     }
-    {
+    untilMemorySuffices([this, fence] {
         const ZebMutexLocker locker(&m_FenceMutex);
         m_FencesReached.insert(fence);
-    }
+    });
     m_FenceCondition.wakeAll();
 }
 
@@ -168,8 +185,10 @@ ZebDataBlockWriteRequest* ZebDataBlockWriteThread_Pattern2::popWrite()
 void ZebDataBlockWriteThread_Pattern2::pushWrite(ZebDataBlockWriteRequest* request)
 {
     // No wake-up: the writer polls while a block is in progress.
-    const ZebMutexLocker locker(&m_WriteQueueMutex);
-    m_WriteQueue.enqueue(request);
+    untilMemorySuffices([this, request] {
+        const ZebMutexLocker locker(&m_WriteQueueMutex);
+        m_WriteQueue.enqueue(request);
+    });
 }
 
 void ZebDataBlockWriteThread_Pattern2::pushCompression(ZebDataBlockWriteRequest* request)
@@ -178,10 +197,10 @@ void ZebDataBlockWriteThread_Pattern2::pushCompression(ZebDataBlockWriteRequest*
     // queued request.
     while (!ZebDataBlockCompressionThread::AvailableThreads.tryAcquire(1, s_PermitWaitMs))
         wakeWorkersAgain();
-    {
+    untilMemorySuffices([this, request] {
         const ZebMutexLocker locker(&m_CompressionQueueMutex);
         m_CompressionQueue.enqueue(request);
-    }
+    });
     m_CompressionCondition.wakeOne();
 }
 
@@ -199,17 +218,17 @@ void ZebDataBlockWriteThread_Pattern2::flush(const ZebSmartPointer<ZebDataHash>&
 {
     if (hash.isNull())
         return;
-    int fence = s_NoFence;
+    // Outlives the lock, as queueFence() requires.
+    auto request = std::make_unique<ZebDataBlockWriteRequest>(s_NoNumberYet);
     {
         const ZebMutexLocker locker(&m_FenceMutex);
-        fence = takeFenceId();
+        numberFence(*request);
     }
+    const int fence = request->fence();
     ZebWriteLocker locker(&m_Lock);
     moveToFences(hash.data());
-    auto request = std::make_unique<ZebDataBlockWriteRequest>(fence);
     const ZebMutexLocker fenceLocker(&m_FenceMutex);
-    m_Requests.insert(s_FencePriority, request.get());
-    static_cast<void>(request.release());
+    queueFence(request);
     locker.unlock();
     while (!m_FencesReached.remove(fence))
         m_FenceCondition.wait(&m_FenceMutex);
@@ -219,7 +238,7 @@ void ZebDataBlockWriteThread_Pattern2::flush(const ZebSmartPointer<ZebDataHash>&
 void ZebDataBlockWriteThread_Pattern2::flush()
 {
     for (;;) {
-        ZebReadLocker locker(&m_Lock);
+        ZebWriteLocker locker(&m_Lock);
         ZebMutexLocker writeLocker(&m_WriteQueueMutex);
         ZebMutexLocker compressionLocker(&m_CompressionQueueMutex);
         if (m_RequestsInProgress.loadAcquire() < 1 && m_RequestsTaken == 0 &&

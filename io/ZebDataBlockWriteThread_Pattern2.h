@@ -51,7 +51,7 @@ public:
     void closeDown() override;
 
 public Q_SLOTS:
-    /// Queues a compressed request for writing. Runs on the worker's thread.
+    /// Queues a compressed request for writing. Runs on the worker's thread. Throws nothing.
     void pushWrite(ZebDataBlockWriteRequest* request);
 
 private:
@@ -80,6 +80,9 @@ private:
     /// Sets the path of a block's file, and queues the block for the workers unless a complete file
     /// exists.
     void handleWrite(ZebDataBlockWriteRequest* request);
+
+    /// Sets the path of a block's file, and returns whether a complete file exists there.
+    bool findFile(ZebDataBlockWriteRequest* request);
 
     /// Writes everything in progress, then wakes the threads that wait for the fence.
     void passFence(int fence);

@@ -21,7 +21,7 @@ public:
     /// unsorted list, smaller entries may follow.
     void insert(int priority, const T& value)
     {
-        m_Entries.insert(positionFor(priority), Entry{priority, value});
+        m_Entries.insert(positionFor(priority, m_Entries.size()), Entry{priority, value});
     }
 
     bool isEmpty() const { return m_Entries.isEmpty(); }
@@ -45,6 +45,18 @@ public:
             index + 1 < m_Entries.size() && m_Entries.at(index + 1).priority < priority;
         if (isBelowBefore || isAboveNext)
             m_InOrder = false;
+    }
+
+    /// Gives an entry another priority and moves it to where insert() would put it. Allocates
+    /// nothing.
+    void moveTo(int index, int priority)
+    {
+        // Out of the way first, so that the others are as insert() would find them.
+        const int last = m_Entries.size() - 1;
+        m_Entries.move(index, last);
+        const int position = positionFor(priority, last);
+        m_Entries[last].priority = priority;
+        m_Entries.move(last, position);
     }
 
     /// Removes the head and returns its value. The list must not be empty.
@@ -83,17 +95,18 @@ private:
         T value;
     };
 
-    int positionFor(int priority) const
+    // The position among the first `count` entries.
+    int positionFor(int priority, int count) const
     {
         const auto isGreater = [](int wanted, const Entry& entry) {
             return wanted < entry.priority;
         };
         const auto begin = m_Entries.cbegin();
-        const auto end = m_Entries.cend();
+        const auto end = begin + count;
         if (m_InOrder) {
             // The common case: equal priorities.
-            if (m_Entries.isEmpty() || m_Entries.last().priority <= priority)
-                return m_Entries.size();
+            if (count == 0 || m_Entries.at(count - 1).priority <= priority)
+                return count;
             return static_cast<int>(std::upper_bound(begin, end, priority, isGreater) - begin);
         }
         const auto found = std::find_if(

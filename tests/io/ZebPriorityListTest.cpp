@@ -63,6 +63,14 @@ public:
     }
 
     void removeAt(int index) { m_Entries.erase(m_Entries.begin() + index); }
+
+    void moveTo(int index, int priority)
+    {
+        const int value = m_Entries[static_cast<size_t>(index)].second;
+        removeAt(index);
+        insert(priority, value);
+    }
+
     void clear() { m_Entries.clear(); }
 
     // The order of equals after a sort is unspecified, so the list's order is adopted.
@@ -108,6 +116,13 @@ const char* step(ZebPriorityList<int>& list, PlainWalk& walk, std::mt19937& rand
         EXPECT_EQ(list.takeFirst(), walk.takeFirst());
         return "takeFirst";
     }
+    if (choice < 88) {
+        const int index = below(size);
+        const int priority = below(5) - 1;
+        list.moveTo(index, priority);
+        walk.moveTo(index, priority);
+        return "moveTo";
+    }
     if (choice < 94) {
         const int index = below(size);
         list.removeAt(index);
@@ -145,6 +160,21 @@ TEST(ZebPriorityList, PlacesTheFirstEntryAtTheHead)
     list.insert(7, 1);
     EXPECT_FALSE(list.isEmpty());
     EXPECT_THAT(entriesOf(list), ElementsAre(Entry(7, 1)));
+}
+
+TEST(ZebPriorityList, MovesAnEntryToWhereItWouldBeInserted)
+{
+    ZebPriorityList<int> list;
+    list.insert(0, 1);
+    list.insert(1, 2);
+    list.insert(1, 3);
+    list.insert(2, 4);
+    list.moveTo(2, 0);
+    EXPECT_THAT(entriesOf(list), ElementsAre(Entry(0, 1), Entry(0, 3), Entry(1, 2), Entry(2, 4)));
+    list.moveTo(0, 2);
+    EXPECT_THAT(entriesOf(list), ElementsAre(Entry(0, 3), Entry(1, 2), Entry(2, 4), Entry(2, 1)));
+    list.moveTo(1, 1);
+    EXPECT_THAT(entriesOf(list), ElementsAre(Entry(0, 3), Entry(1, 2), Entry(2, 4), Entry(2, 1)));
 }
 
 TEST(ZebPriorityList, OrdersByPriority)
