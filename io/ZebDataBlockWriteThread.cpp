@@ -21,6 +21,7 @@ ZebDataBlockWriteThread::ZebDataBlockWriteThread(const QString& root, int bucket
       m_CacheRoot(root),
       m_BucketCount(bucketCount),
       m_Exit(false),
+      m_IsWoken(false),
       m_Lock(QReadWriteLock::Recursive),
       m_BytesInQueue(0),
       m_RequestsTaken(0),
@@ -54,7 +55,7 @@ void ZebDataBlockWriteThread::writeBlock(ZebDataBlockManager::PreloadPriority pr
         request->disownBlock();
         throw;
     }
-    m_WaitCondition.wakeAll();
+    wake();
 }
 
 int ZebDataBlockWriteThread::requests() const
@@ -102,7 +103,7 @@ void ZebDataBlockWriteThread::askToEnd()
         const ZebWriteLocker locker(&m_Lock);
         m_Exit = true;
     }
-    m_WaitCondition.wakeAll();
+    wake();
 }
 
 bool ZebDataBlockWriteThread::exitAsked() const
@@ -111,10 +112,22 @@ bool ZebDataBlockWriteThread::exitAsked() const
     return m_Exit;
 }
 
+void ZebDataBlockWriteThread::wake()
+{
+    {
+        // Either the thread already waits, or it sees the mark before it does.
+        const ZebMutexLocker locker(&m_WaitMutex);
+        m_IsWoken = true;
+    }
+    m_WaitCondition.wakeAll();
+}
+
 void ZebDataBlockWriteThread::idle()
 {
     const ZebMutexLocker locker(&m_WaitMutex);
-    m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
+    if (!m_IsWoken)
+        m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
+    m_IsWoken = false;
 }
 
 QString ZebDataBlockWriteThread::reportOutOfMemory()

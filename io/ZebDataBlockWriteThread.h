@@ -103,6 +103,9 @@ protected:
     /// Whether the thread was asked to end.
     bool exitAsked() const;
 
+    /// Wakes the thread. A wake-up between two waits counts for the next one.
+    void wake();
+
     /// Waits for a wake-up, at most 1000 ms.
     void idle();
 
@@ -163,10 +166,12 @@ protected:
     const int m_BucketCount;
     bool m_Exit ZEBTDX_GUARDED_BY(m_Lock);
 
-    // Paired with m_WaitCondition; guards nothing. A wake-up between two waits is missed, and the
-    // timeout of the wait bounds the delay.
+    // Paired with m_WaitCondition.
     QMutex m_WaitMutex;
     QWaitCondition m_WaitCondition;
+
+    // Whether there was a wake-up since the last wait.
+    bool m_IsWoken ZEBTDX_GUARDED_BY(m_WaitMutex);
 
     // Recursive, and taken for writing only: Qt counts the readers of such a lock in a table, and
     // when that cannot grow, the lock is never free again.
