@@ -21,6 +21,7 @@ set(ZEBTDX_PUBLIC_HEADERS
   data/ZebResultCache.h
   data/ZebThreadPoolManager.h
   io/ZebPriorityList.h
+  io/ZebCacheRootLock.h
   io/ZebDataBlockCompressionThread.h
   io/ZebDataBlockReadThread.h
   io/ZebDataBlockWriteRequest.h
@@ -68,6 +69,7 @@ set(ZEBTDX_SOURCES
   io/ZebBlockFile.cpp
   io/ZebBlockFilePath.cpp
   io/ZebBlockPlace.cpp
+  io/ZebCacheRootLock.cpp
   io/ZebDataBlockCompressionThread.cpp
   io/ZebDataBlockReadThread.cpp
   io/ZebDataBlockWriteRequest.cpp

@@ -149,19 +149,17 @@ void RootProbe::probeSeparation(const std::vector<std::string>& roots)
 void RootProbe::probeUse(const std::vector<std::string>& roots)
 {
     for (const std::string& root : roots) {
-        if (RootLock::fileOf(root).empty())
+        // A missing root fails another check.
+        if (ToolError::of([&root] { FileSystem::requireDirectory(root); }))
             continue;
         RootLock lock;
         const auto error = ToolError::of([&] { lock.take({root}, RootLock::Use::Alone); });
         const bool used = error && error->code() == EWOULDBLOCK;
-        if (error && !used)
-            throw ToolError(*error);
-        std::string text = "no other process of zebtdx uses it";
+        std::string text = "no other process has it locked";
         if (used)
             text = "another process uses it; wait until that has ended";
-        else if (lock.isPartial())
-            text = "unknown: its lock file " + PathText::printable(RootLock::fileOf(root)) +
-                   " cannot be created";
-        add(root, "unused", !used, text);
+        else if (error)
+            text = error->what();
+        add(root, "unused", !error, text);
     }
 }

@@ -3,6 +3,7 @@
 #include "support/TemporaryTree.h"
 #include "tools/support/ProgramRunner.h"
 
+#include "io/ZebCacheRootLock.h"
 #include "tools/cache/RootLock.h"
 
 #include <QJsonArray>
@@ -237,6 +238,21 @@ TEST_F(VerifyProgram, OneProcessAtATime)
     EXPECT_TRUE(restores()) << "reading together";
     EXPECT_THAT(onCache({"probe", "--space", "1M"}).m_Output,
                 HasSubstr("FAILED  r1: unused: another process uses it"));
+}
+
+TEST_F(VerifyProgram, AHostCanKeepTheToolAway)
+{
+    ZebCacheRootLock host;
+    ASSERT_EQ(host.tryLock(QString::fromStdString(m_Tree.path("r2")), ZebCacheRootLock::Exclusive),
+              ZebCacheRootLock::Locked);
+    const std::string inUse =
+        "zebtdx: cache root r2 is in use by another process; try again when it has ended\n";
+    EXPECT_EQ(ingest().m_Errors, inUse);
+    EXPECT_EQ(onCache({"repair"}).m_Errors, inUse);
+    EXPECT_THAT(onCache({"verify"}).m_Errors, HasSubstr("is in use by another process"));
+    EXPECT_FALSE(restores());
+    host.unlock();
+    EXPECT_TRUE(restores());
 }
 
 TEST_F(VerifyProgram, ProbeReportsObstacles)
