@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -24,6 +25,35 @@ using ::testing::HasSubstr;
 namespace {
 
 namespace fs = std::filesystem;
+
+// A terminal for the program to write to.
+class Terminal
+{
+public:
+    Terminal() : m_Master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK))
+    {
+        EXPECT_EQ(::grantpt(m_Master), 0);
+        EXPECT_EQ(::unlockpt(m_Master), 0);
+    }
+    ~Terminal() { ::close(m_Master); }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    QString path() const { return QString::fromLocal8Bit(::ptsname(m_Master)); }
+
+    // What has been written since the last call.
+    std::string output() const
+    {
+        std::string text;
+        char bytes[4096];
+        for (ssize_t count = 0; (count = ::read(m_Master, bytes, sizeof bytes)) > 0;)
+            text.append(bytes, static_cast<std::size_t>(count));
+        return text;
+    }
+
+private:
+    const int m_Master;
+};
 
 class RestoreSafety : public ::testing::Test
 {
@@ -276,6 +306,37 @@ TEST_F(RestoreSafety, AStoppedRestoreLeavesWholeFiles)
     EXPECT_TRUE(fs::is_empty(m_Tree.path("out/in/sub"))) << "neither a torn file nor a part";
     EXPECT_EQ(restore().m_Status, 0);
     EXPECT_TRUE(isRestored());
+}
+
+TEST_F(RestoreSafety, AStoppedIngestClearsTheBarAndIsFinishedByTheSameCommand)
+{
+    m_Tree.file("source", mixedBytes(400 * 1024, 1));
+    const std::vector<std::string> line = {"ingest", "source", "--block", "1K", "--manifest", "m"};
+    const Terminal terminal;
+    QProcess process;
+    // It may end before the signal reaches it.
+    for (int i = 0; i < 50 && (i == 0 || process.exitCode() == 0); ++i) {
+        fs::remove_all(m_Tree.path("zebtdx-cache"));
+        fs::remove(m_Tree.path("m"));
+        process.setWorkingDirectory(QString::fromStdString(m_Tree.top()));
+        process.setStandardErrorFile(terminal.path());
+        process.start(QStringLiteral(ZEBTDX_PROGRAM), asArguments(line));
+        ASSERT_TRUE(process.waitForStarted());
+        EXPECT_TRUE(waitUntil([this] { return fs::exists(m_Tree.path("zebtdx-cache/main/0")); }));
+        ::kill(static_cast<pid_t>(process.processId()), SIGINT);
+        ASSERT_TRUE(process.waitForFinished());
+    }
+    EXPECT_EQ(process.exitStatus(), QProcess::CrashExit);
+    EXPECT_EQ(process.exitCode(), SIGINT);
+    EXPECT_FALSE(fs::exists(m_Tree.path("m")));
+    const std::string shown = terminal.output();
+    const std::size_t message = shown.rfind("zebtdx: stopped by signal 2");
+    ASSERT_NE(message, std::string::npos) << shown;
+    EXPECT_NE(shown.find(" %"), std::string::npos) << "there was a bar";
+    EXPECT_EQ(shown.substr(message - 2, 2), " \r") << "blanks, and back to the first column";
+    EXPECT_EQ(run(line).m_Status, 0);
+    EXPECT_EQ(restore().m_Status, 0);
+    EXPECT_EQ(runShell("cmp out/source source", m_Tree.top()).m_Status, 0);
 }
 
 TEST_F(RestoreSafety, ACatWithoutReaderCanBeStopped)
