@@ -16,6 +16,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -31,6 +32,15 @@ void logFailure(const QString& text)
         ZebTdxMessage::debug(text);
     } catch (const std::bad_alloc&) {
     }
+}
+
+// A file that is empty already is not truncated: ext4 takes a truncation for the start of a
+// replacement, so that close() allocates and writes the new bytes at once.
+bool makeEmpty(int descriptor)
+{
+    struct stat status = {};
+    return ::fstat(descriptor, &status) == 0 &&
+           (status.st_size == 0 || ::ftruncate(descriptor, 0) == 0);
 }
 
 } // namespace
@@ -223,7 +233,7 @@ bool ZebDataBlockWriteRequest::openFile(QString* failure)
     if (isOpen) {
         // Before the first change: only a removal or a success ends it.
         m_IsIncomplete = true;
-        if (::ftruncate(m_Descriptor, 0) != 0) {
+        if (!makeEmpty(m_Descriptor)) {
             error = qt_error_string(errno);
             isOpen = false;
         } else if (!m_File.open(m_Descriptor, QIODevice::WriteOnly, QFileDevice::DontCloseHandle)) {
