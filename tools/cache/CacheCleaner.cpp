@@ -5,12 +5,13 @@
 #include "manager/ZebDataBlockManager.h"
 #include "tools/cache/CacheScanner.h"
 #include "tools/cache/ToolStore.h"
-#include "tools/files/Manifest.h"
+#include "tools/files/ManifestReader.h"
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/ProgressBar.h"
 #include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 
+#include <QScopeGuard>
 #include <QVector>
 
 #include <optional>
@@ -45,22 +46,22 @@ CacheCleaner::CacheCleaner(const StorePlace& place, const ToolStore& store, Erro
     : m_Place(place), m_Store(store), m_Errors(errors), m_Progress(progress)
 {}
 
-bool CacheCleaner::keep(const Manifest& manifest)
+bool CacheCleaner::keep(ManifestReader& manifest, qint64 files)
 {
     bool all = true;
-    m_Progress.begin("Reading  ", static_cast<qint64>(manifest.m_Files.size()),
-                     ProgressBar::Unit::Items);
+    m_Progress.begin("Reading  ", files, ProgressBar::Unit::Items);
     qint64 done = 0;
-    for (const Manifest::File& file : manifest.m_Files) {
+    while (const std::optional<Manifest::File> next = manifest.next()) {
+        const Manifest::File& file = *next;
         StopRequest::check();
         const auto error = ToolError::of([&] {
             const ZebDataReference group(ZebHashManager::instance().getHash(file.m_Group));
             const QVector<ZebDataReference> members = m_Store.members(group, "its list of blocks ");
             // Blocks that the list does not name would be removed.
-            if (members.size() != manifest.blocksOf(file))
+            if (members.size() != manifest.head().blocksOf(file))
                 throw ToolError("its list names " + std::to_string(members.size()) +
                                 " blocks, but its size in the manifest needs " +
-                                std::to_string(manifest.blocksOf(file)));
+                                std::to_string(manifest.head().blocksOf(file)));
             m_Held.push_back(group);
             m_Held.insert(m_Held.end(), members.begin(), members.end());
         });
@@ -96,6 +97,7 @@ void CacheCleaner::count()
 bool CacheCleaner::removeUnreferenced()
 {
     for (int i = 0; i < s_MostPasses; ++i) {
+        StopRequest::check();
         pass();
         count();
         if (m_Unreferenced.m_Files == 0)
@@ -108,9 +110,9 @@ void CacheCleaner::pass()
 {
     ZebDataBlockManager& manager = ZebDataBlockManager::instance();
     manager.startGarbageCollection();
+    const auto stop = qScopeGuard([&manager] { manager.stopGarbageCollection(); });
     // A collector starts when a block was evicted since its last pass.
     manager.freeAllBlocks();
     PassProgress progress(m_Progress);
     manager.collectGarbage(&progress);
-    manager.stopGarbageCollection();
 }

@@ -8,9 +8,9 @@
 #include <vector>
 
 class ErrorReport;
+class ManifestReader;
 class ProgressBar;
 class ToolStore;
-struct Manifest;
 
 /// Removes the block files of a cache that no manifest references, with the store's own collector:
 /// the file of a block stays while a reference to the block exists.
@@ -30,8 +30,11 @@ public:
 
     /// References everything that the manifest lists from now on: its lists of blocks, and the
     /// blocks. A list that cannot be read is an error: its blocks are unknown, so nothing may be
-    /// removed then. Returns whether all lists could be read.
-    bool keep(const Manifest& manifest);
+    /// removed then. Returns whether all lists could be read. Throws a ToolError when the manifest
+    /// cannot be read to its end.
+    ///
+    /// @param files how many files it lists, for the progress
+    bool keep(ManifestReader& manifest, qint64 files);
 
     /// Counts the files with and without a reference.
     void count();
@@ -43,7 +46,8 @@ public:
     bool removeUnreferenced();
 
 private:
-    /// One pass of the collector on this thread.
+    /// One pass of the collector on this thread. The collection is off afterwards, also after an
+    /// exception: what is referenced here must outlive it.
     void pass();
 
     const StorePlace m_Place;

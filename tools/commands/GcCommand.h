@@ -1,6 +1,7 @@
 #pragma once
 
 #include "manager/ZebDataBlockManager.h"
+#include "tools/cache/StorePlace.h"
 #include "tools/commands/Command.h"
 
 #include <QtGlobal>
@@ -8,7 +9,7 @@
 #include <string>
 #include <vector>
 
-struct Manifest;
+class CacheCleaner;
 
 /// `zebtdx gc`: removes the blocks that none of the given manifests references from their cache.
 /// Without --apply, only reports them.
@@ -19,12 +20,24 @@ public:
     int run(const ToolSettings& settings) override;
 
 private:
-    /// Reads the manifests. Throws a ToolError unless all of them are of one cache.
-    std::vector<Manifest> load() const;
+    /// What the manifests have in common, and their sums.
+    struct Contents
+    {
+        StorePlace m_Place;
+        qint64 m_Files = 0;
+        qint64 m_LargestBlock = 0;
+    };
+
+    /// Reads the manifests. Throws a ToolError unless all of them are complete and of one cache.
+    Contents read() const;
+
+    /// Why removing so much requires --force; empty when it does not.
+    std::string whyForce(const Contents& contents, const CacheCleaner& cleaner) const;
 
     std::vector<std::string> m_Manifests;
     std::vector<std::string> m_Roots;
     qint64 m_Memory = ZebDataBlockManager::defaultCacheSize();
     bool m_Apply = false;
+    bool m_Force = false;
     bool m_Json = false;
 };

@@ -43,7 +43,11 @@ CLI::App* IngestCommand::addTo(CLI::App& application)
         ->add_option("--manifest", m_Manifest,
                      "Manifest to write, for restore (default: " + m_Manifest + ")")
         ->type_name("FILE");
-    command->add_flag("--replace", m_Replace, "Replace an existing manifest");
+    command->add_flag("--replace", m_Replace,
+                      "Replace an existing manifest, which is kept under the same name with a "
+                      "number");
+    command->add_flag("--force", m_Force,
+                      "Replace it even if files failed, or by one that lists no files");
     CommandOptions::addMemory(*command, m_Memory);
     CommandOptions::addSize(*command, "--block", m_BlockSize, "Block size");
     CommandOptions::addThreads(*command, m_Threads,
@@ -97,6 +101,10 @@ int IngestCommand::run(const ToolSettings& settings)
         walk.leaveOut(root);
     for (const std::string& path : m_Paths)
         walk.add(path);
+    // Now, not after hours of work.
+    const std::string whyNot = whyNotReplace(walk.files().empty(), errors);
+    if (!whyNot.empty())
+        throw ToolError(PathText::printable(m_Manifest) + ": " + whyNot);
     const UnfinishedMark mark(m_Place, m_Manifest, m_Paths, m_BlockSize);
     m_Verify = findMarks(mark, errors) || m_Verify;
     mark.set();
@@ -146,29 +154,53 @@ int IngestCommand::ingest(const FileWalker& walk, ToolStore& store, ErrorReport&
         summary.m_ReadBackBytes = comparer.bytes();
         summary.m_Differences = comparer.differences();
     }
-    if (save(stored, errors)) {
-        summary.m_Manifest = m_Manifest;
-        if (errors.count() == failedFiles)
-            mark.clear();
-    }
+    // A file that differs or failed is in the manifest or not; the cache is sound only without any
+    // error since.
+    const bool isSound = errors.count() == failedFiles;
+    if (sync(errors) && save(stored, summary, errors) && isSound)
+        mark.clear();
     summary.m_Errors = errors.count();
     return summary.shown().print(m_Json, errors);
 }
 
-bool IngestCommand::save(const StoredFiles& stored, ErrorReport& errors) const
+std::string IngestCommand::whyNotReplace(bool isEmpty, const ErrorReport& errors) const
 {
-    std::optional<ToolError> error = ToolError::of([this] {
+    if (m_Force || ::access(m_Manifest.c_str(), F_OK) != 0)
+        return {};
+    const std::string end = "; it stays as it is; fix the cause, or pass --force to replace it";
+    if (isEmpty)
+        return "is not replaced, as the new one would list no files" + end;
+    if (errors.count() > 0)
+        return "is not replaced, as the new one would lack files, or not all are as stored" + end;
+    return {};
+}
+
+bool IngestCommand::sync(ErrorReport& errors) const
+{
+    const std::optional<ToolError> error = ToolError::of([this] {
         // After a power loss, a manifest must not name blocks that are not there.
         for (const std::string& root : m_Place.m_Roots)
             ToolError::locate("cache root " + root, [&root] { FileSystem::syncAll(root); });
     });
-    if (error) {
+    if (error)
         errors.add(std::string(error->what()) + "; no manifest is written; check the disk");
-        return false;
+    return !error;
+}
+
+bool IngestCommand::save(const StoredFiles& stored, IngestSummary& summary,
+                         ErrorReport& errors) const
+{
+    const Manifest manifest = Manifest::of(stored, m_Place, errors);
+    const std::string whyNot = whyNotReplace(manifest.m_Files.empty(), errors);
+    if (!whyNot.empty()) {
+        errors.add(m_Manifest, whyNot);
+        return true;
     }
-    error =
-        ToolError::of([&] { Manifest::of(stored, m_Place, errors).save(m_Manifest, m_Replace); });
+    const std::optional<ToolError> error =
+        ToolError::of([&] { summary.m_PreviousManifest = manifest.save(m_Manifest, m_Replace); });
     if (error)
         errors.add(m_Manifest, *error);
+    else
+        summary.m_Manifest = m_Manifest;
     return !error;
 }

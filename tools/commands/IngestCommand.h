@@ -15,6 +15,7 @@ class ErrorReport;
 class FileWalker;
 class ProgressBar;
 class ToolStore;
+struct IngestSummary;
 class UnfinishedMark;
 struct StoredFiles;
 
@@ -38,8 +39,16 @@ private:
     int ingest(const FileWalker& walk, ToolStore& store, ErrorReport& errors, ProgressBar& progress,
                const UnfinishedMark& mark);
 
-    /// Writes the manifest after all blocks are on the disk. Returns whether it is there.
-    bool save(const StoredFiles& stored, ErrorReport& errors) const;
+    /// Why the existing manifest must not be replaced; empty when there is none, or with --force.
+    ///
+    /// @param isEmpty whether the new manifest lists no files
+    std::string whyNotReplace(bool isEmpty, const ErrorReport& errors) const;
+
+    /// Waits until all blocks are on the disk. Returns whether they are.
+    bool sync(ErrorReport& errors) const;
+
+    /// Writes the manifest. Returns false where that fails.
+    bool save(const StoredFiles& stored, IngestSummary& summary, ErrorReport& errors) const;
 
     std::vector<std::string> m_Paths;
     StorePlace m_Place;
@@ -49,6 +58,7 @@ private:
     int m_Threads = CommandOptions::defaultThreads();
     int m_CompressionThreads = CommandOptions::defaultThreads();
     bool m_Replace = false;
+    bool m_Force = false;
     bool m_NoCheck = false;
     bool m_Verify = false;
     bool m_Json = false;

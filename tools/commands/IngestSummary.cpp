@@ -68,10 +68,14 @@ SummaryText IngestSummary::shown() const
                  (m_Threads == 1 ? " thread)" : " threads)"));
     if (!m_Manifest.empty())
         text.addLine("Manifest: " + PathText::printable(m_Manifest));
+    if (!m_PreviousManifest.empty())
+        text.addLine("Previous manifest: " + PathText::printable(m_PreviousManifest));
     text.addJson(QStringLiteral("distinct_bytes"), m_DistinctBytes);
     text.addJson(QStringLiteral("block_size"), m_BlockSize);
     text.addJson(QStringLiteral("memory_limit"), m_Memory);
     text.addJson(QStringLiteral("threads"), m_Threads);
     text.addJson(QStringLiteral("manifest"), QFile::decodeName(m_Manifest.c_str()));
+    text.addJson(QStringLiteral("previous_manifest"),
+                 QFile::decodeName(m_PreviousManifest.c_str()));
     return text;
 }

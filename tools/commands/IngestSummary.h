@@ -34,8 +34,9 @@ struct IngestSummary
     qint64 m_BlockSize = 0;
     qint64 m_Memory = 0;
     int m_Threads = 0;
-    /// Path of the manifest.
+    /// Path of the manifest, and of the one that it replaced.
     std::string m_Manifest;
+    std::string m_PreviousManifest;
 
     /// Counts what is in `stored`. Blocks are distinct when their hashes are different objects.
     void count(const StoredFiles& stored);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <memory>
 
+#include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -117,6 +118,19 @@ void FileSystem::requireDirectory(const std::string& path)
         throw ToolError::ofSystem(errno);
     if (!S_ISDIR(status.st_mode))
         throw ToolError::ofSystem(ENOTDIR);
+}
+
+int FileSystem::renameNew(int directory, const std::string& from, const std::string& to)
+{
+    if (::renameat2(directory, from.c_str(), directory, to.c_str(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS)
+        return errno;
+    // This file system cannot do that; a second name does not replace either.
+    if (::linkat(directory, from.c_str(), directory, to.c_str(), 0) != 0)
+        return errno;
+    ::unlinkat(directory, from.c_str(), 0);
+    return 0;
 }
 
 void FileSystem::syncDirectory(const std::string& path)

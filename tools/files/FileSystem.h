@@ -43,6 +43,10 @@ std::string whyNotAFile(mode_t mode);
 /// Throws the reason as a ToolError unless `path` is a directory.
 void requireDirectory(const std::string& path);
 
+/// Renames a file, relative to an open directory or AT_FDCWD, and replaces nothing. Returns the
+/// system's error number, 0 for success.
+int renameNew(int directory, const std::string& from, const std::string& to);
+
 /// Waits until the names in this directory are on the disk. Throws a ToolError.
 void syncDirectory(const std::string& path);
 

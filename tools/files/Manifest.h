@@ -37,23 +37,25 @@ struct Manifest
     /// The size of the largest block of the files, including their group blocks.
     qint64 largestBlock() const;
 
+    /// The same for one file of this manifest, whether it is among m_Files or not.
+    qint64 largestBlockOf(const File& file) const;
+
     /// How many blocks a file has.
     qint64 blocksOf(const File& file) const;
 
-    /// The manifest as one JSON object per line.
+    /// The manifest as one JSON object per line, for less than 2 GiB.
     QByteArray text() const;
 
     /// The manifest with this text(). Throws a ToolError, with the number of the line, when the
     /// text is not a manifest, is incomplete, or has names that lead out of a directory.
     static Manifest parse(const QByteArray& text);
 
-    /// Writes text() to a file, which afterwards is either complete or as it was before. Throws a
-    /// ToolError.
-    ///
-    /// @param replace whether an existing file may be replaced
-    void save(const std::string& path, bool replace) const;
+    /// Writes the manifest to a file with a ManifestSaver. Returns the path under which a previous
+    /// manifest is kept; empty if there was none.
+    std::string save(const std::string& path, bool replace) const;
 
-    /// The manifest in a file. Throws a ToolError.
+    /// The manifest in a file, with all of its files in memory. Throws a ToolError. ManifestReader
+    /// gives them one by one.
     static Manifest load(const std::string& path);
 
     /// The manifest of the files that are stored completely. Two different files with the same name

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 
-#include <cstdio>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -69,20 +68,6 @@ int create(int directory, const std::string& name)
     throw ToolError::ofSystem(EEXIST);
 }
 
-// Renames without replacing; returns the system's error number, 0 for success.
-int renameTo(int directory, const std::string& from, const std::string& to)
-{
-    if (::renameat2(directory, from.c_str(), directory, to.c_str(), RENAME_NOREPLACE) == 0)
-        return 0;
-    if (errno != EINVAL && errno != ENOSYS)
-        return errno;
-    // This file system, or kernel, cannot: a second name does not replace either.
-    if (::linkat(directory, from.c_str(), directory, to.c_str(), 0) != 0)
-        return errno;
-    ::unlinkat(directory, from.c_str(), 0);
-    return 0;
-}
-
 } // namespace
 
 PartFile::PartFile(const OpenDirectory& directory, const std::string& part)
@@ -108,7 +93,7 @@ void PartFile::publish(const std::string& name)
     const int second = ::fcntl(m_Descriptor, F_DUPFD_CLOEXEC, 0);
     if (second < 0 || ::close(second) != 0)
         throw ToolError::ofSystem(errno);
-    const int error = renameTo(m_Directory.descriptor(), m_Part, name);
+    const int error = FileSystem::renameNew(m_Directory.descriptor(), m_Part, name);
     if (error != 0)
         throw ToolError::ofSystem(error);
 }

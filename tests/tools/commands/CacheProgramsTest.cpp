@@ -244,6 +244,120 @@ TEST_F(CachePrograms, GcOfDifferentCachesIsRefused)
     EXPECT_TRUE(restores("m-b", "b"));
 }
 
+TEST_F(CachePrograms, AManifestIsNotReplacedByOneWithoutFiles)
+{
+    const auto replace = [this](const std::vector<std::string>& options) {
+        std::vector<std::string> line = {"ingest",     "a",   "--block",  "1K",
+                                         "--manifest", "m-a", "--replace"};
+        line.insert(line.end(), options.begin(), options.end());
+        return onCache(line);
+    };
+    std::filesystem::rename(m_Tree.path("a"), m_Tree.path("kept"));
+    m_Tree.directory("a");
+    for (const bool isMissing : {false, true}) {
+        if (isMissing)
+            std::filesystem::remove(m_Tree.path("a"));
+        const Outcome refused = replace({});
+        EXPECT_EQ(refused.m_Status, 1);
+        EXPECT_THAT(refused.m_Errors,
+                    HasSubstr("zebtdx: m-a: is not replaced, as the new one would list no files; "
+                              "it stays as it is; fix the cause, or pass --force"));
+        EXPECT_EQ(run({"gc", "m-a", "m-b", "--apply"}).m_Status, 0);
+        EXPECT_EQ(onCache({"stat", "--json"}).number("files"), s_AllFiles);
+    }
+    m_Tree.directory("a");
+    const Outcome forced = replace({"--force", "--json"});
+    EXPECT_EQ(forced.m_Status, 0) << forced.m_Errors;
+    EXPECT_EQ(forced.json()[QStringLiteral("previous_manifest")].toString(), QString("m-a.1"));
+    const Outcome collected = run({"gc", "m-a", "--apply"});
+    EXPECT_EQ(collected.m_Status, 1);
+    EXPECT_THAT(collected.m_Errors, HasSubstr("nothing is removed, as the manifests list no "
+                                              "files; check that these are all manifests"));
+    std::filesystem::remove(m_Tree.path("a"));
+    std::filesystem::rename(m_Tree.path("kept"), m_Tree.path("a"));
+    EXPECT_TRUE(restores("m-a.1", "a"));
+}
+
+TEST_F(CachePrograms, AManifestIsNotReplacedWhenFilesFailed)
+{
+    m_Tree.pipe("a/pipe");
+    std::filesystem::remove(m_Tree.path("a/own"));
+    for (const bool force : {false, true}) {
+        std::vector<std::string> line = {"ingest",     "a",   "--block",  "1K",
+                                         "--manifest", "m-a", "--replace"};
+        if (force)
+            line.push_back("--force");
+        const Outcome outcome = onCache(line);
+        EXPECT_EQ(outcome.m_Status, 1);
+        EXPECT_EQ(outcome.m_Errors.find("is not replaced") == std::string::npos, force);
+        EXPECT_EQ(std::filesystem::exists(m_Tree.path("m-a.1")), force);
+    }
+}
+
+TEST_F(CachePrograms, GcRemovesMoreThanHalfOnlyWhenForced)
+{
+    m_Tree.directory("c");
+    m_Tree.file("c/f", mixedBytes(1000, 9));
+    ASSERT_EQ(onCache({"ingest", "c", "--block", "1K", "--manifest", "m-c"}).m_Status, 0);
+    EXPECT_THAT(run({"gc", "m-c"}).m_Output,
+                HasSubstr("Pass --apply to remove unreferenced files, and --force, as 13 of 15 "
+                          "block files, more than half, are unreferenced.\n"));
+    const Outcome refused = run({"gc", "m-c", "--apply"});
+    EXPECT_EQ(refused.m_Status, 1);
+    EXPECT_THAT(refused.m_Errors,
+                HasSubstr("nothing is removed, as 13 of 15 block files, more than half, are "
+                          "unreferenced; check that these are all manifests of the cache, then "
+                          "pass --force\n"));
+    EXPECT_TRUE(restores("m-b", "b"));
+    EXPECT_EQ(run({"gc", "m-c", "--apply", "--force", "--json"}).number("removed_files"), 13);
+    EXPECT_TRUE(restores("m-c", "c"));
+}
+
+TEST_F(CachePrograms, GcRefusesManifestsWithCraftedNames)
+{
+    for (const char* const name : {"../own", "/etc/passwd", "a/../../own", "own\\u0000", "./own"}) {
+        std::filesystem::copy_file(m_Tree.path("m-a"), m_Tree.path("m-bad"),
+                                   std::filesystem::copy_options::overwrite_existing);
+        replaceInFile("m-bad", "a/own", name);
+        const Outcome outcome = run({"gc", "m-bad", "--apply"});
+        EXPECT_EQ(outcome.m_Status, 1) << name;
+        EXPECT_THAT(outcome.m_Errors, HasSubstr(" has a name that leads out of the directory\n"))
+            << name;
+    }
+    // A newline is a character like any other.
+    replaceInFile("m-a", "a/own", "a\\nown");
+    EXPECT_EQ(run({"gc", "m-a"}).m_Status, 0);
+    // A digest that leads to no root, since the digits of its beginning have a negative sum.
+    const std::string list = listed("m-a", "a/common")[1];
+    replaceInFile("m-a", list, "0-0-3-4-5-6-7-8-9-10-11-12-13-14-15-16");
+    const Outcome outcome = run({"gc", "m-a", "--apply"});
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_THAT(outcome.m_Errors, AllOf(HasSubstr("a/common: "), HasSubstr("nothing is removed")));
+    replaceInFile("m-a", "0-0-3-4", "0-0-3");
+    EXPECT_THAT(run({"gc", "m-a", "--apply"}).m_Errors, HasSubstr("has no valid \"group\"\n"));
+    EXPECT_EQ(onCache({"stat", "--json"}).number("files"), s_AllFiles);
+}
+
+TEST_F(CachePrograms, GcSurvivesAListAboveTheMemoryLimit)
+{
+    const std::string hash = listed("m-a", "a/own")[1];
+    const QByteArray payload = qCompress(QByteArray(8 * 1024 * 1024, 'x'), 2);
+    const qint64 size = 8 * 1024 * 1024;
+    const qint32 length = payload.size();
+    std::string bytes(reinterpret_cast<const char*>(&size), sizeof size);
+    bytes.append(reinterpret_cast<const char*>(&length), sizeof length);
+    bytes += payload.toStdString();
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_Tree.top())) {
+        if (entry.path().filename() == hash)
+            std::ofstream(entry.path(), std::ios::binary) << bytes;
+    }
+    const Outcome outcome = run({"gc", "m-a", "--apply", "--memory", "1M"});
+    EXPECT_EQ(outcome.m_Status, 1);
+    EXPECT_THAT(outcome.m_Errors,
+                AllOf(HasSubstr("a/own: its list of blocks "), HasSubstr("nothing is removed")));
+    EXPECT_TRUE(restores("m-b", "b"));
+}
+
 TEST_F(CachePrograms, GcObeysTheSwitchOfTheEnvironment)
 {
     const Outcome outcome =

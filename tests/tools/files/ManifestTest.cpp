@@ -6,9 +6,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <limits>
+#include <string>
+#include <vector>
 
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 namespace {
@@ -39,6 +46,21 @@ std::string whyNot(const QByteArray& text)
 {
     const auto error = ToolError::of([&text] { Manifest::parse(text); });
     return error ? error->what() : "";
+}
+
+std::string whyNotSaved(const Manifest& manifest, const std::string& path)
+{
+    const auto error = ToolError::of([&] { manifest.save(path, true); });
+    return error ? error->what() : "";
+}
+
+std::vector<std::string> namesIn(const TemporaryTree& tree)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(tree.top()))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 } // namespace
@@ -155,6 +177,95 @@ TEST(Manifest, AFileOnDiskComesBack)
     EXPECT_EQ(Manifest::load(tree.path("m")).text(), example().text());
 }
 
+TEST(Manifest, AReplacedManifestIsKeptUnderTheNextNumber)
+{
+    const TemporaryTree tree;
+    const std::string path = tree.path("m");
+    Manifest manifest = example();
+    EXPECT_EQ(manifest.save(path, true), "");
+    EXPECT_EQ(manifest.save(path, true), "") << "nothing is lost";
+    for (const char* const number : {".1", ".2", ".3"}) {
+        const QByteArray previous = manifest.text();
+        manifest.m_Files.push_back({std::string("more") + number, 1, s_Hash});
+        EXPECT_EQ(manifest.save(path, true), path + number);
+        EXPECT_EQ(Manifest::load(path + number).text(), previous);
+        EXPECT_EQ(Manifest::load(path).text(), manifest.text());
+    }
+    EXPECT_THAT(namesIn(tree), ElementsAre("m", "m.1", "m.2", "m.3"));
+}
+
+TEST(Manifest, FilesOfOtherProcessesStayAsTheyAre)
+{
+    const TemporaryTree tree;
+    tree.file("m.part", "precious");
+    example().save(tree.path("m"), true);
+    EXPECT_EQ(std::filesystem::file_size(tree.path("m.part")), 8U);
+    EXPECT_THAT(namesIn(tree), ElementsAre("m", "m.part"));
+}
+
+TEST(Manifest, WhatCannotBeReadBackIsNotSaved)
+{
+    const TemporaryTree tree;
+    example().save(tree.path("m"), false);
+    Manifest wrong = example();
+    wrong.m_Files[0].m_Group = QStringLiteral("1-2");
+    EXPECT_EQ(whyNotSaved(wrong, tree.path("m")),
+              "was written, but is different when it is read back; check the disk");
+    EXPECT_EQ(Manifest::load(tree.path("m")).text(), example().text());
+    EXPECT_THAT(namesIn(tree), ElementsAre("m"));
+}
+
+TEST(Manifest, OnlyAFileIsReplaced)
+{
+    const TemporaryTree tree;
+    tree.directory("m");
+    EXPECT_EQ(whyNotSaved(example(), tree.path("m")), "is a directory");
+    EXPECT_EQ(whyNotSaved(example(), "/dev/null"), "is a character device");
+}
+
+TEST(Manifest, LinesOfAnyNumberAreReadInPieces)
+{
+    const TemporaryTree tree;
+    Manifest manifest = example();
+    for (int i = 0; i < 5000; ++i)
+        manifest.m_Files.push_back({"f" + std::to_string(i), i, s_Hash});
+    manifest.save(tree.path("m"), false);
+    EXPECT_EQ(Manifest::load(tree.path("m")).text(), manifest.text());
+    tree.file("whole", example().text().toStdString());
+    tree.resize("whole", example().text().size() - 1);
+    EXPECT_EQ(Manifest::load(tree.path("whole")).text(), example().text());
+}
+
+TEST(Manifest, ALineWithoutEndIsRefused)
+{
+    const TemporaryTree tree;
+    std::ofstream(tree.path("m")) << std::string(17 * 1024 * 1024, 'x');
+    const std::string head =
+        example().text().left(example().text().indexOf('\n') + 1).toStdString();
+    std::ofstream(tree.path("n")) << head << std::string(17 * 1024 * 1024, 'x');
+    const auto whyNotLoaded = [&tree](const char* name) {
+        const auto error = ToolError::of([&] { Manifest::load(tree.path(name)); });
+        return error ? error->what() : std::string();
+    };
+    EXPECT_EQ(whyNotLoaded("m"), "is not a manifest");
+    EXPECT_EQ(whyNotLoaded("n"), "line 2 is too long");
+}
+
+TEST(Manifest, SizesNeverOverflowTheirSum)
+{
+    Manifest manifest = example();
+    constexpr qint64 largest = 9007199254740992;
+    manifest.m_Files.resize(1);
+    for (int i = 0; i < 2000; ++i)
+        manifest.m_Files.push_back({"f" + std::to_string(i), largest, s_Hash});
+    EXPECT_EQ(manifest.bytes(), std::numeric_limits<qint64>::max());
+    EXPECT_EQ(whyNot(manifest.text()),
+              "line 3 has a size that makes the sum of all sizes too large");
+    const TemporaryTree tree;
+    EXPECT_EQ(whyNotSaved(manifest, tree.path("m")),
+              "cannot have files of more than 8 PiB in total");
+}
+
 TEST(Manifest, SavingReplacesOnlyOnRequestAndLeavesNoPart)
 {
     const TemporaryTree tree;
@@ -168,9 +279,10 @@ TEST(Manifest, SavingReplacesOnlyOnRequestAndLeavesNoPart)
     tree.file("m", "precious");
     EXPECT_EQ(save("m", false), EEXIST);
     EXPECT_THROW(Manifest::load(tree.path("m")), ToolError);
-    EXPECT_NE(::access(tree.path("m.part").c_str(), F_OK), 0);
+    EXPECT_THAT(namesIn(tree), ElementsAre("m"));
     EXPECT_EQ(save("m", true), 0);
     EXPECT_EQ(Manifest::load(tree.path("m")).m_Files.size(), 2U);
+    EXPECT_THAT(namesIn(tree), ElementsAre("m", "m.1"));
     EXPECT_EQ(save("missing/m", true), ENOENT);
     EXPECT_EQ(codeOf([&] { Manifest::load(tree.path("missing")); }), ENOENT);
 }
