@@ -149,6 +149,7 @@ private:
                 ++found[{wanted, static_cast<int>(m_Files.directoryOf(*file).m_Root)}];
         }
         std::vector<std::pair<std::size_t, std::pair<int, int>>> byFiles;
+        byFiles.reserve(found.size());
         for (const auto& [pair, files] : found)
             byFiles.push_back({files, pair});
         std::sort(byFiles.rbegin(), byFiles.rend());

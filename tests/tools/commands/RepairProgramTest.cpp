@@ -112,6 +112,17 @@ TEST_F(RepairProgram, VerifyRefusesWhatDoesNotFit)
     EXPECT_EQ(outcome.m_Output, "");
 }
 
+TEST_F(RepairProgram, AFewFilesProveNothingAndStay)
+{
+    m_Tree.file("few", mixedBytes(5 * 1024, 2));
+    ASSERT_EQ(run({"ingest", "few", "--block", "1K", "--root", "r3", "--manifest", "m3"}).m_Status,
+              0);
+    const Outcome outcome = run({"repair", "--apply", "--root", "r3", "--buckets", "7", "--json"});
+    EXPECT_GT(outcome.number("damaged_misplaced"), 0) << "each in the bucket of another number";
+    EXPECT_EQ(outcome.number("moved"), 0);
+    EXPECT_EQ(run({"restore", "m3", "--out", "out3"}).m_Status, 0);
+}
+
 TEST_F(RepairProgram, EachSubCacheHasItsOwnBuckets)
 {
     ASSERT_EQ(onCache({"ingest", "in", "--block", "1K", "--buckets", "4", "--sub-cache", "part",
