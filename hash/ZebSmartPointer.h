@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 /// An intrusive smart pointer: the object keeps its own reference count.
@@ -90,6 +91,30 @@ public:
         return a.m_Pointer == b.m_Pointer;
     }
     friend bool operator!=(const ZebSmartPointer& a, const ZebSmartPointer& b) { return !(a == b); }
+
+    /// The same with a raw pointer. No temporary smart pointer is made of it: that would hold the
+    /// object for a moment, and delete it if it has no other holder. Templates, so that a literal 0
+    /// is a null pointer as before.
+    template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, const T*>>>
+    friend bool operator==(const ZebSmartPointer& a, U* b)
+    {
+        return a.m_Pointer == b;
+    }
+    template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, const T*>>>
+    friend bool operator==(U* a, const ZebSmartPointer& b)
+    {
+        return a == b.m_Pointer;
+    }
+    template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, const T*>>>
+    friend bool operator!=(const ZebSmartPointer& a, U* b)
+    {
+        return a.m_Pointer != b;
+    }
+    template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, const T*>>>
+    friend bool operator!=(U* a, const ZebSmartPointer& b)
+    {
+        return a != b.m_Pointer;
+    }
 
     friend bool operator==(const ZebSmartPointer& a, std::nullptr_t) { return a.isNull(); }
     friend bool operator==(std::nullptr_t, const ZebSmartPointer& a) { return a.isNull(); }

@@ -331,6 +331,35 @@ TEST(ZebSmartPointer, EqualityIsThatOfTheRawPointers)
     EXPECT_FALSE(one == ZebSmartPointer<ZebDataHash>());
 }
 
+TEST(ZebSmartPointer, ComparisonWithARawPointerCallsNothing)
+{
+    Calls calls;
+    {
+        auto* const held = new RecordingObject(calls);
+        const Pointer pointer(held);
+        // Without a holder: a temporary smart pointer would delete it.
+        const auto other = std::make_unique<RecordingObject>(calls);
+        RecordingObject* const raw = other.get();
+        const RecordingObject* const constant = raw;
+        calls.clear();
+        EXPECT_TRUE(pointer == held);
+        EXPECT_TRUE(held == pointer);
+        EXPECT_FALSE(pointer != held);
+        EXPECT_FALSE(held != pointer);
+        EXPECT_FALSE(pointer == raw);
+        EXPECT_FALSE(raw == pointer);
+        EXPECT_TRUE(pointer != raw);
+        EXPECT_TRUE(raw != pointer);
+        EXPECT_FALSE(pointer == constant);
+        EXPECT_TRUE(constant != pointer);
+        EXPECT_FALSE(pointer == 0);
+        EXPECT_TRUE(pointer != nullptr);
+        EXPECT_EQ(calls, Calls());
+        EXPECT_EQ(RecordingObject::s_Alive, 2);
+    }
+    EXPECT_EQ(RecordingObject::s_Alive, 0);
+}
+
 TEST(ZebSmartPointer, ReturnedAndStoredPointersBalance)
 {
     Calls calls;
