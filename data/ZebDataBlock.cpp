@@ -65,6 +65,14 @@ ZebDataBlock::ZebDataBlock(qint64 size, unsigned char fill)
 
 ZebDataBlock::~ZebDataBlock() = default;
 
+std::unique_ptr<ZebDataBlock> ZebDataBlock::privateCopy(const ZebDataBlock& block)
+{
+    auto copy = std::make_unique<ZebDataBlock>(block.size(), 0);
+    const int stored = std::min(block.m_Data.size(), copy->m_Data.size());
+    std::memcpy(copy->m_Data.data(), block.m_Data.constData(), static_cast<size_t>(stored));
+    return copy;
+}
+
 ZebDataBlock& ZebDataBlock::operator=(const ZebDataBlock& other)
 {
     if (this == &other)

@@ -10,6 +10,7 @@
 #include <QMutex>
 
 #include <atomic>
+#include <memory>
 #include <type_traits>
 
 /// The bytes of one block in memory.
@@ -92,11 +93,16 @@ public:
 
 private:
     friend class ZebConstAccessor;
+    friend class ZebDataReference;
     friend class ZebModifyAccessor;
     friend class ZebHashingJob;
     friend class ZebDataBlockManager;
     friend class ZebDataBlockReadThread;
     friend class ZebDataBlockWriteRequest;
+
+    /// A block of the same size() that is not compressed, with the stored bytes, and zeros for
+    /// those that are missing.
+    static std::unique_ptr<ZebDataBlock> privateCopy(const ZebDataBlock& block);
 
     // Makes a change of m_AccessCount between 0 and 1 and the manager's update of the LRU one step.
     // Recursive. Taken inside the delete lock; the lock of the LRU comes inside it.

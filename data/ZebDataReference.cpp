@@ -161,7 +161,7 @@ ZebModifyAccessor ZebDataReference::modifyAccessor() const
         ZebDataBlockManager::instance().getDataBlock(m_DataHash.data());
     if (block == nullptr)
         return ZebModifyAccessor(nullptr);
-    return ZebModifyAccessor(new ZebDataBlock(block->constData(), block->size()));
+    return ZebModifyAccessor(ZebDataBlock::privateCopy(*block).release());
 }
 
 int ZebDataReference::referenceCount()

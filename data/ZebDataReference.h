@@ -94,7 +94,8 @@ public:
     /// be loaded. Fatal for a null reference: "Null Value of m_DataHash". Waits.
     const ZebConstAccessor constAccessor() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// A private copy of the block to write to; null if the block cannot be loaded, and for a null
+    /// A private copy of the block to write to, with zeros for bytes that the block has not stored
+    /// although they count in its size. Null if the block cannot be loaded, and for a null
     /// reference. This reference still refers to the old bytes. Waits. Holds the delete lock while
     /// it copies.
     ZebModifyAccessor modifyAccessor() const ZEBTDX_EXCLUDES(ZebDeleteLock);

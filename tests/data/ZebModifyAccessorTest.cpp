@@ -2,6 +2,7 @@
 
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
+#include "data/ZebHashingJob.h"
 #include "hash/ZebHashManager.h"
 #include "support/AccessorInside.h"
 #include "support/BlockInside.h"
@@ -399,6 +400,30 @@ TEST(ZebModifyAccessor, CopyOfABlockIsPrivateAndPlain)
     EXPECT_FALSE(block(accessor)->cached());
     EXPECT_EQ(source.count(), 1);
     EXPECT_EQ(manager().liveBytes(), 4096);
+}
+
+TEST(ZebModifyAccessor, CopyOfABlockThatLacksBytesIsFilledWithZeros)
+{
+    const TemporaryStore store;
+    const auto added = [](ZebDataBlock* block) {
+        return ZebDataReference(ZebSmartPointer<ZebBlockFuture>(new ZebHashingJob(block)));
+    };
+    constexpr int size = 1000000;
+    // One that stores nothing, and one whose compressed bytes are all that it stores.
+    const ZebDataReference empty =
+        added(new ZebDataBlock(static_cast<const unsigned char*>(nullptr), qint64{size}));
+    const ZebModifyAccessor copyOfEmpty = empty.modifyAccessor();
+    ASSERT_EQ(copyOfEmpty.size(), size);
+    EXPECT_EQ(QByteArray::fromRawData(reinterpret_cast<const char*>(copyOfEmpty.data()), size),
+              QByteArray(size, '\0'));
+
+    auto* const compressed = new ZebDataBlock(QByteArray(size, 'c'));
+    ASSERT_TRUE(compressed->compress(9));
+    const QByteArray stored = qCompress(QByteArray(size, 'c'), 9);
+    const ZebModifyAccessor copy = added(compressed).modifyAccessor();
+    ASSERT_EQ(copy.size(), size);
+    EXPECT_EQ(QByteArray::fromRawData(reinterpret_cast<const char*>(copy.data()), size),
+              stored + QByteArray(size - stored.size(), '\0'));
 }
 
 TEST(ZebModifyAccessor, ModifiedCopyIsANewBlockAndTheOldOneStays)
