@@ -155,6 +155,10 @@ private:
     /// not get a new holder. For callers that found the hash in a table. Takes m_Mutex.
     ZebSmartPointer<ZebDataHash> holdUnlessEnding();
 
+    /// The text form, or an empty text for an object without a whole digest. For diagnostics, which
+    /// must not end the process.
+    QString textIfWhole() const;
+
     /// Ends the process unless the digest has the right length.
     void requireDigest() const;
 

@@ -29,6 +29,11 @@ QString ZebDataHash::toString() const
     return text;
 }
 
+QString ZebDataHash::textIfWhole() const
+{
+    return m_Size >= 1 && m_Data.size() == m_Size ? toString() : QString();
+}
+
 int ZebDataHash::leadingText(QChar* out, int length) const
 {
     requireDigest();

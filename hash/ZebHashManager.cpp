@@ -92,9 +92,11 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::addHash_Unlocked(ZebDataHash* hash)
     awaitRemoval(*hash);
     const auto entry = m_Hashes.constFind(ZebHashHandle(hash));
     if (entry == m_Hashes.constEnd()) {
+        // Deletes the hash if the table cannot grow.
+        std::unique_ptr<ZebDataHash> owned(hash);
         m_Hashes.insert(ZebHashHandle(hash));
         ZebCountUp(m_CacheMisses);
-        return ZebSmartPointer<ZebDataHash>(hash);
+        return ZebSmartPointer<ZebDataHash>(owned.release());
     }
     ZebCountUp(m_CacheHits);
     ZebDataHash* const registered = entry->data();
@@ -220,7 +222,7 @@ void ZebHashManager::printDebugInfo()
         const ZebDataHash* const hash = handle.data();
         ZebTdxMessage::debug(QString::asprintf("%p %d %s", static_cast<const void*>(hash),
                                                hash->refCount(),
-                                               hash->toString().toLocal8Bit().constData()));
+                                               hash->textIfWhole().toLocal8Bit().constData()));
     }
 }
 
@@ -239,10 +241,10 @@ void ZebHashManager::validateState() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
     for (const ZebHashHandle& handle : qAsConst(m_Hashes)) {
         const ZebDataHash* const hash = handle.data();
         if (hash->isDontCache())
-            notCached.append(hash->toString());
+            notCached.append(hash->textIfWhole());
         else
             cached.append(
-                QStringLiteral("%1 (Refs = %2)").arg(hash->toString()).arg(hash->refCount()));
+                QStringLiteral("%1 (Refs = %2)").arg(hash->textIfWhole()).arg(hash->refCount()));
     }
     if (!cached.isEmpty()) {
         cached.sort(Qt::CaseSensitive);

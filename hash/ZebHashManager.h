@@ -65,7 +65,8 @@ public:
     /// Sets the four counters to 0.
     void clearStats();
 
-    /// Prints pointer, count and text form of every registered hash as debug lines.
+    /// Prints pointer, count and text form of every registered hash as debug lines. The text of a
+    /// hash without a whole digest is empty.
     void printDebugInfo();
 
     /// Appends a smart pointer to every registered hash to `list`, which is not cleared first.
@@ -73,7 +74,8 @@ public:
     void snapshot(QList<ZebSmartPointer<ZebDataHash>>& list) const;
 
     /// Prints every registered hash as debug lines: cached hashes as leaked, hashes of uncached
-    /// blocks as live. For a quiet system during shutdown: takes no lock.
+    /// blocks as live. The text of a hash without a whole digest is empty. For a quiet system
+    /// during shutdown: takes no lock.
     void validateState();
 
 protected:

@@ -164,3 +164,16 @@ TEST(ZebHashManagerDiagnostics, DiagnosticsChangeNothing)
     EXPECT_EQ(one->refCount(), 1);
     EXPECT_EQ(registry().hashCount(), 1);
 }
+
+TEST(ZebHashManagerDiagnostics, HashWithoutAWholeDigestIsPrintedAsAnEmptyText)
+{
+    const Pointer unread = registry().getHash(QStringLiteral("1-2-3"));
+    EXPECT_EQ(linesOf(&ZebHashManager::printDebugInfo),
+              QStringList{QString::asprintf("%p 1 ", static_cast<void*>(unread.data()))});
+    EXPECT_EQ(linesOf(&ZebHashManager::validateState),
+              QStringList{"[ !! ] The following live cached hashes have been leaked:\n"
+                          " (Refs = 1)\n"});
+    unread->setDontCache(true);
+    EXPECT_EQ(linesOf(&ZebHashManager::validateState),
+              QStringList{"We have the following live non-cached hashes:\n\n"});
+}
