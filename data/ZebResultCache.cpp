@@ -4,7 +4,7 @@
 #include "support/ZebWriteLocker.h"
 
 ZebResultCache::ZebResultCache()
-    : m_CacheHits(0), m_Enabled(true), m_Lock(QReadWriteLock::Recursive)
+    : m_CacheHits(0), m_Enabled(true), m_Lock(QReadWriteLock::NonRecursive)
 {}
 
 ZebResultCache::~ZebResultCache() = default;

@@ -63,8 +63,8 @@ private:
     mutable std::atomic<int> m_CacheHits;
     std::atomic<bool> m_Enabled;
 
-    // Recursive. Only the mutex of a hash is taken inside it, to add a holder; no reference is
-    // dropped inside it.
+    // Not recursive: Qt's recursive form stays locked if there is no memory to count a reader. Only
+    // the mutex of a hash is taken inside it, to add a holder; no reference is dropped inside it.
     mutable QReadWriteLock m_Lock;
 
     QMap<QString, ZebDataReference> m_Results ZEBTDX_GUARDED_BY(m_Lock);
