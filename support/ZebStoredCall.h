@@ -8,6 +8,8 @@
 #include <QRunnable>
 #include <QThreadPool>
 
+#include <memory>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -33,7 +35,8 @@ QFuture<T> begin(Promise<T>& promise, QThreadPool* pool, QRunnable* task)
 
 /// Runs `call` unless its future is cancelled, leaves the result on `promise`, and reports the end.
 /// An exception that leaves the call is stored there and thrown again where the result is asked
-/// for.
+/// for. If there is no memory to store it, the future ends without a result. Does not throw, since
+/// a thread of the pool would end the process.
 ///
 /// `drop` releases what the task holds. It runs before the end is reported, and so does the end of
 /// `promise`: once the future has finished, the task keeps nothing alive. What call and result hold
@@ -44,12 +47,17 @@ void finish(Promise<T>& promise, Call&& call, Drop&& drop)
     QFutureInterfaceBase state(*promise);
     if (!state.isCanceled()) {
         try {
-            const T result = call();
-            promise->reportResult(result);
-        } catch (const QException& exception) {
-            promise->reportException(exception);
-        } catch (...) {
-            promise->reportException(QUnhandledException());
+            try {
+                const T result = call();
+                promise->reportResult(result);
+            } catch (const QException& exception) {
+                promise->reportException(exception);
+            } catch (...) {
+                promise->reportException(QUnhandledException());
+            }
+        } catch (const std::bad_alloc&) {
+            // Nothing can be stored on the future; it ends without a result.
+            Q_UNUSED(state)
         }
     }
     drop();
@@ -66,10 +74,12 @@ class ZebStoredCallTask final : public QRunnable
 public:
     explicit ZebStoredCallTask(Call call) : m_Call(std::move(call)), m_Promise(std::in_place) {}
 
-    QFuture<T> start(QThreadPool* pool)
+    /// The pool takes the ownership of `task`.
+    static QFuture<T> start(QThreadPool* pool, std::unique_ptr<ZebStoredCallTask> task)
     {
-        QFuture<T> future = ZebStoredCall::begin(m_Promise, pool, this);
-        pool->start(this, 0);
+        QFuture<T> future = ZebStoredCall::begin(task->m_Promise, pool, task.get());
+        pool->start(task.get(), 0);
+        static_cast<void>(task.release());
         return future;
     }
 
@@ -89,7 +99,8 @@ namespace ZebStoredCall {
 template <typename T, typename Call>
 QFuture<T> start(QThreadPool* pool, Call call)
 {
-    return (new ZebStoredCallTask<T, Call>(std::move(call)))->start(pool);
+    return ZebStoredCallTask<T, Call>::start(
+        pool, std::make_unique<ZebStoredCallTask<T, Call>>(std::move(call)));
 }
 
 } // namespace ZebStoredCall
