@@ -7,6 +7,7 @@
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebForkWatch.h"
 #include "support/ZebMutexLocker.h"
+#include "support/ZebTdxMessage.h"
 
 #include <memory>
 #include <utility>
@@ -21,18 +22,41 @@ QThreadPool* hashingPool()
     return ZebThreadPoolManager::instance().threadPool(ZebThreadPoolManager::HashingThreadPool);
 }
 
+void reportLostBlock() noexcept
+{
+    try {
+        ZebTdxMessage::debug(QStringLiteral("[TDX] A block was lost: out of memory"));
+    } catch (...) {
+        // There is no memory for the message either.
+        return;
+    }
+}
+
 } // namespace
 
 ZebHashingJob::ZebHashingJob(const QByteArray& bytes)
-    : m_Future(ZebHashingTask::start(hashingPool(), bytes))
-{}
+{
+    ZebHashingTask::Started started = ZebHashingTask::start(hashingPool(), bytes);
+    m_Task.swap(started.m_Task);
+    m_Future = started.m_Future;
+}
 
 ZebHashingJob::ZebHashingJob(ZebDataBlock* block)
-    : m_Future(ZebHashingTask::start(hashingPool(), block))
+    : ZebHashingJob(std::unique_ptr<ZebDataBlock>(block))
 {}
 
+ZebHashingJob::ZebHashingJob(std::unique_ptr<ZebDataBlock> block)
+{
+    ZebHashingTask::Started started = ZebHashingTask::start(hashingPool(), std::move(block));
+    m_Task.swap(started.m_Task);
+    m_Future = started.m_Future;
+}
+
 ZebHashingJob::ZebHashingJob(const ZebHashingJob& other)
-    : ZebBlockFuture(other), m_Future(other.m_Future), m_Result(other.result())
+    : ZebBlockFuture(other),
+      m_Task(other.m_Task),
+      m_Future(other.m_Future),
+      m_Result(other.result())
 {}
 
 ZebHashingJob::~ZebHashingJob()
@@ -40,13 +64,18 @@ ZebHashingJob::~ZebHashingJob()
     // The thread that would do the work is the parent's.
     if (ZebForkWatch::isStoreOfParent())
         return;
+    bool isLost = false;
     try {
         ZebHashingTask::wait(m_Future);
+        // Without a store another attempt would end the process.
+        if (m_Task->isUndone() && ZebDataBlockManager::instance().isInitialized())
+            m_Task->retry();
+        isLost = m_Task->isUndone();
     } catch (...) {
-        // A failure of the work is reported to the callers of data(), of which there is none left.
-        // NOLINTNEXTLINE(bugprone-empty-catch)
-        Q_UNUSED(this)
+        isLost = true;
     }
+    if (isLost)
+        reportLostBlock();
 }
 
 ZebHashingJob& ZebHashingJob::operator=(const ZebHashingJob& other)
@@ -54,6 +83,7 @@ ZebHashingJob& ZebHashingJob::operator=(const ZebHashingJob& other)
     if (this == &other)
         return *this;
     ZebBlockFuture::operator=(other);
+    m_Task = other.m_Task;
     m_Future = other.m_Future;
     // The old result is dropped after the mutex is released: it may be the last reference to its
     // hash.
@@ -76,14 +106,19 @@ ZebDataReference ZebHashingJob::data()
     ZebDataReference known = result();
     if (!known.isNull())
         return known;
-    // Waits for the end of the task, not only for its result: the task keeps nothing alive then.
-    // The result in the future does not change, so it is copied without a lock.
-    ZebHashingTask::wait(m_Future);
-    known = m_Future.result();
+    known = finished();
     const ZebMutexLocker locker(&m_ResultMutex);
     if (m_Result.isNull())
         m_Result = known;
     return known;
+}
+
+ZebDataReference ZebHashingJob::finished()
+{
+    // Waits for the end of the task, not only for its result: the task keeps nothing alive then.
+    // The result in the future does not change, so it is copied without a lock.
+    ZebHashingTask::wait(m_Future);
+    return m_Task->hasFailed() ? m_Task->retry() : m_Future.result();
 }
 
 int ZebHashingJob::liveHashJobCount()
@@ -116,15 +151,24 @@ const QByteArray& ZebHashingJob::contentOf(const ZebDataBlock& block)
     return block.m_Data;
 }
 
-ZebDataReference ZebHashingJob::admitDigested(const unsigned char* digest,
-                                              std::unique_ptr<ZebDataBlock> block)
+std::unique_ptr<ZebDataBlock> ZebHashingJob::makeBlock(const QByteArray& bytes, qint64 size,
+                                                       bool isCompressed)
 {
-    const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getDigested(digest);
-    return ZebDataBlockManager::instance().admit(hash, block.release());
+    auto block = std::make_unique<ZebDataBlock>(bytes);
+    block->m_Size = size;
+    block->m_Compressed = isCompressed;
+    return block;
 }
 
-ZebDataReference ZebHashingJob::admitDigested(const unsigned char* digest, const QByteArray& bytes)
+ZebSmartPointer<ZebDataHash> ZebHashingJob::intern(const unsigned char* digest,
+                                                   const QByteArray& bytes)
 {
-    const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getDigested(digest);
-    return ZebDataBlockManager::instance().admit(hash, new ZebDataBlock(bytes));
+    ZebHashManager& registry = ZebHashManager::instance();
+    return digest == nullptr ? registry.getHash(bytes) : registry.getDigested(digest);
+}
+
+ZebDataReference ZebHashingJob::admit(const ZebSmartPointer<ZebDataHash>& hash,
+                                      std::unique_ptr<ZebDataBlock> block)
+{
+    return ZebDataBlockManager::instance().admit(hash, block.release());
 }

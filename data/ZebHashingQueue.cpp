@@ -15,6 +15,7 @@ void ZebHashingQueue::add(const TaskPointer& task)
 {
     const ZebMutexLocker locker(&m_Mutex);
     task->m_Place = m_Waiting.insert(m_Waiting.end(), task);
+    task->m_Number = ++m_Listed;
 }
 
 bool ZebHashingQueue::take(ZebHashingTask* task)
@@ -33,13 +34,15 @@ bool ZebHashingQueue::take(ZebHashingTask* task)
     return true;
 }
 
-std::size_t ZebHashingQueue::takeWaiting(std::size_t fewest, std::size_t most,
+std::size_t ZebHashingQueue::takeWaiting(std::size_t fewest, std::size_t most, std::size_t threads,
                                          TaskPointer* taken) noexcept
 {
     const ZebMutexLocker locker(&m_Mutex);
-    if (m_Waiting.size() < fewest)
+    // Rounded up, and less the caller's own task.
+    const std::size_t share = (m_Waiting.size() + threads) / threads - 1;
+    const std::size_t count = std::min(share, most);
+    if (count < fewest)
         return 0;
-    const std::size_t count = std::min(m_Waiting.size(), most);
     for (std::size_t i = 0; i < count; ++i) {
         taken[i] = std::move(m_Waiting.front());
         taken[i]->m_Taken = true;

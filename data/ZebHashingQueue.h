@@ -7,6 +7,7 @@
 #include <QMutex>
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <memory>
 
@@ -37,20 +38,25 @@ public:
     /// then does its work.
     bool take(ZebHashingTask* task);
 
-    /// Claims the oldest tasks of the list, at most `most`, or none if there are fewer than
-    /// `fewest`. Stores them in `taken`, which has room for `most`, and returns how many. The
+    /// Claims the oldest tasks of the list: the caller's share of them, if `threads` threads divide
+    /// these tasks and the caller's own among them, but at most `most`, and none if that is less
+    /// than `fewest`. Stores them in `taken`, which has room for `most`, and returns how many. The
     /// caller does their work. Does not throw: nothing would ever finish a task that is claimed and
     /// lost.
-    std::size_t takeWaiting(std::size_t fewest, std::size_t most, TaskPointer* taken) noexcept;
+    std::size_t takeWaiting(std::size_t fewest, std::size_t most, std::size_t threads,
+                            TaskPointer* taken) noexcept;
 
 private:
     Q_DISABLE_COPY(ZebHashingQueue)
 
     ZebHashingQueue() = default;
 
-    // Also guards m_Place and m_Taken of every task. The analysis cannot check these, since a task
-    // does not know the queue.
+    // Also guards m_Place, m_Number and m_Taken of every task. The analysis cannot check these,
+    // since a task does not know the queue.
     QMutex m_Mutex;
 
     std::list<TaskPointer> m_Waiting ZEBTDX_GUARDED_BY(m_Mutex);
+
+    // How many tasks have been listed so far.
+    std::uint64_t m_Listed ZEBTDX_GUARDED_BY(m_Mutex) = 0;
 };

@@ -3,10 +3,13 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebHashingJob.h"
 #include "hash/SkeinBatch.h"
+#include "support/ZebMutexLocker.h"
 
 #include <QScopedValueRollback>
 #include <QThreadPool>
 
+#include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <new>
 #include <utility>
@@ -20,41 +23,51 @@ thread_local bool s_IsWaiting = false;
 } // namespace
 
 ZebHashingTask::ZebHashingTask(const QByteArray& bytes)
-    : m_Bytes(bytes), m_IsBlock(false), m_Promise(std::in_place)
+    : m_Bytes(bytes), m_Size(bytes.size()), m_HasContent(true), m_Promise(std::in_place)
 {
     setAutoDelete(false);
 }
 
-ZebHashingTask::ZebHashingTask(ZebDataBlock* block)
-    : m_Block(block), m_IsBlock(true), m_Promise(std::in_place)
+ZebHashingTask::ZebHashingTask(std::unique_ptr<ZebDataBlock> block)
+    : m_Block(std::move(block)), m_HasContent(m_Block != nullptr), m_Promise(std::in_place)
 {
     setAutoDelete(false);
 }
 
 ZebHashingTask::~ZebHashingTask() = default;
 
-QFuture<ZebDataReference> ZebHashingTask::start(QThreadPool* pool, const QByteArray& bytes)
+ZebHashingTask::Started ZebHashingTask::start(QThreadPool* pool, const QByteArray& bytes)
 {
     return startShared(pool, TaskPointer(new ZebHashingTask(bytes)));
 }
 
-QFuture<ZebDataReference> ZebHashingTask::start(QThreadPool* pool, ZebDataBlock* block)
+ZebHashingTask::Started ZebHashingTask::start(QThreadPool* pool,
+                                              std::unique_ptr<ZebDataBlock> block)
 {
-    return startShared(pool, TaskPointer(new ZebHashingTask(block)));
+    return startShared(pool, TaskPointer(new ZebHashingTask(std::move(block))));
 }
 
-QFuture<ZebDataReference> ZebHashingTask::startShared(QThreadPool* pool, const TaskPointer& task)
+ZebHashingTask::Started ZebHashingTask::startShared(QThreadPool* pool, const TaskPointer& task)
 {
     QFuture<ZebDataReference> future = ZebStoredCall::begin(task->m_Promise, pool, task.get());
+    task->m_Pool = pool;
     task->m_HeldByPool = task;
-    // A task that gets a thread at once is not listed for others to claim, and neither is a null
-    // block, which has no digest.
-    if (pool->tryStart(task.get()))
-        return future;
-    if (task->hasContent())
-        ZebHashingQueue::instance().add(task);
-    pool->start(task.get(), 0);
-    return future;
+    try {
+        // A task that gets a thread at once is not listed for others to claim, and neither is a
+        // null block, which has no digest.
+        if (pool->tryStart(task.get()))
+            return {task, future};
+        if (task->m_HasContent)
+            ZebHashingQueue::instance().add(task);
+        pool->start(task.get(), 0);
+    } catch (...) {
+        // No memory: the pool does not have the task. Another thread may have claimed it from the
+        // list, though, and then does its work.
+        task->m_HeldByPool.reset();
+        if (ZebHashingQueue::instance().take(task.get()))
+            throw;
+    }
+    return {task, future};
 }
 
 void ZebHashingTask::wait(QFuture<ZebDataReference>& future)
@@ -71,20 +84,27 @@ void ZebHashingTask::run()
     const ZebSkein::SkeinLaneForm& form = ZebSkein::SkeinLaneForm::best();
     TaskPointer tasks[ZebSkein::SkeinLaneSet::s_MostLanes];
     std::size_t others = 0;
-    if (!s_IsWaiting && form.absorb != nullptr && hasContent()) {
-        others = ZebHashingQueue::instance().takeWaiting(form.fewest - 1, form.lanes - 1,
+    if (!s_IsWaiting && form.absorb != nullptr && m_HasContent) {
+        const auto threads = static_cast<std::size_t>(std::max(1, m_Pool->maxThreadCount()));
+        others = ZebHashingQueue::instance().takeWaiting(form.fewest - 1, form.lanes - 1, threads,
                                                          std::begin(tasks) + 1);
     }
     if (others == 0) {
-        finish(nullptr);
+        work(nullptr);
+        reportEnd();
         return;
     }
     tasks[0] = self;
     runTogether(tasks, others + 1);
 }
 
-void ZebHashingTask::runTogether(const TaskPointer* tasks, std::size_t count)
+void ZebHashingTask::runTogether(TaskPointer* tasks, std::size_t count) noexcept
 {
+    // In the order in which they were queued, which is that of the admissions, too.
+    std::sort(tasks, tasks + count,
+              [](const TaskPointer& a, const TaskPointer& b) { return a->m_Number < b->m_Number; });
+    unsigned char digests[ZebSkein::SkeinLaneSet::s_MostLanes][ZebSkein::SkeinBatch::s_DigestBytes];
+    bool areDigested = false;
     try {
         std::vector<ZebSkein::SkeinBatch::Content> contents;
         contents.reserve(count);
@@ -93,44 +113,94 @@ void ZebHashingTask::runTogether(const TaskPointer* tasks, std::size_t count)
             contents.push_back({reinterpret_cast<const unsigned char*>(bytes.constData()),
                                 static_cast<std::uint64_t>(bytes.size())});
         }
-        ZebSkein::SkeinBatch::digest(contents,
-                                     [tasks](std::size_t index, const unsigned char* digest) {
-                                         tasks[index]->finish(digest);
-                                     });
+        ZebSkein::SkeinBatch::digest(
+            contents, [&digests](std::size_t index, const unsigned char* digest) {
+                std::memcpy(digests[index], digest, ZebSkein::SkeinBatch::s_DigestBytes);
+            });
+        areDigested = true;
     } catch (const std::bad_alloc&) {
-        // Each remaining task is tried alone, so that its own future reports the failure.
-        for (std::size_t i = 0; i < count; ++i) {
-            if (tasks[i]->m_Promise)
-                tasks[i]->finish(nullptr);
-        }
+        // Each is digested alone below.
+        Q_UNUSED(count)
+    }
+    for (std::size_t i = 0; i < count; ++i)
+        tasks[i]->work(areDigested ? digests[i] : nullptr);
+    // The last first: a thread that waits for the first then finds all of them done.
+    for (std::size_t i = count; i-- > 0;)
+        tasks[i]->reportEnd();
+}
+
+void ZebHashingTask::work(const unsigned char* digest) noexcept
+{
+    try {
+        m_Result = admit(digest);
+    } catch (...) {
+        m_HasFailed = true;
     }
 }
 
-bool ZebHashingTask::hasContent() const
+void ZebHashingTask::reportEnd() noexcept
 {
-    return !m_IsBlock || m_Block != nullptr;
+    QFutureInterfaceBase state(*m_Promise);
+    try {
+        if (!m_HasFailed)
+            m_Promise->reportResult(m_Result);
+    } catch (...) {
+        // The result stays in m_Result.
+        m_HasFailed = true;
+    }
+    if (!m_HasFailed) {
+        dropContent();
+        m_Result = ZebDataReference();
+    }
+    m_Promise.reset();
+    state.reportFinished();
 }
 
-void ZebHashingTask::finish(const unsigned char* digest)
+bool ZebHashingTask::hasFailed() const
 {
-    ZebStoredCall::finish(
-        m_Promise, [this, digest] { return admit(digest); },
-        [this] {
-            m_Bytes = QByteArray();
-            m_Block.reset();
-        });
+    return m_HasFailed;
+}
+
+bool ZebHashingTask::isUndone() const
+{
+    const ZebMutexLocker locker(&m_RetryMutex);
+    return m_HasFailed && m_Result.isNull();
+}
+
+ZebDataReference ZebHashingTask::retry()
+{
+    const ZebMutexLocker locker(&m_RetryMutex);
+    if (m_HasContent && m_Result.isNull()) {
+        m_Result = admit(nullptr);
+        dropContent();
+    }
+    return m_Result;
 }
 
 ZebDataReference ZebHashingTask::admit(const unsigned char* digest)
 {
-    if (m_IsBlock)
-        return digest == nullptr ? ZebHashingJob::processBlock(m_Block.release())
-                                 : ZebHashingJob::admitDigested(digest, std::move(m_Block));
-    return digest == nullptr ? ZebHashingJob::processBlockByteArray(m_Bytes)
-                             : ZebHashingJob::admitDigested(digest, m_Bytes);
+    if (!m_HasContent)
+        return {};
+    const ZebSmartPointer<ZebDataHash> hash = ZebHashingJob::intern(digest, content());
+    std::unique_ptr<ZebDataBlock> block = std::move(m_Block);
+    if (block == nullptr) {
+        block = ZebHashingJob::makeBlock(m_Bytes, m_Size, m_IsCompressed);
+    } else {
+        // Shares the bytes for another attempt: the store deletes the block if it cannot admit it.
+        m_Bytes = ZebHashingJob::contentOf(*block);
+        m_Size = block->size();
+        m_IsCompressed = block->isCompressed();
+    }
+    return ZebHashingJob::admit(hash, std::move(block));
 }
 
 const QByteArray& ZebHashingTask::content() const
 {
-    return m_IsBlock ? ZebHashingJob::contentOf(*m_Block) : m_Bytes;
+    return m_Block == nullptr ? m_Bytes : ZebHashingJob::contentOf(*m_Block);
+}
+
+void ZebHashingTask::dropContent()
+{
+    m_Bytes = QByteArray();
+    m_Block.reset();
 }

@@ -8,9 +8,11 @@
 
 #include <QByteArray>
 #include <QFuture>
+#include <QMutex>
 #include <QRunnable>
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <optional>
@@ -21,11 +23,16 @@ class ZebDataBlock;
 /// Digests, interns and admits one block, and stores the reference in a future.
 ///
 /// A task that starts while others wait for a thread claims some of them, up to the number of lanes
-/// of the processor: their blocks are digested together, and each is then finished as if it had run
-/// alone. The pool still has the claimed tasks in its queue; they return at once when it runs them.
-/// While the pool has idle threads no task waits, and each has a thread to itself.
+/// of the processor and to its share of them, if all threads of the pool took as many. Their blocks
+/// are digested together and then admitted in the order in which they were queued. The pool still
+/// has the claimed tasks in its queue; they return at once when it runs them. While the pool has
+/// idle threads no task waits, and each has a thread to itself.
 ///
-/// It is a stored call, see ZebStoredCall::begin() and finish(). A thread that waits for a task
+/// Failure: an exception, which means that there was no memory, ends the future without a result.
+/// The task then keeps its bytes, and retry() tries again. No exception leaves run(), since that
+/// would end the process.
+///
+/// A thread that waits for a task
 /// which has not started runs it itself, and then claims no others: it should not have to wait for
 /// blocks that it does not need.
 ///
@@ -34,17 +41,24 @@ class ZebDataBlock;
 class ZebHashingTask final : public QRunnable
 {
 public:
+    /// A task that has been queued, and its future.
+    struct Started
+    {
+        ZebHashingQueue::TaskPointer m_Task;
+        QFuture<ZebDataReference> m_Future;
+    };
+
     /// Queues the work for `bytes` on `pool` at priority 0. Shares their storage until the block is
-    /// constructed.
-    static QFuture<ZebDataReference> start(QThreadPool* pool, const QByteArray& bytes);
+    /// constructed. If it throws, nothing has been queued.
+    static Started start(QThreadPool* pool, const QByteArray& bytes);
 
     /// Queues the work for `block` and takes ownership of it. The result of a null block is a null
     /// reference.
-    static QFuture<ZebDataReference> start(QThreadPool* pool, ZebDataBlock* block);
+    static Started start(QThreadPool* pool, std::unique_ptr<ZebDataBlock> block);
 
-    /// Waits until the work has finished, or does it on this thread. Throws what the work has
-    /// thrown. Use it instead of waitForFinished() of the future, so that the task can
-    /// distinguish a waiting thread from a thread of the pool.
+    /// Waits until the work has finished, or does it on this thread. Use it instead of
+    /// waitForFinished() of the future, so that the task can distinguish a waiting thread from a
+    /// thread of the pool.
     static void wait(QFuture<ZebDataReference>& future);
 
     ~ZebHashingTask() override;
@@ -52,44 +66,77 @@ public:
     /// Called by a thread of the pool, or by a waiting thread.
     void run() override;
 
+    /// Whether the work has failed, so that the future has no result. Only after wait().
+    bool hasFailed() const;
+
+    /// Whether the work has failed and no retry() has succeeded. Only after wait().
+    bool isUndone() const;
+
+    /// Does failed work again on this thread and returns the result, also of an earlier retry().
+    /// Throws if it fails again; another call may then succeed. Any thread may call it. It must not
+    /// hold the delete lock, since the work takes it.
+    ZebDataReference retry();
+
 private:
     friend class ZebHashingQueue;
 
     using TaskPointer = ZebHashingQueue::TaskPointer;
 
     explicit ZebHashingTask(const QByteArray& bytes);
-    explicit ZebHashingTask(ZebDataBlock* block);
+    explicit ZebHashingTask(std::unique_ptr<ZebDataBlock> block);
 
-    static QFuture<ZebDataReference> startShared(QThreadPool* pool, const TaskPointer& task);
+    static Started startShared(QThreadPool* pool, const TaskPointer& task);
 
-    /// Digests the blocks of all these tasks together and finishes each.
-    static void runTogether(const TaskPointer* tasks, std::size_t count);
+    /// Digests the blocks of all these tasks together, admits them in the order in which the tasks
+    /// were queued, and reports the ends. Sorts the tasks.
+    static void runTogether(TaskPointer* tasks, std::size_t count) noexcept;
 
-    /// Whether there is anything to digest: false for a null block.
-    bool hasContent() const;
+    /// Interns and admits the block under `digest`, and keeps the result, or notes the failure.
+    /// With a null `digest` it is computed first.
+    void work(const unsigned char* digest) noexcept;
 
-    /// Interns and admits the block under `digest`, and reports the end. With a null `digest` it is
-    /// computed first.
-    void finish(const unsigned char* digest);
+    /// Passes the result on to the future and reports the end. A task that has succeeded keeps
+    /// nothing alive then.
+    void reportEnd() noexcept;
 
-    /// The work of finish(). Passes the block on.
+    /// The work itself. Passes the block on; if it throws, m_Bytes, m_Size and m_IsCompressed still
+    /// describe it.
     ZebDataReference admit(const unsigned char* digest);
 
     /// The bytes to digest.
     const QByteArray& content() const;
 
-    // m_Block if m_IsBlock is true, otherwise m_Bytes.
-    QByteArray m_Bytes;
+    void dropContent();
+
+    // The block, until it has been passed on. What follows describes it from then on, or if there
+    // was none.
     std::unique_ptr<ZebDataBlock> m_Block;
-    const bool m_IsBlock;
+    QByteArray m_Bytes;
+    qint64 m_Size = 0;
+    bool m_IsCompressed = false;
+    const bool m_HasContent; // false for a null block
 
     ZebStoredCall::Promise<ZebDataReference> m_Promise;
+
+    // The result on its way to the future, or that of retry().
+    ZebDataReference m_Result;
+
+    // Written before the end is reported, read after the wait for it.
+    bool m_HasFailed = false;
+
+    // One retry at a time. Outside of all levels of the lock order: the delete lock is taken inside
+    // it.
+    mutable QMutex m_RetryMutex;
+
+    QThreadPool* m_Pool = nullptr;
 
     // The pool's reference to the task, dropped when it runs the task.
     TaskPointer m_HeldByPool;
 
-    // The place in the queue, if it is listed, and whether a thread has claimed the task. Guarded
-    // by the queue's mutex.
+    // The place in the queue, if it is listed, its number among all that have been, and whether a
+    // thread has claimed the task. Guarded by the queue's mutex; the number is constant once the
+    // task has been claimed.
     std::optional<std::list<TaskPointer>::iterator> m_Place;
+    std::uint64_t m_Number = 0;
     bool m_Taken = false;
 };

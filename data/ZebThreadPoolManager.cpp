@@ -1,9 +1,16 @@
 #include "data/ZebThreadPoolManager.h"
 
+#include "data/ZebHashingQueue.h"
+#include "hash/SkeinLaneForm.h"
 #include "support/ZebForkWatch.h"
 #include "support/ZebPoolExit.h"
 
-ZebThreadPoolManager::ZebThreadPoolManager() = default;
+ZebThreadPoolManager::ZebThreadPoolManager()
+{
+    // Built here, where a failed allocation reaches the caller; in a task it would end the process.
+    ZebHashingQueue::instance();
+    ZebSkein::SkeinLaneForm::available();
+}
 
 ZebThreadPoolManager::~ZebThreadPoolManager() = default;
 

@@ -187,7 +187,7 @@ private:
             if (m_Lanes[lane])
                 m_Lanes[lane]->moveOn(blockCount);
         }
-        for (std::size_t lane = m_Form.lanes; lane-- > 0;) {
+        for (std::size_t lane = 0; lane < m_Form.lanes; ++lane) {
             if (m_Lanes[lane] && m_Lanes[lane]->isDone()) {
                 Word chain[SkeinLaneSet::s_Words];
                 readChain(lane, chain);

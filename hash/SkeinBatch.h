@@ -36,11 +36,10 @@ public:
     /// Called with the index of an input and its digest, which is valid during the call only.
     using Receiver = std::function<void(std::size_t index, const unsigned char* digest)>;
 
-    /// Calls `receive` once for each input, on this thread, as soon as its digest is known. If
-    /// several become known together, the last in the order of the lanes comes first: a thread that
-    /// waits for the first input then finds all of them done. An input must not change until its
-    /// digest has been passed to `receive`, which may free it. An exception from `receive` ends the
-    /// work.
+    /// Calls `receive` once for each input, on this thread, as soon as its digest is known. Several
+    /// that become known together come in the order of the lanes. An input must not change until
+    /// its digest has been passed to `receive`, which may free it. An exception from `receive` ends
+    /// the work.
     static void digest(const std::vector<Content>& contents, const Receiver& receive);
 
     /// The same by a form of the caller's choice, which the processor must be able to run.

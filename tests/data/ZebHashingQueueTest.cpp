@@ -30,7 +30,7 @@ public:
         });
         m_Begun.acquire();
         for (int i = 0; i < count; ++i)
-            m_Futures.push_back(ZebHashingTask::start(&m_Pool, QByteArray::number(i)));
+            m_Futures.push_back(ZebHashingTask::start(&m_Pool, QByteArray::number(i)).m_Future);
     }
     ~QueueOfTasks()
     {
@@ -55,10 +55,10 @@ private:
     QThreadPool m_Pool;
 };
 
-std::vector<TaskPointer> takeWaiting(std::size_t fewest, std::size_t most)
+std::vector<TaskPointer> takeWaiting(std::size_t fewest, std::size_t most, std::size_t threads = 1)
 {
     TaskPointer taken[s_Most];
-    const std::size_t count = ZebHashingQueue::instance().takeWaiting(fewest, most, taken);
+    const std::size_t count = ZebHashingQueue::instance().takeWaiting(fewest, most, threads, taken);
     return {std::begin(taken), std::begin(taken) + count};
 }
 
@@ -83,6 +83,19 @@ TEST(ZebHashingQueue, GivesNothingWhenFewerWaitThanAskedFor)
     const QueueOfTasks queue(2);
     EXPECT_TRUE(takeWaiting(3, s_Most).empty());
     EXPECT_EQ(takeWaiting(2, s_Most).size(), 2U);
+}
+
+TEST(ZebHashingQueue, GivesTheShareOfOneThread)
+{
+    const QueueOfTasks queue(11);
+    // Each call comes from a task of its own, so 12 tasks are divided, then 9, then 7.
+    EXPECT_EQ(takeWaiting(1, s_Most, 4).size(), 2U);
+    EXPECT_EQ(takeWaiting(1, s_Most, 4).size(), 2U);
+    EXPECT_EQ(takeWaiting(1, s_Most, 2).size(), 3U);
+    // A share of fewer than asked for is none.
+    EXPECT_TRUE(takeWaiting(3, s_Most, 3).empty());
+    EXPECT_TRUE(takeWaiting(1, s_Most, 16).empty());
+    EXPECT_EQ(takeWaiting(1, s_Most, 1).size(), 4U);
 }
 
 TEST(ZebHashingQueue, TaskIsTakenOnce)

@@ -7,9 +7,11 @@
 #include "support/BlockedThread.h"
 #include "support/BusyHashingPool.h"
 #include "support/BytesOf.h"
+#include "support/LruInside.h"
 #include "support/Manager.h"
 #include "support/MessageCapture.h"
 #include "support/Registry.h"
+#include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 #include "support/TestBytes.h"
 #include "support/WaitUntil.h"
@@ -158,6 +160,24 @@ TEST(ZebHashingTask, TasksWithAThreadEachRunAlone)
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(bytesOf(references[static_cast<std::size_t>(i)]), numbered(i));
     hashingPool().setMaxThreadCount(threads);
+}
+
+TEST(ZebHashingTask, BlocksAreAdmittedInTheOrderInWhichTheyWereQueued)
+{
+    const TemporaryStore store;
+    std::vector<ZebDataReference> references;
+    {
+        const BusyHashingPool busy;
+        // Longer blocks begin first in the lanes, so the order of the sizes differs from that of
+        // the tasks.
+        for (int i = 0; i < 3 * lanes(); ++i)
+            references.push_back(manager().addBlock(numbered((7 * i) % 31)));
+    }
+    std::vector<ZebDataHash*> expected;
+    for (auto reference = references.rbegin(); reference != references.rend(); ++reference)
+        expected.push_back(reference->hashPtr().data());
+    const ZebTdxMutexLocker locker(&StoreInside::deleteLock());
+    EXPECT_EQ(LruInside::newestToOldest(StoreInside::lru()), expected);
 }
 
 // The results are those of tasks that run alone
