@@ -74,12 +74,10 @@ class ZebStoredCallTask final : public QRunnable
 public:
     explicit ZebStoredCallTask(Call call) : m_Call(std::move(call)), m_Promise(std::in_place) {}
 
-    /// The pool takes the ownership of `task`.
-    static QFuture<T> start(QThreadPool* pool, std::unique_ptr<ZebStoredCallTask> task)
+    QFuture<T> start(QThreadPool* pool)
     {
-        QFuture<T> future = ZebStoredCall::begin(task->m_Promise, pool, task.get());
-        pool->start(task.get(), 0);
-        static_cast<void>(task.release());
+        QFuture<T> future = ZebStoredCall::begin(m_Promise, pool, this);
+        pool->start(this, 0);
         return future;
     }
 
@@ -99,8 +97,11 @@ namespace ZebStoredCall {
 template <typename T, typename Call>
 QFuture<T> start(QThreadPool* pool, Call call)
 {
-    return ZebStoredCallTask<T, Call>::start(
-        pool, std::make_unique<ZebStoredCallTask<T, Call>>(std::move(call)));
+    auto task = std::make_unique<ZebStoredCallTask<T, Call>>(std::move(call));
+    QFuture<T> future = task->start(pool);
+    // The pool owns it now, unless it has deleted it already.
+    static_cast<void>(task.release());
+    return future;
 }
 
 } // namespace ZebStoredCall
