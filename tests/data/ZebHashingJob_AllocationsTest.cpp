@@ -6,8 +6,8 @@
 #include "data/ZebHashingQueue.h"
 #include "data/ZebHashingTask.h"
 #include "data/ZebResultCache.h"
+#include "data/ZebThreadPoolManager.h"
 #include "hash/ZebHashManager.h"
-#include "support/BusyHashingPool.h"
 #include "support/BytesOf.h"
 #include "support/FailingAllocations.h"
 #include "support/Manager.h"
@@ -37,29 +37,70 @@ QByteArray numbered(int number)
     return QByteArray(3000, 'n') + QByteArray::number(number);
 }
 
-// Lets the hashing pool do what waits for it while allocations of its thread fail. Returns how many
-// have failed. What Qt allocates when the thread falls idle is not among them: Qt does not survive
-// a failure of that.
-qint64 runFailing(BusyHashingPool& busy, qint64 skipped, qint64 failures)
+// Reduces the hashing pool to one thread and occupies it until open() or the end of the scope.
+// Never ends that thread: its end would meet the failures, outside of our code.
+class HeldHashingPool
 {
-    std::atomic<bool> isReached{false};
-    std::atomic<bool> isOver{false};
-    BusyHashingPool::pool().start([&] {
-        isReached.store(true);
-        while (!isOver.load())
-            std::this_thread::yield();
-    });
-    qint64 failed = 0;
+public:
+    HeldHashingPool()
     {
-        const FailingAllocations failing(s_PoolThread, skipped, failures);
-        busy.open();
-        EXPECT_TRUE(waitUntil([&] { return isReached.load(); }));
-        failed = failing.failed();
+        pool().setMaxThreadCount(1);
+        hold(m_IsOpen);
     }
-    isOver.store(true);
-    busy.release();
-    return failed;
-}
+    ~HeldHashingPool()
+    {
+        open();
+        EXPECT_TRUE(waitUntil([] { return pool().activeThreadCount() == 0; }));
+    }
+    HeldHashingPool(const HeldHashingPool&) = delete;
+    HeldHashingPool& operator=(const HeldHashingPool&) = delete;
+
+    void open() { m_IsOpen.store(true); }
+
+    /// Lets the pool do what waits for it while allocations of its thread fail. Returns how many
+    /// have failed. What Qt allocates when the thread falls idle is not among them: Qt does not
+    /// survive a failure of that.
+    qint64 runFailing(qint64 skipped, qint64 failures)
+    {
+        std::atomic<bool> isOver{false};
+        std::atomic<bool> isReached{false};
+        pool().start([&] {
+            isReached.store(true);
+            while (!isOver.load())
+                std::this_thread::yield();
+        });
+        qint64 failed = 0;
+        {
+            const FailingAllocations failing(s_PoolThread, skipped, failures);
+            open();
+            EXPECT_TRUE(waitUntil([&] { return isReached.load(); }));
+            failed = failing.failed();
+        }
+        isOver.store(true);
+        EXPECT_TRUE(waitUntil([] { return pool().activeThreadCount() == 0; }));
+        return failed;
+    }
+
+private:
+    static QThreadPool& pool()
+    {
+        return *ZebThreadPoolManager::instance().threadPool(
+            ZebThreadPoolManager::HashingThreadPool);
+    }
+
+    static void hold(std::atomic<bool>& isOpen)
+    {
+        std::atomic<bool> isHeld{false};
+        pool().start([&isHeld, &isOpen] {
+            isHeld.store(true);
+            while (!isOpen.load())
+                std::this_thread::yield();
+        });
+        EXPECT_TRUE(waitUntil([&] { return isHeld.load(); }));
+    }
+
+    std::atomic<bool> m_IsOpen{false};
+};
 
 class ZebHashingJobAllocations : public ::testing::Test
 {
@@ -89,7 +130,7 @@ TEST_F(ZebHashingJobAllocations, AnAddThatFailsQueuesNothing)
     bool hasFailed = true;
     for (int i = 0; hasFailed; ++i) {
         const QByteArray bytes = numbered(i);
-        const BusyHashingPool busy;
+        const HeldHashingPool busy;
         try {
             const FailingAllocations failing(FailingAllocations::Here, i);
             references = {manager().addBlock(bytes)};
@@ -112,9 +153,9 @@ TEST_F(ZebHashingJobAllocations, AnAddThatFailsQueuesNothing)
 TEST_F(ZebHashingJobAllocations, ABlockThatThePoolCouldNotAdmitIsReadAllTheSame)
 {
     for (int i = 0;; ++i) {
-        BusyHashingPool busy;
+        HeldHashingPool busy;
         const ZebDataReference reference = manager().addBlock(numbered(i));
-        const qint64 failed = runFailing(busy, i, 1);
+        const qint64 failed = busy.runFailing(i, 1);
         EXPECT_EQ(bytesOf(reference), numbered(i)) << i;
         if (failed == 0) {
             EXPECT_GT(i, 3) << "no allocation was met";
@@ -128,7 +169,7 @@ TEST_F(ZebHashingJobAllocations, ASetThatThePoolCouldNotAdmitIsReadAllTheSame)
     constexpr int count = 9;
     std::vector<ZebDataReference> references;
     {
-        BusyHashingPool busy;
+        HeldHashingPool busy;
         for (int i = 0; i < count; ++i) {
             // Alternately by bytes and by block, of which one is compressed.
             auto block = std::make_unique<ZebDataBlock>(numbered(i));
@@ -139,7 +180,7 @@ TEST_F(ZebHashingJobAllocations, ASetThatThePoolCouldNotAdmitIsReadAllTheSame)
                                             : ZebDataReference(ZebSmartPointer<ZebBlockFuture>(
                                                   new ZebHashingJob(block.release()))));
         }
-        EXPECT_GT(runFailing(busy, 0, FailingAllocations::s_All), count);
+        EXPECT_GT(busy.runFailing(0, FailingAllocations::s_All), count);
     }
     EXPECT_EQ(manager().liveBytes(), 0);
     for (int i = 0; i < count; ++i) {
@@ -155,9 +196,9 @@ TEST_F(ZebHashingJobAllocations, AReadThatFailsMayBeRepeated)
 {
     ZebDataReference reference;
     {
-        BusyHashingPool busy;
+        HeldHashingPool busy;
         reference = manager().addBlock(numbered(1));
-        runFailing(busy, 0, FailingAllocations::s_All);
+        busy.runFailing(0, FailingAllocations::s_All);
     }
     const ZebDataReference copy(reference);
     for (int attempt = 0; attempt < 3; ++attempt) {
@@ -172,10 +213,10 @@ TEST_F(ZebHashingJobAllocations, AReadThatFailsMayBeRepeated)
 TEST_F(ZebHashingJobAllocations, TheEndOfAJobAdmitsWhatThePoolCouldNot)
 {
     const ZebSmartPointer<ZebDataHash> hash = registry().getHash(numbered(1));
-    BusyHashingPool busy;
+    HeldHashingPool busy;
     {
         const ZebDataReference dropped = manager().addBlock(numbered(1));
-        runFailing(busy, 0, FailingAllocations::s_All);
+        busy.runFailing(0, FailingAllocations::s_All);
         EXPECT_FALSE(manager().isInMemory(hash.data()));
     }
     EXPECT_TRUE(manager().isInMemory(hash.data()));
@@ -183,9 +224,9 @@ TEST_F(ZebHashingJobAllocations, TheEndOfAJobAdmitsWhatThePoolCouldNot)
 
 TEST_F(ZebHashingJobAllocations, TheEndOfAJobReportsABlockThatIsLost)
 {
-    BusyHashingPool busy;
+    HeldHashingPool busy;
     auto dropped = std::make_optional(manager().addBlock(numbered(1)));
-    runFailing(busy, 0, FailingAllocations::s_All);
+    busy.runFailing(0, FailingAllocations::s_All);
     m_Store.reset();
     const MessageCapture messages;
     // There is no store to admit it, and that must not end the process.
