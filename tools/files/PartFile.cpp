@@ -33,8 +33,11 @@ bool isNamed(int directory, const std::string& name, int descriptor)
 // Removes what a killed process left under this name.
 void removeStale(int directory, const std::string& name)
 {
-    const int descriptor =
-        ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    constexpr int flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    // Some network file systems lock exclusively only what is open for writing.
+    int descriptor = ::openat(directory, name.c_str(), O_RDWR | flags);
+    if (descriptor < 0)
+        descriptor = ::openat(directory, name.c_str(), O_RDONLY | flags);
     // A link, or a file without permission to read, is no part of a running process.
     const bool isInUse =
         descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
@@ -93,6 +96,9 @@ void PartFile::publish(const std::string& name)
     const int second = ::fcntl(m_Descriptor, F_DUPFD_CLOEXEC, 0);
     if (second < 0 || ::close(second) != 0)
         throw ToolError::ofSystem(errno);
+    // Only without locks can another process have taken the name.
+    if (!isNamed(m_Directory.descriptor(), m_Part, m_Descriptor))
+        throw ToolError("was taken over by another restore to this directory");
     const int error = FileSystem::renameNew(m_Directory.descriptor(), m_Part, name);
     if (error != 0)
         throw ToolError::ofSystem(error);

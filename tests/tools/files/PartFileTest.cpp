@@ -93,6 +93,18 @@ TEST_F(PartFileTest, APartThatIsBeingWrittenIsNotTaken)
     EXPECT_EQ(bytesOf("name"), "abc");
 }
 
+TEST_F(PartFileTest, AnotherFileUnderTheNameOfThePartIsNotPublished)
+{
+    {
+        PartFile file(m_Directory, "part");
+        m_Tree.remove("part");
+        m_Tree.file("part", "of another process");
+        EXPECT_TRUE(ToolError::of([&] { file.publish("name"); }));
+    }
+    EXPECT_FALSE(std::filesystem::exists(m_Tree.path("name")));
+    EXPECT_EQ(bytesOf("part"), "of another process");
+}
+
 TEST_F(PartFileTest, NamesAreShortStableAndDistinct)
 {
     const std::string longest(255, 'x');
