@@ -84,7 +84,7 @@ void ZebDataBlockWriteRequest::disownBlock()
 QString ZebDataBlockWriteRequest::reportOutOfMemory()
 {
     // A text that takes no memory of its own.
-    const QString text = QStringLiteral("Cannot Write Block File : 'Cannot allocate memory'");
+    QString text = QStringLiteral("Cannot Write Block File : 'Cannot allocate memory'");
     logFailure(text);
     return text;
 }

@@ -30,13 +30,13 @@ extern "C" __attribute__((visibility("default"))) int deflateInit_(z_streamp str
 
 TEST(ZebCompression, GivesTheBytesOfQtForEverySizeAndLevel)
 {
-    for (const int size : {1, 2, 100, 16383, 65535, 65536, 300000, 3000000}) {
+    for (const int size : {1, 2, 100, 16383, 65535, 65536, 1000000}) {
         for (const QByteArray& plain :
-             {BlockFiles::incompressible(size), BlockFiles::text(size / 20).left(size),
+             {BlockFiles::incompressible(size), BlockFiles::text(qMin(size / 20, 40000)).left(size),
               QByteArray(size, 'a')}) {
             if (plain.isEmpty())
                 continue;
-            for (const int level : {-2, -1, 0, 1, 2, 6, 9, 10}) {
+            for (const int level : {-2, -1, 0, 2, 9}) {
                 QByteArray payload("before");
                 ASSERT_EQ(ZebCompression::compressDirectly(
                               plain, level, ZebCompression::s_MaxPayloadBytes, &payload),
