@@ -36,8 +36,10 @@ set(ZEBTDX_PUBLIC_HEADERS
   selfcheck/TdxTester.h)
 
 set(ZEBTDX_SOURCES
+  support/ZebBlockInflater.cpp
   support/ZebCompression.cpp
   support/ZebDataDeleteLocker.cpp
+  support/ZebDecompression.cpp
   support/ZebForkWatch.cpp
   support/ZebPoolExit.cpp
   support/ZebRegularFile.cpp
@@ -183,7 +185,6 @@ if(ZEBTDX_BUILD_TESTS OR ZEBTDX_BUILD_TOOLS)
   # The check of a block file is for the tool and the tests; no operation of the store needs it.
   add_library(ZebTdxTwin STATIC $<TARGET_OBJECTS:ZebTdxObjects>
     io/ZebBlockFileChecker.cpp
-    io/ZebBlockInflater.cpp
     io/ZebMemoryBudget.cpp)
   target_include_directories(ZebTdxTwin PUBLIC ${zebtdx_build_includes})
   target_link_libraries(ZebTdxTwin PUBLIC Qt5::Core Qt5::Concurrent Qt5::Gui ZLIB::ZLIB)

@@ -2,10 +2,12 @@
 
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebCompression.h"
+#include "support/ZebDecompression.h"
 #include "support/ZebTdxMessage.h"
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -148,7 +150,12 @@ bool ZebDataBlock::uncompress()
 {
     if (!m_Compressed)
         return true;
-    QByteArray plain = qUncompress(m_Data);
+    QByteArray plain;
+    try {
+        plain = ZebDecompression::decompress(m_Data);
+    } catch (const std::bad_alloc&) {
+        // As for a damaged payload, the stored bytes stay.
+    }
     if (plain.isEmpty()) {
         ZebTdxMessage::debug(QStringLiteral("Failed to decompress data block."));
         return false;

@@ -53,7 +53,7 @@ QByteArray ZebBlockFile::encodePayload(const QByteArray& plain)
 
 QByteArray ZebBlockFile::decodePayload(const QByteArray& payload)
 {
-    return qUncompress(payload);
+    return ZebDecompression::decompress(payload);
 }
 
 qint64 ZebBlockFile::plainSizeOf(const char* payload)

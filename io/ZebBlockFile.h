@@ -29,6 +29,7 @@
 //    the digest of the compressed bytes.
 
 #include "support/ZebCompression.h"
+#include "support/ZebDecompression.h"
 
 #include <QByteArray>
 
@@ -49,7 +50,7 @@ constexpr int s_PlainSizeBytes = 4;
 constexpr qint64 s_MaxBlockBytes = 0x7FFFFFFF;
 
 /// The upper bound of zlib's expansion: plain bytes for each compressed byte.
-constexpr qint64 s_MaxExpansion = 1040;
+constexpr qint64 s_MaxExpansion = ZebDecompression::s_MaxExpansion;
 
 /// The first twelve bytes of a block file.
 struct Header
@@ -78,7 +79,8 @@ ZebCompression::Result encodePayload(const QByteArray& plain, QByteArray* payloa
 /// The payload for these bytes. Empty when it cannot be made.
 QByteArray encodePayload(const QByteArray& plain);
 
-/// The plain bytes of a payload. Empty when it does not decompress; Qt then logs a line.
+/// The plain bytes of a payload. Empty when it does not decompress; Qt then logs a line. Throws
+/// std::bad_alloc when memory is short.
 QByteArray decodePayload(const QByteArray& payload);
 
 /// The size of the plain block according to the payload.

@@ -5,8 +5,8 @@
 #include "hash/ZebBlockName.h"
 #include "io/ZebBlockFile.h"
 #include "io/ZebBlockFinding.h"
-#include "io/ZebBlockInflater.h"
 #include "io/ZebFileReader.h"
+#include "support/ZebBlockInflater.h"
 
 #include <QByteArray>
 #include <QtGlobal>

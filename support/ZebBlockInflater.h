@@ -39,8 +39,11 @@ public:
     void begin(unsigned char* out, qint64 outBytes);
 
     /// Takes the next piece of the stream. Must not be called again after any result but Hungry,
-    /// until the next begin().
+    /// until the next begin() or resume().
     State feed(const char* bytes, qint64 size);
+
+    /// Continues a stream that is Full in other memory, with the rest of its last piece.
+    State resume(unsigned char* out, qint64 outBytes);
 
     /// Decompressed bytes so far.
     qint64 produced() const;
@@ -52,5 +55,7 @@ public:
     std::string reason() const;
 
 private:
+    State inflate();
+
     z_stream m_Stream;
 };

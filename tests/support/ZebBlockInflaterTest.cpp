@@ -1,4 +1,4 @@
-#include "io/ZebBlockInflater.h"
+#include "support/ZebBlockInflater.h"
 
 #include <QByteArray>
 
@@ -83,4 +83,25 @@ TEST(ZebBlockInflater, LeavesBytesAfterTheEnd)
     inflater.begin(out, sizeof out);
     EXPECT_EQ(inflater.feed(stream.constData(), stream.size()), State::Ended);
     EXPECT_EQ(inflater.unused(), 6);
+}
+
+TEST(ZebBlockInflater, ContinuesAFullStreamInOtherMemory)
+{
+    const QByteArray content(100000, 'a');
+    const QByteArray stream = streamOf(content);
+    ZebBlockInflater inflater;
+    std::string out(1000, '\0');
+    auto* const memory = reinterpret_cast<unsigned char*>(out.data());
+    inflater.begin(memory, 1000);
+    State state = inflater.feed(stream.constData(), stream.size());
+    int resumed = 0;
+    while (state == State::Full) {
+        EXPECT_EQ(out, std::string(1000, 'a'));
+        out.assign(1000, '\0');
+        state = inflater.resume(memory, 1000);
+        ++resumed;
+    }
+    EXPECT_EQ(state, State::Ended);
+    EXPECT_GE(resumed, 99);
+    EXPECT_EQ(inflater.produced(), content.size());
 }

@@ -1,4 +1,4 @@
-#include "io/ZebBlockInflater.h"
+#include "support/ZebBlockInflater.h"
 
 #include <new>
 
@@ -25,6 +25,18 @@ ZebBlockInflater::State ZebBlockInflater::feed(const char* bytes, qint64 size)
     // zlib only reads it.
     m_Stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes));
     m_Stream.avail_in = static_cast<uInt>(size);
+    return inflate();
+}
+
+ZebBlockInflater::State ZebBlockInflater::resume(unsigned char* out, qint64 outBytes)
+{
+    m_Stream.next_out = out;
+    m_Stream.avail_out = static_cast<uInt>(outBytes);
+    return inflate();
+}
+
+ZebBlockInflater::State ZebBlockInflater::inflate()
+{
     const int result = ::inflate(&m_Stream, Z_NO_FLUSH);
     if (result == Z_STREAM_END)
         return State::Ended;
