@@ -4,12 +4,12 @@
 #include "hash/ZebHashText.h"
 #include "io/ZebDirectory.h"
 #include "support/ZebMutexLocker.h"
+#include "support/ZebRegularFile.h"
 #include "support/ZebWriteLocker.h"
 
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QScopeGuard>
 
 #include <algorithm>
@@ -46,6 +46,7 @@ ZebGarbageCollectorThread::~ZebGarbageCollectorThread() = default;
 
 void ZebGarbageCollectorThread::run()
 {
+    bool isReportDue = false;
     while (!m_Exit.load(std::memory_order_relaxed)) {
         const qint64 sizeBefore = m_CacheSize.load(std::memory_order_relaxed);
         try {
@@ -54,8 +55,14 @@ void ZebGarbageCollectorThread::run()
             // A pass never fails; its lists grow with the tree.
         }
         const qint64 size = m_CacheSize.load(std::memory_order_relaxed);
-        if (size != sizeBefore)
-            ZebDataBlockManager::instance().cacheSizeRecord(this, size);
+        isReportDue = isReportDue || size != sizeBefore;
+        try {
+            if (isReportDue)
+                ZebDataBlockManager::instance().cacheSizeRecord(this, size);
+            isReportDue = false;
+        } catch (const std::bad_alloc&) {
+            // The next poll reports the size.
+        }
         QThread::usleep(s_PollUs);
     }
 }
@@ -195,9 +202,7 @@ void ZebGarbageCollectorThread::endPass()
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): the interface is fixed.
 void ZebGarbageCollectorThread::deleteBlock(const QString& path)
 {
-    const QFileInfo file(path);
-    const ZebDirectory directory(QFile::encodeName(file.path()).toStdString());
-    directory.removeFile(QFile::encodeName(file.fileName()).toStdString());
+    ZebRegularFile::remove(QFile::encodeName(path));
 }
 
 void ZebGarbageCollectorThread::closeDown()

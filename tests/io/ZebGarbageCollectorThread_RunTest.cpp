@@ -185,6 +185,28 @@ TEST_F(ZebGarbageCollectorThreadRun, AWalkThatRunsOutOfMemoryDoesNotEndTheThread
     EXPECT_TRUE(m_Collector.wait(20000));
 }
 
+TEST_F(ZebGarbageCollectorThreadRun, AReportThatRunsOutOfMemoryIsMadeAgain)
+{
+    std::atomic<int> failures{0};
+    std::atomic<qint64> reported{-1};
+    const QMetaObject::Connection connection = QObject::connect(
+        &manager(), &ZebDataBlockManager::cacheSizeUpdate, &m_Collector,
+        [&](qint64 size) {
+            if (++failures <= 2)
+                throw std::bad_alloc();
+            reported = size;
+        },
+        Qt::DirectConnection);
+    writeLive("0", 1234);
+    manager().startGarbageCollection();
+    m_Collector.start();
+    EXPECT_TRUE(waitUntil([&reported] { return reported == 1234; }));
+    EXPECT_EQ(failures, 3);
+    QObject::disconnect(connection);
+    m_Collector.closeDown();
+    EXPECT_TRUE(m_Collector.wait(20000));
+}
+
 TEST_F(ZebGarbageCollectorThreadRun, ClosingDownResetsTheSizeAndDoesNotStopAPass)
 {
     const QString dead = writeDead("0");
