@@ -3,16 +3,17 @@
 #include "data/ZebDataBlock.h"
 #include "io/ZebBlockFile.h"
 #include "io/ZebBlockFilePath.h"
+#include "io/ZebFileReader.h"
 #include "support/ZebMutexLocker.h"
-#include "support/ZebReadLocker.h"
 #include "support/ZebStoredCall.h"
 #include "support/ZebTdxMessage.h"
 #include "support/ZebWriteLocker.h"
 
 #include <QFile>
+#include <QRunnable>
+#include <QScopeGuard>
 #include <QThreadPool>
 
-#include <array>
 #include <memory>
 #include <new>
 #include <utility>
@@ -25,6 +26,58 @@ constexpr qint64 s_PromotionsPerSort = 100;
 constexpr int s_Attempts = 2;
 
 } // namespace
+
+// Decompresses what a load has read. It is a class of its own, and no stored call, since a failed
+// allocation must neither lose the block nor leave the future unfinished.
+class ZebDataBlockReadThread::LoadTask final : public QRunnable
+{
+public:
+    LoadTask(const QByteArray& data, const ZebSmartPointer<ZebDataHash>& hash, bool makeLive,
+             qint64 size)
+        : m_Data(data), m_Hash(hash), m_MakeLive(makeLive), m_Size(size), m_Promise(std::in_place)
+    {}
+
+    QFuture<ZebDataBlock*> begin(QThreadPool* pool)
+    {
+        return ZebStoredCall::begin(m_Promise, pool, this);
+    }
+
+    void run() override
+    {
+        try {
+            load();
+        } catch (const std::bad_alloc&) {
+            loadRanOutOfMemory(m_Hash);
+            m_Promise->cancel();
+        }
+        ZebStoredCall::end(m_Promise, [this] {
+            m_Data = QByteArray();
+            m_Hash = ZebSmartPointer<ZebDataHash>();
+        });
+    }
+
+private:
+    void load()
+    {
+        if (m_Promise->isCanceled())
+            return;
+        ZebDataBlock* const made = decompressAndMakeBlock(m_Data, m_Hash, m_MakeLive, m_Size);
+        // The manager has taken over a block that it was given.
+        std::unique_ptr<ZebDataBlock> owned(m_MakeLive ? nullptr : made);
+        // Storing the result may fail before the future has it, and also afterwards.
+        const auto handOver = qScopeGuard([&] {
+            if (m_Promise->resultCount() != 0)
+                static_cast<void>(owned.release());
+        });
+        m_Promise->reportResult(made);
+    }
+
+    QByteArray m_Data;
+    ZebSmartPointer<ZebDataHash> m_Hash;
+    const bool m_MakeLive;
+    const qint64 m_Size;
+    ZebStoredCall::Promise<ZebDataBlock*> m_Promise;
+};
 
 ZebDataBlockReadThread::ZebDataBlockReadThread(const QString& root, int bucketCount,
                                                int maxLowPriorityRequests, QObject* parent)
@@ -109,57 +162,90 @@ void ZebDataBlockReadThread::run()
     }
 }
 
-bool ZebDataBlockReadThread::readFile(QFile& file, qint64* size, QByteArray* data)
-try {
-    if (!file.open(QIODevice::ReadOnly))
+bool ZebDataBlockReadThread::readFile(const std::string& path, qint64* size, QByteArray* data)
+{
+    ZebFileReader file;
+    // Only a regular file is a block: another kind could block this thread, and a link lead out of
+    // the root.
+    if (file.open(path, ZebFileReader::Links::Refuse) != 0)
         return false;
-    std::array<char, ZebBlockFile::s_HeaderBytes> bytes = {};
-    const bool hasHeader = file.read(bytes.data(), bytes.size()) == ZebBlockFile::s_HeaderBytes;
-    const auto header = ZebBlockFile::Header::decode(bytes.data());
+    QByteArray bytes;
+    if (file.readBlock(0, ZebBlockFile::s_HeaderBytes, bytes) != 0 ||
+        bytes.size() != ZebBlockFile::s_HeaderBytes)
+        return false;
+    const auto header = ZebBlockFile::Header::decode(bytes.constData());
     // Checked against the file before allocating.
-    bool complete = hasHeader && header.isPayloadWithin(file.bytesAvailable());
-    if (complete) {
-        QByteArray payload(header.m_PayloadBytes, Qt::Uninitialized);
-        complete = file.read(payload.data(), header.m_PayloadBytes) == header.m_PayloadBytes;
-        if (complete) {
-            *size = header.m_BlockBytes;
-            *data = payload;
-        }
-    }
-    file.close();
-    return complete;
-} catch (const std::bad_alloc&) {
-    // A failed read never ends the thread.
-    file.close();
-    return false;
+    if (!header.isPayloadWithin(file.stamp().m_Size - ZebBlockFile::s_HeaderBytes))
+        return false;
+    QByteArray payload;
+    if (file.readBlock(ZebBlockFile::s_HeaderBytes, header.m_PayloadBytes, payload) != 0 ||
+        payload.size() != header.m_PayloadBytes)
+        return false;
+    *size = header.m_BlockBytes;
+    *data = payload;
+    return true;
 }
 
 QFuture<ZebDataBlock*> ZebDataBlockReadThread::loadBlock(const ZebSmartPointer<ZebDataHash>& hash,
                                                          bool makeLive)
+try {
+    return startLoad(hash, makeLive);
+} catch (const std::bad_alloc&) {
+    loadRanOutOfMemory(hash);
+    return m_NoBlock;
+}
+
+QFuture<ZebDataBlock*> ZebDataBlockReadThread::startLoad(const ZebSmartPointer<ZebDataHash>& hash,
+                                                         bool makeLive)
 {
-    QFile file(ZebBlockFilePath(hash.data(), m_CacheRoot, subCache(), m_BucketCount));
+    const QString path = ZebBlockFilePath(hash.data(), m_CacheRoot, subCache(), m_BucketCount);
+    const std::string encodedPath = QFile::encodeName(path).toStdString();
     qint64 size = 0;
     QByteArray data;
+    bool wasMemoryShort = false;
+    const auto attemptFails = [&] {
+        wasMemoryShort = false;
+        try {
+            return !readFile(encodedPath, &size, &data);
+        } catch (const std::bad_alloc&) {
+            wasMemoryShort = true;
+            return true;
+        }
+    };
     int attempt = 0;
-    while (!readFile(file, &size, &data)) {
+    while (attemptFails()) {
         // The block may be queued or half written; after the flush its file is complete.
         // Kept on purpose: flushes after the last attempt, too, so a failed load waits for the
         // writers twice.
         ZebDataBlockManager::instance().flushWrite(hash);
         if (++attempt == s_Attempts) {
-            ZebTdxMessage::debug(
-                QStringLiteral("Cannot read data from file '%1'").arg(file.fileName()));
-            return QFuture<ZebDataBlock*>();
+            if (wasMemoryShort)
+                hash->setPreloading(false);
+            ZebTdxMessage::debug(QStringLiteral("Cannot read data from file '%1'").arg(path));
+            return m_NoBlock;
         }
     }
     QThreadPool* const pool = QThreadPool::globalInstance();
     // At process exit Qt may have destroyed the pool before the store.
     if (pool == nullptr)
-        return QFuture<ZebDataBlock*>();
+        return m_NoBlock;
+    auto task = std::make_unique<LoadTask>(data, hash, makeLive, size);
+    const QFuture<ZebDataBlock*> future = task->begin(pool);
     m_BytesRead.fetch_add(size, std::memory_order_relaxed);
-    return ZebStoredCall::start<ZebDataBlock*>(pool, [data, hash, makeLive, size] {
-        return decompressAndMakeBlock(data, hash, makeLive, size);
-    });
+    pool->start(task.get(), 0);
+    // Only now the pool has it for certain, and may have deleted it already.
+    static_cast<void>(task.release());
+    return future;
+}
+
+void ZebDataBlockReadThread::loadRanOutOfMemory(const ZebSmartPointer<ZebDataHash>& hash) noexcept
+{
+    hash->setPreloading(false);
+    try {
+        ZebTdxMessage::debug(QStringLiteral("Out of memory while loading a block"));
+    } catch (const std::bad_alloc&) {
+        // Without memory there is no message either.
+    }
 }
 
 ZebDataBlock* ZebDataBlockReadThread::decompressAndMakeBlock(
@@ -217,7 +303,7 @@ void ZebDataBlockReadThread::closeDown()
 
 int ZebDataBlockReadThread::requests() const
 {
-    const ZebReadLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     return m_Requests.size();
 }
 
@@ -249,6 +335,6 @@ void ZebDataBlockReadThread::setSubCache(const QString& subCache)
 
 QString ZebDataBlockReadThread::subCache() const
 {
-    const ZebReadLocker locker(&m_Lock);
+    const ZebWriteLocker locker(&m_Lock);
     return m_SubCache;
 }

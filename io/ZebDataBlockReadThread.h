@@ -16,19 +16,21 @@
 #include <QWaitCondition>
 
 #include <atomic>
+#include <string>
 
-class QFile;
 class ZebDataBlock;
 
 /// The reader of one cache root. Its thread works through a list of preloads. loadBlock() reads a
 /// file on the calling thread and decompresses it on Qt's global pool.
 ///
-/// A failed read never ends the thread.
+/// A failed read never ends the thread, and neither does a failed allocation: the load fails, and
+/// its hash may be requested again.
 ///
 /// Thread safety: any thread may call every operation.
 ///
 /// Locks: m_Lock is level 4. It is never held across file I/O, a decompression or a call to the
-/// manager.
+/// manager. It is taken for writing only: a recursive read lock allocates, and stays taken when
+/// that fails.
 class ZEBTDX_EXPORT ZebDataBlockReadThread : public QThread
 {
 public:
@@ -46,8 +48,9 @@ public:
 
     /// Reads the block's file and starts its decompression. When it cannot read the file, it
     /// flushes the block's writes and retries once. When that fails, too, it flushes again and
-    /// returns a cancelled future, without a result. A damaged payload gives an empty block. The
-    /// caller must not hold the delete lock.
+    /// returns a cancelled future, without a result. A damaged payload gives an empty block; a
+    /// decompression that runs out of memory cancels the future. Only a regular file is read, and
+    /// none is waited for. The caller must not hold the delete lock.
     ///
     /// @param makeLive whether the task hands the block to the manager; otherwise the caller owns
     ///        the result
@@ -86,7 +89,18 @@ protected:
     void run() override;
 
 private:
-    /// The task on the pool: decompresses, makes the block, and marks its hash as not preloading.
+    /// The task on the pool.
+    class LoadTask;
+
+    /// The body of loadBlock(). Throws std::bad_alloc.
+    QFuture<ZebDataBlock*> startLoad(const ZebSmartPointer<ZebDataHash>& hash, bool makeLive);
+
+    /// Ends a load that has run out of memory. That proves nothing about the file, so the hash may
+    /// be requested again.
+    static void loadRanOutOfMemory(const ZebSmartPointer<ZebDataHash>& hash) noexcept;
+
+    /// What the task does: decompresses, makes the block, and marks its hash as not preloading.
+    /// Throws std::bad_alloc.
     static ZebDataBlock* decompressAndMakeBlock(QByteArray data,
                                                 const ZebSmartPointer<ZebDataHash>& hash,
                                                 bool makeLive, qint64 size);
@@ -94,9 +108,9 @@ private:
     /// Makes a hash's entry one step more urgent.
     void promote(ZebDataHash* hash);
 
-    /// One attempt to read a block file. False when it is missing, truncated or unreadable, or its
-    /// header claims more bytes than it has.
-    static bool readFile(QFile& file, qint64* size, QByteArray* data);
+    /// One attempt to read a block file. False when it is missing, truncated, unreadable or no
+    /// regular file, or its header claims more bytes than it has. Throws std::bad_alloc.
+    static bool readFile(const std::string& path, qint64* size, QByteArray* data);
 
     const QString m_CacheRoot;
 
@@ -115,4 +129,7 @@ private:
     ZebPriorityList<ZebSmartPointer<ZebDataHash>> m_Requests ZEBTDX_GUARDED_BY(m_Lock);
     std::atomic<bool> m_RequestPromotionEnabled;
     std::atomic<qint64> m_PromotionCount;
+
+    // What a failed load returns. Made in advance, since every future allocates.
+    const QFuture<ZebDataBlock*> m_NoBlock;
 };

@@ -33,19 +33,28 @@ QFuture<T> begin(Promise<T>& promise, QThreadPool* pool, QRunnable* task)
     return promise->future();
 }
 
-/// Runs `call` unless its future is cancelled, leaves the result on `promise`, and reports the end.
-/// An exception that leaves the call is stored there and thrown again where the result is asked
-/// for. If there is no memory to store it, the future ends without a result. Does not throw, since
-/// a thread of the pool would end the process.
+/// Reports the end of a task.
 ///
 /// `drop` releases what the task holds. It runs before the end is reported, and so does the end of
 /// `promise`: once the future has finished, the task keeps nothing alive. What call and result hold
 /// then ends with the last future, on the thread that drops it, and not later on the pool.
+template <typename T, typename Drop>
+void end(Promise<T>& promise, Drop&& drop)
+{
+    QFutureInterfaceBase state(*promise);
+    drop();
+    promise.reset();
+    state.reportFinished();
+}
+
+/// Runs `call` unless its future is cancelled, leaves the result on `promise`, and reports the end
+/// as end() does. An exception that leaves the call is stored there and thrown again where the
+/// result is asked for. If there is no memory to store it, the future ends without a result. Does
+/// not throw, since a thread of the pool would end the process.
 template <typename T, typename Call, typename Drop>
 void finish(Promise<T>& promise, Call&& call, Drop&& drop)
 {
-    QFutureInterfaceBase state(*promise);
-    if (!state.isCanceled()) {
+    if (!promise->isCanceled()) {
         try {
             try {
                 const T result = call();
@@ -57,12 +66,9 @@ void finish(Promise<T>& promise, Call&& call, Drop&& drop)
             }
         } catch (const std::bad_alloc&) {
             // Nothing can be stored on the future; it ends without a result.
-            Q_UNUSED(state)
         }
     }
-    drop();
-    promise.reset();
-    state.reportFinished();
+    end(promise, std::forward<Drop>(drop));
 }
 
 } // namespace ZebStoredCall

@@ -14,12 +14,15 @@
 #include "support/RunTogether.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
+#include "support/UnexpectedFiles.h"
 #include "support/WaitUntil.h"
 #include "support/WriterInside.h"
 #include "support/ZebDataDeleteLocker.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QSemaphore>
+#include <QTemporaryDir>
 #include <QThreadPool>
 #include <QtEndian>
 
@@ -378,6 +381,57 @@ TEST(ZebDataBlockReadThread_Load, ALengthBeyondTheLargestArrayIsAFailedAttempt)
     EXPECT_TRUE(station.load().isCanceled());
     EXPECT_EQ(station.probe().flushes(), 2);
     EXPECT_EQ(station.store().messages().debugLines(), QStringList(station.cannotRead()));
+}
+
+TEST(ZebDataBlockReadThread_Load, AnythingButARegularFileIsMissingAndIsNotWaitedFor)
+{
+    LoadStation station;
+    const auto expectMissing = [&station](const char* kind) {
+        station.store().messages().clear();
+        const int before = station.probe().flushes();
+        EXPECT_TRUE(station.load().isCanceled()) << kind;
+        EXPECT_EQ(station.probe().flushes() - before, 2) << kind;
+        EXPECT_EQ(station.store().messages().debugLines(), QStringList(station.cannotRead()))
+            << kind;
+        EXPECT_TRUE(UnexpectedFiles::exists(station.file())) << kind;
+    };
+    QDir().mkpath(station.bucket());
+    ASSERT_TRUE(QDir().mkdir(station.file()));
+    expectMissing("directory");
+    ASSERT_TRUE(QDir().rmdir(station.file()));
+    UnexpectedFiles::makePipe(station.file());
+    expectMissing("pipe");
+    QFile::remove(station.file());
+    const QString sound = station.store().roots().first() + "/sound";
+    BlockFiles::write(sound, BlockFiles::fileOf(text(50)));
+    ASSERT_TRUE(QFile::link(sound, station.file()));
+    expectMissing("link");
+    QFile::remove(station.file());
+    const UnexpectedFiles::Socket socket(station.file());
+    expectMissing("socket");
+    EXPECT_EQ(station.reader().bytesRead(), 0);
+}
+
+TEST(ZebDataBlockReadThread_Load, AFileBehindALinkedBucketIsRead)
+{
+    LoadStation station;
+    QTemporaryDir elsewhere;
+    QDir().mkpath(QFileInfo(station.bucket()).path());
+    ASSERT_TRUE(QFile::link(elsewhere.path(), station.bucket()));
+    station.write(BlockFiles::fileOf(text(50)));
+    EXPECT_NE(station.loaded(), nullptr);
+}
+
+TEST(ZebDataBlockReadThread_Load, ALoadedBlockReservesNoMoreThanItsBytes)
+{
+    LoadStation station;
+    QByteArray payload = qCompress(text(50), 2);
+    qToBigEndian<quint32>(100 << 20, payload.data());
+    station.write(BlockFiles::fileBytes(text(50).size(), payload));
+    const std::unique_ptr<ZebDataBlock> block = station.loaded();
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(bytesOf(*block), text(50));
+    EXPECT_EQ(BlockInside::storedBytes(*block).capacity(), text(50).size());
 }
 
 TEST(ZebDataBlockReadThread_Load, MakesTheBucketDirectoryAgainAndFailsWithoutAFile)

@@ -3,6 +3,7 @@
 #include "manager/ZebDataBlockManager.h"
 
 #include "support/Fatal.h"
+#include "support/FlushProbe.h"
 #include "support/Manager.h"
 #include "support/ReaderInside.h"
 #include "support/StoreFixture.h"
@@ -13,18 +14,16 @@
 #include <QFile>
 #include <QReadLocker>
 #include <QRegularExpression>
+#include <QSemaphore>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -58,40 +57,48 @@ std::vector<Waiting> waiting(ZebDataBlockReadThread* reader)
 }
 
 // Holds the only reader still until release(): it has the preload of this block in hand, whose file
-// is a pipe without a writer.
+// is missing, and waits for a writer. Nothing is written meanwhile.
 class HeldReader
 {
 public:
     explicit HeldReader(const ZebDataReference& reference)
-        : m_Path(QFile::encodeName(StoreInside::fileOf(reference))), m_Aside(m_Path + ".aside")
+        : m_Reference(reference),
+          m_Path(QFile::encodeName(StoreInside::fileOf(reference))),
+          m_Aside(m_Path + ".aside")
     {
-        const int handled = StoreInside::preloadsHandled();
-        EXPECT_EQ(::rename(m_Path.constData(), m_Aside.constData()), 0);
-        EXPECT_EQ(::mkfifo(m_Path.constData(), S_IRUSR | S_IWUSR), 0);
+        EXPECT_EQ(std::rename(m_Path.constData(), m_Aside.constData()), 0);
+        m_Flushes.onFlush([this](int) {
+            m_Held.release();
+            m_GoOn.acquire();
+        });
         reference.preload(ZebDataBlockManager::PreloadHigh);
-        EXPECT_TRUE(waitUntil([handled] { return StoreInside::preloadsHandled() == handled + 1; }));
+        EXPECT_TRUE(waitUntil([this] { return m_Held.available() > 0; }));
     }
-    ~HeldReader() { release(); }
+    ~HeldReader()
+    {
+        release();
+        // By then the reader has left the flush.
+        EXPECT_TRUE(waitUntil([this] { return m_Reference.isInMemory(); }));
+    }
     HeldReader(const HeldReader&) = delete;
     HeldReader& operator=(const HeldReader&) = delete;
 
-    // The reader finds an empty pipe, and then the file in its place.
+    // The reader finds the file in its second attempt.
     void release()
     {
         if (std::exchange(m_Released, true))
             return;
-        int pipe = -1;
-        EXPECT_TRUE(waitUntil([this, &pipe] {
-            pipe = ::open(m_Path.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            return pipe >= 0;
-        }));
-        EXPECT_EQ(::rename(m_Aside.constData(), m_Path.constData()), 0);
-        ::close(pipe);
+        EXPECT_EQ(std::rename(m_Aside.constData(), m_Path.constData()), 0);
+        m_GoOn.release();
     }
 
 private:
+    const ZebDataReference m_Reference;
     QByteArray m_Path;
     QByteArray m_Aside;
+    QSemaphore m_Held;
+    QSemaphore m_GoOn;
+    FlushProbe m_Flushes;
     bool m_Released = false;
 };
 
