@@ -113,7 +113,7 @@ void ZebDataBlockReadThread::request(ZebDataHash* hash,
         m_Requests.insert(priority, held);
         hash->setPreloading(true);
     }
-    m_WaitCondition.wakeAll();
+    wake();
 }
 
 void ZebDataBlockReadThread::promote(ZebDataHash* hash)
@@ -133,6 +133,15 @@ void ZebDataBlockReadThread::promote(ZebDataHash* hash)
         if (attempts % s_PromotionsPerSort == 0)
             m_Requests.sort();
     }
+    wake();
+}
+
+void ZebDataBlockReadThread::wake()
+{
+    {
+        const ZebMutexLocker waitLocker(&m_WaitMutex);
+        m_WakeIsPending = true;
+    }
     m_WaitCondition.wakeAll();
 }
 
@@ -141,7 +150,10 @@ void ZebDataBlockReadThread::run()
     for (;;) {
         {
             const ZebMutexLocker waitLocker(&m_WaitMutex);
-            m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
+            if (!m_WakeIsPending)
+                m_WaitCondition.wait(&m_WaitMutex, s_IdleMs);
+            // Before the list is looked at, so a later wake-up counts for the next wait.
+            m_WakeIsPending = false;
         }
         ZebWriteLocker locker(&m_Lock);
         if (m_Exit) {
@@ -283,7 +295,7 @@ void ZebDataBlockReadThread::killRequests()
 
 void ZebDataBlockReadThread::flush()
 {
-    m_WaitCondition.wakeAll();
+    wake();
     int waiting = 0;
     do {
         waiting = requests();
@@ -298,7 +310,7 @@ void ZebDataBlockReadThread::closeDown()
         const ZebWriteLocker locker(&m_Lock);
         m_Exit = true;
     }
-    m_WaitCondition.wakeAll();
+    wake();
 }
 
 int ZebDataBlockReadThread::requests() const

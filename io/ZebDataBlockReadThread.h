@@ -112,12 +112,16 @@ private:
     /// regular file, or its header claims more bytes than it has. Throws std::bad_alloc.
     static bool readFile(const std::string& path, qint64* size, QByteArray* data);
 
+    /// Wakes the thread. A wake-up between two waits counts for the next one.
+    void wake();
+
     const QString m_CacheRoot;
 
-    // Paired with m_WaitCondition; guards nothing. A wake-up between two waits is missed, and the
-    // timeout of the wait bounds the delay.
+    // A leaf lock.
     QMutex m_WaitMutex;
     QWaitCondition m_WaitCondition;
+    // Whether there was a wake-up since the last wait.
+    bool m_WakeIsPending ZEBTDX_GUARDED_BY(m_WaitMutex) = false;
 
     mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4; // recursive
     bool m_Exit ZEBTDX_GUARDED_BY(m_Lock);

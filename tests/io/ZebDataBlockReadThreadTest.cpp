@@ -16,6 +16,7 @@
 #include "support/WaitUntil.h"
 #include "support/Wakes.h"
 
+#include <QElapsedTimer>
 #include <QWriteLocker>
 
 #include <gmock/gmock.h>
@@ -466,7 +467,23 @@ TEST(ZebDataBlockReadThread, FlushAndClosingDownWakeTheThread)
     EXPECT_TRUE(station.actionWakes([&] { station.reader().closeDown(); }));
 }
 
-TEST(ZebDataBlockReadThread, ARequestWhoseWakeUpWasMissedIsFoundAfterTheLimitedWait)
+TEST(ZebDataBlockReadThread, WakingTheThreadBetweenTwoWaitsCountsForTheNext)
+{
+    // Each reader is asked to end before its first wait. A missed wake-up costs a whole wait.
+    constexpr int readers = 10;
+    constexpr int waitMs = 1000;
+    QElapsedTimer timer;
+    timer.start();
+    for (int i = 0; i < readers; ++i) {
+        ReaderStation station;
+        station.reader().closeDown();
+        station.start();
+        EXPECT_TRUE(station.reader().wait(20000));
+    }
+    EXPECT_LT(timer.elapsed(), readers * waitMs / 2);
+}
+
+TEST(ZebDataBlockReadThread, ARequestThatNothingAnnouncesIsFoundAfterTheLimitedWait)
 {
     const TemporaryStore store;
     ReaderStation station;
@@ -477,7 +494,7 @@ TEST(ZebDataBlockReadThread, ARequestWhoseWakeUpWasMissedIsFoundAfterTheLimitedW
         const QWriteLocker locker(&ReaderInside::lock(station.reader()));
         station.requests().insert(s_Normal, &station.hash("a"));
     }
-    // Nothing wakes the thread; its own wait is limited.
+    // No wake-up came with it; the thread's own wait is limited.
     EXPECT_TRUE(waitUntil([&station] { return station.reader().requestsHandled() == 1; }));
 }
 
