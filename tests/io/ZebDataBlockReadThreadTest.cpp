@@ -395,8 +395,8 @@ TEST(ZebDataBlockReadThread, APreloadThatFailsCountsAsHandledAndStaysMarked)
     ReaderStation station(store.roots().first());
     station.request("missing");
     station.request("missing too");
-    station.start();
     const int before = store.messages().debugLines().size();
+    station.start();
     EXPECT_TRUE(
         station.waitFor([&] { return store.messages().debugLines().size() == before + 2; }));
     station.stop();
