@@ -58,6 +58,13 @@ private:
 class RestoreSafety : public ::testing::Test
 {
 protected:
+    // Programs inherit an ignored signal, and a shell starts background jobs with SIGINT ignored.
+    static void SetUpTestSuite()
+    {
+        for (const int signal : {SIGINT, SIGTERM})
+            std::signal(signal, SIG_DFL);
+    }
+
     Outcome run(const std::vector<std::string>& line) const { return runTool(line, m_Tree.top()); }
 
     // A file of many blocks, in a directory, and its manifest "m".
@@ -303,7 +310,11 @@ TEST_F(RestoreSafety, AStoppedRestoreLeavesWholeFiles)
     EXPECT_EQ(process->exitCode(), SIGTERM);
     EXPECT_EQ(process->readAllStandardError().toStdString(),
               "zebtdx: stopped by signal 15; run the command again to finish\n");
-    EXPECT_TRUE(fs::is_empty(m_Tree.path("out/in/sub"))) << "neither a torn file nor a part";
+    // The signal may come after the last block, when the file gets its name.
+    if (!fs::is_empty(m_Tree.path("out/in/sub"))) {
+        EXPECT_EQ(runShell("diff -r out/in/sub in/sub", m_Tree.top()).m_Status, 0)
+            << "neither a torn file nor a part";
+    }
     EXPECT_EQ(restore().m_Status, 0);
     EXPECT_TRUE(isRestored());
 }

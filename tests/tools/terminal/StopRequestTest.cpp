@@ -15,12 +15,16 @@ namespace {
 constexpr int s_Caught = 10;
 constexpr int s_Missed = 11;
 
-// The wait status of a child process that calls `work`.
+// The wait status of a child process that calls `work`. A shell starts background jobs with SIGINT
+// ignored, so the child sets the default actions first.
 int statusOf(const std::function<int()>& work)
 {
     const pid_t child = ::fork();
-    if (child == 0)
+    if (child == 0) {
+        for (const int signal : {SIGINT, SIGTERM})
+            std::signal(signal, SIG_DFL);
         ::_exit(work());
+    }
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     return status;
