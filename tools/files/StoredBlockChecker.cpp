@@ -41,6 +41,22 @@ const ZebDataHash* hashOf(const ZebDataReference& reference)
     return reference.hashPtr().data();
 }
 
+// Whether the file is certainly no sound block. One that could not be read may well be sound, and
+// may be the only copy of what other manifests name.
+bool isDamaged(const ZebBlockVerdict& verdict)
+{
+    switch (verdict.m_Finding) {
+    case ZebBlockFinding::TooLarge:
+    case ZebBlockFinding::Unreadable:
+        return false;
+    case ZebBlockFinding::Truncated:
+    case ZebBlockFinding::Removed:
+        return true;
+    default:
+        return verdict.isDamage();
+    }
+}
+
 } // namespace
 
 StoredBlockChecker::StoredBlockChecker(const Options& options, ToolStore& store,
@@ -53,19 +69,26 @@ void StoredBlockChecker::run(StoredFiles& stored)
     // Otherwise the store would not write a resident block again.
     m_Store.evict(m_Errors);
     collect(stored);
-    const Reasons damaged = check(m_Blocks, m_Options.m_Full);
-    if (damaged.empty())
-        return;
-    remove(damaged);
-    add(stored, damaged);
-    m_Store.evict(m_Errors);
-    std::vector<ZebDataReference> again;
-    for (const ZebDataReference& block : m_Blocks) {
-        if (damaged.count(hashOf(block)) != 0)
-            again.push_back(block);
+    Findings left = check(m_Blocks, m_Options.m_Full);
+    Findings damaged;
+    for (auto found = left.begin(); found != left.end();) {
+        if (isDamaged(found->second))
+            damaged.insert(left.extract(found++));
+        else
+            ++found;
     }
-    const Reasons left = check(again, true);
-    m_Rewritten = static_cast<qint64>(damaged.size() - left.size());
+    if (!damaged.empty()) {
+        add(stored, damaged);
+        m_Store.evict(m_Errors);
+        std::vector<ZebDataReference> again;
+        for (const ZebDataReference& block : m_Blocks) {
+            if (damaged.count(hashOf(block)) != 0)
+                again.push_back(block);
+        }
+        Findings failed = check(again, true);
+        m_Rewritten = static_cast<qint64>(damaged.size() - failed.size());
+        left.merge(failed);
+    }
     if (m_Rewritten > 0)
         m_Errors.note(SizeText::grouped(m_Rewritten) +
                       " damaged or missing block files were written again");
@@ -93,22 +116,22 @@ void StoredBlockChecker::collect(const StoredFiles& stored)
     }
 }
 
-StoredBlockChecker::Reasons StoredBlockChecker::check(const std::vector<ZebDataReference>& blocks,
-                                                      bool full)
+StoredBlockChecker::Findings StoredBlockChecker::check(const std::vector<ZebDataReference>& blocks,
+                                                       bool full)
 {
     ZebMemoryBudget budget(m_LargestBlock + s_SpareBytes);
     std::atomic<std::size_t> next = 0;
     std::atomic<qint64> done = 0;
     // Guards `found`. A leaf lock.
     std::mutex mutex;
-    Reasons found;
+    Findings found;
     const ZebBlockFileChecker::Receiver receive =
         [&](std::size_t index, const ZebBlockVerdict& verdict, const ZebFileStamp*) {
             done.fetch_add(1);
             if (verdict.m_Finding == ZebBlockFinding::Sound)
                 return;
             const std::lock_guard<std::mutex> locker(mutex);
-            found.emplace(hashOf(blocks[index]), VerdictText::what(verdict));
+            found.emplace(hashOf(blocks[index]), verdict);
         };
     const auto work = [&] {
         ZebBlockFileChecker checker({!full, m_LargestBlock, s_KeptBytes / m_Options.m_Threads},
@@ -129,23 +152,19 @@ StoredBlockChecker::Reasons StoredBlockChecker::check(const std::vector<ZebDataR
     return found;
 }
 
-void StoredBlockChecker::remove(const Reasons& damaged)
+void StoredBlockChecker::remove(const ZebDataReference& block) const
 {
-    for (const ZebDataReference& block : m_Blocks) {
-        if (damaged.count(hashOf(block)) == 0)
-            continue;
-        const std::string path = m_Store.pathOf(block);
-        struct stat status = {};
-        // A link or a directory in its place is not the store's.
-        const bool isFile = ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-        if (isFile && ::unlink(path.c_str()) != 0)
-            m_Errors.add(path, ToolError::ofSystem(errno));
-    }
+    const std::string path = m_Store.pathOf(block);
+    struct stat status = {};
+    // A link or a directory in its place is not the store's.
+    const bool isFile = ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    if (isFile && ::unlink(path.c_str()) != 0)
+        throw ToolError::ofSystem(errno);
 }
 
-void StoredBlockChecker::add(const StoredFiles& stored, const Reasons& damaged)
+void StoredBlockChecker::add(const StoredFiles& stored, const Findings& damaged)
 {
-    Reasons missing = damaged;
+    Findings missing = damaged;
     QVector<ZebDataReference> blocks;
     for (auto segment = stored.m_Segments.cbegin(); segment != stored.m_Segments.cend();
          ++segment) {
@@ -159,14 +178,19 @@ void StoredBlockChecker::add(const StoredFiles& stored, const Reasons& damaged)
         if (next != stored.m_Segments.cend() && next->m_File == segment->m_File)
             continue;
         const ZebDataReference& group = stored.m_Files[segment->m_File].m_Group;
-        if (!group.isNull() && missing.erase(hashOf(group)) != 0)
-            ZebDataBlockManager::instance().makeGroupBlock(blocks).resolveWork();
+        if (!group.isNull() && missing.erase(hashOf(group)) != 0) {
+            // What fails here is found by the second check.
+            static_cast<void>(ToolError::of([&] {
+                remove(group);
+                ZebDataBlockManager::instance().makeGroupBlock(blocks).resolveWork();
+            }));
+        }
         blocks.clear();
     }
 }
 
 void StoredBlockChecker::addBlocks(const StoredFiles& stored, const StoredSegment& segment,
-                                   Reasons& missing) const
+                                   Findings& missing) const
 {
     const StoredFile& file = stored.m_Files[segment.m_File];
     FileReader reader;
@@ -176,7 +200,7 @@ void StoredBlockChecker::addBlocks(const StoredFiles& stored, const StoredSegmen
         if (missing.count(hashOf(block)) == 0)
             continue;
         const qint64 offset = static_cast<qint64>(i) * stored.m_BlockSize;
-        // Another file may have the same block.
+        // What fails here is found by the second check. Another file may have the same block.
         static_cast<void>(ToolError::of([&] {
             if (!std::exchange(isOpen, true))
                 reader.open(file.m_Path);
@@ -186,24 +210,27 @@ void StoredBlockChecker::addBlocks(const StoredFiles& stored, const StoredSegmen
             if (ZebDataHash(reinterpret_cast<const unsigned char*>(bytes.constData()), bytes.size(),
                             hash->size()) != *hash)
                 return;
+            remove(block);
             ZebDataBlockManager::instance().addBlock(bytes, ZebModifyAccessor::Cached, true);
             missing.erase(hash.data());
         }));
     }
 }
 
-void StoredBlockChecker::failFiles(StoredFiles& stored, const Reasons& damaged)
+void StoredBlockChecker::failFiles(StoredFiles& stored, const Findings& left)
 {
-    if (damaged.empty())
+    if (left.empty())
         return;
-    const auto fail = [this, &stored, &damaged](std::size_t index, const ZebDataReference& block) {
+    const auto fail = [this, &stored, &left](std::size_t index, const ZebDataReference& block) {
         StoredFile& file = stored.m_Files[index];
-        const auto found = damaged.find(hashOf(block));
-        if (found == damaged.end() || file.m_Failed.exchange(true))
+        const auto found = left.find(hashOf(block));
+        if (found == left.end() || file.m_Failed.exchange(true))
             return;
-        m_Errors.add(file.m_Path, "is not stored: the file of one of its blocks " + found->second +
-                                      ", and cannot be written again: " + m_Store.pathOf(block) +
-                                      "; fix the cause and ingest it again");
+        const ZebBlockVerdict& verdict = found->second;
+        m_Errors.add(file.m_Path,
+                     "is not stored: the file of one of its blocks " + VerdictText::what(verdict) +
+                         (isDamaged(verdict) ? ", and cannot be written again: " : ": ") +
+                         m_Store.pathOf(block) + "; fix the cause and ingest it again");
     };
     for (const StoredSegment& segment : stored.m_Segments) {
         for (const ZebDataReference& block : segment.m_Blocks)

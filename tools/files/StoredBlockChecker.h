@@ -1,8 +1,9 @@
 #pragma once
 
+#include "io/ZebBlockFinding.h"
+
 #include <QtGlobal>
 
-#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -18,8 +19,10 @@ struct StoredSegment;
 /// Makes sure that each block of an ingest has a sound file. The store's writer takes any file of
 /// more than 12 bytes for the block, so what an interrupted run left would stay as it is.
 ///
-/// Removes damaged files and adds their blocks again, with the bytes of the files that are
-/// ingested. A file with a block that cannot be written again fails, with an error.
+/// Adds the blocks of damaged and missing files again, with the bytes of the files that are
+/// ingested. A damaged file is removed right before that, once those bytes have been read and match
+/// its name; a file that could not be checked is never removed. A file with a block that is not
+/// sound in the end fails, with an error.
 ///
 /// No other thread may use the store.
 class StoredBlockChecker
@@ -44,22 +47,23 @@ public:
     qint64 rewritten() const { return m_Rewritten; }
 
 private:
-    // What is wrong with the file of a block.
-    using Reasons = std::unordered_map<const ZebDataHash*, std::string>;
+    // What was found in the file of a block.
+    using Findings = std::unordered_map<const ZebDataHash*, ZebBlockVerdict>;
 
     void collect(const StoredFiles& stored);
 
     /// Checks the files of these blocks. Returns those that are not sound.
-    Reasons check(const std::vector<ZebDataReference>& blocks, bool full);
-
-    /// Removes the files of these blocks. An error where that fails.
-    void remove(const Reasons& damaged);
+    Findings check(const std::vector<ZebDataReference>& blocks, bool full);
 
     /// Adds the damaged blocks again where the bytes of their files are still the same.
-    void add(const StoredFiles& stored, const Reasons& damaged);
-    void addBlocks(const StoredFiles& stored, const StoredSegment& segment, Reasons& missing) const;
+    void add(const StoredFiles& stored, const Findings& damaged);
+    void addBlocks(const StoredFiles& stored, const StoredSegment& segment,
+                   Findings& missing) const;
 
-    void failFiles(StoredFiles& stored, const Reasons& damaged);
+    /// Removes the file of a block that is about to be added. Throws a ToolError.
+    void remove(const ZebDataReference& block) const;
+
+    void failFiles(StoredFiles& stored, const Findings& left);
 
     const Options m_Options;
     ToolStore& m_Store;

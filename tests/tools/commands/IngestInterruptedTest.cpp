@@ -270,6 +270,30 @@ TEST_F(IngestInterrupted, ADirectoryInThePlaceOfABlockIsAnError)
     EXPECT_TRUE(fs::is_directory(file));
 }
 
+// Permissions, for example, say nothing about the bytes.
+TEST_F(IngestInterrupted, BlockFilesThatCannotBeReadStay)
+{
+    ASSERT_EQ(ingest().m_Status, 0);
+    const std::vector<fs::path> files = blockFiles();
+    runShell("chmod -R a+rwX .", m_Tree.top());
+    fs::resize_file(files.front(), fs::file_size(files.front()) - 1);
+    for (std::size_t i = 1; i < files.size(); ++i)
+        fs::permissions(files[i], fs::perms::none);
+    const Outcome again = runUnprivileged(line({"--verify", "--no-check"}), m_Tree.top());
+    EXPECT_EQ(again.m_Status, 1);
+    EXPECT_THAT(again.m_Errors, HasSubstr("is not stored: the file of one of its blocks could not "
+                                          "be checked (Permission denied): "));
+    EXPECT_THAT(marks(), SizeIs(2));
+    for (std::size_t i = 1; i < files.size(); ++i) {
+        ASSERT_TRUE(fs::exists(files[i])) << files[i];
+        EXPECT_EQ(fs::status(files[i]).permissions(), fs::perms::none) << "not written again";
+        fs::permissions(files[i], fs::perms::all);
+    }
+    EXPECT_EQ(again.number("rewritten_blocks"), 1);
+    EXPECT_EQ(ingest().m_Status, 0);
+    EXPECT_EQ(whyNotRestored(), "");
+}
+
 // The outcome depends on the moment of each kill, and must be right for all of them.
 TEST_F(IngestInterrupted, AnyKillIsRepairedByTheSameCommand)
 {
