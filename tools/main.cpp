@@ -146,8 +146,9 @@ int runTool(int argc, char** argv)
         std::cerr << "zebtdx: " << PathText::printable(error.what()) << " (see --help)\n";
     } catch (const StopRequest::Stopped& stop) {
         std::cout.flush();
-        std::cerr << "zebtdx: stopped by signal " << stop.signal()
-                  << "; run the command again to finish\n";
+        const std::string line = StopRequest::takeLine();
+        if (!line.empty())
+            std::cerr << "zebtdx: " << line << '\n';
         StopRequest::endBy(stop.signal());
     } catch (const std::bad_alloc&) {
         std::cerr << "zebtdx: out of memory\n";

@@ -13,6 +13,7 @@
 #include "tools/terminal/ErrorReport.h"
 #include "tools/terminal/PathText.h"
 #include "tools/terminal/SizeText.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
@@ -179,11 +180,23 @@ std::string ToolStore::pathOf(const ZebDataReference& reference) const
         .toStdString();
 }
 
-void ToolStore::flush(ErrorReport& errors)
+void ToolStore::flush(ErrorReport& errors, qint64 patienceMs)
 {
     Workers::run(
         1, [] { ZebDataBlockManager::instance().flush(); },
-        [this, &errors] { watchWrites(errors); });
+        [this, &errors, patienceMs] { watchWrites(errors, patienceMs); });
+}
+
+void ToolStore::finish(ErrorReport& errors, qint64 patienceMs) noexcept
+try {
+    const std::string line = StopRequest::takeLine();
+    if (!line.empty()) {
+        errors.endBar();
+        errors.note(line);
+    }
+    flush(errors, patienceMs);
+} catch (...) {
+    // Without memory, for example. The destructor waits then.
 }
 
 void ToolStore::evict(ErrorReport& errors)
@@ -203,6 +216,7 @@ void ToolStore::watchWrites(ErrorReport& errors, qint64 patienceMs)
         errors.note(PathText::printable(m_LastError.toStdString()) + "; retrying");
     if (m_SinceLast.hasExpired(s_PauseMs) || !m_SinceFirst.hasExpired(patienceMs))
         return;
+    errors.endBar();
     errors.add("writes to the disk cache keep failing; giving up, blocks not written yet are lost; "
                "make room on the disk and start again");
     m_GiveUp();

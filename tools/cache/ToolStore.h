@@ -60,7 +60,8 @@ public:
     static std::unique_ptr<ToolStore> open(const StorePlace& place, const Options& options,
                                            const GiveUp& giveUp);
 
-    /// Cleans the store up. References may outlive it, accessors may not.
+    /// Cleans the store up, which waits without limit for queued blocks. References may outlive it,
+    /// accessors may not.
     ~ToolStore();
     ToolStore(const ToolStore&) = delete;
     ToolStore& operator=(const ToolStore&) = delete;
@@ -87,11 +88,15 @@ public:
     std::string pathOf(const ZebDataReference& reference) const;
 
     /// Waits until everything that was added is written.
-    void flush(ErrorReport& errors);
+    void flush(ErrorReport& errors, qint64 patienceMs = s_PatienceMs);
 
     /// The same, and evicts every block, so that the next access reads the disk. No accessor may be
     /// open.
     void evict(ErrorReport& errors);
+
+    /// For the end of a command that adds blocks, by an exception, too: prints the line of a stop,
+    /// and waits like flush(), so that the destructor does not wait for a full disk.
+    void finish(ErrorReport& errors, qint64 patienceMs = s_PatienceMs) noexcept;
 
     /// Reports failed writes: one line for each series of failures. When writes have failed for
     /// `patienceMs` without a pause, reports an error and gives up; queued blocks are lost.

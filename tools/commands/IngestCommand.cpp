@@ -21,6 +21,7 @@
 #include <CLI/CLI.hpp>
 
 #include <QElapsedTimer>
+#include <QScopeGuard>
 
 #include <optional>
 
@@ -96,6 +97,8 @@ int IngestCommand::run(const ToolSettings& settings)
     const auto store = ToolStore::open(
         m_Place, {ToolStore::Roots::Make, m_Memory, m_CompressionThreads, RootLock::Use::Alone},
         settings.m_GiveUp);
+    // A stop and an error leave queued blocks.
+    const auto finished = qScopeGuard([&] { store->finish(errors); });
     FileWalker walk(errors);
     for (const std::string& root : m_Place.m_Roots)
         walk.leaveOut(root);

@@ -30,6 +30,11 @@ void ErrorReport::note(const std::string& text)
     m_Lines.printLine("zebtdx: " + text);
 }
 
+void ErrorReport::endBar()
+{
+    m_Lines.end();
+}
+
 void ErrorReport::flushOutput()
 {
     std::cout.flush();

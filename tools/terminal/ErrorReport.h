@@ -28,6 +28,9 @@ public:
     void note(const std::string& path, const std::string& text);
     void note(const std::string& text);
 
+    /// Removes the bar, when the process will end soon.
+    void endBar();
+
     /// Writes out standard output. An error when that, or an earlier write, failed.
     void flushOutput();
 

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <initializer_list>
+#include <string>
 
 #include <unistd.h>
 
@@ -11,6 +12,9 @@ namespace {
 
 // The first signal, 0 before. Carries no other data between threads, so relaxed order is enough.
 std::atomic<int> s_Signal(0);
+// Whether check() has thrown, and whether takeLine() has given the line away.
+std::atomic<bool> s_IsThrown(false);
+std::atomic<bool> s_IsTaken(false);
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler may not lock");
 
 constexpr int s_StatusOfSignal = 128;
@@ -45,8 +49,19 @@ void StopRequest::install()
 void StopRequest::check()
 {
     const int signal = s_Signal.load(std::memory_order_relaxed);
-    if (signal != 0)
-        throw Stopped(signal);
+    if (signal == 0)
+        return;
+    s_IsThrown.store(true, std::memory_order_relaxed);
+    throw Stopped(signal);
+}
+
+std::string StopRequest::takeLine()
+{
+    if (!s_IsThrown.load(std::memory_order_relaxed) ||
+        s_IsTaken.exchange(true, std::memory_order_relaxed))
+        return {};
+    return "stopped by signal " + std::to_string(s_Signal.load(std::memory_order_relaxed)) +
+           "; run the command again to finish";
 }
 
 void StopRequest::endBy(int signal)

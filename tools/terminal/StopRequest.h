@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 /// The user's request to end the command: SIGINT or SIGTERM.
 ///
 /// The first signal only sets a flag. Commands call check() between two pieces of work, so that
@@ -28,6 +30,10 @@ void install();
 
 /// Throws a Stopped when the user has asked to stop.
 void check();
+
+/// What the user reads about the stop, once check() has thrown. Empty before that, and after the
+/// first call that was not: the line is printed once.
+std::string takeLine();
 
 /// Ends the process by this signal's default action, so that a shell sees 128 + signal.
 [[noreturn]] void endBy(int signal);

@@ -3,6 +3,7 @@
 #include "data/ZebDataReference.h"
 #include "manager/ZebDataBlockManager.h"
 #include "tools/terminal/MessageFilter.h"
+#include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 
 #include "support/TemporaryTree.h"
@@ -17,6 +18,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 
 using ::testing::AllOf;
@@ -144,5 +146,30 @@ TEST_F(ToolStoreTest, APermanentFaultGivesUp)
     };
     EXPECT_EXIT(fillAFullDisk(), ::testing::ExitedWithCode(3),
                 "; retrying\n"
+                "zebtdx: writes to the disk cache keep failing; giving up, .*\n$");
+}
+
+TEST_F(ToolStoreTest, AStopDoesNotWaitForAPermanentFaultEither)
+{
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto finishOnAFullDisk = [this] {
+        m_Place.m_Roots = {m_Tree.path("root")};
+        m_Place.m_Buckets = 1;
+        const std::unique_ptr<ToolStore> store = open();
+        m_Tree.file("root/main/0", "");
+        ProgressBar bar = ProgressBar::onStandardError(false);
+        ErrorReport errors(bar);
+        const ZebDataReference reference = ZebDataBlockManager::instance().addBlock(
+            QByteArray("content"), ZebModifyAccessor::Cached, true);
+        // As when a signal ends the command.
+        std::signal(SIGTERM, SIG_DFL);
+        StopRequest::install();
+        std::raise(SIGTERM);
+        EXPECT_THROW(StopRequest::check(), StopRequest::Stopped);
+        store->finish(errors, 200);
+    };
+    EXPECT_EXIT(finishOnAFullDisk(), ::testing::ExitedWithCode(3),
+                "zebtdx: stopped by signal 15; .*\n"
+                ".*; retrying\n"
                 "zebtdx: writes to the disk cache keep failing; giving up, .*\n$");
 }
