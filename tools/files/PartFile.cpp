@@ -38,7 +38,10 @@ void removeStale(int directory, const std::string& name)
     int descriptor = ::openat(directory, name.c_str(), O_RDWR | flags);
     if (descriptor < 0)
         descriptor = ::openat(directory, name.c_str(), O_RDONLY | flags);
-    // A link, or a file without permission to read, is no part of a running process.
+    // A link, or a file without permission to read, is no part of a running process. A name that is
+    // gone may already belong to the new part of another one.
+    if (descriptor < 0 && errno != EACCES && errno != ELOOP && errno != ENXIO)
+        return;
     const bool isInUse =
         descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     if (!isInUse && (descriptor < 0 || isNamed(directory, name, descriptor)))

@@ -7,12 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -91,6 +93,32 @@ TEST_F(PartFileTest, APartThatIsBeingWrittenIsNotTaken)
     EXPECT_EQ(codeOf([this] { const PartFile second(m_Directory, "part"); }), EWOULDBLOCK);
     first.publish("name");
     EXPECT_EQ(bytesOf("name"), "abc");
+}
+
+// Two at once find what a killed process left: each part belongs to its creator until its end.
+TEST_F(PartFileTest, AStalePartIsNotTakenFromTheThreadThatReplacedIt)
+{
+    constexpr int rounds = 300;
+    std::atomic<int> arrived(0);
+    std::atomic<int> taken(0);
+    const auto work = [&](int thread) {
+        for (int round = 0; round < rounds; ++round) {
+            const std::string part = "part" + std::to_string(round);
+            ++arrived;
+            while (arrived < 2 * (round + 1))
+                std::this_thread::yield();
+            const auto error = ToolError::of(
+                [&] { PartFile(m_Directory, part).publish(part + "-" + std::to_string(thread)); });
+            if (error && error->code() != EWOULDBLOCK)
+                ++taken;
+        }
+    };
+    for (int round = 0; round < rounds; ++round)
+        m_Tree.file("part" + std::to_string(round), "stale");
+    std::thread first(work, 1);
+    work(2);
+    first.join();
+    EXPECT_EQ(taken, 0);
 }
 
 TEST_F(PartFileTest, AnotherFileUnderTheNameOfThePartIsNotPublished)
