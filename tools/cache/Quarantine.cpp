@@ -102,6 +102,8 @@ std::string Quarantine::move(const CacheFiles& files, const CacheFiles::File& fi
     int failure = std::rename(path.c_str(), target.c_str()) == 0 ? 0 : errno;
     if (failure == EXDEV) {
         copy(path, *reserved);
+        // A power loss must not lose both names.
+        FileSystem::syncDirectory(directory.string());
         failure = ::unlink(path.c_str()) == 0 ? 0 : errno;
     }
     if (failure != 0)
