@@ -105,7 +105,9 @@ std::string ManifestSaver::save(bool replace)
     write(*file);
     // The only record of what was stored must survive a power loss.
     file->sync();
-    if (!isWritten())
+    bool isEqual = false;
+    ToolError::locate("was written, but cannot be read back", [&] { isEqual = isWritten(); });
+    if (!isEqual)
         throw ToolError("was written, but is different when it is read back; check the disk");
     std::string previous = replace ? keepPrevious() : std::string();
     const int error = replace ? (std::rename(m_Part.c_str(), m_Path.c_str()) == 0 ? 0 : errno)
@@ -134,22 +136,19 @@ void ManifestSaver::write(FileWriter& file) const
 
 bool ManifestSaver::isWritten() const
 {
-    bool same = true;
-    const std::optional<ToolError> error = ToolError::of([this, &same] {
-        ManifestReader reader(m_Part);
-        same = ManifestText::headLine(reader.head()) == ManifestText::headLine(m_Manifest);
-        auto expected = m_Manifest.m_Files.cbegin();
-        while (const std::optional<Manifest::File> file = reader.next()) {
-            same = same && expected != m_Manifest.m_Files.cend() &&
-                   file->m_Path == expected->m_Path && file->m_Size == expected->m_Size &&
-                   file->m_Group == expected->m_Group;
-            if (!same)
-                return;
-            ++expected;
-        }
-        same = same && expected == m_Manifest.m_Files.cend();
-    });
-    return same && !error;
+    ManifestReader reader(m_Part);
+    if (ManifestText::headLine(reader.head()) != ManifestText::headLine(m_Manifest))
+        return false;
+    auto expected = m_Manifest.m_Files.cbegin();
+    while (const std::optional<Manifest::File> file = reader.next()) {
+        const bool isEqual = expected != m_Manifest.m_Files.cend() &&
+                             file->m_Path == expected->m_Path && file->m_Size == expected->m_Size &&
+                             file->m_Group == expected->m_Group;
+        if (!isEqual)
+            return false;
+        ++expected;
+    }
+    return expected == m_Manifest.m_Files.cend();
 }
 
 std::string ManifestSaver::keepPrevious() const

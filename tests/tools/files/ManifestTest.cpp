@@ -210,7 +210,11 @@ TEST(Manifest, WhatCannotBeReadBackIsNotSaved)
     Manifest wrong = example();
     wrong.m_Files[0].m_Group = QStringLiteral("1-2");
     EXPECT_EQ(whyNotSaved(wrong, tree.path("m")),
-              "was written, but is different when it is read back; check the disk");
+              "was written, but cannot be read back: line 2 has no valid \"group\"");
+    wrong = example();
+    wrong.m_Files[0].m_Path = std::string(17 * 1024 * 1024, 'x');
+    EXPECT_EQ(whyNotSaved(wrong, tree.path("m")),
+              "was written, but cannot be read back: line 2 is too long");
     EXPECT_EQ(Manifest::load(tree.path("m")).text(), example().text());
     EXPECT_THAT(namesIn(tree), ElementsAre("m"));
 }
