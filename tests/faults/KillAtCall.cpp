@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -48,6 +49,16 @@ void dieIfChosen()
 {
     if (isChosen())
         die();
+}
+
+// Kills the process when a call that opens a file may create it and is chosen. Otherwise returns
+// the mode, which only such a call has: O_TMPFILE creates a file, too.
+mode_t dieOrModeOf(int flags, va_list rest)
+{
+    if ((flags & O_CREAT) == 0 && (flags & O_TMPFILE) != O_TMPFILE)
+        return 0;
+    dieIfChosen();
+    return va_arg(rest, mode_t);
 }
 
 // The next definition of a function of the C library.
@@ -137,6 +148,61 @@ int renameat2(int fromDirectory, const char* from, int toDirectory, const char* 
         next<int (*)(int, const char*, int, const char*, unsigned int)>("renameat2");
     dieIfChosen();
     return system(fromDirectory, from, toDirectory, to, flags);
+}
+
+int linkat(int fromDirectory, const char* from, int toDirectory, const char* to, int flags) noexcept
+{
+    static const auto system = next<int (*)(int, const char*, int, const char*, int)>("linkat");
+    dieIfChosen();
+    return system(fromDirectory, from, toDirectory, to, flags);
+}
+
+// Only the calls that may create a file count. The mode is there only then.
+int open(const char* path, int flags, ...)
+{
+    static const auto system = next<int (*)(const char*, int, mode_t)>("open");
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = dieOrModeOf(flags, rest);
+    va_end(rest);
+    return system(path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...)
+{
+    static const auto system = next<int (*)(const char*, int, mode_t)>("open64");
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = dieOrModeOf(flags, rest);
+    va_end(rest);
+    return system(path, flags, mode);
+}
+
+int openat(int directory, const char* path, int flags, ...)
+{
+    static const auto system = next<int (*)(int, const char*, int, mode_t)>("openat");
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = dieOrModeOf(flags, rest);
+    va_end(rest);
+    return system(directory, path, flags, mode);
+}
+
+int openat64(int directory, const char* path, int flags, ...)
+{
+    static const auto system = next<int (*)(int, const char*, int, mode_t)>("openat64");
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = dieOrModeOf(flags, rest);
+    va_end(rest);
+    return system(directory, path, flags, mode);
+}
+
+int unlinkat(int directory, const char* path, int flags) noexcept
+{
+    static const auto system = next<int (*)(int, const char*, int)>("unlinkat");
+    dieIfChosen();
+    return system(directory, path, flags);
 }
 
 int unlink(const char* path) noexcept
