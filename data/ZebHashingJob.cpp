@@ -66,7 +66,7 @@ ZebHashingJob::~ZebHashingJob()
         return;
     bool isLost = false;
     try {
-        ZebHashingTask::wait(m_Future);
+        ZebHashingTask::wait(m_Task, m_Future);
         // Without a store another attempt would end the process.
         if (m_Task->isUndone() && ZebDataBlockManager::instance().isInitialized())
             m_Task->retry();
@@ -117,7 +117,7 @@ ZebDataReference ZebHashingJob::finished()
 {
     // Waits for the end of the task, not only for its result: the task keeps nothing alive then.
     // The result in the future does not change, so it is copied without a lock.
-    ZebHashingTask::wait(m_Future);
+    ZebHashingTask::wait(m_Task, m_Future);
     return m_Task->hasFailed() ? m_Task->retry() : m_Future.result();
 }
 

@@ -6,9 +6,11 @@
 #include "support/ZebMutexLocker.h"
 
 #include <QScopedValueRollback>
+#include <QThread>
 #include <QThreadPool>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -17,8 +19,14 @@
 
 namespace {
 
-// Whether this thread waits for a task. If it runs a task then, it is the one it waits for.
-thread_local bool s_IsWaiting = false;
+constexpr unsigned long s_FinishPollMs = 1;
+
+// How many tasks have been started and have not reported their ends. Lowered with release and read
+// with acquire order, so a thread that finds 0 sees what the tasks have done.
+std::atomic<int> s_Unfinished{0};
+
+// How many of them this thread works on.
+thread_local int s_InHand = 0;
 
 } // namespace
 
@@ -52,6 +60,7 @@ ZebHashingTask::Started ZebHashingTask::startShared(QThreadPool* pool, const Tas
     QFuture<ZebDataReference> future = ZebStoredCall::begin(task->m_Promise, pool, task.get());
     task->m_Pool = pool;
     task->m_HeldByPool = task;
+    s_Unfinished.fetch_add(1, std::memory_order_relaxed);
     try {
         // A task that gets a thread at once is not listed for others to claim, and neither is a
         // null block, which has no digest.
@@ -64,16 +73,36 @@ ZebHashingTask::Started ZebHashingTask::startShared(QThreadPool* pool, const Tas
         // No memory: the pool does not have the task. Another thread may have claimed it from the
         // list, though, and then does its work.
         task->m_HeldByPool.reset();
-        if (ZebHashingQueue::instance().take(task.get()))
+        if (ZebHashingQueue::instance().take(task.get())) {
+            s_Unfinished.fetch_sub(1, std::memory_order_release);
             throw;
+        }
     }
     return {task, future};
 }
 
-void ZebHashingTask::wait(QFuture<ZebDataReference>& future)
+void ZebHashingTask::wait(const TaskPointer& task, QFuture<ZebDataReference>& future)
 {
-    const QScopedValueRollback<bool> waiting(s_IsWaiting, true);
-    future.waitForFinished();
+    if (!ZebHashingQueue::instance().take(task.get())) {
+        future.waitForFinished();
+        return;
+    }
+    if (task->m_Pool->tryTake(task.get()))
+        task->m_HeldByPool.reset();
+    task->runAlone();
+}
+
+void ZebHashingTask::finishAll()
+{
+    for (;;) {
+        TaskPointer task;
+        if (ZebHashingQueue::instance().takeWaiting(1, 1, 1, &task) == 1)
+            task->runAlone();
+        else if (s_Unfinished.load(std::memory_order_acquire) <= s_InHand)
+            return;
+        else
+            QThread::msleep(s_FinishPollMs);
+    }
 }
 
 void ZebHashingTask::run()
@@ -84,18 +113,24 @@ void ZebHashingTask::run()
     const ZebSkein::SkeinLaneForm& form = ZebSkein::SkeinLaneForm::best();
     TaskPointer tasks[ZebSkein::SkeinLaneSet::s_MostLanes];
     std::size_t others = 0;
-    if (!s_IsWaiting && form.absorb != nullptr && m_HasContent) {
+    if (form.absorb != nullptr && m_HasContent) {
         const auto threads = static_cast<std::size_t>(std::max(1, m_Pool->maxThreadCount()));
         others = ZebHashingQueue::instance().takeWaiting(form.fewest - 1, form.lanes - 1, threads,
                                                          std::begin(tasks) + 1);
     }
     if (others == 0) {
-        work(nullptr);
-        reportEnd();
+        runAlone();
         return;
     }
     tasks[0] = self;
     runTogether(tasks, others + 1);
+}
+
+void ZebHashingTask::runAlone() noexcept
+{
+    const QScopedValueRollback<int> inHand(s_InHand, s_InHand + 1);
+    work(nullptr);
+    reportEnd();
 }
 
 void ZebHashingTask::runTogether(TaskPointer* tasks, std::size_t count) noexcept
@@ -103,6 +138,7 @@ void ZebHashingTask::runTogether(TaskPointer* tasks, std::size_t count) noexcept
     // In the order in which they were queued, which is that of the admissions, too.
     std::sort(tasks, tasks + count,
               [](const TaskPointer& a, const TaskPointer& b) { return a->m_Number < b->m_Number; });
+    const QScopedValueRollback<int> inHand(s_InHand, s_InHand + static_cast<int>(count));
     unsigned char digests[ZebSkein::SkeinLaneSet::s_MostLanes][ZebSkein::SkeinBatch::s_DigestBytes];
     bool areDigested = false;
     try {
@@ -143,17 +179,18 @@ void ZebHashingTask::reportEnd() noexcept
     QFutureInterfaceBase state(*m_Promise);
     try {
         if (!m_HasFailed)
-            m_Promise->reportResult(m_Result);
+            m_Promise->reportResult(*m_Result);
     } catch (...) {
         // The result stays in m_Result.
         m_HasFailed = true;
     }
     if (!m_HasFailed) {
         dropContent();
-        m_Result = ZebDataReference();
+        m_Result.reset();
     }
     m_Promise.reset();
     state.reportFinished();
+    s_Unfinished.fetch_sub(1, std::memory_order_release);
 }
 
 bool ZebHashingTask::hasFailed() const
@@ -164,17 +201,17 @@ bool ZebHashingTask::hasFailed() const
 bool ZebHashingTask::isUndone() const
 {
     const ZebMutexLocker locker(&m_RetryMutex);
-    return m_HasFailed && m_Result.isNull();
+    return m_HasFailed && !m_Result;
 }
 
 ZebDataReference ZebHashingTask::retry()
 {
     const ZebMutexLocker locker(&m_RetryMutex);
-    if (m_HasContent && m_Result.isNull()) {
+    if (!m_Result) {
         m_Result = admit(nullptr);
         dropContent();
     }
-    return m_Result;
+    return *m_Result;
 }
 
 ZebDataReference ZebHashingTask::admit(const unsigned char* digest)

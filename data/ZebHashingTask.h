@@ -32,9 +32,8 @@ class ZebDataBlock;
 /// The task then keeps its bytes, and retry() tries again. No exception leaves run(), since that
 /// would end the process.
 ///
-/// A thread that waits for a task
-/// which has not started runs it itself, and then claims no others: it should not have to wait for
-/// blocks that it does not need.
+/// A thread that waits for a task which no thread has begun does its work, and claims no others: it
+/// should not have to wait for blocks that it does not need.
 ///
 /// Ownership: the pool holds the task until it has run it, and the thread that claimed it until its
 /// future has finished. Its address, which the future stores, is not reused before.
@@ -56,14 +55,18 @@ public:
     /// reference.
     static Started start(QThreadPool* pool, std::unique_ptr<ZebDataBlock> block);
 
-    /// Waits until the work has finished, or does it on this thread. Use it instead of
-    /// waitForFinished() of the future, so that the task can distinguish a waiting thread from a
-    /// thread of the pool.
-    static void wait(QFuture<ZebDataReference>& future);
+    /// Waits until the work of a started task has finished, or does it on this thread if no other
+    /// has begun it, even if the pool has handed the task to a thread: the system may have refused
+    /// to start that one.
+    static void wait(const ZebHashingQueue::TaskPointer& task, QFuture<ZebDataReference>& future);
+
+    /// Waits until no task is unfinished but those that this thread has in hand, and does the work
+    /// of listed ones meanwhile: the only thread of a pool may be the one that waits.
+    static void finishAll();
 
     ~ZebHashingTask() override;
 
-    /// Called by a thread of the pool, or by a waiting thread.
+    /// Called by a thread of the pool.
     void run() override;
 
     /// Whether the work has failed, so that the future has no result. Only after wait().
@@ -90,6 +93,9 @@ private:
     /// Digests the blocks of all these tasks together, admits them in the order in which the tasks
     /// were queued, and reports the ends. Sorts the tasks.
     static void runTogether(TaskPointer* tasks, std::size_t count) noexcept;
+
+    /// Does the work of a claimed task, and reports the end.
+    void runAlone() noexcept;
 
     /// Interns and admits the block under `digest`, and keeps the result, or notes the failure.
     /// With a null `digest` it is computed first.
@@ -119,7 +125,7 @@ private:
     ZebStoredCall::Promise<ZebDataReference> m_Promise;
 
     // The result on its way to the future, or that of retry().
-    ZebDataReference m_Result;
+    std::optional<ZebDataReference> m_Result;
 
     // Written before the end is reported, read after the wait for it.
     bool m_HasFailed = false;

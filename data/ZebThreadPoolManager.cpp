@@ -1,11 +1,12 @@
 #include "data/ZebThreadPoolManager.h"
 
 #include "data/ZebHashingQueue.h"
+#include "data/ZebHashingTask.h"
 #include "hash/SkeinLaneForm.h"
 #include "support/ZebForkWatch.h"
 #include "support/ZebPoolExit.h"
 
-ZebThreadPoolManager::ZebThreadPoolManager()
+ZebThreadPoolManager::ZebThreadPoolManager() : m_MadeIn(ZebForkWatch::generation())
 {
     // Built here, where a failed allocation reaches the caller; in a task it would end the process.
     ZebHashingQueue::instance();
@@ -46,14 +47,17 @@ QThreadPool* ZebThreadPoolManager::threadPool(ZebThreadPoolType type)
 
 void ZebThreadPoolManager::waitForTasks()
 {
-    if (ZebForkWatch::isStoreOfParent())
+    // The threads that the pools had before a fork are the parent's.
+    const int process = ZebForkWatch::generation();
+    const bool isUsed = m_UsedIn.load(std::memory_order_relaxed) == process;
+    if (ZebForkWatch::isStoreOfParent() || (!isUsed && process != m_MadeIn))
         return;
     // Tasks of the host may queue hashing jobs, so these come last. Qt may have destroyed its pool.
     if (QThreadPool* const global = QThreadPool::globalInstance())
         ZebPoolExit::waitForOthers(*global);
-    // The threads that the own pools had before a fork are the parent's.
-    if (m_UsedIn.load(std::memory_order_relaxed) != ZebForkWatch::generation())
+    if (!isUsed)
         return;
     ZebPoolExit::waitForOthers(m_PrivatePool);
+    ZebHashingTask::finishAll();
     ZebPoolExit::waitForOthers(m_HashingPool);
 }

@@ -10,8 +10,9 @@
 ///
 /// Process exit: the object and its pools are not destroyed, so a task that runs late still finds
 /// them. Where the object would be destroyed, and before the store ends, the exit waits for the
-/// tasks of Qt's global pool and of both own pools. A task that calls exit() does not wait for
-/// itself, and may not wait for one other task of each pool.
+/// tasks of Qt's global pool and of both own pools. A thread of a pool that calls exit() waits for
+/// all hashing jobs but its own; of the other tasks it may not wait for one that runs in each pool,
+/// nor for those that wait for that one's thread.
 ///
 /// Thread safety: any thread may ask for a pool.
 class ZEBTDX_EXPORT ZebThreadPoolManager
@@ -51,6 +52,9 @@ private:
     /// Waits for the tasks of Qt's global pool and of the own pools. Does not wait for threads that
     /// a parent process has left behind at a fork.
     void waitForTasks();
+
+    // The process that has constructed this object.
+    const int m_MadeIn;
 
     // The process that has last asked for a pool, by ZebForkWatch::generation(). Relaxed: only the
     // exit of the process reads it.

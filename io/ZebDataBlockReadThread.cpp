@@ -242,7 +242,7 @@ QFuture<ZebDataBlock*> ZebDataBlockReadThread::startLoad(const ZebSmartPointer<Z
     if (pool == nullptr)
         return m_NoBlock;
     auto task = std::make_unique<LoadTask>(data, hash, makeLive, size);
-    const QFuture<ZebDataBlock*> future = task->begin(pool);
+    QFuture<ZebDataBlock*> future = task->begin(pool);
     m_BytesRead.fetch_add(size, std::memory_order_relaxed);
     pool->start(task.get(), 0);
     // Only now the pool has it for certain, and may have deleted it already.

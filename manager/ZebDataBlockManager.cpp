@@ -170,7 +170,8 @@ void ZebDataBlockManager::requireCacheRoot(const QString& root)
 
 void ZebDataBlockManager::cleanUp(bool processEvents)
 {
-    if (!isInitialized())
+    // In a forked child the threads to wait for are the parent's.
+    if (!isInitialized() || ZebForkWatch::isStoreOfParent())
         return;
     stopGarbageCollection();
     stopAllIoThreads();

@@ -77,7 +77,7 @@ QByteArray decompressByQt(const QByteArray& payload, qint64 stated, qint64 bound
         return qUncompress(stated <= bound ? payload : withLength(payload, bound));
     if (isRefusedByQt(stated, actual))
         return qUncompress(payload);
-    const QByteArray plain = qUncompress(withLength(payload, actual));
+    QByteArray plain = qUncompress(withLength(payload, actual));
     // The stream is sound, so only memory can have been missing.
     if (plain.size() != actual)
         throw std::bad_alloc();

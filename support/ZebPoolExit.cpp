@@ -15,7 +15,7 @@ void ZebPoolExit::waitForOthers(QThreadPool& pool)
         pool.waitForDone(-1);
         return;
     }
-    // A queued task waits for a busy thread, so no other task can begin once at most one is busy.
+    // In a pool of one thread tasks may still be queued then; no thread is left for them.
     while (pool.activeThreadCount() > 1)
         QThread::msleep(s_PollMs);
 }

@@ -53,6 +53,9 @@ bool ZebTdxLog::enabled() const
 
 void ZebTdxLog::setEnabled(bool enabled)
 {
+    // The store ends after the log, and disables it.
+    if (s_Dead.load(std::memory_order_relaxed))
+        return;
     m_Enabled.store(enabled, std::memory_order_relaxed);
 }
 

@@ -181,6 +181,20 @@ int exitInTask(ZebThreadPoolManager::ZebThreadPoolType type)
         QThread::msleep(1000);
 }
 
+// Calls exit() in a task of another pool, with additions pending for the only hashing thread.
+int exitWithPendingJobs()
+{
+    pool(ZebThreadPoolManager::HashingThreadPool).setMaxThreadCount(1);
+    pool(ZebThreadPoolManager::GlobalThreadPool).start([] {
+        static std::vector<ZebDataReference> pending;
+        for (int i = 0; i < s_JobCount; ++i)
+            pending.push_back(store().addBlock(blob(i).repeated(20)));
+        std::exit(0);
+    });
+    for (;;)
+        QThread::msleep(1000);
+}
+
 // Threads of the host go on copying and dropping references until the process is gone.
 int releaseInThreads()
 {
@@ -225,6 +239,7 @@ int run(const std::string& mode)
          [] {
              return exitInTask(ZebThreadPoolManager::HashingThreadPool);
          }},
+        {"exitWithPendingJobs", &exitWithPendingJobs},
         {"releaseInThreads", &releaseInThreads},
         {"cleanUpFirst", &cleanUpFirst},
         {"forkAnd_exit",
@@ -235,6 +250,12 @@ int run(const std::string& mode)
          [] {
              return forkAndEnd(true);
          }},
+        {"forkAndCleanUp",
+         [] {
+             std::atexit([] { store().cleanUp(); });
+             return forkAndEnd(true);
+         }},
+        {"forkAfterCleanUp", &forkAfterCleanUp},
         {"forkManyTimesAnd_exit",
          [] {
              return forkManyTimes(false);

@@ -38,5 +38,8 @@ inline QByteArray blob(int number)
 /// that hangs is killed.
 int forkAndEnd(bool byExit);
 
+/// Forks a child without a store, while a task of Qt's global pool runs; the child calls exit().
+int forkAfterCleanUp();
+
 /// The same many times, while other threads use the store.
 int forkManyTimes(bool byExit);

@@ -4,7 +4,9 @@
 #include "EndingHost.h"
 
 #include <QElapsedTimer>
+#include <QSemaphore>
 #include <QThread>
+#include <QThreadPool>
 
 #include <atomic>
 #include <csignal>
@@ -75,6 +77,22 @@ int forkAndEnd(bool byExit)
     store().freeAllBlocks();
     kept.m_Accessor.emplace(kept.m_Reference.constAccessor());
     return forkOnce(byExit);
+}
+
+int forkAfterCleanUp()
+{
+    store().addBlock(blob(0)).resolveWork();
+    store().cleanUp();
+    static QSemaphore running;
+    static QSemaphore gate;
+    QThreadPool::globalInstance()->start([] {
+        running.release();
+        gate.acquire();
+    });
+    running.acquire();
+    const int status = forkOnce(true);
+    gate.release();
+    return status;
 }
 
 int forkManyTimes(bool byExit)

@@ -122,6 +122,12 @@ TEST_F(ProcessEnd, ATaskOfTheHashingPoolMayExit)
     EXPECT_EQ(fileCount(), 2);
 }
 
+TEST_F(ProcessEnd, AnExitInATaskWaitsForTheJobsOfTheOnlyHashingThread)
+{
+    expectHostToEnd("exitWithPendingJobs");
+    EXPECT_EQ(fileCount(), 20);
+}
+
 TEST_F(ProcessEnd, ThreadsMayDropReferencesToTheVeryEnd)
 {
     expectHostToEnd("releaseInThreads");
@@ -141,6 +147,20 @@ TEST_F(ProcessEnd, AForkedChildMayCall_exit)
     checkNoLeaks();
     expectHostToEnd("forkAnd_exit");
     EXPECT_EQ(fileCount(), 2);
+}
+
+TEST_F(ProcessEnd, AForkedChildMayCleanUp)
+{
+    checkNoLeaks();
+    expectHostToEnd("forkAndCleanUp");
+    EXPECT_EQ(fileCount(), 2);
+}
+
+TEST_F(ProcessEnd, AChildForkedWithoutAStoreMayCallExit)
+{
+    checkNoLeaks();
+    expectHostToEnd("forkAfterCleanUp");
+    EXPECT_EQ(fileCount(), 1);
 }
 
 TEST_F(ProcessEnd, AForkedChildMayCallExit)

@@ -1,6 +1,8 @@
 #include "support/ZebThreadStart.h"
 
+#include "data/ZebDataReference.h"
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
+#include "manager/ZebDataBlockManager.h"
 #include "support/Fatal.h"
 #include "support/MessageCapture.h"
 #include "support/TemporaryStore.h"
@@ -17,6 +19,8 @@
 #include <memory>
 #include <pthread.h>
 #include <string>
+
+#include <unistd.h>
 
 namespace {
 
@@ -86,6 +90,20 @@ TEST(ZebThreadStartDeathTest, EndsTheProcessWhenACompressionWorkerDoesNotStart)
             const ZebDataBlockWriteThread_Pattern2 writer(QString(), 1, 2, nullptr);
         },
         refused("TDX Compression"));
+}
+
+// Qt only warns when a thread of a pool does not start: it never runs the task, and waits for that
+// thread at a regular exit.
+TEST(ZebThreadStartDeathTest, AnAdditionNeedsNoThreadOfThePool)
+{
+    EXPECT_EXIT(
+        {
+            const TemporaryStore store;
+            s_SystemRefusesThreads = true;
+            const ZebDataReference reference = ZebDataBlockManager::instance().addBlock("bytes");
+            ::_exit(reference.isInMemory() ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(ZebThreadStartDeathTest, EndsTheProcessWhenADiskThreadDoesNotStart)
