@@ -44,9 +44,15 @@ const char* const s_Footer =
     "  0  everything was done, without errors or differences\n"
     "  1  a file failed or differs; the rest was done\n"
     "  2  the command line is invalid; nothing was done\n"
-    "SIGINT and SIGTERM end a command after the files in hand, and the process ends by that\n"
-    "signal (130 and 143 in a shell). A second one ends it at once.\n"
     "The help of verify, repair and probe explains their exit statuses.\n";
+
+const char* const s_StopFooter =
+    "\n"
+    "SIGINT and SIGTERM end this command after the work in hand, and the process by that signal\n"
+    "(130 and 143 in a shell). A second one ends it at once.\n";
+
+const char* const s_KillFooter = "\n"
+                                 "SIGINT and SIGTERM end this command at once.\n";
 
 struct Entry
 {
@@ -118,9 +124,11 @@ int runTool(int argc, char** argv)
         entries.push_back({std::move(command), parsed});
     }
     // Commands with other exit statuses have their own footer.
-    for (CLI::App* const app : application.get_subcommands({})) {
-        if (app->get_footer().empty())
-            app->footer(s_Footer);
+    for (const Entry& entry : entries) {
+        const std::string own = entry.m_Parsed->get_footer();
+        entry.m_Parsed->footer(
+            (own.empty() ? s_Footer : own) +
+            (entry.m_Command->stopsBetweenSteps() ? s_StopFooter : s_KillFooter));
     }
     application.footer(s_Footer);
 
@@ -137,7 +145,7 @@ int runTool(int argc, char** argv)
                 continue;
             failure = entry.m_Command->statusOfException();
             if (entry.m_Command->stopsBetweenSteps())
-                StopRequest::install();
+                StopRequest::install(entry.m_Command->isContinuedByAnotherRun());
             return entry.m_Command->run(settings);
         }
     } catch (const CLI::ParseError& error) {

@@ -40,4 +40,7 @@ public:
 
     /// Whether run() calls StopRequest::check(). A signal ends any other command at once.
     virtual bool stopsBetweenSteps() const { return true; }
+
+    /// Whether another run of the parsed line finishes what a signal has stopped.
+    virtual bool isContinuedByAnotherRun() const { return false; }
 };

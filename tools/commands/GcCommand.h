@@ -18,6 +18,7 @@ class GcCommand : public Command
 public:
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    bool isContinuedByAnotherRun() const override { return m_Apply; }
 
 private:
     /// What the manifests have in common, and their sums.

@@ -27,6 +27,7 @@ class IngestCommand : public Command
 public:
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    bool isContinuedByAnotherRun() const override { return true; }
 
 private:
     /// Throws a CLI::ParseError for sizes that exclude each other.

@@ -22,6 +22,7 @@ class RepairCommand : public Command
 public:
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    bool isContinuedByAnotherRun() const override { return m_Apply; }
     int statusOfException() const override { return ExitCode::Environment; }
 
 private:

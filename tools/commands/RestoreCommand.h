@@ -15,6 +15,7 @@ class RestoreCommand : public Command
 public:
     CLI::App* addTo(CLI::App& application) override;
     int run(const ToolSettings& settings) override;
+    bool isContinuedByAnotherRun() const override { return true; }
 
 private:
     std::string m_Manifest;

@@ -98,7 +98,8 @@ CLI::App* SelfCheckCommand::addTo(CLI::App& application)
                       "Also run the library's whole sequence, which ends at a known check");
     CommandOptions::addJson(*command, m_Json);
     command->add_flag("--in-process", m_InProcess,
-                      "Run all checks in this process, not each in a separate one");
+                      "Run all checks in this process, not each in a separate one; a signal "
+                      "ends it at once");
     return command;
 }
 

@@ -12,6 +12,9 @@ namespace {
 
 // The first signal, 0 before. Carries no other data between threads, so relaxed order is enough.
 std::atomic<int> s_Signal(0);
+// Set before other threads start.
+bool s_IsContinued = false;
+
 // Whether check() has thrown, and whether takeLine() has given the line away.
 std::atomic<bool> s_IsThrown(false);
 std::atomic<bool> s_IsTaken(false);
@@ -31,8 +34,9 @@ extern "C" void noteSignal(int signal)
 
 } // namespace
 
-void StopRequest::install()
+void StopRequest::install(bool isContinued)
 {
+    s_IsContinued = isContinued;
     for (const int signal : {SIGINT, SIGTERM}) {
         struct sigaction action = {};
         if (::sigaction(signal, nullptr, &action) != 0 || action.sa_handler == SIG_IGN)
@@ -61,7 +65,7 @@ std::string StopRequest::takeLine()
         s_IsTaken.exchange(true, std::memory_order_relaxed))
         return {};
     return "stopped by signal " + std::to_string(s_Signal.load(std::memory_order_relaxed)) +
-           "; run the command again to finish";
+           (s_IsContinued ? "; run the command again to finish" : "");
 }
 
 void StopRequest::endBy(int signal)

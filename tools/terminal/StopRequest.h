@@ -26,7 +26,9 @@ private:
 
 /// Catches the signals from now on, except for those that the parent process has set to be ignored.
 /// Must be called once, before other threads start.
-void install();
+///
+/// @param isContinued whether another run of the command finishes what a stop leaves
+void install(bool isContinued = false);
 
 /// Throws a Stopped when the user has asked to stop.
 void check();

@@ -163,7 +163,7 @@ TEST_F(ToolStoreTest, AStopDoesNotWaitForAPermanentFaultEither)
             QByteArray("content"), ZebModifyAccessor::Cached, true);
         // As when a signal ends the command.
         std::signal(SIGTERM, SIG_DFL);
-        StopRequest::install();
+        StopRequest::install(true);
         std::raise(SIGTERM);
         EXPECT_THROW(StopRequest::check(), StopRequest::Stopped);
         store->finish(errors, 200);

@@ -370,5 +370,20 @@ TEST_F(RestoreSafety, ACatWithoutReaderCanBeStopped)
     ::kill(static_cast<pid_t>(process.processId()), SIGINT);
     EXPECT_TRUE(process.waitForFinished());
     EXPECT_EQ(process.exitCode(), SIGINT);
+    EXPECT_EQ(process.readAllStandardError().toStdString(), "zebtdx: stopped by signal 2\n");
     ::close(reader);
+}
+
+TEST_F(RestoreSafety, TheHelpOfACommandSaysHowSignalsEndIt)
+{
+    for (const char* const command :
+         {"ingest", "restore", "stat", "ls", "cat", "gc", "selfcheck", "verify", "repair"}) {
+        EXPECT_THAT(run({command, "--help"}).m_Output,
+                    HasSubstr("end this command after the work in hand"))
+            << command;
+    }
+    for (const char* const command : {"sampledata", "probe"}) {
+        EXPECT_THAT(run({command, "--help"}).m_Output, HasSubstr("end this command at once"))
+            << command;
+    }
 }
