@@ -21,6 +21,7 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QStringList>
+#include <QThread>
 
 #include <cerrno>
 #include <filesystem>
@@ -35,6 +36,9 @@ namespace {
 
 // A disk whose last failure is this long ago works again.
 constexpr qint64 s_PauseMs = 3000;
+
+// How often waitForWriters() looks at the queues.
+constexpr unsigned long s_PollMs = 2;
 
 // What require() reads of a block's file: both sizes of the block.
 constexpr int s_StartBytes = ZebBlockFile::s_HeaderBytes + ZebBlockFile::s_PlainSizeBytes;
@@ -204,6 +208,14 @@ void ToolStore::evict(ErrorReport& errors)
     Workers::run(
         1, [] { ZebDataBlockManager::instance().freeAllBlocks(); },
         [this, &errors] { watchWrites(errors); });
+}
+
+void ToolStore::waitForWriters()
+{
+    while (ZebDataBlockManager::instance().isWriteThreadsFull()) {
+        QThread::msleep(s_PollMs);
+        StopRequest::check();
+    }
 }
 
 void ToolStore::watchWrites(ErrorReport& errors, qint64 patienceMs)

@@ -98,6 +98,10 @@ public:
     /// and waits like flush(), so that the destructor does not wait for a full disk.
     void finish(ErrorReport& errors, qint64 patienceMs = s_PatienceMs) noexcept;
 
+    /// Waits while the writers' queues are full, so that the memory for queued blocks is bounded.
+    /// For a worker, while another thread calls watchWrites(). Throws Stopped.
+    static void waitForWriters();
+
     /// Reports failed writes: one line for each series of failures. When writes have failed for
     /// `patienceMs` without a pause, reports an error and gives up; queued blocks are lost.
     void watchWrites(ErrorReport& errors, qint64 patienceMs = s_PatienceMs);

@@ -12,8 +12,6 @@
 #include "tools/terminal/ToolError.h"
 #include "tools/terminal/Workers.h"
 
-#include <QThread>
-
 #include <algorithm>
 #include <optional>
 #include <utility>
@@ -23,22 +21,11 @@ namespace {
 // How much of a file a thread takes at a time, at least one block.
 constexpr qint64 s_SegmentBytes = 4 * 1024 * 1024;
 
-constexpr unsigned long s_PollMs = 2;
-
 // A thread this many blocks ahead of the hashing pool does not wait for it; more gains nothing.
 constexpr qint64 s_MostPending = 8;
 
 // All blocks without a hash may take the memory limit divided by this.
 constexpr qint64 s_PendingShare = 4;
-
-// Sleeps while the writers' queues are full.
-void waitForWriters()
-{
-    while (ZebDataBlockManager::instance().isWriteThreadsFull()) {
-        QThread::msleep(s_PollMs);
-        StopRequest::check();
-    }
-}
 
 } // namespace
 
@@ -141,7 +128,7 @@ void FileIngester::storeBlocks(StoredSegment& segment, const StoredFile& file, F
 void FileIngester::storeBlock(const QByteArray& block, StoredSegment& segment,
                               std::deque<ZebDataReference>& pending)
 {
-    waitForWriters();
+    ToolStore::waitForWriters();
     if (pending.size() == m_MostPending) {
         pending.front().resolveWork();
         segment.m_Blocks.push_back(pending.front());

@@ -78,7 +78,9 @@ void StoredBlockChecker::run(StoredFiles& stored)
             ++found;
     }
     if (!damaged.empty()) {
-        add(stored, damaged);
+        // On one thread, as this one must watch the writes.
+        Workers::run(
+            1, [&] { add(stored, damaged); }, [this] { m_Store.watchWrites(m_Errors); });
         m_Store.evict(m_Errors);
         std::vector<ZebDataReference> again;
         for (const ZebDataReference& block : m_Blocks) {
@@ -169,7 +171,6 @@ void StoredBlockChecker::add(const StoredFiles& stored, const Findings& damaged)
     for (auto segment = stored.m_Segments.cbegin(); segment != stored.m_Segments.cend();
          ++segment) {
         StopRequest::check();
-        m_Store.watchWrites(m_Errors);
         addBlocks(stored, *segment, missing);
         // The segments of a file are consecutive and in order.
         for (const ZebDataReference& block : segment->m_Blocks)
@@ -179,6 +180,7 @@ void StoredBlockChecker::add(const StoredFiles& stored, const Findings& damaged)
             continue;
         const ZebDataReference& group = stored.m_Files[segment->m_File].m_Group;
         if (!group.isNull() && missing.erase(hashOf(group)) != 0) {
+            ToolStore::waitForWriters();
             // What fails here is found by the second check.
             static_cast<void>(ToolError::of([&] {
                 remove(group);
@@ -199,6 +201,7 @@ void StoredBlockChecker::addBlocks(const StoredFiles& stored, const StoredSegmen
         const ZebDataReference& block = segment.m_Blocks[i];
         if (missing.count(hashOf(block)) == 0)
             continue;
+        ToolStore::waitForWriters();
         const qint64 offset = static_cast<qint64>(i) * stored.m_BlockSize;
         // What fails here is found by the second check. Another file may have the same block.
         static_cast<void>(ToolError::of([&] {
