@@ -95,8 +95,10 @@ int GcCommand::run(const ToolSettings& settings)
                         " disables collection; unset it");
     CommandOptions::requireMemory(m_Memory, contents.m_LargestBlock);
     const StorePlace& place = contents.m_Place;
-    const auto store = ToolStore::open(
-        place, {ToolStore::Roots::Expect, m_Memory, 0, RootLock::Use::Alone}, settings.m_GiveUp);
+    const ToolStore::Options options =
+        m_Apply ? ToolStore::Options{ToolStore::Roots::Expect, m_Memory, 0, RootLock::Use::Alone}
+                : ToolStore::Options{ToolStore::Roots::Read, m_Memory};
+    const auto store = ToolStore::open(place, options, settings.m_GiveUp);
     for (const std::string& path : UnfinishedMark::find(place))
         errors.note(path, UnfinishedMark::textOf(path));
     CacheCleaner cleaner(place, *store, errors, progress);

@@ -1,5 +1,6 @@
 // What looks into a cache and cleans it: ls, cat and gc, each in a process of its own.
 
+#include "io/ZebCacheRootLock.h"
 #include "support/TemporaryTree.h"
 #include "tools/support/ProgramRunner.h"
 
@@ -183,6 +184,26 @@ TEST_F(CachePrograms, GcOnlyReportsWithoutApply)
     EXPECT_EQ(outcome.number("removed_bytes"), 0);
     EXPECT_THAT(run({"gc", "m-a"}).m_Output, HasSubstr("Nothing was removed. Pass --apply"));
     EXPECT_TRUE(restores("m-b", "b"));
+}
+
+TEST_F(CachePrograms, GcWithoutApplyOnlyReads)
+{
+    std::filesystem::remove(m_Tree.path("r1/main/TdxLog.txt"));
+    ZebCacheRootLock reader;
+    ASSERT_EQ(reader.tryLock(QString::fromStdString(m_Tree.path("r1")), ZebCacheRootLock::Shared),
+              ZebCacheRootLock::Locked);
+    const Outcome reported = run({"gc", "m-a", "m-b"});
+    EXPECT_EQ(reported.m_Status, 0) << reported.m_Errors;
+    EXPECT_FALSE(std::filesystem::exists(m_Tree.path("r1/main/TdxLog.txt")));
+    EXPECT_THAT(run({"gc", "m-a", "m-b", "--apply"}).m_Errors, HasSubstr("is in use"));
+    reader.unlock();
+    // A mount point whose disk is missing is no cache.
+    for (const char* const root : {"r1", "r2"}) {
+        std::filesystem::rename(m_Tree.path(root), m_Tree.path(std::string("away-") + root));
+        m_Tree.directory(root);
+    }
+    EXPECT_EQ(run({"gc", "m-a", "m-b"}).m_Status, 1);
+    EXPECT_TRUE(std::filesystem::is_empty(m_Tree.path("r1")));
 }
 
 TEST_F(CachePrograms, GcRemovesBlocksThatNoManifestReferences)
