@@ -5,8 +5,10 @@
 #include "tools/terminal/StopRequest.h"
 #include "tools/terminal/ToolError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 
 #include <sys/stat.h>
@@ -63,7 +65,7 @@ void FileWalker::addAny(const std::string& path, const std::string& realPath, un
         return;
     }
     m_Files.push_back({path, size});
-    m_Bytes += size;
+    m_Bytes += std::min(size, std::numeric_limits<qint64>::max() - m_Bytes);
 }
 
 void FileWalker::addDirectory(const std::string& path, const std::string& realPath, Names& seen)

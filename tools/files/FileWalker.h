@@ -42,7 +42,7 @@ public:
 
     const std::vector<File>& files() const { return m_Files; }
 
-    /// The sum of the files' sizes.
+    /// The sum of the files' sizes, at most the largest number.
     qint64 bytes() const { return m_Bytes; }
 
     /// How many symbolic links were skipped.

@@ -7,6 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+
+#include <unistd.h>
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -223,4 +229,26 @@ TEST(FileWalker, NamesThatAreNoTextAreWalkedAsTheyAre)
     EXPECT_THAT(walked.m_Names, ElementsAre("a\xFF\xFE", "b\nc"));
     EXPECT_EQ(walked.m_Bytes, 3);
     EXPECT_THAT(walked.m_Errors, ElementsAre("zebtdx: p\\xff\\x1b: is a named pipe"));
+}
+
+TEST(FileWalker, TheSumOfSizesNeverOverflows)
+{
+    // Sparse, on a file system that allows such sizes.
+    std::string top = "/dev/shm/zebtdx-walk-XXXXXX";
+    if (::mkdtemp(top.data()) == nullptr)
+        GTEST_SKIP() << top;
+    constexpr qint64 size = qint64(1) << 62;
+    bool isMade = true;
+    for (const char* const name : {"/a", "/b", "/c"}) {
+        std::ofstream(top + name).flush();
+        isMade = isMade && ::truncate((top + name).c_str(), size) == 0;
+    }
+    ErrorLines errors;
+    FileWalker walk(errors.report());
+    walk.add(top);
+    std::filesystem::remove_all(top);
+    if (!isMade)
+        GTEST_SKIP() << "no files of this size";
+    EXPECT_EQ(walk.files().size(), 3U);
+    EXPECT_EQ(walk.bytes(), std::numeric_limits<qint64>::max());
 }
