@@ -29,7 +29,7 @@ const char* const s_FirstLine = "An ingest into this cache has not finished. Its
 
 std::string absolute(const std::string& path)
 {
-    return path.empty() ? path : fs::absolute(path).lexically_normal().string();
+    return path.empty() ? path : FileSystem::absolute(path);
 }
 
 // A name for these texts, the same in every run.

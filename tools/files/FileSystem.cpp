@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <system_error>
 
 #include <cstdio>
 #include <dirent.h>
@@ -55,6 +56,16 @@ std::string FileSystem::joined(const std::string& directory, const std::string& 
 {
     return !directory.empty() && directory.back() == '/' ? directory + name
                                                          : directory + "/" + name;
+}
+
+std::string FileSystem::absolute(const std::string& path)
+{
+    const std::filesystem::path whole = std::filesystem::absolute(path);
+    if (std::find(whole.begin(), whole.end(), "..") == whole.end())
+        return whole.lexically_normal().string();
+    std::error_code error;
+    const std::filesystem::path real = std::filesystem::weakly_canonical(whole, error);
+    return error ? whole.string() : real.string();
 }
 
 bool FileSystem::isWithin(const std::filesystem::path& path, const std::filesystem::path& directory)

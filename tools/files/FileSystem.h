@@ -27,6 +27,10 @@ std::vector<Entry> entries(const std::string& directory, ErrorReport& errors);
 /// The path of a name in a directory.
 std::string joined(const std::string& directory, const std::string& name);
 
+/// The absolute path. Links stay in it, except where it has "..", which leads to the parent of the
+/// directory that a link names. Nothing needs to exist.
+std::string absolute(const std::string& path);
+
 /// Whether `path` is `directory` or lies in it. Both are absolute, without links.
 bool isWithin(const std::filesystem::path& path, const std::filesystem::path& directory);
 

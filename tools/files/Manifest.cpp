@@ -2,6 +2,7 @@
 
 #include "data/ZebGroupHeader.h"
 #include "hash/ZebBlockName.h"
+#include "tools/files/FileSystem.h"
 #include "tools/files/ManifestReader.h"
 #include "tools/files/ManifestSaver.h"
 #include "tools/files/ManifestText.h"
@@ -92,7 +93,7 @@ Manifest Manifest::of(const StoredFiles& stored, const StorePlace& place, ErrorR
     Manifest manifest;
     manifest.m_Place = place;
     for (std::string& root : manifest.m_Place.m_Roots)
-        root = std::filesystem::absolute(root).lexically_normal().string();
+        root = FileSystem::absolute(root);
     manifest.m_BlockSize = stored.m_BlockSize;
     std::unordered_map<std::string, const StoredFile*> names;
     for (const StoredFile& file : stored.m_Files) {
