@@ -115,7 +115,11 @@ std::string ManifestSaver::save(bool replace)
     if (error != 0)
         throw ToolError::ofSystem(error);
     file->keep();
-    FileSystem::syncDirectory(directoryOf(m_Path));
+    const std::optional<ToolError> notSynced =
+        ToolError::of([this] { FileSystem::syncDirectory(directoryOf(m_Path)); });
+    // A directory that may be written may be unreadable. The manifest is complete all the same.
+    if (notSynced && notSynced->code() != EACCES)
+        throw ToolError(*notSynced);
     return previous;
 }
 

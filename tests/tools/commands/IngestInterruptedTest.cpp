@@ -294,6 +294,17 @@ TEST_F(IngestInterrupted, BlockFilesThatCannotBeReadStay)
     EXPECT_EQ(whyNotRestored(), "");
 }
 
+TEST_F(IngestInterrupted, AManifestInADirectoryThatCannotBeListedIsComplete)
+{
+    runShell("mkdir w && chmod -R a+rwX . && chmod 333 w", m_Tree.top());
+    const Outcome outcome = runUnprivileged(
+        {"ingest", "in", "--root", "r1", "--manifest", "w/m", "--no-check"}, m_Tree.top());
+    EXPECT_EQ(outcome.m_Status, 0) << outcome.m_Errors;
+    EXPECT_TRUE(fs::exists(m_Tree.path("w/m")));
+    EXPECT_THAT(marks(), IsEmpty());
+    runShell("chmod 777 w", m_Tree.top());
+}
+
 // The outcome depends on the moment of each kill, and must be right for all of them.
 TEST_F(IngestInterrupted, AnyKillIsRepairedByTheSameCommand)
 {
