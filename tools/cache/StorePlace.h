@@ -21,6 +21,11 @@ struct StorePlace
     /// Throws a ToolError unless every root is a directory.
     void requireDirectories() const;
 
+    /// Waits until everything that was written to the cache is on the disk, also where sub-caches
+    /// or buckets lie on other file systems than their root. With an empty m_SubCache, that is
+    /// every sub-cache. Throws a ToolError.
+    void syncAll() const;
+
     /// Throws a ToolError unless `name` can be the name of a sub-cache, which is one directory
     /// below each root. A name of digits only would be a bucket of the unnamed sub-cache.
     static void requireSubCache(const std::string& name);

@@ -6,7 +6,6 @@
 #include "tools/commands/IngestSummary.h"
 #include "tools/files/FileComparer.h"
 #include "tools/files/FileIngester.h"
-#include "tools/files/FileSystem.h"
 #include "tools/files/FileWalker.h"
 #include "tools/files/Manifest.h"
 #include "tools/files/StoredBlockChecker.h"
@@ -180,11 +179,8 @@ std::string IngestCommand::whyNotReplace(bool isEmpty, const ErrorReport& errors
 
 bool IngestCommand::sync(ErrorReport& errors) const
 {
-    const std::optional<ToolError> error = ToolError::of([this] {
-        // After a power loss, a manifest must not name blocks that are not there.
-        for (const std::string& root : m_Place.m_Roots)
-            ToolError::locate("cache root " + root, [&root] { FileSystem::syncAll(root); });
-    });
+    // After a power loss, a manifest must not name blocks that are not there.
+    const std::optional<ToolError> error = ToolError::of([this] { m_Place.syncAll(); });
     if (error)
         errors.add(std::string(error->what()) + "; no manifest is written; check the disk");
     return !error;

@@ -16,6 +16,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <optional>
+
 namespace {
 
 const char* const s_Footer =
@@ -75,8 +77,9 @@ int RepairCommand::run(const ToolSettings&)
         moved = move(files, found, errors);
     const auto damaged = static_cast<qint64>(found.damage().size());
     // Every file is sound now, whatever an ingest has left.
-    if (m_Apply && !refused && moved == damaged && errors.count() == 0)
-        UnfinishedMark::remove(files.marks());
+    if (m_Apply && !refused && moved == damaged && errors.count() == 0 &&
+        warnings.count(CacheWarnings::Changed) == 0)
+        removeMarks(files, errors);
     SummaryText summary;
     found.addTo(summary);
     warnings.addTo(summary);
@@ -93,6 +96,19 @@ int RepairCommand::run(const ToolSettings&)
     if (damaged > moved)
         return ExitCode::Damage;
     return complete ? ExitCode::Success : ExitCode::Environment;
+}
+
+void RepairCommand::removeMarks(const CacheFiles& files, ErrorReport& errors) const
+{
+    if (files.marks().empty())
+        return;
+    const std::optional<ToolError> error = ToolError::of([this, &files] {
+        // The check may have read bytes that are not on the disk yet.
+        m_Place.syncAll();
+        UnfinishedMark::remove(files.marks());
+    });
+    if (error)
+        errors.add(std::string(error->what()) + "; a mark stays; check the disk");
 }
 
 bool RepairCommand::isThisCache(const CacheFiles& files, qint64 elsewhere)

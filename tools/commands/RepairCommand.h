@@ -26,6 +26,9 @@ public:
     int statusOfException() const override { return ExitCode::Environment; }
 
 private:
+    /// Removes the marks of ingests that have not finished, once all files are on the disk.
+    void removeMarks(const CacheFiles& files, ErrorReport& errors) const;
+
     /// Whether the places of most files match the roots and buckets given.
     static bool isThisCache(const CacheFiles& files, qint64 elsewhere);
 
