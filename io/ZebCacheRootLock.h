@@ -6,7 +6,8 @@
 
 /// Keeps other processes away from a cache root, on Linux: an advisory lock (`flock`) on the root
 /// directory itself. Processes in other containers that see the same directory see the lock, too.
-/// It creates no file, and works in a directory without write permission.
+/// It creates no file, and works in a directory without write permission. On network and FUSE file
+/// systems it may exclude processes of the same machine only, and nothing reports that.
 ///
 /// The store takes no such lock. A host takes one for each of its roots before it sets the store
 /// up, and releases it after cleanUp(): Exclusive where it adds blocks or collects, Shared where it
