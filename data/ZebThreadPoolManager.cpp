@@ -8,6 +8,9 @@
 
 ZebThreadPoolManager::ZebThreadPoolManager() : m_MadeIn(ZebForkWatch::generation())
 {
+    // Static objects that Qt constructs before this one's end are destroyed after it: the exit
+    // waits for the tasks of Qt's pool.
+    QThreadPool::globalInstance();
     // Built here, where a failed allocation reaches the caller; in a task it would end the process.
     ZebHashingQueue::instance();
     ZebSkein::SkeinLaneForm::available();
