@@ -86,8 +86,9 @@ TEST(IngestSummary, JsonHasTheseKeysAndValues)
               R"({"block_size":262144,"blocks":1300,"bytes":3000000,"differences":1,)"
               R"("distinct_blocks":1000,"distinct_bytes":2250000,"errors":2,"files":1234,)"
               R"("links_skipped":5,"manifest":"m.jsonl","mb_per_s_in":2,"mb_per_s_out":12,)"
-              R"("memory_limit":1048576,)"
-              R"("read_back_bytes":3000000,"saved_bytes":750000,"seconds_in":1.5,)"
+              R"("memory_limit":1048576,"previous_manifest":"",)"
+              R"("read_back_bytes":3000000,"rewritten_blocks":0,"saved_bytes":750000,)"
+              R"("seconds_in":1.5,)"
               R"("seconds_out":0.25,"threads":8})"
               "\n");
 }
