@@ -85,8 +85,8 @@ public:
 protected:
     void setupChildProcess() override
     {
-        constexpr unsigned int nobody = 65534;
-        if (::geteuid() == 0 && (::setgid(nobody) != 0 || ::setuid(nobody) != 0))
+        constexpr unsigned int otherUser = 65534;
+        if (::geteuid() == 0 && (::setgid(otherUser) != 0 || ::setuid(otherUser) != 0))
             ::_exit(127);
     }
 
