@@ -55,7 +55,8 @@ public:
     bool isNull() const;
 
     /// Adds the block to the store and returns its reference. The accessor is null then, and the
-    /// bytes must not be written to any more. Returns a null reference for a null accessor.
+    /// bytes must not be written to any more. Returns a null reference for a null accessor. When an
+    /// allocation fails, it throws std::bad_alloc, and the bytes are gone.
     ///
     /// Kept on purpose: adds the block even if other accessors share it, and these are not set to
     /// null. Release only an accessor that has no copies.

@@ -99,9 +99,9 @@ public:
                int compressionThreads = 0);
 
     /// Ends the disk threads, deletes every resident block and resets roots, buckets, sub-cache and
-    /// the limit of resident bytes, to 0; files stay. Does nothing when the store is not set up.
-    /// Waits for the disk threads and for Qt's global pool, so the caller must not hold the delete
-    /// lock.
+    /// the limit of resident bytes, to 0; files stay. Does nothing when the store is not set up, or
+    /// is that of a parent process. Waits for the disk threads and for Qt's global pool, so the
+    /// caller must not hold the delete lock.
     ///
     /// @param processEvents whether to process the application's pending events before the last
     ///        wait
