@@ -2,6 +2,8 @@
 // resident. Each block leaves a file, so run these with the temporary directory (TMPDIR) in memory.
 
 #include "bench/BenchStore.h"
+#include "bench/FixedLimitStore.h"
+#include "bench/HeapBytes.h"
 #include "bench/SampleBlocks.h"
 
 #include "data/ZebDataReference.h"
@@ -29,9 +31,6 @@ constexpr int s_Tenths = 10;
 // An upper bound of what the store needs for a block in addition to its bytes.
 constexpr qint64 s_MostOverhead = 1024;
 
-// Many, so that no directory grows large.
-constexpr int s_Buckets = 1000;
-
 // The number of admissions between two waits for the writers.
 constexpr qint64 s_AdmissionsPerWait = 10000;
 
@@ -39,30 +38,6 @@ ZebDataBlockManager& manager()
 {
     return ZebDataBlockManager::instance();
 }
-
-// A store that ignores the machine's free memory.
-class Store
-{
-public:
-    explicit Store(qint64 limit) : m_Store(limit, s_Buckets) {}
-
-private:
-    // Restores the target after the store is cleaned up.
-    struct IgnoredFreeMemory
-    {
-        IgnoredFreeMemory() : m_Before(manager().targetFreeMemorySize())
-        {
-            manager().setTargetFreeMemorySize(0);
-        }
-        ~IgnoredFreeMemory() { manager().setTargetFreeMemorySize(m_Before); }
-        IgnoredFreeMemory(const IgnoredFreeMemory&) = delete;
-        IgnoredFreeMemory& operator=(const IgnoredFreeMemory&) = delete;
-        qint64 m_Before;
-    };
-
-    IgnoredFreeMemory m_FreeMemory;
-    BenchStore m_Store;
-};
 
 // Distinct blocks that cost the writers next to nothing to compress, because the writers share the
 // processors with what is measured.
@@ -82,13 +57,6 @@ private:
     quint64 m_Count = 0;
 };
 
-// The bytes that the process has allocated, with the overhead of the heap.
-qint64 heapInUse()
-{
-    const struct mallinfo2 info = ::mallinfo2();
-    return static_cast<qint64>(info.uordblks) + static_cast<qint64>(info.hblkhd);
-}
-
 // Touches the heap before anything is measured: on a virtual machine, the first touch of a page can
 // take longer than an admission.
 void touchHeap(qint64 bytes)
@@ -107,7 +75,7 @@ void touchHeap(qint64 bytes)
 void admissionWithEviction(benchmark::State& state)
 {
     const auto size = static_cast<int>(state.range(0));
-    const Store store(s_Limit);
+    const FixedLimitStore store(s_Limit);
     DistinctBlocks blocks(size);
     // A block without references is freed after its write and never evicted, so the references
     // outlive the residency of their blocks.
@@ -138,7 +106,7 @@ void admissionWithEviction(benchmark::State& state)
 void admissionWithoutEviction(benchmark::State& state)
 {
     const auto size = static_cast<int>(state.range(0));
-    const Store store(4 * s_Limit);
+    const FixedLimitStore store(4 * s_Limit);
     DistinctBlocks blocks(size);
     std::vector<ZebDataReference> references;
     for ([[maybe_unused]] auto _ : state) {
@@ -168,10 +136,10 @@ void admissionWithManyResident(benchmark::State& state)
     const qint64 perTenth = count / s_Tenths;
     touchHeap(count * (s_SmallBlock + s_MostOverhead));
     for ([[maybe_unused]] auto _ : state) {
-        const Store store(2 * count * s_SmallBlock + s_Limit);
+        const FixedLimitStore store(2 * count * s_SmallBlock + s_Limit);
         DistinctBlocks blocks(s_SmallBlock);
         std::vector<ZebDataReference> references(static_cast<std::size_t>(perTenth * s_Tenths));
-        const qint64 memoryBefore = heapInUse();
+        const qint64 memoryBefore = HeapBytes::inUse();
         std::vector<double> nanoseconds;
         auto reference = references.begin();
         for (int tenth = 0; tenth < s_Tenths; ++tenth) {
@@ -191,7 +159,7 @@ void admissionWithManyResident(benchmark::State& state)
         const auto resident = static_cast<double>(manager().liveBlocks());
         if (manager().liveBlocks() != perTenth * s_Tenths)
             state.SkipWithError("a block was evicted");
-        const auto memory = static_cast<double>(heapInUse() - memoryBefore);
+        const auto memory = static_cast<double>(HeapBytes::inUse() - memoryBefore);
         double total = 0;
         for (const double perBlock : nanoseconds)
             total += perBlock * static_cast<double>(perTenth);

@@ -62,6 +62,7 @@ run_benchmarks() {
     local log=build/dev/bench.log
     # The excluded ones need gigabytes of memory and disk, or make many files.
     local large='admissionWithManyResident/(200000|1000000)/|Collector/.*:100000'
+    large+='|OpenAndCloseSharedBlocks/100000/|Resident/memory/100000/'
     build/dev/bench/zebtdx_bench --benchmark_min_time=0.001 --benchmark_filter="-$large" 2>&1 |
         tee "$log"
     build/dev/bench/zebtdx_tool_bench --benchmark_min_time=0.001 2>&1 | tee -a "$log"
