@@ -57,6 +57,9 @@ set(ZEBTDX_SOURCES
   hash/ZebHashManager.cpp
   hash/ZebHashRemoval.cpp
   hash/ZebHashText.cpp
+  hash/ZebReadGate.cpp
+  hash/ZebThreadSlot.cpp
+  hash/ZebUseClock.cpp
   data/ZebBlockFuture.cpp
   data/ZebConstAccessor.cpp
   data/ZebDataBlock.cpp

@@ -14,6 +14,8 @@ namespace {
 std::atomic<int> s_Generation{0};
 std::atomic<bool> s_IsSetUp{false};
 std::atomic<bool> s_IsOfParent{false};
+// Constant once set.
+std::atomic<void (*)()> s_CallInChild{nullptr};
 
 #ifdef Q_OS_UNIX
 
@@ -22,6 +24,8 @@ void enterChild()
     s_Generation.fetch_add(1, std::memory_order_relaxed);
     if (s_IsSetUp.load(std::memory_order_relaxed))
         s_IsOfParent.store(true, std::memory_order_relaxed);
+    if (void (*const function)() = s_CallInChild.load(std::memory_order_relaxed))
+        function();
 }
 
 #endif
@@ -52,4 +56,10 @@ void ZebForkWatch::setStoreIsSetUp(bool isSetUp)
 bool ZebForkWatch::isStoreOfParent()
 {
     return s_IsOfParent.load(std::memory_order_relaxed);
+}
+
+void ZebForkWatch::callInChild(void (*function)())
+{
+    watchForks();
+    s_CallInChild.store(function, std::memory_order_relaxed);
 }

@@ -20,4 +20,9 @@ void setStoreIsSetUp(bool isSetUp);
 /// good: a second setup() in the child is refused.
 bool isStoreOfParent();
 
+/// Makes every child that this process forks from now on call `function` first, in its only thread.
+/// The function must not take a lock or allocate. There is one such function in a process; naming
+/// it again changes nothing.
+void callInChild(void (*function)());
+
 } // namespace ZebForkWatch

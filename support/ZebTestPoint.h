@@ -32,6 +32,7 @@ enum class ZebTestPoint : unsigned
 enum class ZebTestGuard : unsigned
 {
     GateClosedSeen,
+    GateFencesOthers,
     GateWaitsForSlots,
     OpenSeesLocked,
     CloseSeesLocked,
