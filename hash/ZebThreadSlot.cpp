@@ -13,7 +13,7 @@ static_assert(sizeof(ZebThreadSlot) == 64, "a slot is one cache line of its owne
 std::atomic<ZebThreadSlot*> ZebThreadSlot::s_First{nullptr};
 
 #ifdef Q_CC_GNU
-__thread ZebThreadSlot* ZebThreadSlot::s_Mine = nullptr;
+__thread ZebThreadSlot* ZebThreadSlot::s_Mine __attribute__((tls_model("initial-exec"))) = nullptr;
 #else
 thread_local ZebThreadSlot* ZebThreadSlot::s_Mine = nullptr;
 #endif
