@@ -53,11 +53,17 @@ set(ZEBTDX_SOURCES
   hash/ZebBlockName.cpp
   hash/ZebDataHash.cpp
   hash/ZebDataHash_Text.cpp
+  hash/ZebDigestMix.cpp
   hash/ZebHashHandle.cpp
   hash/ZebHashManager.cpp
+  hash/ZebHashManager_Diagnostics.cpp
   hash/ZebHashRemoval.cpp
+  hash/ZebHashRemovalList.cpp
+  hash/ZebHashShards.cpp
+  hash/ZebHashTable.cpp
   hash/ZebHashText.cpp
   hash/ZebReadGate.cpp
+  hash/ZebStackDigest.cpp
   hash/ZebThreadSlot.cpp
   hash/ZebUseClock.cpp
   data/ZebBlockFuture.cpp

@@ -1,7 +1,7 @@
 #include "hash/ZebDataHash.h"
 
-#include "hash/Skein.h"
 #include "hash/ZebHashManager.h"
+#include "hash/ZebStackDigest.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebForkWatch.h"
 #include "support/ZebTdxMessage.h"
@@ -123,16 +123,7 @@ bool ZebDataHash::operator<(const ZebDataHash& other) const
 
 void ZebDataHash::calculate(const unsigned char* bytes, qint64 length)
 {
-    ZebSkein::HashReturn result = ZebSkein::Fail;
-    if (length >= 0) {
-        result =
-            ZebSkein::Hash(static_cast<int>(m_Size) * 8, bytes, static_cast<quint64>(length) * 8,
-                           reinterpret_cast<unsigned char*>(m_Data.data()));
-    }
-    if (result == ZebSkein::Fail)
-        ZebTdxMessage::debug(QStringLiteral("Hashing Failed"));
-    else if (result == ZebSkein::BadHashLength)
-        ZebTdxMessage::debug(QStringLiteral("Hashing Failed - Invalid Hash Length"));
+    ZebStackDigest::compute(bytes, length, m_Size, reinterpret_cast<unsigned char*>(m_Data.data()));
 }
 
 unsigned char* ZebDataHash::data() const

@@ -3,6 +3,7 @@
 #include "hash/ZebDataHash.h"
 
 #include "hash/ZebHashText.h"
+#include "hash/ZebStackDigest.h"
 #include "support/ZebTdxMessage.h"
 
 void ZebDataHash::requireDigest() const
@@ -43,17 +44,10 @@ int ZebDataHash::leadingText(QChar* out, int length) const
 void ZebDataHash::fromString(const QString& text)
 {
     m_Data.clear();
-    const QVector<QStringRef> words = ZebHashText::words(text);
-    if (words.isEmpty())
+    const ZebStackDigest read(text);
+    const ZebDigestView digest = read.view();
+    if (digest.m_Length == 0)
         return;
-    const int width = ZebHashText::s_WordBytes * words.size();
-    if (width != Hash256 && width != Hash512 && width != Hash1024) {
-        // Kept on purpose: the number is the width in bytes, although the text says bits.
-        ZebTdxMessage::debug(QString::asprintf("Unknown Hash Bit Size %d", width));
-        return;
-    }
-    m_Size = static_cast<Size>(width);
-    QByteArray digest(width, '\0');
-    ZebHashText::writeDigest(words, digest.data());
-    m_Data = digest;
+    m_Size = static_cast<Size>(digest.m_SizeBytes);
+    m_Data = QByteArray(reinterpret_cast<const char*>(digest.m_Bytes), digest.m_Length);
 }

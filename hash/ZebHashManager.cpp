@@ -1,16 +1,30 @@
 #include "hash/ZebHashManager.h"
 
 #include "hash/ZebHashRemoval.h"
-#include "support/ZebCountUp.h"
-#include "support/ZebMutexLocker.h"
+#include "hash/ZebHashRemovalList.h"
+#include "hash/ZebHashShards.h"
+#include "hash/ZebStackDigest.h"
 #include "support/ZebTdxMessage.h"
 
-#include <QStringList>
 #include <QThread>
 
-#include <memory>
+namespace {
 
-ZebHashManager::ZebHashManager() : m_Mutex(QMutex::Recursive)
+// An object with this digest, or without one.
+std::unique_ptr<ZebDataHash> newHash(const ZebDigestView& digest)
+{
+    if (digest.m_Length == 0)
+        return std::make_unique<ZebDataHash>();
+    // The digest is only read.
+    return std::make_unique<ZebDataHash>(static_cast<ZebDataHash::Size>(digest.m_SizeBytes),
+                                         const_cast<unsigned char*>(digest.m_Bytes));
+}
+
+} // namespace
+
+ZebHashManager::ZebHashManager()
+    : m_Shards(std::make_unique<ZebHashShards>()),
+      m_Removals(std::make_unique<ZebHashRemovalList>())
 {
     ZebTdxMessage::debug(QString::asprintf("Created Hash Manager in thread %p",
                                            static_cast<void*>(QThread::currentThread())));
@@ -26,9 +40,21 @@ ZebHashManager& ZebHashManager::instance()
     return *manager;
 }
 
+ZebDigestView ZebHashManager::digestOf(const ZebDataHash& hash)
+{
+    return {hash.m_Size, hash.data(), hash.m_Data.size()};
+}
+
+ZebDataHash* ZebHashManager::find(const ZebHashTable& table, quint64 number,
+                                  const ZebDigestView& digest)
+{
+    return table.find(number,
+                      [&digest](const ZebDataHash& hash) { return digestOf(hash) == digest; });
+}
+
 ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(unsigned char* bytes, qint64 length)
 {
-    return intern(new ZebDataHash(bytes, length, ZebDataHash::Hash512));
+    return intern(ZebStackDigest(bytes, length).view());
 }
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(const QByteArray& bytes)
@@ -40,66 +66,81 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(const QByteArray& bytes)
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(const QString& text)
 {
-    return intern(new ZebDataHash(text));
+    return intern(ZebStackDigest(text).view());
 }
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::getDigested(const unsigned char* digest)
 {
-    // The digest is only read.
-    return intern(new ZebDataHash(ZebDataHash::Hash512, const_cast<unsigned char*>(digest)));
+    return intern({ZebDataHash::Hash512, digest, ZebDataHash::Hash512});
 }
 
-ZebSmartPointer<ZebDataHash> ZebHashManager::intern(ZebDataHash* fresh)
+ZebSmartPointer<ZebDataHash> ZebHashManager::intern(const ZebDigestView& digest)
 {
-    std::unique_ptr<ZebDataHash> owned(fresh);
-    ZebMutexLocker locker(&m_Mutex);
-    ZebCountUp(m_Requests);
-    awaitRemoval(*fresh);
-    const auto entry = m_Hashes.constFind(ZebHashHandle(fresh));
-    if (entry == m_Hashes.constEnd()) {
-        // The entry comes first: if the table cannot grow, nothing has changed.
-        m_Hashes.insert(ZebHashHandle(fresh));
-        const ZebSmartPointer<ZebDataHash> result(owned.release());
-        ZebCountUp(m_CacheMisses);
-        // Unlocked before the caller sees the hash: dropping it takes the delete lock, which comes
-        // before this one.
+    const quint64 number = m_Shards->number(digest);
+    ZebHashShard& shard = m_Shards->of(number);
+    ZebTdxMutexLocker locker(&shard.m_Mutex);
+    ++shard.m_Requests;
+    m_Removals->await(shard, digest);
+    ZebDataHash* const registered = find(shard.m_Hashes, number, digest);
+    if (registered != nullptr) {
+        ++shard.m_CacheHits;
+        addBareCount(registered);
+        // The shard must not be locked while a holder is dropped that may be the last one.
         locker.unlock();
-        return result;
+        return takeBareCount(registered);
     }
-    ZebCountUp(m_CacheHits);
-    ZebDataHash* const registered = entry->data();
-    owned.reset();
-    // Counted without the hash's mutex, for which this thread must not wait here. A concurrent last
-    // release decides with the registry locked, and so sees the count.
-    registered->m_RefCount.fetchAndAddOrdered(1);
-    // The decRef() below may be the last release, so it needs the registry unlocked.
+    std::unique_ptr<ZebDataHash> fresh = newHash(digest);
+    // The entry comes first: if the table cannot grow, nothing has changed.
+    shard.m_Hashes.insert(number, fresh.get());
+    const ZebSmartPointer<ZebDataHash> result(fresh.release());
+    ++shard.m_CacheMisses;
+    // Unlocked before the caller sees the hash: dropping it takes the delete lock, which comes
+    // before this one.
     locker.unlock();
-    ZebSmartPointer<ZebDataHash> result(registered);
-    registered->decRef(&result);
+    return result;
+}
+
+void ZebHashManager::addBareCount(ZebDataHash* hash)
+{
+    // Counted without the hash's mutex, for which this thread must not wait here. A concurrent last
+    // release decides with the shard locked, and so sees the count.
+    hash->m_RefCount.fetchAndAddOrdered(1);
+}
+
+ZebSmartPointer<ZebDataHash> ZebHashManager::takeBareCount(ZebDataHash* hash)
+{
+    ZebSmartPointer<ZebDataHash> result(hash);
+    hash->decRef(&result);
     return result;
 }
 
 ZebSmartPointer<ZebDataHash> ZebHashManager::addHash(ZebDataHash* hash)
 {
-    const ZebMutexLocker locker(&m_Mutex);
+    if (hash == nullptr)
+        return {};
+    const ZebTdxMutexLocker locker(&m_Shards->of(m_Shards->number(digestOf(*hash))).m_Mutex);
     return addHash_Unlocked(hash);
 }
 
-ZebSmartPointer<ZebDataHash> ZebHashManager::addHash_Unlocked(ZebDataHash* hash)
+// Not analysed: the caller holds the mutex of the shard, which depends on the digest.
+ZebSmartPointer<ZebDataHash>
+ZebHashManager::addHash_Unlocked(ZebDataHash* hash) ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
     if (hash == nullptr)
         return {};
-    awaitRemoval(*hash);
-    const auto entry = m_Hashes.constFind(ZebHashHandle(hash));
-    if (entry == m_Hashes.constEnd()) {
+    const ZebDigestView digest = digestOf(*hash);
+    const quint64 number = m_Shards->number(digest);
+    ZebHashShard& shard = m_Shards->of(number);
+    m_Removals->await(shard, digest);
+    ZebDataHash* const registered = find(shard.m_Hashes, number, digest);
+    if (registered == nullptr) {
         // Deletes the hash if the table cannot grow.
         std::unique_ptr<ZebDataHash> owned(hash);
-        m_Hashes.insert(ZebHashHandle(hash));
-        ZebCountUp(m_CacheMisses);
+        shard.m_Hashes.insert(number, hash);
+        ++shard.m_CacheMisses;
         return ZebSmartPointer<ZebDataHash>(owned.release());
     }
-    ZebCountUp(m_CacheHits);
-    ZebDataHash* const registered = entry->data();
+    ++shard.m_CacheHits;
     if (registered != hash)
         delete hash;
     return ZebSmartPointer<ZebDataHash>(registered);
@@ -114,147 +155,45 @@ bool ZebHashManager::derefRemoveHash(ZebDataHash* hash)
         if (hash->m_RefCount.fetchAndAddOrdered(-1) != 1)
             return false;
         // Probably the last release. The count is restored, and the decision is made with the
-        // registry locked, where no look-up can interfere.
+        // shard locked, where no look-up can interfere.
         hash->m_RefCount.fetchAndAddOrdered(1);
     }
-    const ZebMutexLocker registryLocker(&m_Mutex);
+    const quint64 number = m_Shards->number(digestOf(*hash));
+    ZebHashShard& shard = m_Shards->of(number);
+    const ZebTdxMutexLocker shardLocker(&shard.m_Mutex);
     const ZebTdxMutexLocker hashLocker(&hash->m_Mutex);
     if (hash->m_RefCount.fetchAndAddOrdered(-1) != 1)
         return false;
-    const auto entry = m_Hashes.find(ZebHashHandle(hash));
     // Only the entry of this very object is erased: an unregistered hash of equal digest leaves it
     // alone.
-    if (entry != m_Hashes.end() && entry->data() == hash) {
-        ZebCountUp(m_Removes);
-        m_Hashes.erase(entry);
-    }
+    if (shard.m_Hashes.erase(number, hash))
+        ++shard.m_Removes;
     return true;
 }
 
 bool ZebHashManager::isHashLive(const QString& text) const
 {
-    ZebDataHash wanted(text);
-    const ZebMutexLocker locker(&m_Mutex);
-    return m_Hashes.contains(ZebHashHandle(&wanted));
+    const ZebStackDigest read(text);
+    const ZebDigestView digest = read.view();
+    const quint64 number = m_Shards->number(digest);
+    ZebHashShard& shard = m_Shards->of(number);
+    const ZebTdxMutexLocker locker(&shard.m_Mutex);
+    return find(shard.m_Hashes, number, digest) != nullptr;
 }
 
 bool ZebHashManager::beginRemoval(ZebHashRemoval* removal)
 {
-    const ZebMutexLocker locker(&m_Mutex);
-    if (m_Hashes.contains(ZebHashHandle(&removal->m_Hash)))
+    const ZebDigestView digest = removal->m_Digest.view();
+    const quint64 number = m_Shards->number(digest);
+    ZebHashShard& shard = m_Shards->of(number);
+    const ZebTdxMutexLocker locker(&shard.m_Mutex);
+    if (find(shard.m_Hashes, number, digest) != nullptr)
         return false;
-    const ZebMutexLocker removalLocker(&m_RemovalMutex);
-    removal->m_Next = m_Removals;
-    m_Removals = removal;
-    m_RemovalCount.fetch_add(1, std::memory_order_relaxed);
+    m_Removals->begin(removal, shard);
     return true;
 }
 
 void ZebHashManager::endRemoval(ZebHashRemoval* removal)
 {
-    const ZebMutexLocker locker(&m_RemovalMutex);
-    ZebHashRemoval** link = &m_Removals;
-    while (*link != removal)
-        link = &(*link)->m_Next;
-    *link = removal->m_Next;
-    m_RemovalCount.fetch_sub(1, std::memory_order_relaxed);
-    m_RemovalEnded.wakeAll();
-}
-
-bool ZebHashManager::isBeingRemoved(const ZebDataHash& hash) const
-{
-    const ZebHashRemoval* removal = m_Removals;
-    while (removal != nullptr && removal->m_Hash != hash)
-        removal = removal->m_Next;
-    return removal != nullptr;
-}
-
-void ZebHashManager::awaitRemoval(const ZebDataHash& hash)
-{
-    // The caller may hold the delete lock, or entries of m_Mutex further out. The wait still ends:
-    // a collector that has set a mark takes neither before it has cleared the mark, and in between
-    // it only removes one file.
-    while (m_RemovalCount.load(std::memory_order_relaxed) != 0) {
-        ZebMutexLocker locker(&m_RemovalMutex);
-        if (!isBeingRemoved(hash))
-            return;
-        m_Mutex.unlock();
-        m_RemovalEnded.wait(&m_RemovalMutex);
-        // Unlocked first: m_Mutex comes before it. Another removal may begin in between.
-        locker.unlock();
-        m_Mutex.lock();
-    }
-}
-
-int ZebHashManager::hashCount() const
-{
-    const ZebMutexLocker locker(&m_Mutex);
-    return m_Hashes.size();
-}
-
-void ZebHashManager::dumpStats()
-{
-    const ZebMutexLocker locker(&m_Mutex);
-    ZebTdxMessage::debug(QStringLiteral("==== ZebTdx Hash Stats ===="));
-    ZebTdxMessage::debug(QString::asprintf("Cache Hits %d", m_CacheHits));
-    ZebTdxMessage::debug(QString::asprintf("Cache Misses %d", m_CacheMisses));
-    ZebTdxMessage::debug(QString::asprintf("Requests %d", m_Requests));
-    ZebTdxMessage::debug(QString::asprintf("Removes %d", m_Removes));
-    ZebTdxMessage::debug(QString::asprintf("Registered %d", m_Hashes.size()));
-    ZebTdxMessage::debug(QString::asprintf("Existant %d", ZebDataHash::hashCount()));
-    // Kept on purpose: smart pointers are not counted, and the line always prints -1.
-    ZebTdxMessage::debug(QString::asprintf("HashPtrs %d", -1));
-}
-
-void ZebHashManager::clearStats()
-{
-    const ZebMutexLocker locker(&m_Mutex);
-    m_Requests = 0;
-    m_CacheHits = 0;
-    m_CacheMisses = 0;
-    m_Removes = 0;
-}
-
-void ZebHashManager::printDebugInfo()
-{
-    const ZebMutexLocker locker(&m_Mutex);
-    for (const ZebHashHandle& handle : qAsConst(m_Hashes)) {
-        const ZebDataHash* const hash = handle.data();
-        ZebTdxMessage::debug(QString::asprintf("%p %d %s", static_cast<const void*>(hash),
-                                               hash->refCount(),
-                                               hash->textIfWhole().toLocal8Bit().constData()));
-    }
-}
-
-void ZebHashManager::snapshot(QList<ZebSmartPointer<ZebDataHash>>& list) const
-{
-    const ZebMutexLocker locker(&m_Mutex);
-    for (const ZebHashHandle& handle : m_Hashes)
-        list.append(ZebSmartPointer<ZebDataHash>(handle.data()));
-}
-
-// Not analysed: meant for a quiet system, so it takes no lock.
-void ZebHashManager::validateState() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
-{
-    QStringList cached;
-    QStringList notCached;
-    for (const ZebHashHandle& handle : qAsConst(m_Hashes)) {
-        const ZebDataHash* const hash = handle.data();
-        if (hash->isDontCache())
-            notCached.append(hash->textIfWhole());
-        else
-            cached.append(
-                QStringLiteral("%1 (Refs = %2)").arg(hash->textIfWhole()).arg(hash->refCount()));
-    }
-    if (!cached.isEmpty()) {
-        cached.sort(Qt::CaseSensitive);
-        ZebTdxMessage::debug(
-            QStringLiteral("[ !! ] The following live cached hashes have been leaked:\n%1\n")
-                .arg(cached.join(QLatin1Char('\n'))));
-    }
-    if (!notCached.isEmpty()) {
-        notCached.sort(Qt::CaseSensitive);
-        ZebTdxMessage::debug(QStringLiteral("We have the following live non-cached hashes:\n") +
-                             notCached.join(QLatin1Char('\n')) + QLatin1Char('\n'));
-    }
+    m_Removals->end(removal);
 }

@@ -4,18 +4,18 @@
 #include "hash/ZebHashHandle.h"
 #include "hash/ZebSmartPointer.h"
 #include "support/ZebTdxExport.h"
-#include "support/ZebThreadSafety.h"
 
 #include <QByteArray>
 #include <QList>
-#include <QMutex>
-#include <QSet>
 #include <QString>
-#include <QWaitCondition>
 
-#include <atomic>
+#include <memory>
 
 class ZebHashRemoval;
+class ZebHashRemovalList;
+class ZebHashShards;
+class ZebHashTable;
+struct ZebDigestView;
 
 /// The registry that interns hashes. While a hash has a holder, every look-up of equal bytes
 /// returns the same object; so for interned hashes equal pointers mean equal digests.
@@ -28,8 +28,9 @@ class ZebHashRemoval;
 ///
 /// While a collector removes the file of a digest, a thread that interns this digest waits.
 ///
-/// Locks: m_Mutex is at level 3 of the lock order; the mutex of a hash may be taken inside it.
-/// m_RemovalMutex is a leaf lock.
+/// Locks: the registry consists of shards, each with its own mutex. They are at level 3 of the lock
+/// order; the mutex of a hash may be taken inside them. All that concerns one digest takes the
+/// mutex of one shard; hashCount() and the diagnostics take those of all shards.
 class ZEBTDX_EXPORT ZebHashManager
 {
 public:
@@ -41,7 +42,8 @@ public:
     static ZebHashManager& instance();
 
     /// The interned hash of `length` bytes at `bytes`, of size Hash512. The digest is computed
-    /// before any lock is taken, so concurrent callers with equal bytes each compute it.
+    /// before any lock is taken, so concurrent callers with equal bytes each compute it. Like the
+    /// other getHash(), it allocates nothing if the hash is registered.
     ZebSmartPointer<ZebDataHash> getHash(unsigned char* bytes, qint64 length);
     ZebSmartPointer<ZebDataHash> getHash(const QByteArray& bytes);
 
@@ -92,48 +94,38 @@ private:
     /// does. For bytes that were digested together with others.
     ZebSmartPointer<ZebDataHash> getDigested(const unsigned char* digest);
 
-    /// Interns `fresh` for getHash(). Takes ownership.
-    ZebSmartPointer<ZebDataHash> intern(ZebDataHash* fresh);
+    /// Interns a digest for getHash().
+    ZebSmartPointer<ZebDataHash> intern(const ZebDigestView& digest);
 
-    /// The body of addHash().
-    ZebSmartPointer<ZebDataHash> addHash_Unlocked(ZebDataHash* hash) ZEBTDX_REQUIRES(m_Mutex);
+    /// The body of addHash(). The caller holds the mutex of the digest's shard.
+    ZebSmartPointer<ZebDataHash> addHash_Unlocked(ZebDataHash* hash);
 
     /// Removes one holder. Returns whether it was the last: the hash is no longer registered then,
     /// and the caller destroys it. Only ZebDataHash calls it, with no lock of this level held.
     bool derefRemoveHash(ZebDataHash* hash);
 
     /// Marks a digest as being removed unless it is registered, and returns whether it did: one
-    /// decision, with the registry locked.
+    /// decision, with the shard of the digest locked.
     bool beginRemoval(ZebHashRemoval* removal);
 
-    /// Clears the mark and wakes the threads that wait for it. Takes m_RemovalMutex alone.
+    /// Clears the mark and wakes the threads that wait for it. Takes no mutex of a shard.
     void endRemoval(ZebHashRemoval* removal);
 
-    /// Waits until the digest of this hash is not being removed, with m_Mutex released by one level
-    /// meanwhile. On return no removal of it can begin before the registry is unlocked.
-    void awaitRemoval(const ZebDataHash& hash) ZEBTDX_REQUIRES(m_Mutex);
+    /// The digest of a hash, which owns it.
+    static ZebDigestView digestOf(const ZebDataHash& hash);
 
-    /// Whether the digest of this hash is being removed.
-    bool isBeingRemoved(const ZebDataHash& hash) const ZEBTDX_REQUIRES(m_RemovalMutex);
+    /// The hash of this digest and number in a table, or null.
+    static ZebDataHash* find(const ZebHashTable& table, quint64 number,
+                             const ZebDigestView& digest);
 
-    QSet<ZebHashHandle> m_Hashes ZEBTDX_GUARDED_BY(m_Mutex);
-    int m_Requests ZEBTDX_GUARDED_BY(m_Mutex) = 0;
-    int m_CacheHits ZEBTDX_GUARDED_BY(m_Mutex) = 0;
-    int m_CacheMisses ZEBTDX_GUARDED_BY(m_Mutex) = 0;
-    int m_Removes ZEBTDX_GUARDED_BY(m_Mutex) = 0;
+    /// Adds the count of a look-up to the hash that it found. The caller holds the mutex of the
+    /// hash's shard, where a last release is decided, and need not wait for that of the hash.
+    static void addBareCount(ZebDataHash* hash);
 
-    // Recursive, so that a thread may drop a holder while it walks the table.
-    mutable QMutex m_Mutex ZEBTDX_LOCK_LEVEL_3;
+    /// Turns that count into a smart pointer. May wait for the mutex of the hash, and may be the
+    /// last release of the hash if it throws; so the caller holds no mutex of a shard.
+    static ZebSmartPointer<ZebDataHash> takeBareCount(ZebDataHash* hash);
 
-    // A leaf lock, taken inside m_Mutex. Qt's condition cannot release a recursive mutex.
-    QMutex m_RemovalMutex ZEBTDX_ACQUIRED_AFTER(m_Mutex);
-    QWaitCondition m_RemovalEnded;
-
-    // The removals in progress, linked by their m_Next. None of their digests is registered: a mark
-    // is set with m_Mutex held too, and every insertion looks for marks first.
-    ZebHashRemoval* m_Removals ZEBTDX_GUARDED_BY(m_RemovalMutex) = nullptr;
-
-    // Their number, so that interning rarely takes the second mutex. Grows with both mutexes held
-    // and shrinks with m_RemovalMutex held: with m_Mutex held, 0 proves that there is none.
-    std::atomic<int> m_RemovalCount{0};
+    const std::unique_ptr<ZebHashShards> m_Shards;
+    const std::unique_ptr<ZebHashRemovalList> m_Removals;
 };

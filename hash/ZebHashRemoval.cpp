@@ -3,7 +3,10 @@
 #include "hash/ZebHashManager.h"
 
 ZebHashRemoval::ZebHashRemoval(const QString& text)
-    : m_Hash(text), m_Next(nullptr), m_HashIsLive(!ZebHashManager::instance().beginRemoval(this))
+    : m_Digest(text),
+      m_Shard(nullptr),
+      m_Next(nullptr),
+      m_HashIsLive(!ZebHashManager::instance().beginRemoval(this))
 {}
 
 ZebHashRemoval::~ZebHashRemoval()

@@ -2,9 +2,11 @@
 
 // Internal: the removal of an orphaned file, as the registry sees it. Not installed.
 
-#include "hash/ZebDataHash.h"
+#include "hash/ZebStackDigest.h"
 
 #include <QString>
+
+struct ZebHashShard;
 
 /// Keeps one digest out of the registry while the file of that digest is removed.
 ///
@@ -14,7 +16,7 @@
 ///
 /// A thread may wait with the delete lock held. Therefore the owner, between construction and
 /// destruction, does nothing but the removal, takes no lock of the library, and waits for no other
-/// thread. Neither does the destructor take the registry's mutex, nor does it allocate.
+/// thread. Neither does the destructor take a mutex of the registry's shards, nor does it allocate.
 ///
 /// Thread safety: an object belongs to the thread that made it; any number may exist, also of one
 /// digest.
@@ -32,10 +34,14 @@ public:
 
 private:
     friend class ZebHashManager;
+    friend class ZebHashRemovalList;
 
-    ZebDataHash m_Hash;
+    const ZebStackDigest m_Digest;
 
-    // Links the removals in progress; guarded by the registry's mutex of the removals. A list of
+    // That of the digest; set while the removal is in the list.
+    ZebHashShard* m_Shard;
+
+    // Links the removals in progress; guarded by the mutex of ZebHashRemovalList. A list of
     // objects that exist anyway: neither a mark nor its end can fail.
     ZebHashRemoval* m_Next;
 

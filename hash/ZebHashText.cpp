@@ -1,6 +1,6 @@
 #include "hash/ZebHashText.h"
 
-#include <QStringList>
+#include <QStringRef>
 #include <QtEndian>
 
 #include <algorithm>
@@ -106,17 +106,22 @@ char* ZebHashText::writeBlockText(const unsigned char* digest, char* out)
     return writeAll(digest, s_BlockWords * s_WordBytes, out);
 }
 
-QVector<QStringRef> ZebHashText::words(const QString& text)
+int ZebHashText::readDigest(const QString& text, unsigned char* out, int maxWords)
 {
-    return text.splitRef(QLatin1Char('-'), Qt::SkipEmptyParts, Qt::CaseSensitive);
-}
-
-void ZebHashText::writeDigest(const QVector<QStringRef>& words, char* out)
-{
-    for (const QStringRef& word : words) {
-        qToLittleEndian<quint32>(parseWord(word), out);
-        out += s_WordBytes;
+    int words = 0;
+    for (int end = 0, begin = 0; begin < text.size(); begin = end + 1) {
+        end = text.indexOf(QLatin1Char('-'), begin);
+        if (end < 0)
+            end = text.size();
+        if (end == begin)
+            continue;
+        if (words < maxWords) {
+            const quint32 word = parseWord(QStringRef(&text, begin, end - begin));
+            qToLittleEndian<quint32>(word, out + words * s_WordBytes);
+        }
+        ++words;
     }
+    return words;
 }
 
 bool ZebHashText::isBlockFileName(const QString& name)

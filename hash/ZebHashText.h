@@ -4,7 +4,6 @@
 
 #include <QChar>
 #include <QString>
-#include <QVector>
 
 /// The text form of a digest: its 32-bit little-endian words in decimal, joined by "-". It names
 /// block files, so existing caches depend on every character of it.
@@ -34,12 +33,11 @@ int writeLeading(const unsigned char* digest, int digestBytes, QChar* out, int l
 /// s_MaxBlockCharacters. Returns the end of the text.
 char* writeBlockText(const unsigned char* digest, char* out);
 
-/// The words of a text, as far apart as "-" divides it; empty groups do not count.
-QVector<QStringRef> words(const QString& text);
-
-/// Writes the digest that these words stand for to `out`, s_WordBytes for each. A word that is no
-/// number, or does not fit in 32 bits, counts as 0.
-void writeDigest(const QVector<QStringRef>& words, char* out);
+/// Reads the words of a text, as "-" divides it; empty groups do not count. Writes the digest that
+/// the first `maxWords` of them stand for to `out`, s_WordBytes for each. A word that is not a
+/// number, or exceeds 32 bits, counts as 0. Returns how many words the text has. Allocates nothing
+/// for a text of plain numbers.
+int readDigest(const QString& text, unsigned char* out, int maxWords);
 
 /// Whether a file of this name may be a block file: the name has as many dashes as the text form
 /// of a block's digest.

@@ -419,13 +419,14 @@ TEST(ZebConstAccessor, HashIsReleasedAfterTheDeleteLock)
 {
     const TemporaryStore store;
     // Never written, so no disk thread takes part.
-    auto accessor = std::make_unique<ZebConstAccessor>(
-        manager().addBlock("last holder", ZebModifyAccessor::DontCache).constAccessor());
+    ZebDataReference reference = manager().addBlock("last holder", ZebModifyAccessor::DontCache);
+    auto accessor = std::make_unique<ZebConstAccessor>(reference.constAccessor());
+    ZebTdxMutex& registryMutex = RegistryInside::mutexOf(*reference.hashPtr());
+    reference = ZebDataReference();
     ZebDataBlock* const held = block(*accessor);
     ASSERT_EQ(accessor->count(), 1);
 
     // The release of the hash waits for the registry.
-    QMutex& registryMutex = RegistryInside::mutex();
     registryMutex.lock();
     BlockedThread thread([&] { accessor.reset(); });
     EXPECT_TRUE(thread.waitsFor(registryMutex));

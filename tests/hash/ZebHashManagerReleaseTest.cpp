@@ -1,17 +1,19 @@
 #include "hash/ZebHashManager.h"
 
+#include "hash/ZebHashRemoval.h"
 #include "support/BlockedThread.h"
 #include "support/EndingBlock.h"
 #include "support/HashInside.h"
 #include "support/IsFree.h"
+#include "support/LockedRegistry.h"
 #include "support/MessageCapture.h"
 #include "support/Registry.h"
 #include "support/RegistryInside.h"
+#include "support/RegistryReports.h"
 #include "support/StoreInside.h"
 #include "support/TemporaryStore.h"
 
 #include <QList>
-#include <QMutex>
 
 #include <gtest/gtest.h>
 
@@ -25,19 +27,15 @@ using RegistryInside::derefRemoveHash;
 
 namespace {
 
-QMutex& registryMutex()
+// That of the shard to which the digest of nearly all tests belongs.
+ZebTdxMutex& registryMutex()
 {
-    return RegistryInside::mutex();
-}
-
-const QSet<ZebHashHandle>& entries()
-{
-    return RegistryInside::hashes(registry());
+    return RegistryInside::mutexOf(QByteArray("content"));
 }
 
 int removes()
 {
-    return RegistryInside::removes(registry());
+    return RegistryReports::stats().m_Removes;
 }
 
 // The state around a block that the last release of its hash deletes.
@@ -66,9 +64,16 @@ void record(ZebDataHash& hash, EndOfBlock& end)
 
 // One thread
 
-TEST(ZebHashManagerRelease, TheMutexOfTheRegistryIsRecursive)
+TEST(ZebHashManagerRelease, TheMutexOfAShardIsRecursive)
 {
-    EXPECT_TRUE(registryMutex().isRecursive());
+    for (ZebHashShard& shard : RegistryInside::shards(registry())) {
+        ASSERT_TRUE(shard.m_Mutex.tryLock());
+        ASSERT_TRUE(shard.m_Mutex.tryLock());
+        shard.m_Mutex.unlock();
+        EXPECT_FALSE(isFree(shard.m_Mutex));
+        shard.m_Mutex.unlock();
+        EXPECT_TRUE(isFree(shard.m_Mutex));
+    }
 }
 
 TEST(ZebHashManagerRelease, AHashOutsideTheRegistryIsNotLive)
@@ -154,7 +159,7 @@ TEST(ZebHashManagerRelease, DerefOfAnUnregisteredHashErasesNothing)
     twin.unlock();
     EXPECT_EQ(removes(), removed);
     EXPECT_EQ(registry().hashCount(), 1);
-    EXPECT_EQ(entries().constBegin()->data(), interned.data());
+    EXPECT_EQ(registry().getHash(QByteArray("content")).data(), interned.data());
 }
 
 TEST(ZebHashManagerRelease, AHashWhoseLastReleaseIsDecidedCannotBeHeld)
@@ -200,7 +205,7 @@ TEST(ZebHashManagerRelease, ALastReleaseWaitsForTheRegistry)
     // The count is restored while the decision waits, and the hash's own mutex is free.
     EXPECT_EQ(hash->refCount(), 1);
     EXPECT_TRUE(isFree(*hash));
-    EXPECT_EQ(entries().size(), 1);
+    EXPECT_EQ(registry().hashCount(), 1);
     registryMutex().unlock();
     EXPECT_TRUE(thread.ends());
     EXPECT_EQ(registry().hashCount(), 0);
@@ -259,25 +264,44 @@ TEST(ZebHashManagerRelease, AHitWaitsForTheHashWithTheRegistryFree)
     EXPECT_EQ(held->refCount(), 2);
 }
 
-TEST(ZebHashManagerRelease, ALookUpBuildsItsHashBeforeItWaitsForTheRegistry)
+TEST(ZebHashManagerRelease, ALookUpBuildsNoHashBeforeItWaitsForTheRegistry)
 {
     const QString text = ZebDataHash(QByteArray("by text"), ZebDataHash::Hash512).toString();
     const int objects = ZebDataHash::hashCount();
-    registryMutex().lock();
+    LockedRegistry locked;
     BlockedThread byBytes([] { registry().getHash(QByteArray("by bytes")); });
     BlockedThread byText([&text] { registry().getHash(text); });
     BlockedThread live([&text] { registry().isHashLive(text); });
-    for (const BlockedThread* const thread : {&byBytes, &byText, &live})
-        EXPECT_TRUE(thread->waitsFor(registryMutex()));
-    EXPECT_EQ(ZebDataHash::hashCount(), objects + 3);
-    registryMutex().unlock();
+    EXPECT_TRUE(byBytes.waitsFor(RegistryInside::mutexOf(QByteArray("by bytes"))));
+    for (const BlockedThread* const thread : {&byText, &live})
+        EXPECT_TRUE(thread->waitsFor(RegistryInside::mutexOf(QByteArray("by text"))));
+    EXPECT_EQ(ZebDataHash::hashCount(), objects);
+    locked.unlock();
     for (const BlockedThread* const thread : {&byBytes, &byText, &live})
         EXPECT_TRUE(thread->ends());
     EXPECT_EQ(ZebDataHash::hashCount(), objects);
     EXPECT_EQ(registry().hashCount(), 0);
 }
 
-TEST(ZebHashManagerRelease, TheDiagnosticsWaitForTheRegistry)
+TEST(ZebHashManagerRelease, DigestsOfOtherShardsDoNotWait)
+{
+    // A digest of another shard than "content", by the text form, too.
+    QByteArray other("other 0");
+    for (int i = 1; &RegistryInside::mutexOf(other) == &registryMutex(); ++i)
+        other = "other " + QByteArray::number(i);
+    const QString text = ZebDataHash(other, ZebDataHash::Hash512).toString();
+    EXPECT_FALSE(waitsForLock(registryMutex(), [&] {
+        Pointer held = registry().getHash(other);
+        EXPECT_EQ(registry().getHash(text), held);
+        EXPECT_EQ(registry().addHash(newHash(other)), held);
+        EXPECT_TRUE(registry().isHashLive(text));
+        EXPECT_TRUE(ZebHashRemoval(text).isHashLive());
+        held = Pointer();
+        EXPECT_FALSE(ZebHashRemoval(text).isHashLive());
+    }));
+}
+
+TEST(ZebHashManagerRelease, TheDiagnosticsWaitForEveryShard)
 {
     const MessageCapture messages;
     const std::vector<std::function<void()>> operations = {
@@ -285,16 +309,19 @@ TEST(ZebHashManagerRelease, TheDiagnosticsWaitForTheRegistry)
         [] { registry().clearStats(); },
         [] { registry().printDebugInfo(); },
         [] { registry().hashCount(); },
-        [] { registry().addHash(newHash("content")); },
         [] {
             QList<Pointer> list;
             registry().snapshot(list);
         },
     };
-    for (const std::function<void()>& operation : operations)
-        EXPECT_TRUE(waitsForLock(registryMutex(), operation));
-    // The validation is for a quiet system, and takes no lock.
-    EXPECT_FALSE(waitsForLock(registryMutex(), [] { registry().validateState(); }));
+    ZebHashShards& shards = RegistryInside::shards(registry());
+    for (ZebHashShard* const shard : {shards.begin(), shards.end() - 1}) {
+        for (const std::function<void()>& operation : operations)
+            EXPECT_TRUE(waitsForLock(shard->m_Mutex, operation));
+        // The validation is for a quiet system, and takes no lock.
+        EXPECT_FALSE(waitsForLock(shard->m_Mutex, [] { registry().validateState(); }));
+    }
+    EXPECT_TRUE(waitsForLock(registryMutex(), [] { registry().addHash(newHash("content")); }));
     EXPECT_EQ(registry().hashCount(), 0);
 }
 

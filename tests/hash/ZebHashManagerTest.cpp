@@ -261,10 +261,11 @@ TEST(ZebHashManager, AddHashOfNullIsNull)
 TEST(ZebHashManager, TheUnlockedFormWorksUnderTheCallersLock)
 {
     registry().clearStats();
-    RegistryInside::mutex().lock();
+    ZebTdxMutex& mutex = RegistryInside::mutexOf(QByteArray("content"));
+    mutex.lock();
     const Pointer one = RegistryInside::addHashUnlocked(registry(), newHash("content"));
     const Pointer again = RegistryInside::addHashUnlocked(registry(), newHash("content"));
-    RegistryInside::mutex().unlock();
+    mutex.unlock();
     EXPECT_EQ(again.data(), one.data());
     EXPECT_EQ(registry().hashCount(), 1);
     EXPECT_EQ(stats(), (Stats{1, 1, 0, 0}));
@@ -352,11 +353,16 @@ TEST(ZebHashManager, ACounterWrapsAroundAtItsMaximum)
 {
     constexpr int s_Most = std::numeric_limits<int>::max();
     constexpr int s_Least = std::numeric_limits<int>::min();
+    // Sets the sums of the shards, with another shard than that of the content.
     const auto setAll = [](int value) {
-        RegistryInside::requests(registry()) = value;
-        RegistryInside::cacheHits(registry()) = value;
-        RegistryInside::cacheMisses(registry()) = value;
-        RegistryInside::removes(registry()) = value;
+        registry().clearStats();
+        ZebHashShards& shards = RegistryInside::shards(registry());
+        const bool isFirst =
+            &shards.begin()->m_Mutex == &RegistryInside::mutexOf(QByteArray("content"));
+        ZebHashShard& shard = *(shards.begin() + (isFirst ? 1 : 0));
+        for (quint32* const counter :
+             {&shard.m_Requests, &shard.m_CacheHits, &shard.m_CacheMisses, &shard.m_Removes})
+            *counter = static_cast<quint32>(value);
     };
     setAll(s_Most);
     registry().getHash(QByteArray("content"));

@@ -100,7 +100,7 @@ TEST(ZebHashRemoval, ItEndsAlthoughAThreadThatWaitsHasTheRegistryLocked)
     Removal current = removal();
     BlockedThread adding([] {
         // An entry more of the recursive mutex, which the wait does not release.
-        const QMutexLocker locker(&RegistryInside::mutex());
+        const ZebTdxMutexLocker locker(&RegistryInside::mutexOf(bytes()));
         registry().addHash(newHash(bytes()));
     });
     EXPECT_TRUE(adding.waitsFor(RegistryInside::removalEnded(registry())));
@@ -125,7 +125,7 @@ TEST(ZebHashRemoval, ItEndsWhileAnotherThreadHasTheRegistryLocked)
 {
     const MessageCapture messages;
     Removal current = removal();
-    const QMutexLocker locker(&RegistryInside::mutex());
+    const ZebTdxMutexLocker locker(&RegistryInside::mutexOf(bytes()));
     BlockedThread ending([&] { current.reset(); });
     EXPECT_TRUE(ending.ends());
 }

@@ -1,11 +1,13 @@
 #include "hash/ZebHashText.h"
 
 #include <QByteArray>
-#include <QStringList>
+#include <QVector>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -31,10 +33,9 @@ QString textOf(const QByteArray& digest)
 
 QByteArray digestOf(const QString& text)
 {
-    const QVector<QStringRef> words = ZebHashText::words(text);
-    QByteArray digest(words.size() * ZebHashText::s_WordBytes, '#');
-    ZebHashText::writeDigest(words, digest.data());
-    return digest;
+    unsigned char digest[32 * ZebHashText::s_WordBytes];
+    const int words = ZebHashText::readDigest(text, digest, 32);
+    return QByteArray(reinterpret_cast<const char*>(digest), words * ZebHashText::s_WordBytes);
 }
 
 struct Vector
@@ -128,13 +129,18 @@ TEST(ZebHashText, TheLongestTextOfABlockFillsItsBuffer)
 
 TEST(ZebHashText, EmptyWordsAreSkipped)
 {
-    const QString text = QStringLiteral("--1-22---333-");
-    QStringList words;
-    for (const QStringRef& word : ZebHashText::words(text))
-        words.append(word.toString());
-    EXPECT_EQ(words, QStringList({"1", "22", "333"}));
-    EXPECT_TRUE(ZebHashText::words(QString()).isEmpty());
-    EXPECT_TRUE(ZebHashText::words(QStringLiteral("---")).isEmpty());
+    EXPECT_EQ(textOf(digestOf(QStringLiteral("--1-22---333-"))), QStringLiteral("1-22-333"));
+    EXPECT_TRUE(digestOf(QString()).isEmpty());
+    EXPECT_TRUE(digestOf(QStringLiteral("---")).isEmpty());
+}
+
+TEST(ZebHashText, WordsAfterTheLastWantedAreCountedAndNotWritten)
+{
+    unsigned char out[3 * ZebHashText::s_WordBytes];
+    std::fill(std::begin(out), std::end(out), static_cast<unsigned char>('#'));
+    EXPECT_EQ(ZebHashText::readDigest(QStringLiteral("1-2-3-4-x"), out, 2), 5);
+    EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(out), sizeof out),
+              QByteArray("\1\0\0\0\2\0\0\0####", sizeof out));
 }
 
 TEST(ZebHashText, AWordThatIsNoNumberOf32BitsCountsAsZero)

@@ -5,10 +5,9 @@
 #include "support/BlockedThread.h"
 #include "support/CollectedStore.h"
 #include "support/CollectorInside.h"
+#include "support/LockedRegistry.h"
 #include "support/RecordingReporter.h"
-#include "support/RegistryInside.h"
 
-#include <QMutexLocker>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -71,9 +70,9 @@ protected:
     {
         manager().startGarbageCollection();
         freeABlock();
-        QMutexLocker registry(&RegistryInside::mutex());
+        LockedRegistry registry;
         BlockedThread passing([this] { m_Collector.collect(nullptr, nullptr); });
-        EXPECT_TRUE(passing.waitsFor(RegistryInside::mutex()));
+        EXPECT_TRUE(registry.blocks(passing));
         action();
         registry.unlock();
         EXPECT_TRUE(passing.ends());

@@ -1,22 +1,25 @@
 #pragma once
 
+#include "hash/ZebDigestView.h"
 #include "hash/ZebHashManager.h"
+#include "hash/ZebHashRemovalList.h"
+#include "hash/ZebHashShards.h"
 #include "support/PrivateAccess.h"
+#include "support/ZebTdxMutex.h"
 
-#include <QMutex>
-#include <QSet>
+#include <QByteArray>
 #include <QWaitCondition>
+
+#include <memory>
 
 using RegistryInsidePointer = ZebSmartPointer<ZebDataHash>;
 
-ZEBTDX_ACCESS(RegistryInsideHashes, ZebHashManager, QSet<ZebHashHandle> ZebHashManager::*, m_Hashes)
-ZEBTDX_ACCESS(RegistryInsideMutex, ZebHashManager, QMutex ZebHashManager::*, m_Mutex)
-ZEBTDX_ACCESS(RegistryInsideRemovalEnded, ZebHashManager, QWaitCondition ZebHashManager::*,
-              m_RemovalEnded)
-ZEBTDX_ACCESS(RegistryInsideRequests, ZebHashManager, int ZebHashManager::*, m_Requests)
-ZEBTDX_ACCESS(RegistryInsideCacheHits, ZebHashManager, int ZebHashManager::*, m_CacheHits)
-ZEBTDX_ACCESS(RegistryInsideCacheMisses, ZebHashManager, int ZebHashManager::*, m_CacheMisses)
-ZEBTDX_ACCESS(RegistryInsideRemoves, ZebHashManager, int ZebHashManager::*, m_Removes)
+ZEBTDX_ACCESS(RegistryInsideShards, ZebHashManager,
+              const std::unique_ptr<ZebHashShards> ZebHashManager::*, m_Shards)
+ZEBTDX_ACCESS(RegistryInsideRemovals, ZebHashManager,
+              const std::unique_ptr<ZebHashRemovalList> ZebHashManager::*, m_Removals)
+ZEBTDX_ACCESS(RegistryInsideRemovalEnded, ZebHashRemovalList, QWaitCondition ZebHashRemovalList::*,
+              m_Ended)
 ZEBTDX_ACCESS(RegistryInsideAddHashUnlocked, ZebHashManager,
               RegistryInsidePointer (ZebHashManager::*)(ZebDataHash*), addHash_Unlocked)
 ZEBTDX_ACCESS(RegistryInsideDerefRemoveHash, ZebHashManager, bool (ZebHashManager::*)(ZebDataHash*),
@@ -25,34 +28,15 @@ ZEBTDX_ACCESS(RegistryInsideDerefRemoveHash, ZebHashManager, bool (ZebHashManage
 /// The private members of ZebHashManager. None of the functions takes a lock of its own.
 namespace RegistryInside {
 
-inline QSet<ZebHashHandle>& hashes(ZebHashManager& object)
+inline ZebHashShards& shards(ZebHashManager& object)
 {
-    return object.*privateMember(RegistryInsideHashes());
+    return *(object.*privateMember(RegistryInsideShards()));
 }
 
-inline QMutex& mutex(ZebHashManager& object)
+/// The shard of a hash, which has a whole digest.
+inline ZebHashShard& shardOf(ZebHashManager& object, const ZebDataHash& hash)
 {
-    return object.*privateMember(RegistryInsideMutex());
-}
-
-inline int& requests(ZebHashManager& object)
-{
-    return object.*privateMember(RegistryInsideRequests());
-}
-
-inline int& cacheHits(ZebHashManager& object)
-{
-    return object.*privateMember(RegistryInsideCacheHits());
-}
-
-inline int& cacheMisses(ZebHashManager& object)
-{
-    return object.*privateMember(RegistryInsideCacheMisses());
-}
-
-inline int& removes(ZebHashManager& object)
-{
-    return object.*privateMember(RegistryInsideRemoves());
+    return shards(object).of(shards(object).number({hash.size(), hash.data(), hash.size()}));
 }
 
 inline RegistryInsidePointer addHashUnlocked(ZebHashManager& object, ZebDataHash* hash)
@@ -68,13 +52,20 @@ inline bool derefRemoveHash(ZebHashManager& object, ZebDataHash* hash)
 /// At which a thread waits for the removal of a file.
 inline QWaitCondition& removalEnded(ZebHashManager& object)
 {
-    return object.*privateMember(RegistryInsideRemovalEnded());
+    ZebHashRemovalList& removals = *(object.*privateMember(RegistryInsideRemovals()));
+    return removals.*privateMember(RegistryInsideRemovalEnded());
 }
 
-/// The mutex of the process's registry.
-inline QMutex& mutex()
+/// The mutex that the process's registry takes for a hash of whole digest.
+inline ZebTdxMutex& mutexOf(const ZebDataHash& hash)
 {
-    return mutex(ZebHashManager::instance());
+    return shardOf(ZebHashManager::instance(), hash).m_Mutex;
+}
+
+/// The mutex that the process's registry takes for blocks of these bytes.
+inline ZebTdxMutex& mutexOf(const QByteArray& bytes)
+{
+    return mutexOf(ZebDataHash(bytes, ZebDataHash::Hash512));
 }
 
 } // namespace RegistryInside
