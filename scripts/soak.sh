@@ -2,6 +2,7 @@
 # Runs the tests that take too long for every change, for a given number of minutes:
 #
 #   stress:PROGRAM       a program of threads that race, shuffled
+#   reads                ReadStress: threads that read without a lock, two minutes at a time
 #   kill-loop            scripts/kill_loop.sh: ingests killed at random moments
 #   disabled:TEST        a test that is off by default since it takes a minute or more
 #   heavy:TEST           a test with the label "heavy": minutes and gigabytes, at most once
@@ -29,6 +30,7 @@ list=false
 # A run that takes longer than this hangs.
 run_limit_s=1800
 kills_per_run=5
+reads_run_s=120
 # An entry that has failed this often is not run again.
 most_failures=3
 # What GoogleTest accepts as a seed: from 1 on.
@@ -121,6 +123,9 @@ find_work() {
     while IFS= read -r source; do
         add "stress:$(basename "$source" .cpp)" "$(program_of "$source")"
     done < <(find "$root/tests" -name '*StressTest.cpp' | LC_ALL=C sort)
+    if [[ -e $root/tests/reads/ReadStress.cpp ]]; then
+        add reads "$build/tests/reads/ReadStress"
+    fi
     add kill-loop "$root/scripts/kill_loop.sh"
     while IFS= read -r source; do
         while IFS= read -r test; do
@@ -162,6 +167,9 @@ set_line() {
     case $name in
     kill-loop)
         line=("${program[$name]}" "$kills_per_run" "$run_seed")
+        ;;
+    reads)
+        line=("${program[$name]}" --seconds "$reads_run_s" --seed "$run_seed")
         ;;
     stress:*)
         line=("${program[$name]}" --gtest_shuffle --gtest_random_seed="$run_seed")
