@@ -110,10 +110,12 @@ void fromStringBySplit(benchmark::State& state)
 }
 
 // Look-ups that find an interned hash. The digest of the range(0) bytes is part of the look-up.
+// Threads look up different hashes.
 void getHashHit(benchmark::State& state)
 {
     ZebHashManager& registry = ZebHashManager::instance();
-    const QByteArray bytes(static_cast<int>(state.range(0)), 'h');
+    const QByteArray bytes(static_cast<int>(state.range(0)),
+                           static_cast<char>('h' + state.thread_index()));
     const Pointer held = registry.getHash(bytes);
     for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.getHash(bytes).data());
@@ -124,12 +126,14 @@ void getHashHit(benchmark::State& state)
 void getHashMiss(benchmark::State& state)
 {
     ZebHashManager& registry = ZebHashManager::instance();
-    const QByteArray bytes(static_cast<int>(state.range(0)), 'm');
+    const QByteArray bytes(static_cast<int>(state.range(0)),
+                           static_cast<char>('m' + state.thread_index()));
     for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.getHash(bytes).data());
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
 }
 
+// All threads look up the same hashes.
 void getHashHitByText(benchmark::State& state)
 {
     ZebHashManager& registry = ZebHashManager::instance();
@@ -138,15 +142,19 @@ void getHashHitByText(benchmark::State& state)
     held.reserve(texts.size());
     for (const QString& text : texts)
         held.push_back(registry.getHash(text));
-    size_t next = 0;
+    size_t next = static_cast<size_t>(state.thread_index()) * s_Variety / 2;
     for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.getHash(texts[next++ % s_Variety]).data());
 }
 
+// Threads intern different hashes.
 void getHashMissByText(benchmark::State& state)
 {
     ZebHashManager& registry = ZebHashManager::instance();
-    const std::vector<QString> texts = someTexts();
+    std::vector<QString> texts;
+    for (size_t i = 0; i < s_Variety; ++i)
+        texts.push_back(
+            hashOfNumber(static_cast<size_t>(state.thread_index()) * s_Variety + i).toString());
     size_t next = 0;
     for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.getHash(texts[next++ % s_Variety]).data());
@@ -160,9 +168,26 @@ void isHashLive(benchmark::State& state)
     std::vector<Pointer> held;
     for (size_t i = 0; i < s_Variety; i += 2)
         held.push_back(registry.getHash(texts[i]));
-    size_t next = 0;
+    size_t next = static_cast<size_t>(state.thread_index()) * s_Variety / 2;
     for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(registry.isHashLive(texts[next++ % s_Variety]));
+}
+
+// Look-ups among range(0) hashes in random order, so that most of them miss the caches.
+void getHashAmongMany(benchmark::State& state)
+{
+    ZebHashManager& registry = ZebHashManager::instance();
+    const auto count = static_cast<size_t>(state.range(0));
+    std::vector<Pointer> held;
+    held.reserve(count);
+    for (size_t i = 0; i < count; ++i)
+        held.push_back(registry.getHash(QByteArray::number(static_cast<qulonglong>(i))));
+    std::vector<QString> texts;
+    for (size_t i = 0; i < 4096; ++i)
+        texts.push_back(held[i * 2654435761U % count]->toString());
+    size_t next = 0;
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(registry.getHash(texts[next++ % texts.size()]).data());
 }
 
 // Adds and drops one reference: to a hash per thread, and to a hash that the threads share.
@@ -187,16 +212,24 @@ void copySharedPointer(benchmark::State& state)
     }
 }
 
+void byThreads(benchmark::internal::Benchmark* benchmark)
+{
+    benchmark->Threads(1)->Threads(2)->UseRealTime();
+}
+
 BENCHMARK(toString)->Name("HashText/toString");
 BENCHMARK(toStringByTextStream)->Name("HashText/toString_by_QTextStream");
 BENCHMARK(fromString)->Name("HashText/fromString");
 BENCHMARK(fromStringBySplit)->Name("HashText/fromString_by_QString_split");
-BENCHMARK(getHashHit)->Name("HashRegistry/getHash_hit")->Arg(64)->Arg(64 * 1024);
-BENCHMARK(getHashMiss)->Name("HashRegistry/getHash_miss")->Arg(64)->Arg(64 * 1024);
-BENCHMARK(getHashHitByText)->Name("HashRegistry/getHash_hit_by_text");
-BENCHMARK(getHashMissByText)->Name("HashRegistry/getHash_miss_by_text");
-BENCHMARK(isHashLive)->Name("HashRegistry/isHashLive");
-BENCHMARK(copyPointer)->Name("HashPointer/copy")->Threads(1)->Threads(2);
-BENCHMARK(copySharedPointer)->Name("HashPointer/copy_of_shared")->Threads(1)->Threads(2);
+BENCHMARK(getHashHit)->Name("HashRegistry/getHash_hit")->Arg(64 * 1024);
+BENCHMARK(getHashHit)->Name("HashRegistry/getHash_hit")->Arg(64)->Apply(byThreads);
+BENCHMARK(getHashMiss)->Name("HashRegistry/getHash_miss")->Arg(64 * 1024);
+BENCHMARK(getHashMiss)->Name("HashRegistry/getHash_miss")->Arg(64)->Apply(byThreads);
+BENCHMARK(getHashHitByText)->Name("HashRegistry/getHash_hit_by_text")->Apply(byThreads);
+BENCHMARK(getHashMissByText)->Name("HashRegistry/getHash_miss_by_text")->Apply(byThreads);
+BENCHMARK(getHashAmongMany)->Name("HashRegistry/getHash_hit_among_many")->Arg(1 << 18);
+BENCHMARK(isHashLive)->Name("HashRegistry/isHashLive")->Apply(byThreads);
+BENCHMARK(copyPointer)->Name("HashPointer/copy")->Apply(byThreads);
+BENCHMARK(copySharedPointer)->Name("HashPointer/copy_of_shared")->Apply(byThreads);
 
 } // namespace

@@ -50,23 +50,6 @@ Character* writeAll(const unsigned char* digest, int digestBytes, Character* out
     return out;
 }
 
-// The number that QString::toUInt gives for one word. The plain form of the numbers that we write
-// ourselves is read here; everything else is left to Qt, which alone decides what else it accepts
-// as a number.
-quint32 parseWord(const QStringRef& word)
-{
-    if (word.size() > s_MaxWordDigits)
-        return word.toUInt();
-    quint64 value = 0;
-    for (const QChar character : word) {
-        const unsigned digit = static_cast<unsigned>(character.unicode()) - u'0';
-        if (digit > 9)
-            return word.toUInt();
-        value = value * 10 + digit;
-    }
-    return value <= 0xFFFFFFFFULL ? static_cast<quint32>(value) : 0U;
-}
-
 } // namespace
 
 quint32 ZebHashText::wordAt(const unsigned char* digest, int digestBytes, int offset)
@@ -109,14 +92,24 @@ char* ZebHashText::writeBlockText(const unsigned char* digest, char* out)
 int ZebHashText::readDigest(const QString& text, unsigned char* out, int maxWords)
 {
     int words = 0;
-    for (int end = 0, begin = 0; begin < text.size(); begin = end + 1) {
-        end = text.indexOf(QLatin1Char('-'), begin);
-        if (end < 0)
-            end = text.size();
-        if (end == begin)
+    for (int at = 0; at < text.size(); ++at) {
+        const int first = at;
+        quint64 value = 0;
+        bool isPlain = true;
+        for (; at < text.size() && text[at] != QLatin1Char('-'); ++at) {
+            const unsigned digit = static_cast<unsigned>(text[at].unicode()) - u'0';
+            isPlain = isPlain && digit <= 9;
+            value = value * 10 + digit;
+        }
+        const int length = at - first;
+        if (length == 0)
             continue;
         if (words < maxWords) {
-            const quint32 word = parseWord(QStringRef(&text, begin, end - begin));
+            // The plain form of the numbers that we write ourselves is read here; everything else
+            // is left to Qt, which alone decides what else it accepts as a number.
+            quint32 word = value <= 0xFFFFFFFFULL ? static_cast<quint32>(value) : 0U;
+            if (!isPlain || length > s_MaxWordDigits)
+                word = QStringRef(&text, first, length).toUInt();
             qToLittleEndian<quint32>(word, out + words * s_WordBytes);
         }
         ++words;

@@ -5,10 +5,16 @@
 
 #include "support/Registry.h"
 #include "support/RegistryReports.h"
+#include "support/RunTogether.h"
 
 #include <QList>
 
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <utility>
+#include <vector>
 
 using RegistryReports::linesOf;
 using RegistryReports::Stats;
@@ -22,6 +28,17 @@ using Pointer = ZebSmartPointer<ZebDataHash>;
 QString textOfGroups(const QString& value)
 {
     return QStringList{value, value, value, value, value, value, value, value}.join("-");
+}
+
+// Calls `action` with each message of `operation`, on the thread that sends it.
+void withHandler(std::function<void()> action, const std::function<void()>& operation)
+{
+    static std::function<void()> s_Action;
+    s_Action = std::move(action);
+    const QtMessageHandler before = qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString&) { s_Action(); });
+    operation();
+    qInstallMessageHandler(before);
 }
 
 // Interned hashes of such texts. Text order is not the order of numbers: 10 comes before 2.
@@ -176,4 +193,65 @@ TEST(ZebHashManagerDiagnostics, HashWithoutAWholeDigestIsPrintedAsAnEmptyText)
     unread->setDontCache(true);
     EXPECT_EQ(linesOf(&ZebHashManager::validateState),
               QStringList{"We have the following live non-cached hashes:\n\n"});
+}
+
+TEST(ZebHashManagerDiagnostics, AMessageHandlerMayDropAndTakeHashesMeanwhile)
+{
+    constexpr int s_Hashes = 3000;
+    std::vector<Pointer> held;
+    for (int i = 0; i < s_Hashes; ++i)
+        held.push_back(registry().getHash(QByteArray::number(i)));
+    int lines = 0;
+    withHandler(
+        [&] {
+            ++lines;
+            // The whole table is gone after the first line, and holds one new hash.
+            held.clear();
+            held.push_back(registry().getHash(QByteArray("new")));
+        },
+        [] { registry().printDebugInfo(); });
+    // The new hash is printed too if its place comes later.
+    EXPECT_GE(lines, 1);
+    EXPECT_LE(lines, 3);
+    EXPECT_EQ(registry().hashCount(), 1);
+
+    lines = 0;
+    withHandler(
+        [&] {
+            ++lines;
+            held.clear();
+            held.push_back(registry().getHash(QByteArray::number(lines)));
+            QList<Pointer> list;
+            registry().snapshot(list);
+            EXPECT_EQ(list.size(), registry().hashCount());
+        },
+        [] { registry().dumpStats(); });
+    EXPECT_EQ(lines, 8);
+}
+
+TEST(ZebHashManagerDiagnostics, TheFiguresAreThoseOfOneMoment)
+{
+    // Each thread has at most one hash at a time. If each shard had its own moment, a thread would
+    // have dropped one hash and interned the next in between.
+    constexpr int s_Threads = 3;
+    std::atomic<bool> isOver{false};
+    registry().clearStats();
+    std::atomic<int> wrong{0};
+    runTogether(s_Threads + 1, [&](int thread) {
+        if (thread < s_Threads) {
+            for (int i = 0; !isOver; ++i)
+                registry().getHash(QByteArray::number(i * s_Threads + thread));
+            return;
+        }
+        const MessageCapture messages;
+        for (int i = 0; i < 1000; ++i) {
+            const Stats figures = stats();
+            const int live = figures.m_Misses - figures.m_Removes;
+            if (figures.m_Hits + figures.m_Misses != figures.m_Requests || live < 0 ||
+                live > s_Threads)
+                ++wrong;
+        }
+        isOver = true;
+    });
+    EXPECT_EQ(wrong.load(), 0);
 }

@@ -2,6 +2,7 @@
 
 #include "data/ZebConstAccessor.h"
 #include "data/ZebDataReference.h"
+#include "hash/ZebHashRemoval.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/Registry.h"
 #include "support/RegistryReports.h"
@@ -19,6 +20,7 @@
 #include <cstring>
 #include <functional>
 #include <random>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -206,6 +208,44 @@ void takeAndDrop(const Input& input, Findings& findings, int operations)
     findings.m_Adds += operations;
 }
 
+/// What threads do with the digest of an input at one moment.
+struct Uses
+{
+    std::atomic<int> m_Holders{0};
+    std::atomic<int> m_Removers{0};
+};
+
+// Threads that take and drop inputs, and collectors that remove their files.
+void holdOrRemove(const std::vector<Input>& inputs, std::vector<Uses>& uses, Findings& findings,
+                  int thread, int operations)
+{
+    std::minstd_rand random(static_cast<unsigned>(thread + 1));
+    for (int i = 0; i < operations; ++i) {
+        const size_t number = random() % inputs.size();
+        const Input& input = inputs[number];
+        Uses& use = uses[number];
+        if (thread % 2 == 0) {
+            const ZebHashRemoval removal(input.m_Text);
+            if (removal.isHashLive())
+                continue;
+            ++use.m_Removers;
+            findings.m_NotLive += use.m_Holders != 0 ? 1 : 0;
+            std::this_thread::yield();
+            findings.m_NotLive += use.m_Holders != 0 ? 1 : 0;
+            --use.m_Removers;
+            ++findings.m_Operations;
+        } else {
+            Pointer held = random() % 2 == 0 ? registry().getHash(input.m_Text)
+                                             : registry().addHash(new ZebDataHash(input.m_Digest));
+            ++use.m_Holders;
+            findings.m_Twins += use.m_Removers != 0 ? 1 : 0;
+            check(held, input, findings);
+            --use.m_Holders;
+            held = Pointer();
+        }
+    }
+}
+
 } // namespace
 
 TEST(ZebHashManagerStress, ManyThreadsContendForFewInputs)
@@ -243,6 +283,29 @@ TEST(ZebHashManagerStress, NoLookUpFindsAHashThatIsEnding)
     }
     expectNothingWrong(findings);
     EXPECT_EQ(ZebDataHash::hashCount(), objects);
+}
+
+TEST(ZebHashManagerStress, NoFileIsRemovedWhileItsHashIsHeld)
+{
+    constexpr int s_Threads = 6;
+    constexpr int s_Operations = 20000 / s_Scale;
+    const int objects = ZebDataHash::hashCount();
+    Findings findings;
+    {
+        const std::vector<Input> inputs = makeInputs(4);
+        std::vector<Uses> uses(inputs.size());
+        runTogether(s_Threads, [&](int thread) {
+            holdOrRemove(inputs, uses, findings, thread, s_Operations);
+        });
+    }
+    EXPECT_EQ(findings.m_NotLive.load(), 0);
+    EXPECT_EQ(findings.m_Twins.load(), 0);
+    EXPECT_EQ(findings.m_NotHeld.load(), 0);
+    EXPECT_EQ(findings.m_WrongDigest.load(), 0);
+    // The run proves something only if files were removed.
+    EXPECT_GT(findings.m_Operations.load(), s_Operations / 100);
+    EXPECT_EQ(ZebDataHash::hashCount(), objects);
+    EXPECT_EQ(registry().hashCount(), 0);
 }
 
 TEST(ZebHashManagerStress, BlocksAreAddedAndFreedWithTheirHashes)
