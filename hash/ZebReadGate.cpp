@@ -1,6 +1,5 @@
 #include "hash/ZebReadGate.h"
 
-#include <chrono>
 #include <thread>
 
 #ifdef Q_OS_LINUX
@@ -21,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 // A closing of a plain gate costs its membarrier, some 10 microseconds, on every core; an entry
 // into a fenced gate costs some nanoseconds more. Closings at this distance cost 0.1 %.
-constexpr std::chrono::milliseconds s_CalmTime{10};
+constexpr std::chrono::milliseconds s_DefaultCalmTime{10};
 
 // How a closer waits for a thread that is inside: for some 10 instructions of that thread, or until
 // the scheduler runs it again.
@@ -32,7 +31,8 @@ constexpr std::chrono::microseconds s_Sleep{50};
 // Far longer than any processor keeps a store from the others.
 constexpr std::chrono::milliseconds s_StoreTime{10};
 
-// The delete lock guards these three.
+// The delete lock guards these.
+std::chrono::microseconds s_CalmTime{s_DefaultCalmTime};
 Clock::time_point s_LastClosing;
 bool s_HasClosed = false;
 bool s_IsCalm = true;
@@ -144,14 +144,14 @@ void ZebReadGate::setUnpinsSlow(bool slow)
 
 void ZebReadGate::close()
 {
-    const quint32 before = s_Word.m_Bits.fetch_or(Closed, std::memory_order_seq_cst);
-    Q_ASSERT((before & Closed) == 0);
-    if (ZEBTDX_GUARD(GateFencesOthers, (before & Fenced) == 0))
-        fenceOthers();
     const Clock::time_point now = Clock::now();
     s_IsCalm = !s_HasClosed || now - s_LastClosing > s_CalmTime;
     s_LastClosing = now;
     s_HasClosed = true;
+    const quint32 before = s_Word.m_Bits.fetch_or(Closed, std::memory_order_seq_cst);
+    Q_ASSERT((before & Closed) == 0);
+    if (ZEBTDX_GUARD(GateFencesOthers, (before & Fenced) == 0))
+        fenceOthers();
     // The own slot, too: it is unmarked, or the caller would wait for itself.
     for (const ZebThreadSlot* slot = ZebThreadSlot::first(); slot != nullptr; slot = slot->next())
         waitUntilOutside(*slot);
@@ -180,4 +180,9 @@ void ZebReadGate::open()
     else
         s_Word.m_Bits.fetch_or(Fenced, std::memory_order_seq_cst);
     s_Word.m_Bits.fetch_and(~quint32(Closed), std::memory_order_seq_cst);
+}
+
+void ZebReadGate::setCalmTime(std::chrono::microseconds time)
+{
+    s_CalmTime = time;
 }

@@ -8,6 +8,7 @@
 #include <QtGlobal>
 
 #include <atomic>
+#include <chrono>
 
 /// The gate that operations without a lock pass, and that a thread closes when it needs a time
 /// without any of them. To enter, a thread marks its slot and then looks whether the gate is open;
@@ -56,6 +57,7 @@ inline bool enter(ZebThreadSlot* slot)
     const quint32 before = s_Word.m_Bits.load(std::memory_order_relaxed);
     if (Q_UNLIKELY((before & (Closed | Fenced)) != 0))
         return enterFenced(slot);
+    ZEBTDX_POINT(GateFoundPlain);
     // In this order for the compiler. For the processor the closer orders them: its membarrier
     // falls before the second load, which then finds the gate closed, or after the mark, which the
     // closer then sees.
@@ -64,7 +66,8 @@ inline bool enter(ZebThreadSlot* slot)
     // Acquire: sees what a closer did before it opened the gate. If the gate is fenced by now, the
     // next closer makes no membarrier, and the mark above would not be strong enough.
     const quint32 after = s_Word.m_Bits.load(std::memory_order_acquire);
-    if (ZEBTDX_GUARD(GateClosedSeen, Q_UNLIKELY((after & (Closed | Fenced)) != 0)))
+    if (ZEBTDX_GUARD(GateClosedSeen, Q_UNLIKELY((after & Closed) != 0)) ||
+        ZEBTDX_GUARD(GateFencedSeen, Q_UNLIKELY((after & Fenced) != 0)))
         return enterFenced(slot);
     return true;
 }
@@ -101,5 +104,9 @@ void open();
 /// operations that take the delete lock now and then: after many closings in a row the gate is
 /// fenced, and without this it would stay so until the next one.
 void relax();
+
+/// For tests: after which time without a closing the gate is plain, in place of 10 ms. The calling
+/// thread holds the delete lock.
+void setCalmTime(std::chrono::microseconds time);
 
 } // namespace ZebReadGate

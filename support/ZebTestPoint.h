@@ -9,6 +9,7 @@
 /// A moment at which a test may stop or delay the thread that reaches it.
 enum class ZebTestPoint : unsigned
 {
+    GateFoundPlain,
     OpenEntered,
     OpenPinned,
     CloseEntered,
@@ -32,6 +33,7 @@ enum class ZebTestPoint : unsigned
 enum class ZebTestGuard : unsigned
 {
     GateClosedSeen,
+    GateFencedSeen,
     GateFencesOthers,
     GateWaitsForSlots,
     OpenSeesLocked,
