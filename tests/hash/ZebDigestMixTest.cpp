@@ -32,6 +32,7 @@ std::vector<quint64> numbersOf(int count, const std::function<Words(quint32)>& c
 {
     const ZebDigestMix mix;
     std::vector<quint64> numbers;
+    numbers.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i)
         numbers.push_back(numberOf(mix, choose(static_cast<quint32>(i))));
     return numbers;

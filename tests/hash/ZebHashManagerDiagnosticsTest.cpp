@@ -199,6 +199,7 @@ TEST(ZebHashManagerDiagnostics, AMessageHandlerMayDropAndTakeHashesMeanwhile)
 {
     constexpr int s_Hashes = 3000;
     std::vector<Pointer> held;
+    held.reserve(s_Hashes);
     for (int i = 0; i < s_Hashes; ++i)
         held.push_back(registry().getHash(QByteArray::number(i)));
     int lines = 0;

@@ -12,7 +12,6 @@
 #include <new>
 #include <vector>
 
-using RegistryReports::Stats;
 using RegistryReports::stats;
 
 namespace {
