@@ -18,6 +18,7 @@ enum class ZebTestPoint : unsigned
     StampWritten,
     Unpinned,
     DrainTaken,
+    DrainRead,
     DrainCleared,
     EvictChosen,
     EvictLocked,

@@ -242,6 +242,16 @@ int run(const std::string& mode)
         {"exitWithPendingJobs", &exitWithPendingJobs},
         {"releaseInThreads", &releaseInThreads},
         {"cleanUpFirst", &cleanUpFirst},
+        {"closeInThreads", &closeInThreads},
+        {"closeInLateDestructors", &closeInLateDestructors},
+        {"forkWhileLockingAnd_exit",
+         [] {
+             return forkWhileLocking(false);
+         }},
+        {"forkWhileLockingAndExit",
+         [] {
+             return forkWhileLocking(true);
+         }},
         {"forkAnd_exit",
          [] {
              return forkAndEnd(false);

@@ -43,3 +43,15 @@ int forkAfterCleanUp();
 
 /// The same many times, while other threads use the store.
 int forkManyTimes(bool byExit);
+
+/// Forks and ends the child, a number of times; the same result as forkAndEnd().
+int forkRepeatedly(bool byExit);
+
+/// Forks many times, while other threads lock all blocks and read.
+int forkWhileLocking(bool byExit);
+
+/// Threads that close accessors to the very end of the process.
+int closeInThreads();
+
+/// Accessors that are closed by thread-local destructors.
+int closeInLateDestructors();

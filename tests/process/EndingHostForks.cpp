@@ -67,6 +67,14 @@ int forkOnce(bool byExit)
 
 } // namespace
 
+int forkRepeatedly(bool byExit)
+{
+    int status = 0;
+    for (int i = 0; i < s_ForkCount && status == 0; ++i)
+        status = forkOnce(byExit);
+    return status;
+}
+
 int forkAndEnd(bool byExit)
 {
     KeptByHost& kept = keptAcrossForks();

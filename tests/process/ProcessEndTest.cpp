@@ -134,6 +134,17 @@ TEST_F(ProcessEnd, ThreadsMayDropReferencesToTheVeryEnd)
     EXPECT_EQ(fileCount(), 1);
 }
 
+TEST_F(ProcessEnd, ThreadsMayCloseAccessorsToTheVeryEnd)
+{
+    expectHostToEnd("closeInThreads");
+    EXPECT_EQ(fileCount(), 20);
+}
+
+TEST_F(ProcessEnd, ThreadLocalDestructorsMayCloseAccessors)
+{
+    expectHostToEnd("closeInLateDestructors");
+}
+
 TEST_F(ProcessEnd, ReferencesOutliveACleanUpByTheHost)
 {
     expectHostToEnd("cleanUpFirst");
@@ -180,6 +191,18 @@ TEST_F(ProcessEnd, AChildForkedFromABusyStoreMayCallExit)
 {
     checkNoLeaks();
     expectHostToEnd("forkManyTimesAndExit");
+}
+
+TEST_F(ProcessEnd, AChildForkedWhileAThreadLocksMayCall_exit)
+{
+    checkNoLeaks();
+    expectHostToEnd("forkWhileLockingAnd_exit");
+}
+
+TEST_F(ProcessEnd, AChildForkedWhileAThreadLocksMayCallExit)
+{
+    checkNoLeaks();
+    expectHostToEnd("forkWhileLockingAndExit");
 }
 
 // Plug-ins
