@@ -1,33 +1,74 @@
 #include "support/ZebTdxMutex.h"
 
-ZebTdxMutex::ZebTdxMutex(int level, QMutex::RecursionMode mode) : m_Mutex(mode)
+namespace {
+
+// Identifies the calling thread.
+const void* self()
+{
+    static thread_local const char s_Self = 0;
+    return &s_Self;
+}
+
+} // namespace
+
+ZebTdxMutex::ZebTdxMutex(int level, QMutex::RecursionMode mode)
+    : m_IsRecursive(mode == QMutex::Recursive)
 {
     Q_UNUSED(level)
 }
 
 ZebTdxMutex::~ZebTdxMutex() = default;
 
+bool ZebTdxMutex::isMine() const
+{
+    return m_Owner.load(std::memory_order_relaxed) == self();
+}
+
+void ZebTdxMutex::take()
+{
+    if (m_IsRecursive)
+        m_Owner.store(self(), std::memory_order_relaxed);
+}
+
 // The bodies below are what the attributes in the header promise; the analysis knows the QMutex
 // inside as another lock, and cannot compare the two.
 
 void ZebTdxMutex::lock() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
+    if (isMine()) {
+        ++m_Again;
+        return;
+    }
     m_Mutex.lock();
+    take();
 }
 
 void ZebTdxMutex::unlock() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
+    if (m_Again > 0) {
+        --m_Again;
+        return;
+    }
+    // Cleared first: after the release another thread may own the mutex.
+    m_Owner.store(nullptr, std::memory_order_relaxed);
     m_Mutex.unlock();
 }
 
 bool ZebTdxMutex::tryLock()
 {
-    return m_Mutex.tryLock();
+    return tryLock(0);
 }
 
-bool ZebTdxMutex::tryLock(int timeout)
+bool ZebTdxMutex::tryLock(int timeout) ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
-    return m_Mutex.tryLock(timeout);
+    if (isMine()) {
+        ++m_Again;
+        return true;
+    }
+    if (!m_Mutex.tryLock(timeout))
+        return false;
+    take();
+    return true;
 }
 
 ZebTdxMutexLocker::ZebTdxMutexLocker(ZebTdxMutex* mutex) : m_Mutex(mutex), m_Locked(false)

@@ -5,8 +5,13 @@
 
 #include <QMutex>
 
-/// A QMutex whose constructor takes a level of the lock order. The delete lock and the mutex of
-/// each hash are of this class.
+#include <atomic>
+
+/// A mutex whose constructor takes a level of the lock order. The delete lock and the mutex of each
+/// hash are of this class.
+///
+/// A recursive one remembers its owner and counts, so that taking it again costs no atomic
+/// read-modify-write, and constructing it allocates nothing.
 ///
 /// Thread safety: that of QMutex. Not copyable.
 class ZEBTDX_CAPABILITY("mutex") ZEBTDX_EXPORT ZebTdxMutex
@@ -37,7 +42,21 @@ public:
 private:
     Q_DISABLE_COPY(ZebTdxMutex)
 
+    bool isMine() const;
+    void take();
+
+    // Never recursive itself: that form of QMutex allocates.
     QMutex m_Mutex;
+
+    // The address of a thread-local object of the owner, null when the mutex is free or not
+    // recursive. Written by the owner. Another thread may read it at any time and then finds
+    // something else than its own address, so the value needs no order.
+    std::atomic<const void*> m_Owner{nullptr};
+
+    // How often the owner has taken the mutex again. Only the owner accesses it.
+    int m_Again = 0;
+
+    const bool m_IsRecursive;
 };
 
 /// Holds a ZebTdxMutex for the length of a scope; may release it early and take it again.

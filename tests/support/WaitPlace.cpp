@@ -4,8 +4,6 @@
 
 namespace {
 
-static_assert(sizeof(ZebTdxMutex) == sizeof(QMutex), "its QMutex is all that it holds");
-
 constexpr quintptr s_Word = sizeof(quintptr);
 
 // The private part of a recursive QMutex: a flag, the owner, a count and the mutex itself.

@@ -22,6 +22,7 @@ class WaitPlace
 {
 public:
     WaitPlace(const QMutex& mutex) : m_Object(&mutex), m_Kind(Mutex) {}
+    // It begins with its QMutex.
     WaitPlace(const ZebTdxMutex& mutex) : m_Object(&mutex), m_Kind(Mutex) {}
     WaitPlace(const QReadWriteLock& lock) : m_Object(&lock), m_Kind(ReadWriteLock) {}
     WaitPlace(const QWaitCondition& condition) : m_Object(&condition), m_Kind(Condition) {}
