@@ -1,13 +1,13 @@
 // The cost of the list of evictable blocks. Every operation takes constant time, so the rows of the
 // large list should differ from those of the small list only by cache misses.
 
+#include "hash/ZebDataHash.h"
 #include "manager/ZebDataBlockLru.h"
-
-#include <QWriteLocker>
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -16,44 +16,49 @@ namespace {
 constexpr int s_SmallList = 1000;
 constexpr int s_LargeList = 1000000;
 
-// About the distance of two hashes on the heap.
-constexpr quintptr s_KeyDistance = 128;
-
-// The list never dereferences its keys.
-ZebDataHash* key(quintptr number)
+// Hashes as the list needs them, one after another on the heap.
+class Hashes
 {
-    return reinterpret_cast<ZebDataHash*>((number + 1) * s_KeyDistance);
-}
+public:
+    explicit Hashes(int count)
+    {
+        for (int i = 0; i < count; ++i)
+            m_Hashes.push_back(std::make_unique<ZebDataHash>());
+    }
 
-// The keys of a full list in an order that the prefetcher cannot predict.
-std::vector<ZebDataHash*> shuffledKeys(int count)
-{
-    std::vector<ZebDataHash*> keys;
-    keys.reserve(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i)
-        keys.push_back(key(static_cast<quintptr>(i)));
-    std::shuffle(keys.begin(), keys.end(), std::mt19937(1));
-    return keys;
-}
+    ZebDataHash* operator[](int i) const { return m_Hashes[static_cast<size_t>(i)].get(); }
 
-void fill(ZebDataBlockLru& lru, int count)
-{
-    for (int i = 0; i < count; ++i)
-        lru.add(key(static_cast<quintptr>(i)));
-}
+    void addTo(ZebDataBlockLru& lru, int count) const
+    {
+        for (int i = 0; i < count; ++i)
+            lru.add((*this)[i]);
+    }
+
+    // In an order that the prefetcher cannot predict.
+    std::vector<ZebDataHash*> shuffled() const
+    {
+        std::vector<ZebDataHash*> hashes;
+        hashes.reserve(m_Hashes.size());
+        for (const std::unique_ptr<ZebDataHash>& hash : m_Hashes)
+            hashes.push_back(hash.get());
+        std::shuffle(hashes.begin(), hashes.end(), std::mt19937(1));
+        return hashes;
+    }
+
+private:
+    std::vector<std::unique_ptr<ZebDataHash>> m_Hashes;
+};
 
 // Adds a block and removes it again.
 void addAndRemove(benchmark::State& state)
 {
     const int count = static_cast<int>(state.range(0));
+    const Hashes hashes(count + 1);
     ZebDataBlockLru lru;
-    fill(lru, count);
-    quintptr next = static_cast<quintptr>(count);
+    hashes.addTo(lru, count);
     for ([[maybe_unused]] auto _ : state) {
-        ZebDataHash* const fresh = key(next++);
-        lru.add(fresh);
-        const QWriteLocker locker(&lru.lock());
-        lru.remove(fresh);
+        lru.add(hashes[count]);
+        lru.remove(hashes[count]);
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -63,9 +68,10 @@ template <typename Operation>
 void forAnyKey(benchmark::State& state, Operation operation)
 {
     const int count = static_cast<int>(state.range(0));
+    const Hashes hashes(count);
     ZebDataBlockLru lru;
-    fill(lru, count);
-    const std::vector<ZebDataHash*> keys = shuffledKeys(count);
+    hashes.addTo(lru, count);
+    const std::vector<ZebDataHash*> keys = hashes.shuffled();
     size_t next = 0;
     for ([[maybe_unused]] auto _ : state) {
         operation(lru, keys[next]);

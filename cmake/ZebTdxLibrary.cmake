@@ -39,6 +39,7 @@ set(ZEBTDX_SOURCES
   support/ZebBlockInflater.cpp
   support/ZebCompression.cpp
   support/ZebDataDeleteLocker.cpp
+  support/ZebDeleteMutexLocker.cpp
   support/ZebDecompression.cpp
   support/ZebForkWatch.cpp
   support/ZebPoolExit.cpp
@@ -52,6 +53,8 @@ set(ZEBTDX_SOURCES
   hash/SkeinLaneForm.cpp
   hash/ZebBlockName.cpp
   hash/ZebDataHash.cpp
+  hash/ZebDataHash_Counting.cpp
+  hash/ZebDataHash_Pinning.cpp
   hash/ZebDataHash_Text.cpp
   hash/ZebDigestMix.cpp
   hash/ZebHashHandle.cpp

@@ -2,9 +2,7 @@
 
 #include "data/ZebDataBlock.h"
 #include "manager/ZebDataBlockManager.h"
-#include "support/ZebDataDeleteLocker.h"
 #include "support/ZebForkWatch.h"
-#include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
 
 ZebConstAccessor::ZebConstAccessor(const ZebSmartPointer<ZebDataHash>& hash, void* block)
@@ -15,11 +13,7 @@ ZebConstAccessor::ZebConstAccessor(const ZebSmartPointer<ZebDataHash>& hash, voi
             ZebTdxMessage::fatal(QStringLiteral("Both Block and Pointer Are Null"));
         return;
     }
-    const ZebDataDeleteLocker deleteLocker;
-    const ZebMutexLocker blockLocker(&m_Block->m_Mutex);
-    if (m_Block->m_AccessCount.loadRelaxed() == 0)
-        ZebDataBlockManager::instance().lockBlock(m_DataHash.data());
-    m_Block->m_AccessCount.fetchAndAddOrdered(1);
+    ZebDataBlockManager::instance().pin(m_DataHash.data(), m_Block);
 }
 
 // NOLINTNEXTLINE(bugprone-copy-constructor-init): there is no base.
@@ -27,29 +21,27 @@ ZebConstAccessor::ZebConstAccessor(const ZebConstAccessor& other) : m_Block(null
 {
     if (other.m_Block == nullptr)
         ZebTdxMessage::fatal(QStringLiteral("Null Block Value in That"));
-    const ZebDataDeleteLocker deleteLocker;
-    const ZebMutexLocker blockLocker(&other.m_Block->m_Mutex);
-    // The count is above 0 already, so the block is not evictable.
-    other.m_Block->m_AccessCount.fetchAndAddOrdered(1);
+    ZebDataHash* const hash = other.m_DataHash.data();
+    if (!hash->tryOpenAgain(other.m_Block))
+        ZebDataBlockManager::instance().pinAgain(hash, other.m_Block);
+    m_DataHash.adopt(hash);
     m_Block = other.m_Block;
-    m_DataHash = other.m_DataHash;
 }
 
 ZebConstAccessor::~ZebConstAccessor()
 {
+    if (m_Block == nullptr)
+        return;
+    if (m_DataHash->tryClose(m_Block)) {
+        // The reference has been removed together with the pin.
+        m_DataHash.abandon();
+        return;
+    }
     // In a forked child the locks below may be held by threads that this process does not have.
-    if (m_Block == nullptr || ZebForkWatch::isStoreOfParent())
-        return;
-    const ZebDataDeleteLocker deleteLocker;
-    // At process exit the store deletes its blocks. The mark is set with the delete lock held, and
-    // before that.
-    if (ZebDataBlockManager::instance().m_HasEnded.load(std::memory_order_relaxed))
-        return;
-    const ZebMutexLocker blockLocker(&m_Block->m_Mutex);
-    if (m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1)
-        ZebDataBlockManager::instance().unlockBlock(m_DataHash.data());
-    // m_DataHash is destroyed as a member, after both locks are released: this may be the last
-    // release, which frees the block.
+    if (!ZebForkWatch::isStoreOfParent())
+        ZebDataBlockManager::instance().unpin(m_DataHash.data(), m_Block);
+    // m_DataHash is destroyed as a member, with no lock held: this may be the last release, which
+    // frees the block.
 }
 
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): both members allow self-assignment.
@@ -74,7 +66,7 @@ qint64 ZebConstAccessor::size() const
 
 int ZebConstAccessor::count() const
 {
-    return m_Block->m_AccessCount.loadRelaxed();
+    return ZebDataBlockManager::accessorsOf(m_DataHash.data(), m_Block);
 }
 
 bool ZebConstAccessor::isNull() const

@@ -17,7 +17,9 @@ class ZebDataReference;
 /// Thread safety: any thread may hold accessors to any block. Only one thread at a time may use a
 /// given accessor.
 ///
-/// Locks: making, copying and destroying one takes the delete lock and inside it the block's mutex.
+/// Locks: making, copying and destroying one takes none while the block is resident, unless another
+/// thread holds the delete lock by a ZebDataDeleteLocker, or the hash; those it waits for. The last
+/// accessor takes the delete lock when it signals a change or ends the hash.
 class ZEBTDX_EXPORT ZebConstAccessor
 {
 public:
@@ -55,6 +57,12 @@ protected:
     ZebConstAccessor(const ZebSmartPointer<ZebDataHash>& hash, void* block);
 
 private:
+    /// Takes over a pin and a reference that ZebDataHash::tryOpen() has counted.
+    ZebConstAccessor(ZebDataHash* hash, ZebDataBlock* block) : m_Block(block)
+    {
+        m_DataHash.adopt(hash);
+    }
+
     ZebDataBlock* m_Block;
     ZebSmartPointer<ZebDataHash> m_DataHash;
 };

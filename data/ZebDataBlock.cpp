@@ -30,8 +30,7 @@ QByteArray detached(const QByteArray& bytes)
 } // namespace
 
 ZebDataBlock::ZebDataBlock(const ZebDataBlock& other)
-    : m_Mutex(QMutex::Recursive),
-      m_AccessCount(0),
+    : m_AccessCount(0),
       m_Data(detached(other.m_Data)),
       m_Size(other.m_Size),
       m_Compressed(other.m_Compressed),
@@ -39,8 +38,7 @@ ZebDataBlock::ZebDataBlock(const ZebDataBlock& other)
 {}
 
 ZebDataBlock::ZebDataBlock(const QByteArray& bytes)
-    : m_Mutex(QMutex::Recursive),
-      m_AccessCount(0),
+    : m_AccessCount(0),
       m_Data(detached(bytes)),
       m_Size(bytes.size()),
       m_Compressed(false),
@@ -48,8 +46,7 @@ ZebDataBlock::ZebDataBlock(const QByteArray& bytes)
 {}
 
 ZebDataBlock::ZebDataBlock(const unsigned char* data, qint64 size)
-    : m_Mutex(QMutex::Recursive),
-      m_AccessCount(0),
+    : m_AccessCount(0),
       m_Data(reinterpret_cast<const char*>(data), arrayLength(size)),
       m_Size(size),
       m_Compressed(false),
@@ -57,8 +54,7 @@ ZebDataBlock::ZebDataBlock(const unsigned char* data, qint64 size)
 {}
 
 ZebDataBlock::ZebDataBlock(qint64 size, unsigned char fill)
-    : m_Mutex(QMutex::Recursive),
-      m_AccessCount(0),
+    : m_AccessCount(0),
       m_Data(arrayLength(size), static_cast<char>(fill)),
       m_Size(size),
       m_Compressed(false),

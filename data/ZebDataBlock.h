@@ -3,11 +3,9 @@
 #include "hash/ZebDataHash.h"
 #include "hash/ZebSmartPointer.h"
 #include "support/ZebTdxExport.h"
-#include "support/ZebThreadSafety.h"
 
 #include <QAtomicInt>
 #include <QByteArray>
-#include <QMutex>
 
 #include <atomic>
 #include <memory>
@@ -21,8 +19,6 @@
 /// Thread safety: while a ZebConstAccessor pins the block, its payload does not change, and any
 /// number of threads may read it. Operations that change the payload need exclusive use of the
 /// block.
-///
-/// Locks: m_Mutex is at level 2 of the lock order, inside the delete lock.
 class ZEBTDX_EXPORT ZebDataBlock
 {
 public:
@@ -104,12 +100,13 @@ private:
     /// those that are missing.
     static std::unique_ptr<ZebDataBlock> privateCopy(const ZebDataBlock& block);
 
-    // Makes a change of m_AccessCount between 0 and 1 and the manager's update of the LRU one step.
-    // Recursive. Taken inside the delete lock; the lock of the LRU comes inside it.
-    QMutex m_Mutex ZEBTDX_LOCK_LEVEL_2;
-
-    // How many accessors pin this block. Changed with m_Mutex held, read without.
+    // How many accessors share or pin this block while it is not resident: those of a new block,
+    // and copies of them that outlive its release. The pins of a resident block are counted by its
+    // hash.
     QAtomicInt m_AccessCount;
+
+    // Whether the manager owns the block, so that no accessor deletes it.
+    std::atomic<bool> m_IsAdmitted{false};
 
     QByteArray m_Data;
     qint64 m_Size;

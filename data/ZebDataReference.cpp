@@ -1,8 +1,11 @@
 #include "data/ZebDataReference.h"
 
 #include "data/ZebDataBlock.h"
-#include "support/ZebDataDeleteLocker.h"
+#include "hash/ZebThreadSlot.h"
+#include "support/ZebDeleteMutexLocker.h"
 #include "support/ZebTdxMessage.h"
+
+#include <QScopeGuard>
 
 #include <cstdlib>
 #include <new>
@@ -10,30 +13,42 @@
 QAtomicInt ZebDataReference::m_ReferenceCount;
 QAtomicInt ZebDataReference::m_AllocCount;
 
+// Each thread counts in a place of its own, which only it writes; a reference may end on another
+// thread than the one that made it. m_ReferenceCount has the share of threads without a place.
+void ZebDataReference::count(int change)
+{
+    ZebThreadSlot* const slot = ZebThreadSlot::mine();
+    if (slot == nullptr)
+        m_ReferenceCount.fetchAndAddRelaxed(change);
+    else
+        slot->m_References.store(slot->m_References.load(std::memory_order_relaxed) + change,
+                                 std::memory_order_relaxed);
+}
+
 ZebDataReference::ZebDataReference()
 {
-    m_ReferenceCount.fetchAndAddRelaxed(1);
+    count(1);
 }
 
 ZebDataReference::ZebDataReference(const ZebDataReference& other)
     : m_DataHash(other.m_DataHash), m_HashJob(other.m_HashJob)
 {
-    m_ReferenceCount.fetchAndAddRelaxed(1);
+    count(1);
 }
 
 ZebDataReference::ZebDataReference(const ZebSmartPointer<ZebDataHash>& hash) : m_DataHash(hash)
 {
-    m_ReferenceCount.fetchAndAddRelaxed(1);
+    count(1);
 }
 
 ZebDataReference::ZebDataReference(const ZebSmartPointer<ZebBlockFuture>& job) : m_HashJob(job)
 {
-    m_ReferenceCount.fetchAndAddRelaxed(1);
+    count(1);
 }
 
 ZebDataReference::~ZebDataReference()
 {
-    m_ReferenceCount.fetchAndAddRelaxed(-1);
+    count(-1);
 }
 
 ZebDataReference& ZebDataReference::operator=(const ZebDataReference& other)
@@ -115,7 +130,6 @@ ZebSmartPointer<ZebDataHash> ZebDataReference::hashPtr() const
 bool ZebDataReference::isInMemory() const
 {
     checkAndWaitJob();
-    const ZebDataDeleteLocker deleteLocker;
     return ZebDataBlockManager::instance().isInMemory(m_DataHash.data());
 }
 
@@ -140,23 +154,49 @@ void ZebDataReference::preload(ZebDataBlockManager::PreloadPriority priority) co
 
 const ZebConstAccessor ZebDataReference::constAccessor() const
 {
-    checkAndWaitJob();
-    const ZebDataDeleteLocker deleteLocker;
-    if (m_DataHash.isNull()) {
-        ZebTdxMessage::debug(QString::asprintf("Null Value of m_DataHash m_HashJob=%p",
-                                               static_cast<const void*>(m_HashJob.data())));
-        ZebTdxMessage::fatal(QStringLiteral("Null Value of m_DataHash"));
+    if (m_DataHash.isNull())
+        checkAndWaitJob();
+    if (!m_DataHash.isNull()) {
+        if (ZebDataBlock* const block = m_DataHash->tryOpen())
+            return ZebConstAccessor(m_DataHash.data(), block);
     }
-    // The accessor pins the block before the delete lock is released, so that no other thread
-    // evicts it in between.
-    ZebDataBlock* const block = ZebDataBlockManager::instance().getDataBlock(m_DataHash.data());
-    return ZebConstAccessor(m_DataHash, block);
+    return openWithDeletesHeld();
+}
+
+const ZebConstAccessor ZebDataReference::openWithDeletesHeld() const
+{
+    for (;;) {
+        {
+            const ZebDeleteMutexLocker deleteLocker;
+            if (m_DataHash.isNull()) {
+                ZebTdxMessage::debug(QString::asprintf("Null Value of m_DataHash m_HashJob=%p",
+                                                       static_cast<const void*>(m_HashJob.data())));
+                ZebTdxMessage::fatal(QStringLiteral("Null Value of m_DataHash"));
+            }
+            if (m_DataHash->tryIncRef()) {
+                ZebSmartPointer<ZebDataHash> held;
+                held.adopt(m_DataHash.data());
+                // The accessor pins the block before the delete lock is released, so that no other
+                // thread evicts it in between.
+                return ZebConstAccessor(held,
+                                        ZebDataBlockManager::instance().getDataBlock(held.data()));
+            }
+        }
+        // Another thread has locked the hash. It may need the delete lock.
+        m_DataHash->awaitUnlocked();
+    }
 }
 
 ZebModifyAccessor ZebDataReference::modifyAccessor() const
 {
     checkAndWaitJob();
-    const ZebDataDeleteLocker deleteLocker;
+    if (!m_DataHash.isNull()) {
+        if (const ZebDataBlock* const block = m_DataHash->tryBeginCopy()) {
+            const auto end = qScopeGuard([this] { m_DataHash->endCopy(); });
+            return ZebModifyAccessor(ZebDataBlock::privateCopy(*block).release());
+        }
+    }
+    const ZebDeleteMutexLocker deleteLocker;
     const ZebDataBlock* const block =
         ZebDataBlockManager::instance().getDataBlock(m_DataHash.data());
     if (block == nullptr)
@@ -166,7 +206,10 @@ ZebModifyAccessor ZebDataReference::modifyAccessor() const
 
 int ZebDataReference::referenceCount()
 {
-    return m_ReferenceCount.loadRelaxed();
+    qint64 sum = m_ReferenceCount.loadRelaxed();
+    for (const ZebThreadSlot* slot = ZebThreadSlot::first(); slot != nullptr; slot = slot->next())
+        sum += slot->m_References.load(std::memory_order_relaxed);
+    return static_cast<int>(sum);
 }
 
 int ZebDataReference::allocCount()

@@ -96,8 +96,8 @@ public:
 
     /// A private copy of the block to write to, with zeros for bytes that the block has not stored
     /// although they count in its size. Null if the block cannot be loaded, and for a null
-    /// reference. This reference still refers to the old bytes. Waits. Holds the delete lock while
-    /// it copies.
+    /// reference. This reference still refers to the old bytes. Waits. Eviction of the block waits
+    /// while its bytes are copied.
     ZebModifyAccessor modifyAccessor() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
     /// How many references exist, in any storage.
@@ -117,6 +117,12 @@ private:
     /// Resolves a pending reference: waits for its job, and for the job that this one returns,
     /// until there is a hash. Only tests two pointers if the reference is not pending.
     void checkAndWaitJob() const ZEBTDX_EXCLUDES(ZebDeleteLock);
+
+    /// constAccessor() for a block that is not resident, and for any other that cannot be opened
+    /// without a lock.
+    const ZebConstAccessor openWithDeletesHeld() const ZEBTDX_EXCLUDES(ZebDeleteLock);
+
+    static void count(int change);
 
     // Mutable, since const operations resolve the reference.
     mutable ZebSmartPointer<ZebDataHash> m_DataHash;

@@ -3,7 +3,6 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "manager/ZebDataBlockManager.h"
-#include "support/ZebMutexLocker.h"
 
 #include <utility>
 
@@ -11,7 +10,6 @@ ZebModifyAccessor::ZebModifyAccessor(void* block) : m_Block(static_cast<ZebDataB
 {
     if (m_Block == nullptr)
         return;
-    const ZebMutexLocker locker(&m_Block->m_Mutex);
     m_Block->m_AccessCount.fetchAndAddOrdered(1);
 }
 
@@ -23,12 +21,9 @@ ZebModifyAccessor::~ZebModifyAccessor()
 {
     if (m_Block == nullptr)
         return;
-    bool last = false;
-    {
-        const ZebMutexLocker locker(&m_Block->m_Mutex);
-        last = m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1;
-    }
-    if (last)
+    // A copy may outlive the release of its block to the store.
+    const bool isOwned = !m_Block->m_IsAdmitted.load(std::memory_order_relaxed);
+    if (m_Block->m_AccessCount.fetchAndAddOrdered(-1) == 1 && isOwned)
         delete m_Block;
 }
 
@@ -65,10 +60,7 @@ ZebDataReference ZebModifyAccessor::release(Caching caching, bool immediate)
 {
     if (m_Block == nullptr)
         return {};
-    {
-        const ZebMutexLocker locker(&m_Block->m_Mutex);
-        m_Block->m_AccessCount.fetchAndAddOrdered(-1);
-    }
+    m_Block->m_AccessCount.fetchAndAddOrdered(-1);
     // Kept on purpose: the new count is not checked. The manager owns the block from here on, even
     // if it throws.
     return ZebDataBlockManager::instance().addBlock(std::exchange(m_Block, nullptr), caching,

@@ -18,7 +18,7 @@ class ZebDataReference;
 ///
 /// Thread safety: only one thread at a time may use the accessors of a block.
 ///
-/// Locks: takes the block's mutex; release() takes the locks of ZebDataBlockManager::addBlock().
+/// Locks: only release() takes locks, those of ZebDataBlockManager::addBlock().
 class ZEBTDX_EXPORT ZebModifyAccessor
 {
 public:

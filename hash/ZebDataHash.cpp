@@ -1,9 +1,6 @@
 #include "hash/ZebDataHash.h"
 
-#include "hash/ZebHashManager.h"
 #include "hash/ZebStackDigest.h"
-#include "manager/ZebDataBlockManager.h"
-#include "support/ZebForkWatch.h"
 #include "support/ZebTdxMessage.h"
 
 #include <QHash>
@@ -28,23 +25,21 @@ void requireSize(ZebDataHash::Size size)
 
 ZebDataHash::ZebDataHash()
     : m_Size(Hash256),
-      m_RefCount(0),
       m_UserId(0),
       m_DontCache(false),
-      m_Mutex(s_HashMutexLevel, QMutex::Recursive),
-      m_Preloading(false)
+      m_Preloading(false),
+      m_Mutex(s_HashMutexLevel, QMutex::Recursive)
 {
     m_NumHashes.fetchAndAddRelaxed(1);
 }
 
 ZebDataHash::ZebDataHash(const ZebDataHash& other)
     : m_Size(other.m_Size),
-      m_Data(other.m_Data),
-      m_RefCount(0),
       m_UserId(other.userId()),
+      m_Data(other.m_Data),
       m_DontCache(other.isDontCache()),
-      m_Mutex(s_HashMutexLevel, QMutex::Recursive),
-      m_Preloading(false)
+      m_Preloading(false),
+      m_Mutex(s_HashMutexLevel, QMutex::Recursive)
 {
     m_NumHashes.fetchAndAddRelaxed(1);
 }
@@ -171,56 +166,9 @@ void ZebDataHash::setPreloading(bool preloading)
     m_Preloading.store(preloading, std::memory_order_relaxed);
 }
 
-int ZebDataHash::refCount() const
-{
-    return m_RefCount.loadRelaxed();
-}
-
-bool ZebDataHash::tryLock()
-{
-    return m_Mutex.tryLock();
-}
-
-// Not analysed: tryLock() has no attribute, see the header.
-void ZebDataHash::unlock() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
-{
-    m_Mutex.unlock();
-}
-
 int ZebDataHash::hashCount()
 {
     return m_NumHashes.loadRelaxed();
-}
-
-void ZebDataHash::incRef(void* holder)
-{
-    Q_UNUSED(holder)
-    const ZebTdxMutexLocker locker(&m_Mutex);
-    m_RefCount.fetchAndAddOrdered(1);
-}
-
-ZebSmartPointer<ZebDataHash> ZebDataHash::holdUnlessEnding()
-{
-    // With the mutex held a count of 0 is final: a count that is 0 only for a moment is so inside
-    // the mutex.
-    const ZebTdxMutexLocker locker(&m_Mutex);
-    return refCount() == 0 ? ZebSmartPointer<ZebDataHash>() : ZebSmartPointer<ZebDataHash>(this);
-}
-
-void ZebDataHash::decRef(void* holder)
-{
-    Q_UNUSED(holder)
-    if (refCount() < 1)
-        ZebTdxMessage::fatal(QStringLiteral("No Positive Ref Count in Dec Ref"));
-    // The locks below may have been held by threads that this process does not have.
-    if (ZebForkWatch::isStoreOfParent())
-        return;
-    if (!ZebHashManager::instance().derefRemoveHash(this))
-        return;
-    // No look-up can find this hash any more, so its block is freed, and then the hash itself. No
-    // lock is held here: freeing a block starts with the outermost one.
-    ZebDataBlockManager::instance().freeBlock(this, false, false);
-    delete this;
 }
 
 void ZebDataHash::swap(void* from, void* to)

@@ -12,7 +12,9 @@
 
 #include <atomic>
 
+class ZebDataBlock;
 class ZebHashManager;
+struct ZebThreadSlot;
 
 /// The identity of a block: the digest of its bytes, a reference count, and what the host and the
 /// manager attach to that identity.
@@ -25,6 +27,9 @@ class ZebHashManager;
 /// Thread safety: any thread may hold smart pointers to a hash and call its const operations. The
 /// digest of an interned hash does not change. userId(), isDontCache() and isPreloading() are
 /// atomic, with no order between them.
+///
+/// The hash of a resident block also has what its readers need: the block, its pins, and its place
+/// in the LRU. docs/CONCURRENCY.md explains how they are used without a lock.
 ///
 /// Locks: m_Mutex is at level 3 of the lock order, inside the registry's mutex.
 class ZEBTDX_EXPORT ZebDataHash
@@ -111,10 +116,10 @@ public:
     /// How many smart pointers hold the object right now.
     int refCount() const;
 
-    /// Takes the mutex of this hash if that needs no wait. Returns whether it did. While it is
-    /// held, no other thread adds or releases a reference to this hash. The manager holds it during
-    /// an eviction, across calls, which the thread-safety analysis cannot follow; so this has no
-    /// attributes.
+    /// Locks this hash if that needs no wait. Returns whether it did; the same thread may lock it
+    /// again. While it is locked, no other thread adds or releases a reference to this hash, so
+    /// none opens an accessor of its block; they wait. The manager locks it during an eviction,
+    /// across calls, which the thread-safety analysis cannot follow; so this has no attributes.
     bool tryLock();
 
     /// Releases what tryLock() took.
@@ -132,19 +137,90 @@ protected:
     /// lock.
     void calculate(const unsigned char* bytes, qint64 length);
 
-    /// Adds a holder. Takes m_Mutex. The argument has no effect.
+    /// Adds a holder. Takes m_Mutex only to wait while another thread holds the hash by tryLock().
+    /// The argument has no effect.
     void incRef(void* holder);
 
     /// Removes a holder. The last release frees the block of this hash and destroys the object.
-    /// Fatal if there is no holder: "No Positive Ref Count in Dec Ref". Takes m_Mutex and the
-    /// registry's mutex, and the delete lock after releasing both. The argument has no effect.
+    /// Fatal if there is no holder: "No Positive Ref Count in Dec Ref". Waits like incRef(). The
+    /// last release takes the registry's mutex and m_Mutex, and the delete lock after releasing
+    /// both. The argument has no effect.
     void decRef(void* holder);
 
     /// Does nothing: exchanging two smart pointers changes no count.
     void swap(void* from, void* to);
 
 private:
+    friend class ZebConstAccessor;
+    friend class ZebDataBlockLru;
     friend class ZebDataBlockManager;
+    friend class ZebDataReference;
+
+    /// What is known about the residency of a block without a lock.
+    enum class Residency
+    {
+        Absent,
+        Resident,
+        /// Only a thread with the delete lock can say.
+        Unknown
+    };
+
+    // The operations of readers on a resident block. They take no lock, allocate nothing and never
+    // wait. When they find anything out of the ordinary, they change nothing and say so; the caller
+    // then does the same with the delete lock held. The caller holds a reference.
+
+    /// Pins the block and adds a reference for the new accessor. Null: not done.
+    ZEBTDX_NO_EXPORT ZebDataBlock* tryOpen();
+
+    /// The same for the copy of an accessor of `block`. Returns whether it was done.
+    ZEBTDX_NO_EXPORT bool tryOpenAgain(const ZebDataBlock* block);
+
+    /// Undoes tryOpen(): unpins `block`, which becomes the most recently used one with its last
+    /// accessor, and removes the accessor's reference. Returns whether it was done; the hash may
+    /// have ended then.
+    ZEBTDX_NO_EXPORT bool tryClose(const ZebDataBlock* block);
+    ZEBTDX_NO_EXPORT bool closeInside(const ZebDataBlock* block, ZebThreadSlot* slot);
+
+    /// Whether the block is resident. Makes an evictable block the most recently used one.
+    ZEBTDX_NO_EXPORT Residency tryUse();
+
+    /// Keeps the block where it is until endCopy(), without pinning it. Null: not done.
+    ZEBTDX_NO_EXPORT ZebDataBlock* tryBeginCopy();
+    ZEBTDX_NO_EXPORT void endCopy();
+
+    /// Adds a reference unless the hash is locked.
+    ZEBTDX_NO_EXPORT bool tryAddReference();
+
+    /// incRef() without its wait: returns false if another thread has locked the hash.
+    bool tryIncRef();
+
+    /// Waits until no other thread has the hash locked.
+    void awaitUnlocked();
+
+    /// Adds a reference in any case. The caller holds the mutex of this hash or of the registry.
+    /// Returns the word before.
+    ZEBTDX_NO_EXPORT quint64 addReference();
+
+    /// Removes a reference unless it is the last one, and returns whether it did. The caller holds
+    /// m_Mutex.
+    ZEBTDX_NO_EXPORT bool removeUnlessLast();
+
+    /// Removes a reference and returns whether it was the last one. The caller holds m_Mutex and
+    /// the registry's mutex.
+    ZEBTDX_NO_EXPORT bool removeReference();
+
+    /// Raises m_Stamp to the present time.
+    ZEBTDX_NO_EXPORT void raiseStamp();
+
+    /// Notes the use of an evictable block, or of one about to become evictable: marks the hash as
+    /// used and pushes it on the stack of `slot`. False when it was marked already.
+    ZEBTDX_NO_EXPORT bool pushUse(ZebThreadSlot* slot, quint64 word);
+
+    /// How many accessors pin the resident block.
+    int pins() const;
+
+    /// The resident block, null when there is none. Needs the delete lock, or a pin.
+    ZebDataBlock* residentBlock() const { return m_Block.load(std::memory_order_relaxed); }
 
     /// Writes the first `length` characters of the text form to `out`, or all of it if it is
     /// shorter, and returns how many. Fatal as toString(). For callers that need the beginning
@@ -163,18 +239,39 @@ private:
     void requireDigest() const;
 
     Size m_Size;
-    QByteArray m_Data;
-    QAtomicInt m_RefCount;
     QAtomicInteger<int> m_UserId;
-    std::atomic<bool> m_DontCache;
+    QByteArray m_Data;
 
-    // Orders adding a reference against the decision of a last release, and pins the hash while the
-    // manager evicts its block. Recursive. Taken inside the registry's mutex, never outside it. It
-    // guards no field alone: the count is atomic, and a look-up adds to it with only the registry
-    // locked.
+    // References, pins and marks: see hash/ZebHashWord.h.
+    std::atomic<quint64> m_Word{0};
+
+    // The resident block; set before the word says so, and cleared after.
+    std::atomic<ZebDataBlock*> m_Block{nullptr};
+
+    // The time of the last use, by ZebUseClock. Written before the word is changed to make the
+    // block evictable, or with the delete lock held. Other uses only raise it: they may overlap.
+    std::atomic<quint64> m_Stamp{0};
+
+    // The next hash on a stack of used hashes. Written by the thread that has set the mark.
+    std::atomic<ZebDataHash*> m_NextUsed{nullptr};
+
+    std::atomic<bool> m_DontCache;
+    std::atomic<bool> m_Preloading;
+
+    // The place in a list of ZebDataBlockLru: which list it is, the stamp by which that is sorted,
+    // and the neighbours. Guarded by the delete lock.
+    signed char m_Place = 2;
+    quint64 m_PlaceStamp = 0;
+    ZebDataHash* m_Newer = nullptr;
+    ZebDataHash* m_Older = nullptr;
+
+    // Held by the thread that has locked the hash, so that others can wait for it; orders slow
+    // changes of the count against the decision of a last release. Recursive. Taken inside the
+    // registry's mutex, never outside it.
     ZebTdxMutex m_Mutex ZEBTDX_LOCK_LEVEL_3_INNER;
 
-    std::atomic<bool> m_Preloading;
+    // How often the owner of m_Mutex has called tryLock(). Guarded by m_Mutex.
+    int m_LockCount = 0;
 
     static QAtomicInt m_NumHashes;
 };

@@ -3,6 +3,7 @@
 #include "hash/ZebHashRemoval.h"
 #include "hash/ZebHashRemovalList.h"
 #include "hash/ZebHashShards.h"
+#include "hash/ZebHashWord.h"
 #include "hash/ZebStackDigest.h"
 #include "support/ZebTdxMessage.h"
 
@@ -84,10 +85,10 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::intern(const ZebDigestView& digest)
     ZebDataHash* const registered = find(shard.m_Hashes, number, digest);
     if (registered != nullptr) {
         ++shard.m_CacheHits;
-        addBareCount(registered);
+        const bool isLocked = addBareCount(registered);
         // The shard must not be locked while a holder is dropped that may be the last one.
         locker.unlock();
-        return takeBareCount(registered);
+        return takeBareCount(registered, isLocked);
     }
     std::unique_ptr<ZebDataHash> fresh = newHash(digest);
     // The entry comes first: if the table cannot grow, nothing has changed.
@@ -100,16 +101,23 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::intern(const ZebDigestView& digest)
     return result;
 }
 
-void ZebHashManager::addBareCount(ZebDataHash* hash)
+bool ZebHashManager::addBareCount(ZebDataHash* hash)
 {
     // Counted without the hash's mutex, for which this thread must not wait here. A concurrent last
     // release decides with the shard locked, and so sees the count.
-    hash->m_RefCount.fetchAndAddOrdered(1);
+    return (hash->addReference() & ZebHashWord::s_Locked) != 0;
 }
 
-ZebSmartPointer<ZebDataHash> ZebHashManager::takeBareCount(ZebDataHash* hash)
+ZebSmartPointer<ZebDataHash> ZebHashManager::takeBareCount(ZebDataHash* hash, bool isLocked)
 {
-    ZebSmartPointer<ZebDataHash> result(hash);
+    ZebSmartPointer<ZebDataHash> result;
+    if (!isLocked) {
+        // A holder might have been added at that time, so this is one.
+        result.adopt(hash);
+        return result;
+    }
+    // Waits for the thread that holds the hash.
+    result = ZebSmartPointer<ZebDataHash>(hash);
     hash->decRef(&result);
     return result;
 }
@@ -152,17 +160,16 @@ bool ZebHashManager::derefRemoveHash(ZebDataHash* hash)
         return false;
     {
         const ZebTdxMutexLocker hashLocker(&hash->m_Mutex);
-        if (hash->m_RefCount.fetchAndAddOrdered(-1) != 1)
+        if (hash->removeUnlessLast())
             return false;
-        // Probably the last release. The count is restored, and the decision is made with the
-        // shard locked, where no look-up can interfere.
-        hash->m_RefCount.fetchAndAddOrdered(1);
+        // Probably the last release. The decision is made with the shard locked, where no look-up
+        // can interfere.
     }
     const quint64 number = m_Shards->number(digestOf(*hash));
     ZebHashShard& shard = m_Shards->of(number);
     const ZebTdxMutexLocker shardLocker(&shard.m_Mutex);
     const ZebTdxMutexLocker hashLocker(&hash->m_Mutex);
-    if (hash->m_RefCount.fetchAndAddOrdered(-1) != 1)
+    if (!hash->removeReference())
         return false;
     // Only the entry of this very object is erased: an unregistered hash of equal digest leaves it
     // alone.

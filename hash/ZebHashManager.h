@@ -81,6 +81,7 @@ public:
     void validateState();
 
 protected:
+    friend class ZebDataBlockManager;
     friend class ZebDataHash;
     friend class ZebHashingJob;
     friend class ZebHashRemoval;
@@ -120,11 +121,12 @@ private:
 
     /// Adds the count of a look-up to the hash that it found. The caller holds the mutex of the
     /// hash's shard, where a last release is decided, and need not wait for that of the hash.
-    static void addBareCount(ZebDataHash* hash);
+    /// Returns whether a thread had locked the hash.
+    static bool addBareCount(ZebDataHash* hash);
 
-    /// Turns that count into a smart pointer. May wait for the mutex of the hash, and may be the
-    /// last release of the hash if it throws; so the caller holds no mutex of a shard.
-    static ZebSmartPointer<ZebDataHash> takeBareCount(ZebDataHash* hash);
+    /// Turns that count into a smart pointer. Waits for the mutex of a locked hash, and may release
+    /// it as the last holder then; so the caller holds no mutex of a shard.
+    static ZebSmartPointer<ZebDataHash> takeBareCount(ZebDataHash* hash, bool isLocked);
 
     const std::unique_ptr<ZebHashShards> m_Shards;
     const std::unique_ptr<ZebHashRemovalList> m_Removals;

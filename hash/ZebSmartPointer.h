@@ -122,6 +122,16 @@ public:
     friend bool operator!=(std::nullptr_t, const ZebSmartPointer& a) { return !a.isNull(); }
 
 private:
+    friend class ZebConstAccessor;
+    friend class ZebDataReference;
+    friend class ZebHashManager;
+
+    /// Takes over a reference that has been counted already. Requires a null smart pointer.
+    void adopt(T* pointer) { m_Pointer = pointer; }
+
+    /// Becomes null without releasing the reference.
+    void abandon() { m_Pointer = nullptr; }
+
     T* m_Pointer;
 };
 

@@ -44,6 +44,24 @@ bool hasSteadyCounter()
     return __get_cpuid(power, &a, &b, &c, &d) != 0 && (d & invariant) != 0;
 }
 
+// Whether a load fence waits for every earlier instruction: on processors of Intel always, on those
+// of AMD that say so.
+bool hasWaitingFence()
+{
+    constexpr unsigned lfenceAlwaysSerializes = 1U << 2;
+    unsigned a = 0;
+    unsigned b = 0;
+    unsigned c = 0;
+    unsigned d = 0;
+    if (__get_cpuid(0, &a, &b, &c, &d) == 0)
+        return false;
+    if (b == signature_INTEL_ebx && c == signature_INTEL_ecx && d == signature_INTEL_edx)
+        return true;
+    constexpr unsigned features = 0x80000021;
+    return b == signature_AMD_ebx && c == signature_AMD_ecx && d == signature_AMD_edx &&
+           __get_cpuid(features, &a, &b, &c, &d) != 0 && (a & lfenceAlwaysSerializes) != 0;
+}
+
 // The kernel compares the counters of all cores, and leaves this clock when they differ.
 bool isKernelsClock()
 {
@@ -57,24 +75,32 @@ bool isKernelsClock()
     return length >= 3 && std::strncmp(name, "tsc\n", static_cast<std::size_t>(length)) == 0;
 }
 
-bool canReadCycles()
+ZebUseClock::Form decide()
 {
-    return hasSteadyCounter() && isKernelsClock();
+    if (!hasSteadyCounter() || !isKernelsClock())
+        return ZebUseClock::Form::Counter;
+    return hasWaitingFence() ? ZebUseClock::Form::Cycles : ZebUseClock::Form::WaitingCycles;
+}
+
+quint64 waitingCycles()
+{
+    unsigned processor = 0;
+    return __rdtscp(&processor) + ZebUseClock::s_Base.load(std::memory_order_relaxed);
 }
 
 #else
 
-bool canReadCycles()
+ZebUseClock::Form decide()
 {
-    return false;
+    return ZebUseClock::Form::Counter;
+}
+
+quint64 waitingCycles()
+{
+    return 0;
 }
 
 #endif
-
-ZebUseClock::Form decide()
-{
-    return canReadCycles() ? ZebUseClock::Form::Cycles : ZebUseClock::Form::Counter;
-}
 
 // In the order of acquire and release: a use that has seen an earlier one gets a larger stamp
 // anyway, since both change one word; but it must not be taken before earlier loads.
@@ -89,12 +115,19 @@ quint64 ZebUseClock::nowSlowly()
 {
     if (s_Form.load(std::memory_order_relaxed) == Form::Undecided)
         s_Form.store(decide(), std::memory_order_relaxed);
-    return s_Form.load(std::memory_order_relaxed) == Form::Cycles ? now() : count();
+    switch (s_Form.load(std::memory_order_relaxed)) {
+    case Form::Cycles:
+        return now();
+    case Form::WaitingCycles:
+        return waitingCycles();
+    default:
+        return count();
+    }
 }
 
 void ZebUseClock::keepAfter(quint64 stamp)
 {
-    if (s_Form.load(std::memory_order_relaxed) != Form::Cycles) {
+    if (s_Form.load(std::memory_order_relaxed) == Form::Counter) {
         quint64 uses = s_Counter.m_Uses.load(std::memory_order_relaxed);
         while (uses < stamp && !s_Counter.m_Uses.compare_exchange_weak(uses, stamp)) {
         }

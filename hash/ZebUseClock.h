@@ -24,7 +24,11 @@ namespace ZebUseClock {
 enum class Form : int
 {
     Undecided,
+    /// The cycle counter, read after a fence that waits for all earlier instructions.
     Cycles,
+    /// The cycle counter, read by the instruction that waits itself: slower, for processors that do
+    /// not promise such a fence.
+    WaitingCycles,
     Counter
 };
 
@@ -43,10 +47,10 @@ inline quint64 now()
 {
 #ifdef ZEBTDX_HAS_CYCLES
     if (Q_LIKELY(s_Form.load(std::memory_order_relaxed) == Form::Cycles)) {
-        // The instruction waits for all earlier loads. What follows in program order stores the
-        // stamp, so it waits for the instruction.
-        unsigned processor = 0;
-        return __rdtscp(&processor) + s_Base.load(std::memory_order_relaxed);
+        // The fence waits for all earlier loads. What follows in program order stores the stamp, so
+        // it waits for the counter.
+        _mm_lfence();
+        return __rdtsc() + s_Base.load(std::memory_order_relaxed);
     }
 #endif
     return nowSlowly();

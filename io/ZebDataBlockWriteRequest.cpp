@@ -4,7 +4,7 @@
 #include "io/ZebBlockFile.h"
 #include "io/ZebBlockFilePath.h"
 #include "manager/ZebDataBlockManager.h"
-#include "support/ZebDataDeleteLocker.h"
+#include "support/ZebDeleteMutexLocker.h"
 #include "support/ZebRegularFile.h"
 #include "support/ZebTdxMessage.h"
 
@@ -71,7 +71,7 @@ ZebDataBlockWriteRequest::~ZebDataBlockWriteRequest()
         ZebDataBlockManager::instance().flagFreeingBlockFinishedAfterWriting(m_Block);
         delete m_Block;
     }
-    const ZebDataDeleteLocker locker;
+    const ZebDeleteMutexLocker locker;
     m_Hash = ZebSmartPointer<ZebDataHash>();
 }
 

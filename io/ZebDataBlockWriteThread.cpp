@@ -2,7 +2,7 @@
 
 #include "data/ZebDataBlock.h"
 #include "io/ZebDataBlockWriteRequest.h"
-#include "support/ZebDataDeleteLocker.h"
+#include "support/ZebDeleteMutexLocker.h"
 #include "support/ZebMutexLocker.h"
 #include "support/ZebWriteLocker.h"
 
@@ -152,7 +152,7 @@ void ZebDataBlockWriteThread::pauseForMemory()
 void ZebDataBlockWriteThread::endWrite(ZebDataBlockWriteRequest* request)
 {
     // One hold for both steps, or a new block at the same address could be mistaken for this one.
-    const ZebDataDeleteLocker deleteLocker;
+    const ZebDeleteMutexLocker deleteLocker;
     ZebDataBlockManager::instance().flagWritingBlockFinished(request->block());
     delete request;
 }

@@ -4,94 +4,136 @@
 #include "support/ZebThreadSafety.h"
 
 #include <QAtomicInt>
-#include <QReadWriteLock>
 
+#include <array>
 #include <atomic>
-#include <optional>
-#include <unordered_map>
+#include <vector>
 
+class ZebDataBlock;
 class ZebDataHash;
-
-/// One entry of the list. Holds no reference to its hash: an ending hash has been removed before.
-struct ZEBTDX_EXPORT ZebDataBlockLruNode
-{
-    explicit ZebDataBlockLruNode(ZebDataHash* hash);
-    ~ZebDataBlockLruNode();
-    ZebDataBlockLruNode(const ZebDataBlockLruNode&) = delete;
-    ZebDataBlockLruNode& operator=(const ZebDataBlockLruNode&) = delete;
-
-    ZebDataHash* m_Hash;
-    /// The next entry toward the oldest; null for the oldest.
-    ZebDataBlockLruNode* m_Older = nullptr;
-    /// The next entry toward the newest; null for the newest.
-    ZebDataBlockLruNode* m_Newer = nullptr;
-};
 
 /// The resident blocks that may be evicted, from the most to the least recently used.
 ///
-/// A pinned block keeps its place in the table, so that listing it again at the end of its last
-/// accessor allocates nothing.
+/// The links are in the hashes themselves, so a hash is in one list at most, and no operation but
+/// residents() allocates. Listed is a hash whose word says that it is evictable. Readers change
+/// that without a lock: opening a block only clears the mark, and closing it only notes the hash on
+/// a stack of the closing thread, with the time. drain() brings the list up to date.
 ///
-/// Invariant: the nodes in m_Items are those of the list. The list runs from m_Newest along m_Older
-/// to m_Oldest, and back along m_Newer. Every operation but clear() takes constant time. Only
-/// add() of a hash without a place allocates; when that throws, nothing has changed.
+/// Invariants, with the delete lock held:
+///  - The list is sorted by m_PlaceStamp, the newest first.
+///  - An evictable hash is in the list, or on the stack of a thread, or both.
+///  - After drain() every hash is at its place that was not used since the drain began.
+///  - A resident hash is in the list or set aside.
 ///
-/// Locks: m_Lock is level 5, the innermost: no other lock is taken and no other code called inside
-/// it. contains(), add() and touch() take it; count() takes no lock. The other operations require
-/// the caller to hold it, since eviction looks and removes under one hold. All changes also happen
-/// under the delete lock, so only readers without that lock need the read lock.
+/// Locks: every operation but contains() and count(), which take no lock, requires the delete lock.
 class ZEBTDX_EXPORT ZebDataBlockLru
 {
 public:
     ZebDataBlockLru();
     ~ZebDataBlockLru();
 
-    /// Whether the hash is listed. Takes the read lock.
+    /// Whether the hash is listed.
     bool contains(ZebDataHash* hash) const;
 
-    /// How many hashes are listed. Takes no lock.
+    /// How many hashes are listed. While other threads open and close accessors, a number that was
+    /// right at some moment of the call or is right for each thread at some moment.
     int count() const;
 
-    /// Adds the hash as the newest, unless it is listed. Takes the write lock.
+    /// Adds the hash as the newest, unless it is listed.
     void add(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
 
-    /// Makes a listed hash the newest; ignores any other. Takes the write lock.
+    /// Makes a listed hash the newest; ignores any other.
     void touch(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
 
-    /// Removes a listed hash and keeps its place for add(); ignores any other. The caller holds the
-    /// write lock.
-    void park(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock, m_Lock);
+    /// Removes a hash, and the note of its use; ignores one that is not listed. A hash without a
+    /// block must be removed before it ends.
+    void remove(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
 
-    /// Removes a hash and its place; ignores one that has none. The caller holds the write lock.
-    void remove(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock, m_Lock);
+    /// Removes every hash that is listed or set aside.
+    void clear() ZEBTDX_REQUIRES(ZebDeleteLock);
 
-    /// Empties the list. The caller holds the write lock.
-    void clear() ZEBTDX_REQUIRES(ZebDeleteLock, m_Lock);
+    /// Brings the list up to date with the uses that other threads have noted.
+    void drain() ZEBTDX_REQUIRES(ZebDeleteLock);
 
-    /// The next hash to evict, null when the list is empty. The caller holds at least the read
-    /// lock.
-    ZebDataHash* oldest() const ZEBTDX_REQUIRES_SHARED(m_Lock);
+    /// The next hash to evict as far as drained, null when the list is empty. Sets pinned hashes
+    /// aside that it meets.
+    ZebDataHash* oldest() ZEBTDX_REQUIRES(ZebDeleteLock);
 
-    /// The lock that guards the list, for the operations that require the caller to hold it.
-    QReadWriteLock& lock() const ZEBTDX_RETURN_CAPABILITY(m_Lock);
+    /// Whether a hash is listed, and not used since it was drained.
+    bool isUnused(const ZebDataHash* hash) const;
+
+    /// Makes `block` the resident block of the hash, evictable as the newest unless it is uncached.
+    void admit(ZebDataHash* hash, ZebDataBlock* block) ZEBTDX_REQUIRES(ZebDeleteLock);
+
+    /// Ends the residency of the block of a hash and returns it; null when there is none. Removes
+    /// the hash. Waits until threads that copy the bytes of the block have finished. No thread may
+    /// open the block meanwhile: the hash is locked, has ended, or the gate of the readers is
+    /// closed.
+    ZebDataBlock* dismiss(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
+
+    /// Every hash with a resident block, in no particular order.
+    std::vector<ZebDataHash*> residents() const ZEBTDX_REQUIRES(ZebDeleteLock);
+
+    /// One of them, null when there is none.
+    ZebDataHash* anyResident() const ZEBTDX_REQUIRES(ZebDeleteLock);
+
+    /// How many blocks are resident, pinned and uncached ones included.
+    int residentCount() const ZEBTDX_REQUIRES(ZebDeleteLock);
+
+    /// Makes this the list of the store: count() then includes what readers have opened and closed.
+    void countReaders();
 
 private:
+    friend class ZebDataBlockManager;
+
     Q_DISABLE_COPY(ZebDataBlockLru)
 
-    void link(ZebDataBlockLruNode* node) ZEBTDX_REQUIRES(m_Lock);
-    void unlink(ZebDataBlockLruNode* node) ZEBTDX_REQUIRES(m_Lock);
+    // The lists that a hash can be in.
+    enum Place : int
+    {
+        Listed = 0,
+        Aside = 1,
+        Nowhere = 2,
+        // On the way from a stack into the list, while a drain runs.
+        Draining = 3
+    };
 
-    // m_Lock also guards the nodes of the list. The place of a parked hash has no node. A place
-    // stays at its address until it is removed.
-    std::unordered_map<ZebDataHash*, std::optional<ZebDataBlockLruNode>>
-        m_Items ZEBTDX_GUARDED_BY(m_Lock);
-    ZebDataBlockLruNode* m_Newest ZEBTDX_GUARDED_BY(m_Lock) ZEBTDX_PT_GUARDED_BY(m_Lock) = nullptr;
-    ZebDataBlockLruNode* m_Oldest ZEBTDX_GUARDED_BY(m_Lock) ZEBTDX_PT_GUARDED_BY(m_Lock) = nullptr;
-    // The length of the list. Changed with m_Lock held, read without; its readers need no order.
-    std::atomic<int> m_Count{0};
-    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_5;
+    // How often hashes were listed and unlisted.
+    struct Changes
+    {
+        quint64 m_Listed = 0;
+        quint64 m_Unlisted = 0;
+    };
+
+    // Chains are linked by m_Older alone.
+    ZebDataHash* takeUsed(ZebDataHash* used, ZebDataHash* chain);
+    static ZebDataHash* merged(ZebDataHash* a, ZebDataHash* b);
+    static ZebDataHash* sorted(ZebDataHash* chain);
+    void place(ZebDataHash* newestFirst);
+
+    void link(ZebDataHash* hash, ZebDataHash* older, Place place);
+    void unlink(ZebDataHash* hash);
+    void makeNewest(ZebDataHash* hash);
+    void setAside(ZebDataHash* hash);
+    void noteListed(quint64 before, quint64 after);
+    void changeMark(ZebDataHash* hash, bool evictable);
+    void awaitDrained(ZebDataHash* hash);
+    Changes changes() const;
+
+    // The ends of each list, by its place.
+    std::array<ZebDataHash*, 2> m_Newest{};
+    std::array<ZebDataHash*, 2> m_Oldest{};
+
+    int m_ResidentCount = 0;
+
+    // How often hashes were listed and unlisted with the delete lock held; threads count their own
+    // in their slots. Both only grow.
+    std::atomic<quint64> m_Listed{0};
+    std::atomic<quint64> m_Unlisted{0};
+
+    bool m_CountsReaders = false;
 };
 
-/// How many nodes exist, over all lists.
-/// Kept on purpose: nothing in the library reads it; hosts and debuggers may.
+/// How many hashes are linked in a list, over all lists; pinned ones among them until eviction
+/// meets them. Kept on purpose: nothing in the library reads it; hosts and debuggers may.
 extern ZEBTDX_EXPORT QAtomicInt m_LruNodeCount;

@@ -5,14 +5,15 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebDataReference.h"
 #include "data/ZebThreadPoolManager.h"
+#include "hash/ZebDataHash.h"
 #include "hash/ZebHashManager.h"
+#include "manager/ZebClosedGate.h"
 #include "manager/ZebSystemMemory.h"
 #include "support/ZebByteUnits.h"
 #include "support/ZebForkWatch.h"
 #include "support/ZebPoolExit.h"
 #include "support/ZebTdxLog.h"
 #include "support/ZebTdxMessage.h"
-#include "support/ZebWriteLocker.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -95,6 +96,7 @@ ZebDataBlockManager::ZebDataBlockManager()
       m_AllFreeBlocksFlushed(false),
       m_GarbageCollectionChanges(0)
 {
+    m_Lru.countReaders();
     calcMaxWritePendingDataCacheSize();
     setTargetFreeMemorySize(defaultTargetFreeMemorySize());
     ZebHashManager::instance();
@@ -155,6 +157,11 @@ bool ZebDataBlockManager::setup(const QStringList& cacheRoots, qint64 maxDataCac
     ZebForkWatch::setStoreIsSetUp(true);
     for (const QString& root : cacheRoots)
         startIoThreads(root, compressionThreads);
+    {
+        // Nothing has closed it lately, so readers may pass it the cheaper way.
+        const ZebTdxMutexLocker locker(&deleteMutex());
+        ZebReadGate::relax();
+    }
     m_Initialized.store(true, std::memory_order_release);
     return true;
 }
@@ -189,21 +196,17 @@ void ZebDataBlockManager::dropAllBlocks()
     // Keeps other threads from half-cleared tables. A thread that drops a last reference meanwhile
     // breaks the contract of cleanUp(): it waits for this lock, and freeBlock() then aborts.
     const ZebTdxMutexLocker deleteLocker(&deleteMutex());
-    // A copy of the table: it shares its data, and deleting a block changes no table.
-    const QHash<ZebDataHash*, ZebDataBlock*> blocks = m_HashToBlockMap;
-    qDeleteAll(blocks);
+    const ZebClosedGate gate(&m_GateDepth);
+    while (ZebDataHash* const hash = m_Lru.anyResident())
+        delete m_Lru.dismiss(hash);
     m_MaxDataCacheSize.store(0, std::memory_order_relaxed);
     m_LiveBytes.store(0, std::memory_order_relaxed);
     m_NumBuckets.store(0, std::memory_order_relaxed);
     m_BlocksFreedCount.store(s_NoBlocksFreed, std::memory_order_relaxed);
     m_CacheRoots.clear();
-    {
-        const ZebWriteLocker locker(&m_Lru.lock());
-        m_Lru.clear();
-    }
+    m_Lru.clear();
     m_SubCache.clear();
     m_SubCacheGeneration.fetch_add(1, std::memory_order_relaxed);
-    m_HashToBlockMap.clear();
     // The writers have ended, so no request refers to these. A later block may get their addresses.
     m_BlocksBeingWritten.clear();
     m_BlocksToFreeAfterWriting.clear();
@@ -300,16 +303,25 @@ void ZebDataBlockManager::setAllFreeBlocksFlushed(bool flushed)
 {
     if (m_AllFreeBlocksFlushed.load(std::memory_order_relaxed) == flushed)
         return;
-    m_AllFreeBlocksFlushed.store(flushed, std::memory_order_relaxed);
+    m_AllFreeBlocksFlushed.store(flushed, std::memory_order_seq_cst);
+    // While the flag is set, the end of an accessor takes the delete lock and clears it. Repeated
+    // until the mark agrees with the flag, which another thread may have set meanwhile.
+    bool marked = flushed;
+    do {
+        marked = m_AllFreeBlocksFlushed.load(std::memory_order_seq_cst);
+        ZebReadGate::setUnpinsSlow(marked);
+    } while (m_AllFreeBlocksFlushed.load(std::memory_order_seq_cst) != marked);
     Q_EMIT allFreeBlocksFlushedChanged(flushed);
 }
 
 void ZebDataBlockManager::lockDeletes()
 {
     deleteMutex().lock();
+    ZebClosedGate::close(&m_GateDepth);
 }
 
 void ZebDataBlockManager::unlockDeletes()
 {
+    ZebClosedGate::open(&m_GateDepth);
     deleteMutex().unlock();
 }

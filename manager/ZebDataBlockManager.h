@@ -8,7 +8,6 @@
 #include "support/ZebThreadSafety.h"
 
 #include <QByteArray>
-#include <QHash>
 #include <QList>
 #include <QMap>
 #include <QMutex>
@@ -42,10 +41,10 @@ class ZebGarbageCollectorThread;
 ///
 /// Thread safety: after setup(), any thread may call every other public operation.
 ///
-/// Locks, five levels, outermost first: the delete lock; a block's mutex; the mutex of the hash
-/// registry, then that of a hash; the locks of a disk thread; the lock of the LRU. A thread takes
-/// only locks further down than those it holds; a recursive lock may be taken again.
-/// docs/LOCKING.md has the rest.
+/// Locks, three levels, outermost first: the delete lock; the mutex of the hash registry, then that
+/// of a hash; the locks of a disk thread. A thread takes only locks further down than those it
+/// holds; a recursive lock may be taken again. docs/LOCKING.md has the rest. Reading a resident
+/// block takes none of them: docs/CONCURRENCY.md.
 class ZEBTDX_EXPORT ZebDataBlockManager : public QObject
 {
     Q_OBJECT
@@ -160,8 +159,7 @@ public:
     /// releases it during a load, so the caller must not hold it.
     qint64 blockSize(ZebDataHash* hash) ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    /// Whether the block is resident; true for a null hash. Counts as a use of the block. Takes the
-    /// delete lock.
+    /// Whether the block is resident; true for a null hash. Counts as a use of the block.
     bool isInMemory(ZebDataHash* hash);
 
     /// How many resident blocks eviction may pick: neither pinned nor uncached ones.
@@ -374,10 +372,9 @@ public Q_SLOTS:
     void setAllFreeBlocksFlushed(bool flushed);
 
 Q_SIGNALS:
-    /// The flag has changed to this value. Emitted with the delete lock held by an admission or an
-    /// eviction; the end of an accessor emits it with the block's mutex held, too. A directly
-    /// connected slot that flushes hangs, since the writers need the delete lock: use a queued
-    /// connection.
+    /// The flag has changed to this value. Emitted with the delete lock held by an admission, an
+    /// eviction or the end of an accessor. A directly connected slot that flushes hangs, since the
+    /// writers need the delete lock: use a queued connection.
     void allFreeBlocksFlushedChanged(bool flushed);
 
     /// A writer could not write a block file; it will retry. Queued from the writer to the thread
@@ -396,6 +393,7 @@ protected:
     friend class ZebDataDeleteLocker;
     friend class ZebDataHash;
     friend class ZebDataReference;
+    friend class ZebDeleteMutexLocker;
     friend class ZebGarbageCollectorThread;
     friend class ZebHashingJob;
     friend class ZebModifyAccessor;
@@ -456,30 +454,38 @@ private:
     {
         return m_DeleteMutex;
     }
+    // For hosts: no reader opens or closes an accessor meanwhile.
     void lockDeletes() ZEBTDX_ACQUIRE(ZebDeleteLock);
     void unlockDeletes() ZEBTDX_RELEASE(ZebDeleteLock);
+    // What accessors do when a hash cannot do it without a lock: as lockBlock() and unlockBlock()
+    // for the first and the last one. pinAgain() also adds the reference of a copied accessor. Each
+    // takes the delete lock. A block that its hash does not know counts its accessors itself.
+    void pin(ZebDataHash* hash, ZebDataBlock* block);
+    void pinAgain(ZebDataHash* hash, ZebDataBlock* block);
+    void unpin(ZebDataHash* hash, ZebDataBlock* block);
+    static int accessorsOf(const ZebDataHash* hash, const ZebDataBlock* block);
+
+    void drainUses(); // brings the LRU up to date if no other thread holds the delete lock
+    void noteEvictable() ZEBTDX_REQUIRES(ZebDeleteLock); // clears the host's flag; throws nothing
+    /// setAllFreeBlocksFlushed() with no reader inside the gate.
+    void changeAllFreeBlocksFlushed(bool flushed) ZEBTDX_REQUIRES(ZebDeleteLock);
     void requireInitialized() const;
     void endWithProcess();
     void calcMaxWritePendingDataCacheSize();
 
     /// Evicts the least recently used blocks until `size` more bytes fit the limit of resident
     /// bytes and the target of free memory. Returns whether it evicted a block. Takes the delete
-    /// lock, unless the figures already show that there is room.
-    ///
-    /// @param write whether to write blocks without a file first, to measure free memory, and to
-    ///        update the host's flag
+    /// lock, unless there clearly is room. With `write` it writes blocks without a file first,
+    /// measures free memory, and updates the host's flag.
     bool managePhysicalMemoryUse(quint64 size, bool write);
 
-    /// The eviction of managePhysicalMemoryUse(). Returns the number of evicted blocks.
+    // The eviction of managePhysicalMemoryUse(). Returns the number of evicted blocks.
     int evict(quint64 size, quint64 free, bool write) ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Hands a block to its writer, or leaves it to the write in flight. Returns false when the
     /// caller must delete it. The caller removes the block from the tables before it releases the
     /// delete lock. When this throws, nothing has changed.
     bool handOffToWriter(ZebDataHash* hash, ZebDataBlock* block) ZEBTDX_REQUIRES(ZebDeleteLock);
-
-    /// Removes a block from the table and the LRU. Throws nothing.
-    void forget(ZebDataHash* hash) ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Loads the block through the reader of the root `index`, with the delete lock released by one
     /// level meanwhile. The caller owns the block; null when it cannot be loaded.
@@ -493,10 +499,8 @@ private:
 
     /// Queues the write of a block; nothing else does. Returns false and does nothing for a block
     /// with a file or a write in flight, and for a block whose hash is ending. When this throws,
-    /// nothing has changed.
-    ///
-    /// @param deleteBlock whether the request takes ownership of the block, which the caller
-    ///        removes from the tables before it releases the delete lock
+    /// nothing has changed. With `deleteBlock` the request takes ownership of the block, which the
+    /// caller removes from the tables before it releases the delete lock.
     bool queueWrite(ZebDataHash* hash, ZebDataBlock* block, bool deleteBlock)
         ZEBTDX_REQUIRES(ZebDeleteLock);
 
@@ -538,10 +542,7 @@ private:
     // Fields marked (a) are relaxed atomics: written under the delete lock or by the controlling
     // thread, read by any thread without a lock. Their values need no order between them.
 
-    // Every resident block by its interned hash. Owns the blocks.
-    QHash<ZebDataHash*, ZebDataBlock*> m_HashToBlockMap ZEBTDX_GUARDED_BY(ZebDeleteLock);
-
-    // The resident blocks that may be evicted. Changed under the delete lock and its own lock.
+    // The resident blocks, which the store owns, and their order. Each hash knows its block.
     ZebDataBlockLru m_Lru;
 
     // Index i means the same root here and in the vectors of threads. Set by the controlling
@@ -553,7 +554,7 @@ private:
     std::atomic<float> m_MaxWritePendingSizeFactor;     // (a)
     std::atomic<qint64> m_TargetFreeMemorySize;         // (a) bytes
     std::atomic<qint64> m_BlocksFreedCount;             // (a) counts up for each block freed
-    std::atomic<qint64> m_LiveBytes;                    // (a) sizes of m_HashToBlockMap
+    std::atomic<qint64> m_LiveBytes;                    // (a) sizes of the resident blocks
     std::atomic<int> m_NumBuckets;                      // (a)
 
     // A leaf lock, taken inside the delete lock. Also held to change m_GarbageCollecting.
@@ -577,9 +578,11 @@ private:
     // The size in bytes that each collector reported last.
     QMap<ZebGarbageCollectorThread*, qint64> m_CacheSizeRecords ZEBTDX_GUARDED_BY(m_CacheSizeMutex);
 
-    // The delete lock, level 1, recursive: guards the tables of blocks and all changes of the LRU.
+    // The delete lock, level 1, recursive: guards the tables of blocks and the order of the LRU.
     // While a thread holds it, no other thread removes a resident block.
     mutable ZebTdxMutex m_DeleteMutex;
+
+    int m_GateDepth ZEBTDX_GUARDED_BY(ZebDeleteLock) = 0; // see ZebClosedGate
 
     // Taken inside the delete lock. Recursive: slots of cacheSizeUpdate() run with it held and may
     // ask for the size.

@@ -6,25 +6,25 @@
 #include "data/ZebDataReference.h"
 #include "data/ZebHashingJob.h"
 #include "hash/ZebHashManager.h"
+#include "hash/ZebReadGate.h"
+#include "hash/ZebStackDigest.h"
 #include "support/ZebTdxMessage.h"
-#include "support/ZebWriteLocker.h"
 
-#include <QScopeGuard>
 #include <QUuid>
 
 #include <memory>
 
 namespace {
 
-// A random identity for an uncached block, independent of its bytes.
-ZebSmartPointer<ZebDataHash> freshIdentity()
+// A random identity for an uncached block, independent of its bytes; not interned.
+std::unique_ptr<ZebDataHash> freshIdentity()
 {
     const QByteArray unique = QUuid::createUuid().toByteArray();
     auto hash =
         std::make_unique<ZebDataHash>(reinterpret_cast<const unsigned char*>(unique.constData()),
                                       unique.size(), ZebDataHash::Hash512);
     hash->setDontCache(true);
-    return ZebHashManager::instance().addHash(hash.release());
+    return hash;
 }
 
 void requireSize(qint64 size)
@@ -39,6 +39,7 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
 {
     const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
+    ZebReadGate::relax();
     // Kept on purpose: *Me stands for the block and *Ptr for the hash.
     if (block == nullptr)
         ZebTdxMessage::fatal(QStringLiteral("Null Value Passed For *Me"));
@@ -48,7 +49,7 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
     // Deduplication: the resident block stays and `owned` deletes the duplicate.
     // Kept on purpose: this is no use of the resident block, and the duplicate's size is not
     // checked.
-    if (m_HashToBlockMap.contains(hash))
+    if (hash->residentBlock() != nullptr)
         return;
     if (block->size() > maxDataCacheSize()) {
         ZebTdxMessage::fatal(
@@ -61,24 +62,13 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
         // Kept on purpose: unreachable after the first check, and so is its message.
         ZebTdxMessage::fatal(QStringLiteral("Null Ptr"));
     }
-    m_HashToBlockMap.insert(hash, block);
-    auto undo = qScopeGuard([this, hash]() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS { forget(hash); });
-    if (!hash->isDontCache()) {
-        m_Lru.add(hash);
-        // Written at admission, so that eviction finds the file complete.
+    // Written at admission, so that eviction finds the file complete. Queued before readers can
+    // find the block, since only this may throw; the writer needs the delete lock to finish.
+    if (!hash->isDontCache())
         queueWrite(hash, block, false);
-    }
-    // Nothing throws from here on.
-    undo.dismiss();
-    static_cast<void>(owned.release());
+    block->m_IsAdmitted.store(true, std::memory_order_relaxed);
     m_LiveBytes.fetch_add(block->size(), std::memory_order_relaxed);
-}
-
-void ZebDataBlockManager::forget(ZebDataHash* hash)
-{
-    m_HashToBlockMap.remove(hash);
-    const ZebWriteLocker lruLocker(&m_Lru.lock());
-    m_Lru.remove(hash);
+    m_Lru.admit(hash, owned.release());
 }
 
 ZebDataReference ZebDataBlockManager::admit(const ZebSmartPointer<ZebDataHash>& hash,
@@ -92,17 +82,8 @@ ZebDataReference ZebDataBlockManager::addBlock(const QByteArray& data,
                                                ZebModifyAccessor::Caching caching, bool immediate)
 {
     requireInitialized();
-    if (caching == ZebModifyAccessor::DontCache) {
-        const ZebTdxMutexLocker locker(&deleteMutex());
-        auto block = std::make_unique<ZebDataBlock>(data);
-        const ZebSmartPointer<ZebDataHash> hash = freshIdentity();
-        return admit(hash, block.release());
-    }
-    if (immediate) {
-        const ZebTdxMutexLocker locker(&deleteMutex());
-        const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(data);
-        return admit(hash, new ZebDataBlock(data));
-    }
+    if (caching == ZebModifyAccessor::DontCache || immediate)
+        return addBlock(new ZebDataBlock(data), caching, immediate);
     return ZebDataReference(ZebSmartPointer<ZebBlockFuture>(new ZebHashingJob(data)));
 }
 
@@ -113,15 +94,17 @@ ZebDataReference ZebDataBlockManager::addBlock(ZebDataBlock* block,
     if (block == nullptr)
         return {};
     std::unique_ptr<ZebDataBlock> owned(block);
+    // The delete lock is taken after the digest has been computed, and held from the moment when
+    // the hash is interned until its block is resident.
     if (caching == ZebModifyAccessor::DontCache) {
+        std::unique_ptr<ZebDataHash> identity = freshIdentity();
         const ZebTdxMutexLocker locker(&deleteMutex());
-        const ZebSmartPointer<ZebDataHash> hash = freshIdentity();
-        return admit(hash, owned.release());
+        return admit(ZebHashManager::instance().addHash(identity.release()), owned.release());
     }
     if (immediate) {
+        const ZebStackDigest digest(block->constData(), block->m_Data.size());
         const ZebTdxMutexLocker locker(&deleteMutex());
-        const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().getHash(block->m_Data);
-        return admit(hash, owned.release());
+        return admit(ZebHashManager::instance().intern(digest.view()), owned.release());
     }
     return ZebDataReference(ZebSmartPointer<ZebBlockFuture>(new ZebHashingJob(owned.release())));
 }

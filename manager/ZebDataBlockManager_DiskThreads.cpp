@@ -8,6 +8,7 @@
 #include "io/ZebDataBlockWriteThread_Pattern2.h"
 #include "io/ZebGarbageCollectorThread.h"
 #include "io/ZebWriteErrorForwarder.h"
+#include "manager/ZebClosedGate.h"
 #include "support/ZebMutexLocker.h"
 #include "support/ZebTdxMessage.h"
 #include "support/ZebThreadStart.h"
@@ -82,6 +83,7 @@ void ZebDataBlockManager::stopAllIoThreads()
         const ZebMutexLocker sizeLocker(&m_CacheSizeMutex);
         m_CacheSizeRecords = QMap<ZebGarbageCollectorThread*, qint64>();
     }
+    const ZebClosedGate gate(&m_GateDepth);
     Q_EMIT cacheSizeUpdate(0);
 }
 
@@ -118,13 +120,12 @@ void ZebDataBlockManager::flush(bool writeUnwritten, ThreadType threads)
     if (writeUnwritten) {
         {
             const ZebTdxMutexLocker locker(&deleteMutex());
-            for (auto entry = m_HashToBlockMap.constBegin(); entry != m_HashToBlockMap.constEnd();
-                 ++entry) {
+            for (ZebDataHash* const hash : m_Lru.residents()) {
                 // Kept on purpose: unreachable, since makeBlockLive() refuses a null hash.
-                if (entry.key() == nullptr)
+                if (hash == nullptr)
                     ZebTdxMessage::fatal(QStringLiteral("Null Value in Hash to Block Map"));
-                if (!entry.key()->isDontCache())
-                    queueWrite(entry.key(), entry.value(), false);
+                if (!hash->isDontCache())
+                    queueWrite(hash, hash->residentBlock(), false);
             }
         }
         waitForThreads();

@@ -4,14 +4,16 @@
 
 #include "data/ZebDataBlock.h"
 #include "hash/ZebDataHash.h"
+#include "hash/ZebHashWord.h"
+#include "manager/ZebClosedGate.h"
 #include "manager/ZebSystemMemory.h"
-#include "support/ZebReadLocker.h"
 #include "support/ZebTdxMessage.h"
-#include "support/ZebWriteLocker.h"
+#include "support/ZebTestPoint.h"
 
 #include <QScopeGuard>
 
 #include <atomic>
+#include <optional>
 
 namespace {
 
@@ -26,6 +28,9 @@ constexpr double s_EvictionShare = 0.9;
 
 // The host's flag is cleared when more than this many blocks are evictable.
 constexpr int s_FlushedFlagBlocks = 16;
+
+// How often eviction looks for a block that readers leave alone, before it holds them off.
+constexpr int s_MostTurns = 16;
 
 constexpr quint64 s_FlushMemoryBytes = 536870912;
 constexpr quint64 s_HelpMeOutBytes = 1099511627776;
@@ -72,7 +77,7 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
         if (allFreeBlocksFlushed()) {
             const ZebTdxMutexLocker locker(&deleteMutex());
             if (m_Lru.count() > s_FlushedFlagBlocks)
-                setAllFreeBlocksFlushed(false);
+                changeAllFreeBlocksFlushed(false);
         }
         return false;
     }
@@ -85,35 +90,61 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
         // Kept on purpose: the next request measures and takes the slow path again, so a full
         // store stays at 90 percent and evicts at each admission.
         ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, std::memory_order_relaxed);
-        if (write && m_Lru.count() == 0)
-            setAllFreeBlocksFlushed(true);
+        if (write && m_Lru.count() == 0) {
+            const ZebClosedGate gate(&m_GateDepth);
+            // Exact now: no reader is opening or closing.
+            if (m_Lru.count() == 0)
+                changeAllFreeBlocksFlushed(true);
+        }
         return true;
     }
-    if (write && m_Lru.count() > s_FlushedFlagBlocks)
-        setAllFreeBlocksFlushed(false);
+    if (write && allFreeBlocksFlushed() && m_Lru.count() > s_FlushedFlagBlocks)
+        changeAllFreeBlocksFlushed(false);
     return false;
 }
 
 int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
 {
     int freed = 0;
+    int turns = 0;
+    bool isDrained = false;
+    std::optional<ZebClosedGate> gate;
     for (;;) {
         const qint64 maximum = qMax<qint64>(0, maxDataCacheSize());
         const auto limit = static_cast<quint64>(static_cast<double>(maximum) * s_EvictionShare);
         if (static_cast<quint64>(liveBytes()) + size <= limit &&
             free >= static_cast<quint64>(targetFreeMemorySize()) + size)
             return freed;
+        if (!isDrained)
+            m_Lru.drain();
+        isDrained = true;
         const qint64 liveBefore = liveBytes();
-        ZebDataHash* hash = nullptr;
-        {
-            const ZebReadLocker lruLocker(&m_Lru.lock());
-            hash = m_Lru.oldest();
-        }
-        if (hash == nullptr)
+        ZebDataHash* const hash = m_Lru.oldest();
+        if (hash == nullptr) {
+            // A reader may be about to make a block evictable, or to note one. So nothing is
+            // evictable only if that is so while no reader is inside the gate.
+            if (!gate && ZEBTDX_GUARD(EmptyUnderClosedGate, true)) {
+                gate.emplace(&m_GateDepth);
+                isDrained = false;
+                continue;
+            }
             return freed;
+        }
+        ZEBTDX_POINT(EvictChosen);
         if (!hash->tryLock()) {
             // Another thread is taking or releasing a reference to it; eviction does not wait.
             m_Lru.touch(hash);
+            continue;
+        }
+        ZEBTDX_POINT(EvictLocked);
+        // From here on no reader changes the hash.
+        if (!m_Lru.isUnused(hash)) {
+            // Opened, or used, since it was drained. In the end readers that do so again and again
+            // wait.
+            hash->unlock();
+            isDrained = false;
+            if (++turns == s_MostTurns && !gate)
+                gate.emplace(&m_GateDepth);
             continue;
         }
         freeBlock(hash, write, true);
@@ -128,6 +159,11 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
     // References may outlive the store, and their last release calls this.
     if (!isInitialized())
         return;
+    constexpr quint64 marks =
+        ZebHashWord::s_Resident | ZebHashWord::s_Evictable | ZebHashWord::s_Used;
+    // The last release of a hash without a block: no other thread can make it resident.
+    if (hash->refCount() == 0 && (hash->m_Word.load(std::memory_order_acquire) & marks) == 0)
+        return;
     bool handedOff = false;
     ZebDataBlock* block = nullptr;
     {
@@ -140,7 +176,7 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
         // then.
         if (!m_HasEnded.load(std::memory_order_relaxed))
             requireInitialized();
-        block = m_HashToBlockMap.value(hash, nullptr);
+        block = hash->residentBlock();
         if (block != nullptr) {
             // First, since only this may throw; the block stays resident then. The writer may start
             // at once, but needs the delete lock before it deletes the block.
@@ -148,7 +184,7 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
             m_LiveBytes.fetch_sub(block->size(), std::memory_order_relaxed);
             m_BlocksFreedCount.fetch_add(1, std::memory_order_relaxed);
         }
-        forget(hash);
+        m_Lru.dismiss(hash);
     }
     if (!handedOff)
         delete block;
@@ -172,12 +208,9 @@ void ZebDataBlockManager::freeAllBlocks()
     {
         const ZebTdxMutexLocker locker(&deleteMutex());
         requireInitialized();
-        // Not a copy of the table: removing from a shared table copies it, which may throw.
-        const QList<ZebDataHash*> hashes = m_HashToBlockMap.keys();
-        for (ZebDataHash* const hash : hashes)
+        const ZebClosedGate gate(&m_GateDepth);
+        while (ZebDataHash* const hash = m_Lru.anyResident())
             freeBlock(hash, true, false);
-        m_HashToBlockMap.clear();
-        const ZebWriteLocker lruLocker(&m_Lru.lock());
         m_Lru.clear();
     }
     flush(false, AllThreads);

@@ -15,7 +15,7 @@ ZebDataBlock* ZebDataBlockManager::getDataBlock(ZebDataHash* hash)
     requireInitialized();
     if (hash == nullptr)
         return nullptr;
-    if (!m_HashToBlockMap.contains(hash)) {
+    if (hash->residentBlock() == nullptr) {
         const int index = cacheIndex(hash);
         // Kept on purpose: always true, since only a null hash has no index.
         if (index != -1) {
@@ -27,7 +27,7 @@ ZebDataBlock* ZebDataBlockManager::getDataBlock(ZebDataHash* hash)
             makeBlockLive(hash, loaded);
         }
     }
-    return m_HashToBlockMap.value(hash, nullptr);
+    return hash->residentBlock();
 }
 
 ZebDataBlock* ZebDataBlockManager::loadWithDeletesOpen(const ZebSmartPointer<ZebDataHash>& hash,
@@ -66,10 +66,12 @@ void ZebDataBlockManager::preloadData(const ZebDataReference& reference, Preload
         return;
     // Before any lock: the job needs the delete lock.
     reference.checkAndWaitJob();
+    ZebDataHash* const hash = reference.m_DataHash.data();
+    if (hash->tryUse() == ZebDataHash::Residency::Resident)
+        return;
     const ZebTdxMutexLocker locker(&deleteMutex());
     requireInitialized();
-    ZebDataHash* const hash = reference.m_DataHash.data();
-    if (m_HashToBlockMap.contains(hash)) {
+    if (hash->residentBlock() != nullptr) {
         blockUsed(hash);
         return;
     }

@@ -7,6 +7,7 @@
 #include "hash/ZebHashManager.h"
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebDataBlockWriteThread.h"
+#include "manager/ZebClosedGate.h"
 #include "support/ZebByteUnits.h"
 #include "support/ZebTdxMessage.h"
 
@@ -50,10 +51,12 @@ qint64 ZebDataBlockManager::managedBlocks() const
 void ZebDataBlockManager::dumpStats()
 {
     const ZebTdxMutexLocker locker(&deleteMutex());
+    // So that the figures agree with each other.
+    const ZebClosedGate gate(&m_GateDepth);
     // Kept on purpose: "existant", since hosts may parse these lines.
     ZebTdxMessage::debug(QStringLiteral("==== ZebTdx Block Stats ===="));
     ZebTdxMessage::debug(QStringLiteral("Max Cache Size ") + megabytes(maxDataCacheSize()));
-    printCount("Number of managed blocks ", m_HashToBlockMap.size());
+    printCount("Number of managed blocks ", m_Lru.residentCount());
     printCount("Number of existant blocks ", ZebDataBlock::blockCount());
     ZebTdxMessage::debug(QStringLiteral("Block Memory Usage ") + megabytes(liveBytes()));
     printCount("Number of LRU Blocks ", m_Lru.count());

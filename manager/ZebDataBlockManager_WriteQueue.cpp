@@ -59,7 +59,7 @@ bool ZebDataBlockManager::isBlockBeingWritten(const ZebDataReference& reference)
 {
     const ZebSmartPointer<ZebDataHash> hash = reference.hashPtr();
     const ZebTdxMutexLocker locker(&deleteMutex());
-    ZebDataBlock* const block = m_HashToBlockMap.value(hash.data(), nullptr);
+    ZebDataBlock* const block = hash.isNull() ? nullptr : hash->residentBlock();
     return block != nullptr && m_BlocksBeingWritten.contains(block);
 }
 

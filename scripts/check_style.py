@@ -35,6 +35,7 @@ ALLOWED_INCLUDES = {
 # Includes that go upward, each with its reason: the whole list, for headers and sources.
 # docs/ARCHITECTURE.md, "One component", explains why there are any.
 MANAGER = "manager/ZebDataBlockManager.h"
+DELETE_LOCK = "the delete lock is a member of the manager"
 LAST_RELEASE = "the last release of a hash frees its block, which the manager owns"
 RESIDENCY = "the manager owns what is resident, and pins it for accessors and references"
 ADMISSION = "finished bytes become a block of the store"
@@ -42,8 +43,10 @@ DISK_THREADS = "a disk thread reports to the store that owns it"
 UPWARD_INCLUDES = {
     ("data/ZebDataReference.h", MANAGER):
         "preload() takes an enumeration that is nested in the manager",
-    ("support/ZebDataDeleteLocker.cpp", MANAGER): "the delete lock is a member of the manager",
-    ("hash/ZebDataHash.cpp", MANAGER): LAST_RELEASE,
+    ("support/ZebDataDeleteLocker.cpp", MANAGER): DELETE_LOCK,
+    ("support/ZebDeleteMutexLocker.cpp", MANAGER): DELETE_LOCK,
+    ("hash/ZebDataHash_Counting.cpp", MANAGER): LAST_RELEASE,
+    ("hash/ZebDataHash_Pinning.cpp", MANAGER): "many uses are put in order by the manager",
     ("data/ZebConstAccessor.cpp", MANAGER): RESIDENCY,
     ("data/ZebDataBlock.cpp", MANAGER): "a block may not be larger than the store's memory limit",
     ("data/ZebHashingJob.cpp", MANAGER): ADMISSION,

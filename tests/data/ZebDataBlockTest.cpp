@@ -172,7 +172,6 @@ TEST(ZebDataBlock, StartsPlainUncachedAndWithoutAccessors)
         EXPECT_FALSE(block->isCompressed());
         EXPECT_FALSE(block->cached());
         EXPECT_EQ(accessCount(*block).loadRelaxed(), 0);
-        EXPECT_TRUE(BlockInside::mutex(*block).isRecursive());
     }
 }
 

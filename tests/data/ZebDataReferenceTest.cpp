@@ -380,17 +380,16 @@ TEST(ZebDataReference, IsInMemoryReportsWhetherTheBlockIsResident)
 TEST(ZebDataReference, IsInMemoryAndPreloadMakeTheBlockMostRecentlyUsed)
 {
     const TemporaryStore store;
-    const ZebDataBlockLru& lru = StoreInside::lru();
     const ZebDataReference first = resolved("first");
     const ZebDataReference second = resolved("second");
-    ASSERT_EQ(lru.count(), 2);
-    ASSERT_EQ(lru.oldest(), first.hashPtr().data());
+    ASSERT_EQ(manager().liveBlocks(), 2);
+    ASSERT_EQ(StoreInside::evictable().front(), first.hashPtr().data());
     EXPECT_TRUE(first.isInMemory());
-    EXPECT_EQ(lru.oldest(), second.hashPtr().data());
+    EXPECT_EQ(StoreInside::evictable().front(), second.hashPtr().data());
     second.preload(ZebDataBlockManager::PreloadLow);
-    EXPECT_EQ(lru.oldest(), first.hashPtr().data());
+    EXPECT_EQ(StoreInside::evictable().front(), first.hashPtr().data());
     first.preload();
-    EXPECT_EQ(lru.oldest(), second.hashPtr().data());
+    EXPECT_EQ(StoreInside::evictable().front(), second.hashPtr().data());
 }
 
 // Accessors by reference

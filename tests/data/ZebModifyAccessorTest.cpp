@@ -349,21 +349,6 @@ TEST(ZebModifyAccessor, AssignmentMovesNoCount)
     EXPECT_EQ(accessCount(blockB).loadRelaxed(), 21);
 }
 
-TEST(ZebModifyAccessor, CountChangesUnderTheBlocksMutex)
-{
-    ZebDataBlock held(16, 1);
-    accessCount(held).storeRelaxed(1);
-    const OpenAccessor accessor(&held);
-    QMutex& mutex = BlockInside::mutex(held);
-    mutex.lock();
-    BlockedThread thread([&] { const ZebModifyAccessor copy(accessor); });
-    EXPECT_TRUE(thread.waitsFor(mutex));
-    EXPECT_EQ(accessor.count(), 2);
-    mutex.unlock();
-    EXPECT_TRUE(thread.ends());
-    EXPECT_EQ(accessor.count(), 2);
-}
-
 TEST(ZebModifyAccessor, DataDecompressesWhenNeeded)
 {
     const TemporaryStore store;

@@ -25,6 +25,8 @@ protected:
     {
         if (!FailingAllocations::isAvailable())
             GTEST_SKIP() << "a sanitizer has its own allocator";
+        // Constructed at first use.
+        registry();
     }
 };
 

@@ -198,9 +198,10 @@ TEST(ZebThreadSlot, AChildForgetsThatThreadsOfItsParentWereInside)
 TEST(ZebThreadSlot, AThreadOfAChildGetsASlot)
 {
     EXPECT_EQ(inChild([] {
+                  const ZebThreadSlot* const own = ZebThreadSlot::mine();
                   ZebThreadSlot* slot = nullptr;
                   std::thread([&slot] { slot = ZebThreadSlot::mine(); }).join();
-                  return slot != nullptr && slot != ZebThreadSlot::mine() ? 0 : 1;
+                  return slot != nullptr && slot != own ? 0 : 1;
               }),
               0);
 }

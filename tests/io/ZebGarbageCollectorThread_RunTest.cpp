@@ -107,7 +107,7 @@ TEST_F(ZebGarbageCollectorThreadRun, ARunningPassNeedsNoDeleteLockAndDoesNotHold
         EXPECT_GE(passesRunning(), 1);
         holding = std::thread([&] {
             m_Collector.setSubCache("Other"); // takes the collector's own lock
-            const ZebTdxMutexLocker locker(&StoreInside::deleteLock());
+            const ZebTdxMutexLocker locker(&StoreInside::deleteMutex());
             points.reachedThenWait("held", "pass ended");
         });
         points.wait("held");

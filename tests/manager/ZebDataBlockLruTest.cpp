@@ -1,34 +1,32 @@
 #include "manager/ZebDataBlockLru.h"
 
-#include "support/BlockedThread.h"
-#include "support/LruInside.h"
+#include "hash/ZebDataHash.h"
 
-#include <QWriteLocker>
+#include "support/LruInside.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
+#include <array>
 #include <list>
 #include <random>
-#include <thread>
 #include <vector>
 
 using LruInside::newestToOldest;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
 using Order = std::vector<ZebDataHash*>;
-// The list never dereferences the hashes that it keeps.
+// One of a hundred hashes, which outlive every list.
 ZebDataHash* key(quintptr number)
 {
-    return reinterpret_cast<ZebDataHash*>(number * 64);
+    static std::array<ZebDataHash, 100> hashes;
+    return &hashes.at(number);
 }
 
-// Both directions of the list, both ends and the side table must agree.
+// Both directions of the list, both ends, the marks and the count must agree.
 void expectConsistent(const ZebDataBlockLru& lru)
 {
     const Order forward = newestToOldest(lru);
@@ -36,35 +34,10 @@ void expectConsistent(const ZebDataBlockLru& lru)
     std::reverse(backward.begin(), backward.end());
     ASSERT_EQ(forward, backward);
 
-    std::size_t listed = 0;
-    for (const auto& [hash, node] : LruInside::items(lru)) {
-        if (!node)
-            continue;
-        ++listed;
-        ASSERT_EQ(hash, node->m_Hash);
-        ASSERT_EQ(std::count(forward.begin(), forward.end(), hash), 1);
-    }
-    ASSERT_EQ(listed, forward.size());
+    for (ZebDataHash* const hash : forward)
+        ASSERT_TRUE(lru.contains(hash));
     ASSERT_EQ(static_cast<std::size_t>(lru.count()), forward.size());
-    ASSERT_EQ(lru.oldest(), forward.empty() ? nullptr : forward.back());
-}
-
-void removeLocked(ZebDataBlockLru& lru, ZebDataHash* hash)
-{
-    const QWriteLocker locker(&lru.lock());
-    lru.remove(hash);
-}
-
-void parkLocked(ZebDataBlockLru& lru, ZebDataHash* hash)
-{
-    const QWriteLocker locker(&lru.lock());
-    lru.park(hash);
-}
-
-void clearLocked(ZebDataBlockLru& lru)
-{
-    const QWriteLocker locker(&lru.lock());
-    lru.clear();
+    ASSERT_EQ(LruInside::oldest(lru), forward.empty() ? nullptr : forward.back());
 }
 
 void addAll(ZebDataBlockLru& lru, const Order& oldestFirst)
@@ -77,7 +50,7 @@ void addAll(ZebDataBlockLru& lru, const Order& oldestFirst)
 
 TEST(ZebDataBlockLru, ANewListIsEmptyAtBothEnds)
 {
-    const ZebDataBlockLru lru;
+    ZebDataBlockLru lru;
     EXPECT_EQ(lru.count(), 0);
     EXPECT_FALSE(lru.contains(key(1)));
     EXPECT_EQ(LruInside::newest(lru), nullptr);
@@ -92,8 +65,8 @@ TEST(ZebDataBlockLru, TheFirstHashIsNewestAndOldest)
     ASSERT_NE(LruInside::newest(lru), nullptr);
     EXPECT_EQ(LruInside::newest(lru), LruInside::oldest(lru));
     EXPECT_EQ(lru.oldest(), key(1));
-    EXPECT_EQ(LruInside::newest(lru)->m_Older, nullptr);
-    EXPECT_EQ(LruInside::newest(lru)->m_Newer, nullptr);
+    EXPECT_EQ(LruInside::older(key(1)), nullptr);
+    EXPECT_EQ(LruInside::newer(key(1)), nullptr);
     EXPECT_TRUE(lru.contains(key(1)));
     EXPECT_EQ(lru.count(), 1);
 }
@@ -112,7 +85,7 @@ TEST(ZebDataBlockLru, AddingAListedHashChangesNothing)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2), key(3)});
-    const ZebDataBlockLruNode* const node = LruInside::oldest(lru);
+    const ZebDataHash* const node = LruInside::oldest(lru);
     const int nodes = m_LruNodeCount.loadRelaxed();
     lru.add(key(1));
     lru.add(key(2));
@@ -142,24 +115,11 @@ TEST(ZebDataBlockLru, TouchOfTheOnlyHashLeavesItAlone)
 {
     ZebDataBlockLru lru;
     lru.add(key(1));
-    const ZebDataBlockLruNode* const node = LruInside::newest(lru);
+    const ZebDataHash* const node = LruInside::newest(lru);
     lru.touch(key(1));
     EXPECT_EQ(LruInside::newest(lru), node);
     EXPECT_EQ(LruInside::oldest(lru), node);
     expectConsistent(lru);
-}
-
-TEST(ZebDataBlockLru, TouchKeepsTheNodeObject)
-{
-    ZebDataBlockLru lru;
-    addAll(lru, {key(1), key(2)});
-    const ZebDataBlockLruNode* const node = LruInside::oldest(lru);
-    const int nodes = m_LruNodeCount.loadRelaxed();
-    lru.touch(key(1));
-    EXPECT_EQ(LruInside::newest(lru), node);
-    EXPECT_EQ(node->m_Hash, key(1));
-    EXPECT_EQ(&*LruInside::items(lru).at(key(1)), node);
-    EXPECT_EQ(m_LruNodeCount.loadRelaxed(), nodes);
 }
 
 TEST(ZebDataBlockLru, TouchOfAnUnlistedHashDoesNotListIt)
@@ -177,7 +137,7 @@ TEST(ZebDataBlockLru, RemovingTheOnlyHashClearsBothEnds)
 {
     ZebDataBlockLru lru;
     lru.add(key(1));
-    removeLocked(lru, key(1));
+    lru.remove(key(1));
     EXPECT_EQ(LruInside::newest(lru), nullptr);
     EXPECT_EQ(LruInside::oldest(lru), nullptr);
     EXPECT_EQ(lru.count(), 0);
@@ -188,9 +148,9 @@ TEST(ZebDataBlockLru, RemovingTheNewestMovesTheNewestEnd)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2), key(3)});
-    removeLocked(lru, key(3));
+    lru.remove(key(3));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(2), key(1)));
-    EXPECT_EQ(LruInside::newest(lru)->m_Newer, nullptr);
+    EXPECT_EQ(LruInside::newer(LruInside::newest(lru)), nullptr);
     expectConsistent(lru);
 }
 
@@ -198,9 +158,9 @@ TEST(ZebDataBlockLru, RemovingTheOldestMovesTheOldestEnd)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2), key(3)});
-    removeLocked(lru, key(1));
+    lru.remove(key(1));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(3), key(2)));
-    EXPECT_EQ(LruInside::oldest(lru)->m_Older, nullptr);
+    EXPECT_EQ(LruInside::older(LruInside::oldest(lru)), nullptr);
     expectConsistent(lru);
 }
 
@@ -208,7 +168,7 @@ TEST(ZebDataBlockLru, RemovingFromTheMiddleJoinsTheNeighbours)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2), key(3)});
-    removeLocked(lru, key(2));
+    lru.remove(key(2));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(3), key(1)));
     expectConsistent(lru);
 }
@@ -216,10 +176,10 @@ TEST(ZebDataBlockLru, RemovingFromTheMiddleJoinsTheNeighbours)
 TEST(ZebDataBlockLru, RemovingAnUnlistedHashChangesNothing)
 {
     ZebDataBlockLru lru;
-    removeLocked(lru, key(9));
+    lru.remove(key(9));
     addAll(lru, {key(1), key(2)});
     const int nodes = m_LruNodeCount.loadRelaxed();
-    removeLocked(lru, key(9));
+    lru.remove(key(9));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(2), key(1)));
     EXPECT_EQ(m_LruNodeCount.loadRelaxed(), nodes);
     expectConsistent(lru);
@@ -229,43 +189,20 @@ TEST(ZebDataBlockLru, ARemovedHashCanBeListedAgainAsTheNewest)
 {
     ZebDataBlockLru lru;
     addAll(lru, {key(1), key(2)});
-    removeLocked(lru, key(1));
+    lru.remove(key(1));
     EXPECT_FALSE(lru.contains(key(1)));
     lru.add(key(1));
     EXPECT_THAT(newestToOldest(lru), ElementsAre(key(1), key(2)));
     expectConsistent(lru);
 }
 
-TEST(ZebDataBlockLru, AParkedHashKeepsItsPlaceUntilItIsRemoved)
+TEST(ZebDataBlockLru, ClearEmptiesTheList)
 {
     ZebDataBlockLru lru;
-    const int nodes = m_LruNodeCount.loadRelaxed();
-    addAll(lru, {key(1), key(2), key(3)});
-    parkLocked(lru, key(2));
-    EXPECT_FALSE(lru.contains(key(2)));
-    EXPECT_THAT(newestToOldest(lru), ElementsAre(key(3), key(1)));
-    EXPECT_EQ(m_LruNodeCount.loadRelaxed(), nodes + 2);
-    EXPECT_EQ(LruInside::items(lru).count(key(2)), 1U);
-    lru.touch(key(2));
-    parkLocked(lru, key(2));
-    parkLocked(lru, key(9));
-    EXPECT_THAT(newestToOldest(lru), ElementsAre(key(3), key(1)));
-    lru.add(key(2));
-    EXPECT_THAT(newestToOldest(lru), ElementsAre(key(2), key(3), key(1)));
-    parkLocked(lru, key(1));
-    removeLocked(lru, key(1));
-    EXPECT_EQ(LruInside::items(lru).count(key(1)), 0U);
-    EXPECT_THAT(newestToOldest(lru), ElementsAre(key(2), key(3)));
-    expectConsistent(lru);
-}
-
-TEST(ZebDataBlockLru, ClearEmptiesListAndTable)
-{
-    ZebDataBlockLru lru;
-    clearLocked(lru);
+    lru.clear();
     EXPECT_EQ(lru.count(), 0);
     addAll(lru, {key(1), key(2), key(3)});
-    clearLocked(lru);
+    lru.clear();
     EXPECT_EQ(lru.count(), 0);
     EXPECT_FALSE(lru.contains(key(2)));
     EXPECT_EQ(LruInside::newest(lru), nullptr);
@@ -275,18 +212,18 @@ TEST(ZebDataBlockLru, ClearEmptiesListAndTable)
     expectConsistent(lru);
 }
 
-TEST(ZebDataBlockLru, TheNodeCountFollowsTheNodesOfAllLists)
+TEST(ZebDataBlockLru, TheNodeCountFollowsAllLists)
 {
     const int before = m_LruNodeCount.loadRelaxed();
     {
         ZebDataBlockLru one;
         ZebDataBlockLru other;
         addAll(one, {key(1), key(2), key(3)});
-        addAll(other, {key(1)});
+        addAll(other, {key(6)});
         EXPECT_EQ(m_LruNodeCount.loadRelaxed(), before + 4);
-        removeLocked(one, key(2));
+        one.remove(key(2));
         EXPECT_EQ(m_LruNodeCount.loadRelaxed(), before + 3);
-        clearLocked(one);
+        one.clear();
         EXPECT_EQ(m_LruNodeCount.loadRelaxed(), before + 1);
         addAll(one, {key(4), key(5)});
         EXPECT_EQ(m_LruNodeCount.loadRelaxed(), before + 3);
@@ -313,7 +250,7 @@ TEST(ZebDataBlockLru, RandomOperationsAgreeWithAPlainList)
             break;
         case 3:
         case 4:
-            removeLocked(lru, hash);
+            lru.remove(hash);
             model.remove(hash);
             break;
         default:
@@ -324,7 +261,7 @@ TEST(ZebDataBlockLru, RandomOperationsAgreeWithAPlainList)
             }
         }
         if (random() % 2000 == 0) {
-            clearLocked(lru);
+            lru.clear();
             model.clear();
         }
         ASSERT_EQ(newestToOldest(lru), Order(model.begin(), model.end())) << "step " << step;
@@ -333,83 +270,4 @@ TEST(ZebDataBlockLru, RandomOperationsAgreeWithAPlainList)
         ASSERT_EQ(lru.contains(hash), std::find(model.begin(), model.end(), hash) != model.end());
         ASSERT_EQ(m_LruNodeCount.loadRelaxed(), nodes + lru.count());
     }
-}
-
-TEST(ZebDataBlockLru, ContainsWaitsForAWriterAndCountDoesNot)
-{
-    ZebDataBlockLru lru;
-    lru.add(key(1));
-    EXPECT_TRUE(waitsForWriter(lru.lock(), [&] { EXPECT_TRUE(lru.contains(key(1))); }));
-    EXPECT_FALSE(waitsForWriter(lru.lock(), [&] { EXPECT_EQ(lru.count(), 1); }));
-}
-
-TEST(ZebDataBlockLru, ReadOutsShareTheLockWithReaders)
-{
-    ZebDataBlockLru lru;
-    lru.add(key(1));
-    EXPECT_FALSE(waitsForReader(lru.lock(), [&] { EXPECT_TRUE(lru.contains(key(1))); }));
-    EXPECT_FALSE(waitsForReader(lru.lock(), [&] { EXPECT_EQ(lru.count(), 1); }));
-}
-
-TEST(ZebDataBlockLru, AddAndTouchTakeTheWriteLockThemselves)
-{
-    ZebDataBlockLru lru;
-    addAll(lru, {key(1), key(2)});
-    EXPECT_TRUE(waitsForReader(lru.lock(), [&] { lru.add(key(3)); }));
-    EXPECT_TRUE(waitsForReader(lru.lock(), [&] { lru.touch(key(1)); }));
-    EXPECT_TRUE(waitsForWriter(lru.lock(), [&] { lru.add(key(4)); }));
-    EXPECT_TRUE(waitsForWriter(lru.lock(), [&] { lru.touch(key(2)); }));
-    EXPECT_THAT(newestToOldest(lru), ElementsAre(key(2), key(4), key(1), key(3)));
-}
-
-TEST(ZebDataBlockLru, RemoveAndClearAndOldestTakeNoLock)
-{
-    ZebDataBlockLru lru;
-    addAll(lru, {key(1), key(2), key(3)});
-    // The lock is not recursive: an operation that took it as well would never return.
-    EXPECT_FALSE(waitsForWriter(lru.lock(), [&] { lru.remove(key(2)); }));
-    EXPECT_FALSE(waitsForWriter(lru.lock(), [&] { EXPECT_EQ(lru.oldest(), key(1)); }));
-    EXPECT_FALSE(waitsForWriter(lru.lock(), [&] { lru.clear(); }));
-    EXPECT_THAT(newestToOldest(lru), IsEmpty());
-}
-
-TEST(ZebDataBlockLru, TheLockIsNotRecursive)
-{
-    const ZebDataBlockLru lru;
-    ASSERT_TRUE(lru.lock().tryLockForWrite());
-    EXPECT_FALSE(lru.lock().tryLockForWrite());
-    EXPECT_FALSE(lru.lock().tryLockForRead());
-    lru.lock().unlock();
-}
-
-TEST(ZebDataBlockLru, ReadersMayReadWhileOtherThreadsChangeTheList)
-{
-    ZebDataBlockLru lru;
-    constexpr quintptr keys = 50;
-    constexpr int rounds = 2000;
-    std::atomic<bool> working{true};
-    std::thread reader([&] {
-        while (working.load()) {
-            const int count = lru.count();
-            EXPECT_GE(count, 0);
-            EXPECT_LE(count, static_cast<int>(keys));
-            lru.contains(key(7));
-        }
-    });
-    std::vector<std::thread> writers;
-    for (unsigned seed = 1; seed <= 2; ++seed) {
-        writers.emplace_back([&lru, seed] {
-            std::mt19937 random(seed);
-            for (int round = 0; round < rounds; ++round) {
-                lru.add(key(1 + random() % keys));
-                lru.touch(key(1 + random() % keys));
-                removeLocked(lru, key(1 + random() % keys));
-            }
-        });
-    }
-    for (std::thread& writer : writers)
-        writer.join();
-    working.store(false);
-    reader.join();
-    expectConsistent(lru);
 }

@@ -323,7 +323,7 @@ TEST(ZebDataBlockManagerAdmission, ImmediateAdmissionInternsItsHashUnderTheDelet
         const qint64 before = manager().managedBlocks();
         ZebDataReference reference;
         {
-            ZebTdxMutex& deleteLock = StoreInside::deleteLock();
+            StoreInside::DeleteLock& deleteLock = StoreInside::deleteLock();
             deleteLock.lock();
             BlockedThread thread([&] { reference = operation(); });
             EXPECT_TRUE(thread.waitsFor(deleteLock));

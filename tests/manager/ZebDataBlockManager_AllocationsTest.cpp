@@ -61,12 +61,10 @@ protected:
         std::vector<ZebDataHash*> resident;
         qint64 bytes = 0;
         {
-            const ZebTdxMutexLocker locker(&StoreInside::deleteLock());
-            const StoreBlocks& blocks = StoreInside::blockMap();
-            for (auto block = blocks.cbegin(); block != blocks.cend(); ++block) {
-                resident.push_back(block.key());
-                bytes += block.value()->size();
-            }
+            const ZebTdxMutexLocker locker(&StoreInside::deleteMutex());
+            resident = StoreInside::lru().residents();
+            for (const ZebDataHash* const hash : resident)
+                bytes += StoreInside::residentBlock(hash)->size();
         }
         std::vector<ZebDataHash*> evictable = StoreInside::evictable();
         std::sort(resident.begin(), resident.end());

@@ -186,16 +186,6 @@ TEST_F(ZebDataBlockManagerDiskThreadsFlush, MayRunDuringAdmissions)
     }
 }
 
-TEST_F(ZebDataBlockManagerDiskThreadsFlush, ANullHashAmongTheBlocksIsFatal)
-{
-    EXPECT_FATAL(
-        {
-            StoreInside::blockMap().insert(nullptr, nullptr);
-            manager().flush(true, ZebDataBlockManager::AllThreads);
-        },
-        "Null Value in Hash to Block Map");
-}
-
 TEST_F(ZebDataBlockManagerDiskThreadsFlush, NeedsAStore)
 {
     m_Store.cleanUp();

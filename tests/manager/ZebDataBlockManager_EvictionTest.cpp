@@ -7,6 +7,7 @@
 #include "support/DeleteLockProbe.h"
 #include "support/Fatal.h"
 #include "support/FilesBelow.h"
+#include "support/HashInside.h"
 #include "support/IsFree.h"
 #include "support/StoreFixture.h"
 #include "support/StoreInside.h"
@@ -141,15 +142,17 @@ TEST_F(ZebDataBlockManagerEviction, EvictionRetriesWhileEveryHashIsHeld)
     waitForWriters();
     std::future<bool> evicted;
     {
+        const ZebSmartPointer<ZebDataHash> hash = a.hashPtr();
         const HeldHash heldA(a);
         const HeldHash heldB(b);
         evicted = std::async(std::launch::async, [] { return evictEverything(); });
-        ZebDataHash* oldest = StoreInside::evictable().front();
+        // Each turn makes a held hash the newest. The delete lock is not free meanwhile.
+        quint64 used = HashInside::stamp(*hash);
         int turns = 0;
         EXPECT_TRUE(waitUntil([&] {
-            ZebDataHash* const now = StoreInside::evictable().front();
-            turns += now == oldest ? 0 : 1;
-            oldest = now;
+            const quint64 now = HashInside::stamp(*hash);
+            turns += now == used ? 0 : 1;
+            used = now;
             return turns >= 10;
         }));
     }

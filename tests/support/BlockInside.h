@@ -13,7 +13,6 @@ ZEBTDX_ACCESS(BlockInsideAccessCount, ZebDataBlock, QAtomicInt ZebDataBlock::*, 
 ZEBTDX_ACCESS(BlockInsideCached, ZebDataBlock, std::atomic<bool> ZebDataBlock::*, m_Cached)
 ZEBTDX_ACCESS(BlockInsideCompressed, ZebDataBlock, bool ZebDataBlock::*, m_Compressed)
 ZEBTDX_ACCESS(BlockInsideStoredBytes, ZebDataBlock, QByteArray ZebDataBlock::*, m_Data)
-ZEBTDX_ACCESS(BlockInsideMutex, ZebDataBlock, QMutex ZebDataBlock::*, m_Mutex)
 ZEBTDX_ACCESS(BlockInsideSize, ZebDataBlock, qint64 ZebDataBlock::*, m_Size)
 
 /// The private members of ZebDataBlock.
@@ -39,11 +38,6 @@ inline bool& compressed(ZebDataBlock& object)
 inline QByteArray& storedBytes(ZebDataBlock& object)
 {
     return object.*privateMember(BlockInsideStoredBytes());
-}
-
-inline QMutex& mutex(ZebDataBlock& object)
-{
-    return object.*privateMember(BlockInsideMutex());
 }
 
 /// The size of the plain block in bytes.

@@ -13,6 +13,7 @@ using HashInsidePointer = ZebSmartPointer<ZebDataHash>;
 ZEBTDX_ACCESS(HashInsideSizeField, ZebDataHash, ZebDataHash::Size ZebDataHash::*, m_Size)
 ZEBTDX_ACCESS(HashInsideDigest, ZebDataHash, QByteArray ZebDataHash::*, m_Data)
 ZEBTDX_ACCESS(HashInsideMutex, ZebDataHash, ZebTdxMutex ZebDataHash::*, m_Mutex)
+ZEBTDX_ACCESS(HashInsideStamp, ZebDataHash, std::atomic<quint64> ZebDataHash::*, m_Stamp)
 ZEBTDX_ACCESS(HashInsideCalculate, ZebDataHash, void (ZebDataHash::*)(const unsigned char*, qint64),
               calculate)
 ZEBTDX_ACCESS(HashInsideIncRef, ZebDataHash, void (ZebDataHash::*)(void*), incRef)
@@ -44,6 +45,12 @@ inline const QByteArray& digest(const ZebDataHash& object)
 inline ZebTdxMutex& mutex(ZebDataHash& object)
 {
     return object.*privateMember(HashInsideMutex());
+}
+
+/// When the block was used, by the clock of the store.
+inline quint64 stamp(const ZebDataHash& object)
+{
+    return (object.*privateMember(HashInsideStamp())).load();
 }
 
 inline void calculate(ZebDataHash& object, const unsigned char* bytes, qint64 length)

@@ -1,42 +1,48 @@
 #pragma once
 
+#include "hash/ZebDataHash.h"
 #include "manager/ZebDataBlockLru.h"
 #include "support/PrivateAccess.h"
 
-#include <optional>
-#include <unordered_map>
+#include <array>
 #include <vector>
 
-using LruInsideItems = std::unordered_map<ZebDataHash*, std::optional<ZebDataBlockLruNode>>;
+using LruInsideEnds = std::array<ZebDataHash*, 2>;
 
-ZEBTDX_ACCESS(LruInsideItemMap, ZebDataBlockLru, LruInsideItems ZebDataBlockLru::*, m_Items)
-ZEBTDX_ACCESS(LruInsideNewest, ZebDataBlockLru, ZebDataBlockLruNode* ZebDataBlockLru::*, m_Newest)
-ZEBTDX_ACCESS(LruInsideOldest, ZebDataBlockLru, ZebDataBlockLruNode* ZebDataBlockLru::*, m_Oldest)
+ZEBTDX_ACCESS(LruInsideNewest, ZebDataBlockLru, LruInsideEnds ZebDataBlockLru::*, m_Newest)
+ZEBTDX_ACCESS(LruInsideOldest, ZebDataBlockLru, LruInsideEnds ZebDataBlockLru::*, m_Oldest)
+ZEBTDX_ACCESS(LruInsideNewer, ZebDataHash, ZebDataHash* ZebDataHash::*, m_Newer)
+ZEBTDX_ACCESS(LruInsideOlder, ZebDataHash, ZebDataHash* ZebDataHash::*, m_Older)
 
-/// The private members of ZebDataBlockLru. None of the functions takes its lock.
+/// The private members of ZebDataBlockLru. None of the functions takes a lock.
 namespace LruInside {
 
-inline const LruInsideItems& items(const ZebDataBlockLru& lru)
+inline ZebDataHash* newest(const ZebDataBlockLru& lru)
 {
-    return lru.*privateMember(LruInsideItemMap());
+    return (lru.*privateMember(LruInsideNewest()))[0];
 }
 
-inline const ZebDataBlockLruNode* newest(const ZebDataBlockLru& lru)
+inline ZebDataHash* oldest(const ZebDataBlockLru& lru)
 {
-    return lru.*privateMember(LruInsideNewest());
+    return (lru.*privateMember(LruInsideOldest()))[0];
 }
 
-inline const ZebDataBlockLruNode* oldest(const ZebDataBlockLru& lru)
+inline ZebDataHash* newer(const ZebDataHash* hash)
 {
-    return lru.*privateMember(LruInsideOldest());
+    return hash->*privateMember(LruInsideNewer());
 }
 
-/// The hashes in the order of the list.
+inline ZebDataHash* older(const ZebDataHash* hash)
+{
+    return hash->*privateMember(LruInsideOlder());
+}
+
+/// The hashes in the order of the list, pinned ones that eviction has not met among them.
 inline std::vector<ZebDataHash*> newestToOldest(const ZebDataBlockLru& lru)
 {
     std::vector<ZebDataHash*> hashes;
-    for (const ZebDataBlockLruNode* node = newest(lru); node != nullptr; node = node->m_Older)
-        hashes.push_back(node->m_Hash);
+    for (ZebDataHash* hash = newest(lru); hash != nullptr; hash = older(hash))
+        hashes.push_back(hash);
     return hashes;
 }
 
@@ -44,8 +50,8 @@ inline std::vector<ZebDataHash*> newestToOldest(const ZebDataBlockLru& lru)
 inline std::vector<ZebDataHash*> oldestToNewest(const ZebDataBlockLru& lru)
 {
     std::vector<ZebDataHash*> hashes;
-    for (const ZebDataBlockLruNode* node = oldest(lru); node != nullptr; node = node->m_Newer)
-        hashes.push_back(node->m_Hash);
+    for (ZebDataHash* hash = oldest(lru); hash != nullptr; hash = newer(hash))
+        hashes.push_back(hash);
     return hashes;
 }
 

@@ -5,16 +5,16 @@
 #include "io/ZebDataBlockReadThread.h"
 #include "io/ZebDataBlockWriteThread.h"
 #include "io/ZebGarbageCollectorThread.h"
+#include "manager/ZebClosedGate.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/BlockInside.h"
 #include "support/LruInside.h"
 #include "support/Manager.h"
 #include "support/PrivateAccess.h"
+#include "support/WaitPlace.h"
 
 #include <QFile>
-#include <QHash>
 #include <QMutex>
-#include <QReadLocker>
 #include <QSet>
 #include <QString>
 #include <QStringList>
@@ -24,13 +24,13 @@
 #include <atomic>
 #include <vector>
 
-using StoreBlocks = QHash<ZebDataHash*, ZebDataBlock*>;
-using StoreBlocksMember = StoreBlocks ZebDataBlockManager::*;
 using StoreBlockSetMember = QSet<ZebDataBlock*> ZebDataBlockManager::*;
 using StoreReadersMember = QVector<ZebDataBlockReadThread*> ZebDataBlockManager::*;
 using StoreWritersMember = QVector<ZebDataBlockWriteThread*> ZebDataBlockManager::*;
 
-ZEBTDX_ACCESS(StoreInsideBlocks, ZebDataBlockManager, StoreBlocksMember, m_HashToBlockMap)
+ZEBTDX_ACCESS(StoreInsideResidentBlock, ZebDataHash, ZebDataBlock* (ZebDataHash::*)() const,
+              residentBlock)
+ZEBTDX_ACCESS(StoreInsideGateDepth, ZebDataBlockManager, int ZebDataBlockManager::*, m_GateDepth)
 ZEBTDX_ACCESS(StoreInsideLru, ZebDataBlockManager, ZebDataBlockLru ZebDataBlockManager::*, m_Lru)
 ZEBTDX_ACCESS(StoreInsideBeingWritten, ZebDataBlockManager, StoreBlockSetMember,
               m_BlocksBeingWritten)
@@ -99,30 +99,58 @@ namespace StoreInside {
 
 using ::manager;
 
-inline ZebTdxMutex& deleteLock()
+/// The mutex of the delete lock. Readers of resident blocks take no notice of it.
+inline ZebTdxMutex& deleteMutex()
 {
     return manager().*privateMember(StoreInsideDeleteLock());
 }
 
-/// The resident blocks by their hashes; guarded by deleteLock().
-inline StoreBlocks& blockMap()
+/// The delete lock as a host takes it: readers wait for it, too.
+class DeleteLock
 {
-    return manager().*privateMember(StoreInsideBlocks());
+public:
+    void lock()
+    {
+        deleteMutex().lock();
+        ZebClosedGate::close(depth());
+    }
+    bool tryLock(int timeout = 0)
+    {
+        if (!deleteMutex().tryLock(timeout))
+            return false;
+        ZebClosedGate::close(depth());
+        return true;
+    }
+    void unlock()
+    {
+        ZebClosedGate::open(depth());
+        deleteMutex().unlock();
+    }
+
+    operator WaitPlace() const { return deleteMutex(); }
+
+private:
+    static int* depth() { return &(manager().*privateMember(StoreInsideGateDepth())); }
+};
+
+inline DeleteLock& deleteLock()
+{
+    static DeleteLock lock;
+    return lock;
+}
+
+/// The resident block of a hash, null when there is none.
+inline ZebDataBlock* residentBlock(const ZebDataHash* hash)
+{
+    const ZebTdxMutexLocker locker(&deleteMutex());
+    return (hash->*privateMember(StoreInsideResidentBlock()))();
 }
 
 /// The resident block of a reference, null when there is none.
 inline ZebDataBlock* blockOf(const ZebDataReference& reference)
 {
     const ZebSmartPointer<ZebDataHash> hash = reference.hashPtr();
-    const ZebTdxMutexLocker locker(&deleteLock());
-    return blockMap().value(hash.data(), nullptr);
-}
-
-/// How many blocks are resident, pinned and uncached ones included.
-inline int residentBlocks()
-{
-    const ZebTdxMutexLocker locker(&deleteLock());
-    return blockMap().size();
+    return hash.isNull() ? nullptr : residentBlock(hash.data());
 }
 
 inline ZebDataBlockLru& lru()
@@ -130,22 +158,35 @@ inline ZebDataBlockLru& lru()
     return manager().*privateMember(StoreInsideLru());
 }
 
+/// How many blocks are resident, pinned and uncached ones included.
+inline int residentBlocks()
+{
+    const ZebTdxMutexLocker locker(&deleteMutex());
+    return lru().residentCount();
+}
+
 /// The evictable hashes, the next victim first.
 inline std::vector<ZebDataHash*> evictable()
 {
-    const QReadLocker locker(&lru().lock());
-    return LruInside::oldestToNewest(lru());
+    const ZebTdxMutexLocker locker(&deleteMutex());
+    lru().drain();
+    std::vector<ZebDataHash*> hashes;
+    for (ZebDataHash* const hash : LruInside::oldestToNewest(lru())) {
+        if (lru().contains(hash))
+            hashes.push_back(hash);
+    }
+    return hashes;
 }
 
 inline QSet<ZebDataBlock*> beingWritten()
 {
-    const ZebTdxMutexLocker locker(&deleteLock());
+    const ZebTdxMutexLocker locker(&deleteMutex());
     return manager().*privateMember(StoreInsideBeingWritten());
 }
 
 inline QSet<ZebDataBlock*> toFreeAfterWriting()
 {
-    const ZebTdxMutexLocker locker(&deleteLock());
+    const ZebTdxMutexLocker locker(&deleteMutex());
     return manager().*privateMember(StoreInsideToFree());
 }
 
