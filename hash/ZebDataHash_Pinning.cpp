@@ -174,16 +174,19 @@ bool ZebDataHash::closeInside(const ZebDataBlock* block, ZebThreadSlot* slot)
             ZEBTDX_GUARD(CloseSeesUnpinsSlow, ZebReadGate::unpinsAreSlow()))
             return false;
         // Pushed before the pin goes: afterwards another thread may end the hash.
-        if (pushUse(slot, word))
+        if (ZEBTDX_GUARD(PushBeforeUnpin, pushUse(slot, word)))
             continue;
         // A drain that clears the mark between the load of the word and the exchange may have read
         // the stamp before; the exchange fails then, and all of it is repeated. No raise needed:
         // this thread has the only pin, so what it may overwrite is the stamp of a use that began
         // before the block was pinned, and still runs.
-        m_Stamp.store(ZebUseClock::now(), std::memory_order_relaxed);
+        if (ZEBTDX_GUARD(StampOnClose, true))
+            m_Stamp.store(ZebUseClock::now(), std::memory_order_relaxed);
         ZEBTDX_POINT(StampWritten);
-        if (m_Word.compare_exchange_strong(word, next | s_Evictable, std::memory_order_acq_rel,
-                                           std::memory_order_relaxed)) {
+        if (!ZEBTDX_GUARD(CasRepeatsStamp, true))
+            word = m_Word.load(std::memory_order_relaxed);
+        if (m_Word.compare_exchange_strong(word, (word - s_Reference - s_Pin) | s_Evictable,
+                                           std::memory_order_acq_rel, std::memory_order_relaxed)) {
             ZEBTDX_POINT(Unpinned);
             // The hash may be gone.
             countUp(slot->m_Listed);

@@ -118,6 +118,7 @@ ZebDataHash* ZebDataBlockLru::takeUsed(ZebDataHash* used, ZebDataHash* chain)
         // Before the mark is cleared: afterwards another thread may push the hash.
         used = hash->m_NextUsed.load(std::memory_order_relaxed);
         quint64 stamp = hash->m_Stamp.load(std::memory_order_relaxed);
+        ZEBTDX_POINT(DrainRead);
         // Acquire: what was written before the last change of the word is seen, so that is the
         // stamp of every use that counted on the mark. A use that writes a stamp later fails to
         // exchange the word, and pushes the hash again.

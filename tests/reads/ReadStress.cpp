@@ -8,6 +8,7 @@
 #include "hash/ZebHashManager.h"
 #include "reads/QuietChecks.h"
 #include "reads/StressOptions.h"
+#include "reads/StressPoints.h"
 #include "reads/StressRoles.h"
 #include "reads/StressWatchdog.h"
 #include "support/FakeMemory.h"
@@ -170,7 +171,9 @@ int main(int argc, char** argv)
     TemporaryStore store;
     manager().flushMemory(true);
     const qint64 target = manager().targetFreeMemorySize();
+    StressPoints::begin(options);
     ReadStress(options, store.messages()).run();
+    StressPoints::end();
     manager().setTargetFreeMemorySize(target);
     manager().flush(false, ZebDataBlockManager::AllThreads);
     store.cleanUp();

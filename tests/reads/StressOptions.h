@@ -20,7 +20,7 @@ struct StressOptions
     /// A guard to switch off; only in the build with test points.
     std::string m_Mutant;
     /// In this many of 1000 arrivals at a test point, the thread lets others run.
-    int m_Yields = 0;
+    unsigned m_Yields = 0;
 
     static StressOptions parse(int argc, char** argv)
     {
@@ -36,6 +36,16 @@ struct StressOptions
                 options.setNumber(name, value);
         }
         return options;
+    }
+
+    [[noreturn]] static void endWithUsage(const std::string& error)
+    {
+        std::fprintf(stderr,
+                     "%s\n"
+                     "usage: ReadStress [--seconds N] [--seed N] [--threads N] [--round-ms N]\n"
+                     "                  [--stuck-ms N] [--yields N] [--mutant GUARD]\n",
+                     error.c_str());
+        std::exit(2);
     }
 
 private:
@@ -56,18 +66,8 @@ private:
         else if (name == "--stuck-ms")
             m_StuckMs = static_cast<int>(number);
         else if (name == "--yields")
-            m_Yields = static_cast<int>(number);
+            m_Yields = static_cast<unsigned>(number);
         else
             endWithUsage("unknown argument: " + name);
-    }
-
-    [[noreturn]] static void endWithUsage(const std::string& error)
-    {
-        std::fprintf(stderr,
-                     "%s\n"
-                     "usage: ReadStress [--seconds N] [--seed N] [--threads N] [--round-ms N]\n"
-                     "                  [--stuck-ms N] [--yields N] [--mutant GUARD]\n",
-                     error.c_str());
-        std::exit(2);
     }
 };
