@@ -3,6 +3,7 @@
 #
 #   stress:PROGRAM       a program of threads that race, shuffled
 #   reads                ReadStress: threads that read without a lock, two minutes at a time
+#   reads-delayed        the same, with delays in the middle of operations
 #   kill-loop            scripts/kill_loop.sh: ingests killed at random moments
 #   disabled:TEST        a test that is off by default since it takes a minute or more
 #   heavy:TEST           a test with the label "heavy": minutes and gigabytes, at most once
@@ -125,6 +126,7 @@ find_work() {
     done < <(find "$root/tests" -name '*StressTest.cpp' | LC_ALL=C sort)
     if [[ -e $root/tests/reads/ReadStress.cpp ]]; then
         add reads "$build/tests/reads/ReadStress"
+        add reads-delayed "$build/tests/reads/PointedReadStress"
     fi
     add kill-loop "$root/scripts/kill_loop.sh"
     while IFS= read -r source; do
@@ -170,6 +172,10 @@ set_line() {
         ;;
     reads)
         line=("${program[$name]}" --seconds "$reads_run_s" --seed "$run_seed")
+        ;;
+    reads-delayed)
+        line=("${program[$name]}" --seconds "$reads_run_s" --seed "$run_seed" --round-ms 20
+            --yields 50)
         ;;
     stress:*)
         line=("${program[$name]}" --gtest_shuffle --gtest_random_seed="$run_seed")

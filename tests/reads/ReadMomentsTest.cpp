@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -336,7 +337,7 @@ TEST_F(ReadMoments, EveryOperationWaitsForALockOfAllBlocks)
     const std::vector<std::function<void()>> operations = {
         [this] { m_Older.constAccessor(); },
         [&] { closing.reset(); },
-        [&] { const ZebConstAccessor copy(open); },
+        [&] { std::make_unique<ZebConstAccessor>(open); },
         [this] { m_Older.isInMemory(); },
         [this] { m_Older.preload(); },
         [this] { m_Older.modifyAccessor(); },
