@@ -19,6 +19,19 @@ namespace {
 // again by its next use, while one that was not drained is pushed once.
 constexpr quint32 s_MostPushes = 262144;
 
+// After so many entries of a gate that is not plain a thread asks for a plain one.
+constexpr quint32 s_MostFencedEntries = 4096;
+
+// Whether the thread has something to do with the delete lock held. Starts to count anew then.
+bool isVisitDue(ZebThreadSlot* slot)
+{
+    if (Q_LIKELY(slot->m_Pushes < s_MostPushes && slot->m_FencedEntries < s_MostFencedEntries))
+        return false;
+    slot->m_Pushes = 0;
+    slot->m_FencedEntries = 0;
+    return true;
+}
+
 // A counter with one writer; release, so that a thread that adds up the counters of all threads
 // finds the change of the word that was counted.
 void countUp(std::atomic<quint64>& counter)
@@ -136,19 +149,17 @@ bool ZebDataHash::pushUse(ZebThreadSlot* slot, quint64 word)
 bool ZebDataHash::tryClose(const ZebDataBlock* block)
 {
     bool isClosed = false;
-    bool isDrainDue = false;
+    bool isDue = false;
     {
         const Passage passage;
         if (passage.slot() == nullptr)
             return false;
         ZEBTDX_POINT(CloseEntered);
         isClosed = closeInside(block, passage.slot());
-        isDrainDue = passage.slot()->m_Pushes >= s_MostPushes;
-        if (isDrainDue)
-            passage.slot()->m_Pushes = 0;
+        isDue = isVisitDue(passage.slot());
     }
     // The hash may be gone.
-    if (isDrainDue)
+    if (isDue)
         ZebDataBlockManager::instance().drainUses();
     return isClosed;
 }

@@ -26,6 +26,9 @@ struct alignas(64) ZebThreadSlot
     /// How many hashes the owner has pushed. Only the owner uses it.
     quint32 m_Pushes = 0;
 
+    /// How often the owner has entered a gate that is not plain. Only the owner uses it.
+    quint32 m_FencedEntries = 0;
+
     /// The newest of the used hashes. The owner pushes, the drain takes all of them.
     std::atomic<ZebDataHash*> m_Used{nullptr};
 
