@@ -146,6 +146,9 @@ void ZebDataBlockLru::drain()
 {
     if (!m_CountsReaders)
         return;
+    if (m_Newest[Listed] != nullptr)
+        ZebUseClock::keepAfter(m_Newest[Listed]->m_PlaceStamp);
+    m_DrainBegan = ZebUseClock::now();
     ZebDataHash* chain = nullptr;
     for (ZebThreadSlot* slot = ZebThreadSlot::first(); slot != nullptr; slot = slot->next()) {
         // A read first: it does not take the cache line from its owner.
@@ -267,8 +270,12 @@ ZebDataHash* ZebDataBlockLru::oldest()
     return hash;
 }
 
-bool ZebDataBlockLru::isUnused(const ZebDataHash* hash) const
+bool ZebDataBlockLru::isUnused(const ZebDataHash* hash, bool isExact) const
 {
+    // The drain takes one stack after another: it may find a use on one and miss an earlier use on
+    // another, which was noted after that was taken. What was used before the drain began is found.
+    if (!isExact && hash->m_PlaceStamp >= m_DrainBegan)
+        return false;
     const quint64 word = hash->m_Word.load(std::memory_order_acquire);
     return !ZEBTDX_GUARD(EvictSeesNotEvictable, (word & s_Evictable) == 0) &&
            !ZEBTDX_GUARD(EvictSeesUsed, (word & s_Used) != 0);

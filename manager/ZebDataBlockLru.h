@@ -59,8 +59,11 @@ public:
     /// aside that it meets.
     ZebDataHash* oldest() ZEBTDX_REQUIRES(ZebDeleteLock);
 
-    /// Whether a hash is listed, and not used since it was drained.
-    bool isUnused(const ZebDataHash* hash) const;
+    /// Whether a hash is listed and not used since the last drain, and that drain has found every
+    /// use that ended before its own. So the least recently used one may be evicted.
+    ///
+    /// @param isExact whether no reader has passed the gate during the drain
+    bool isUnused(const ZebDataHash* hash, bool isExact) const ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Makes `block` the resident block of the hash, evictable as the newest unless it is uncached.
     void admit(ZebDataHash* hash, ZebDataBlock* block) ZEBTDX_REQUIRES(ZebDeleteLock);
@@ -125,6 +128,9 @@ private:
     std::array<ZebDataHash*, 2> m_Oldest{};
 
     int m_ResidentCount = 0;
+
+    // When the last drain began, by ZebUseClock.
+    quint64 m_DrainBegan = 0;
 
     // How often hashes were listed and unlisted with the delete lock held; threads count their own
     // in their slots. Both only grow.

@@ -138,7 +138,7 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
         }
         ZEBTDX_POINT(EvictLocked);
         // From here on no reader changes the hash.
-        if (!m_Lru.isUnused(hash)) {
+        if (!m_Lru.isUnused(hash, m_GateDepth > 0)) {
             // Opened, or used, since it was drained. In the end readers that do so again and again
             // wait.
             hash->unlock();
@@ -161,9 +161,12 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
         return;
     constexpr quint64 marks =
         ZebHashWord::s_Resident | ZebHashWord::s_Evictable | ZebHashWord::s_Used;
-    // The last release of a hash without a block: no other thread can make it resident.
-    if (hash->refCount() == 0 && (hash->m_Word.load(std::memory_order_acquire) & marks) == 0)
+    // The last release of a hash without a block: no other thread can make it resident. But the
+    // eviction that has just ended its residency may have yet to unlock it.
+    if (hash->refCount() == 0 && (hash->m_Word.load(std::memory_order_acquire) & marks) == 0) {
+        hash->awaitUnlocked();
         return;
+    }
     bool handedOff = false;
     ZebDataBlock* block = nullptr;
     {
@@ -185,6 +188,7 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
             m_BlocksFreedCount.fetch_add(1, std::memory_order_relaxed);
         }
         m_Lru.dismiss(hash);
+        ZEBTDX_POINT(Dismissed);
     }
     if (!handedOff)
         delete block;

@@ -23,6 +23,7 @@ enum class ZebTestPoint : unsigned
     EvictChosen,
     EvictLocked,
     GateClosed,
+    Dismissed,
     LastReleaseDecided,
     CopyBegun,
     SlowOpen,

@@ -109,6 +109,13 @@ public:
         return m_Thread.ends();
     }
 
+    /// Lets it go on, and waits until it sleeps at a lock; false when it ends instead.
+    bool goesOnAndWaits()
+    {
+        m_Stop.release();
+        return m_Thread.standsStill();
+    }
+
     bool hasEnded() const { return m_Thread.hasEnded(); }
 
 private:

@@ -11,6 +11,7 @@
 #include "support/DeleteLockProbe.h"
 #include "support/HashInside.h"
 #include "support/Registry.h"
+#include "support/SequencePoints.h"
 #include "support/StoreFixture.h"
 #include "support/ZebDataDeleteLocker.h"
 
@@ -176,6 +177,35 @@ TEST_F(ReadMoments, ACloseDuringADrainIsNotedForTheNextOne)
     evictOldest();
     EXPECT_FALSE(isResident(m_Newer));
     EXPECT_TRUE(isResident(m_Older));
+}
+
+TEST_F(ReadMoments, ADrainThatMissesAUseLetsNoLaterOneBeEvicted)
+{
+    const ZebDataReference noted = add(s_Block, 9);
+    std::optional<ZebConstAccessor> accessor;
+    accessor.emplace(m_Oldest.constAccessor());
+    // Meets the pinned block and sets it aside.
+    evictOldest();
+    ASSERT_FALSE(isResident(m_Older));
+    SequencePoints points;
+    BlockedThread worker([&] {
+        openAndClose(noted);
+        points.reachedThenWait("noted", "drain");
+        accessor.reset();
+        points.reached("closed");
+    });
+    ASSERT_TRUE(points.wait("noted"));
+    const ZebConstAccessor pinned = noted.constAccessor();
+    // The drain takes the stack of the worker before that of this thread, whose slot is the first
+    // of the process.
+    StoppedThread evictor(ZebTestPoint::DrainTaken, [] { evictOldest(); });
+    ASSERT_TRUE(evictor.isStopped());
+    points.reached("drain");
+    ASSERT_TRUE(points.wait("closed"));
+    openAndClose(m_Newer);
+    ASSERT_TRUE(evictor.goesOnAndEnds());
+    EXPECT_FALSE(isResident(m_Oldest));
+    EXPECT_TRUE(isResident(m_Newer));
 }
 
 // Eviction
@@ -414,6 +444,25 @@ TEST_F(ReadMoments, AnEvictionDuringTheLastReleaseWritesNothing)
     ASSERT_TRUE(releaser.goesOnAndEnds());
     waitForWriters();
     EXPECT_FALSE(QFile::exists(file));
+}
+
+TEST_F(ReadMoments, TheLastReleaseWaitsForAnEvictionToUnlockTheHash)
+{
+    ZebDataReference last = addAndWrite(7);
+    for (const ZebDataReference* const newer : {&m_Oldest, &m_Older, &m_Newer})
+        openAndClose(*newer);
+    StoppedThread releaser(ZebTestPoint::LastReleaseDecided,
+                           [&last] { last = ZebDataReference(); });
+    ASSERT_TRUE(releaser.isStopped());
+    const int hashes = ZebDataHash::hashCount();
+    StoppedThread evictor(ZebTestPoint::Dismissed, [] { evictOldest(); });
+    ASSERT_TRUE(evictor.isStopped());
+    // For the mutex of the hash.
+    EXPECT_TRUE(releaser.goesOnAndWaits());
+    EXPECT_EQ(ZebDataHash::hashCount(), hashes) << "the eviction has the hash locked";
+    ASSERT_TRUE(evictor.goesOnAndEnds());
+    ASSERT_TRUE(releaser.goesOnAndEnds());
+    EXPECT_EQ(ZebDataHash::hashCount(), hashes - 1);
 }
 
 TEST_F(ReadMoments, TheLastReleaseTakesTheHashOffItsStack)
