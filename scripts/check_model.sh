@@ -46,6 +46,10 @@ pinning=(HASHES=1 REFERENCES_OF_EACH=2 WITH_OPEN WITH_USE)
 # Two blocks in use, next to eviction: the order.
 order="run closer(); run user(1, 1, 0); run evictor(1)"
 ordering=(HASHES=2 REFERENCES_OF_EACH=2 PINNED_ASIDE WITH_USE)
+# A reader of two blocks, next to eviction.
+two="run user(0, 2, 1); run evictor(1)"
+querying=(HASHES=2 REFERENCES_OF_EACH=2 WITH_USE)
+opening=(HASHES=2 REFERENCES_OF_EACH=2 WITH_OPEN)
 # The last two references to a block, next to eviction.
 end="run user(0, 0, 0); run user(0, 0, 0); run evictor(1)"
 ending=(HASHES=1 REFERENCES_OF_EACH=2 WITH_USE WITH_RELEASE)
@@ -68,6 +72,8 @@ holding=(HASHES=1 REFERENCES_OF_EACH=3 WITH_OPEN)
 
 check pinning holds "$pin" "${pinning[@]}"
 check order holds "$order" "${ordering[@]}"
+check query holds "$two" "${querying[@]}"
+check open holds "$two" "${opening[@]}"
 check end holds "$end" "${ending[@]}"
 check use holds "$use" "${using[@]}"
 check find holds "$find" "${finding[@]}"
@@ -83,13 +89,13 @@ mutant CLOSE_IGNORES_FLAG "$flag" "${locking[@]}"
 mutant NO_WAIT_FOR_COPIES "$copy" "${copying[@]}"
 mutant OPEN_IGNORES_RESIDENT "$pin" "${pinning[@]}"
 mutant OPEN_IGNORES_LOCKED "$pin" "${pinning[@]}"
-mutant EVICT_IGNORES_USED "$order" "${ordering[@]}"
+mutant EVICT_IGNORES_USED "$two" "${querying[@]}"
 mutant FREE_WITHOUT_DRAIN "$use" "${using[@]}"
 mutant PUSH_AFTER_UNPIN "$pin" "${pinning[@]}" WITH_RELEASE
-mutant LINK_READ_LATE "$pin" "${pinning[@]}"
-mutant STAMP_READ_EARLY "$order" "${ordering[@]}"
-mutant NO_STAMP "$order" "${ordering[@]}"
-mutant NO_EXCHANGE_OF_USED "$order" "${ordering[@]}"
+mutant LINK_READ_LATE "$two" "${querying[@]}"
+mutant STAMP_READ_EARLY "$two" "${querying[@]}"
+mutant NO_STAMP "$two" "${opening[@]}"
+mutant NO_EXCHANGE_OF_USED "$two" "${querying[@]}"
 mutant NO_DRAIN_TIME "$order" "${ordering[@]}"
 mutant EMPTY_WITH_OPEN_GATE "$pin" "${pinning[@]}"
 mutant NO_REGISTRY_FOR_LAST "$find" "${finding[@]}"
