@@ -91,7 +91,6 @@ mutant OPEN_IGNORES_RESIDENT "$pin" "${pinning[@]}"
 mutant OPEN_IGNORES_LOCKED "$pin" "${pinning[@]}"
 mutant EVICT_IGNORES_USED "$two" "${querying[@]}"
 mutant FREE_WITHOUT_DRAIN "$use" "${using[@]}"
-mutant PUSH_AFTER_UNPIN "$pin" "${pinning[@]}" WITH_RELEASE
 mutant LINK_READ_LATE "$two" "${querying[@]}"
 mutant STAMP_READ_EARLY "$two" "${querying[@]}"
 mutant NO_STAMP "$two" "${opening[@]}"
