@@ -15,6 +15,8 @@
 #include "support/StoreFixture.h"
 #include "support/ZebDataDeleteLocker.h"
 
+#include <QSemaphore>
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -45,6 +47,55 @@ bool keepsWaiting(const BlockedThread& thread)
 {
     return !pollUntil([&thread] { return thread.hasEnded(); }, s_MomentMs);
 }
+
+// A thread that lives as long as this object and reads when it is asked to.
+class Reader
+{
+public:
+    Reader()
+        : m_Thread([this] {
+              m_Slot = ZebThreadSlot::mine();
+              m_Done.release();
+              for (m_Begin.acquire(); m_Reference != nullptr; m_Begin.acquire()) {
+                  m_Reference->constAccessor();
+                  m_Done.release();
+              }
+          })
+    {
+        m_Done.acquire();
+    }
+    ~Reader()
+    {
+        m_Reference = nullptr;
+        m_Begin.release();
+        m_Thread.join();
+    }
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+    void openAndClose(const ZebDataReference& reference)
+    {
+        m_Reference = &reference;
+        m_Begin.release();
+        m_Done.acquire();
+    }
+
+    // Whether a drain takes the stack of this thread before that of the other one.
+    bool isDrainedBefore(const Reader& other) const
+    {
+        const ZebThreadSlot* slot = ZebThreadSlot::first();
+        while (slot != m_Slot && slot != other.m_Slot)
+            slot = slot->next();
+        return slot == m_Slot;
+    }
+
+private:
+    const ZebDataReference* m_Reference = nullptr;
+    const ZebThreadSlot* m_Slot = nullptr;
+    QSemaphore m_Begin;
+    QSemaphore m_Done;
+    std::thread m_Thread;
+};
 
 class ReadMoments : public StoreFixture
 {
@@ -206,6 +257,23 @@ TEST_F(ReadMoments, ADrainThatMissesAUseLetsNoLaterOneBeEvicted)
     ASSERT_TRUE(evictor.goesOnAndEnds());
     EXPECT_FALSE(isResident(m_Oldest));
     EXPECT_TRUE(isResident(m_Newer));
+}
+
+TEST_F(ReadMoments, ADrainMeetsABlockOnTwoStacks)
+{
+    Reader a;
+    Reader b;
+    Reader& first = a.isDrainedBefore(b) ? a : b;
+    Reader& second = a.isDrainedBefore(b) ? b : a;
+    first.openAndClose(m_Older);
+    StoppedThread evictor(ZebTestPoint::DrainCleared, [] { evictOldest(); });
+    ASSERT_TRUE(evictor.isStopped());
+    second.openAndClose(m_Older);
+    ASSERT_TRUE(evictor.goesOnAndEnds());
+    EXPECT_FALSE(isResident(m_Oldest));
+    evictOldest();
+    EXPECT_FALSE(isResident(m_Newer));
+    EXPECT_TRUE(isResident(m_Older));
 }
 
 // Eviction
