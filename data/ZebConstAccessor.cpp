@@ -37,7 +37,8 @@ ZebConstAccessor::~ZebConstAccessor()
         m_DataHash.abandon();
         return;
     }
-    // In a forked child the locks below may be held by threads that this process does not have.
+    // In a forked child the locks below may be held by threads that this process does not have. The
+    // close above takes none.
     if (!ZebForkWatch::isStoreOfParent())
         ZebDataBlockManager::instance().unpin(m_DataHash.data(), m_Block);
     // m_DataHash is destroyed as a member, with no lock held: this may be the last release, which

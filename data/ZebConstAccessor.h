@@ -17,9 +17,10 @@ class ZebDataReference;
 /// Thread safety: any thread may hold accessors to any block. Only one thread at a time may use a
 /// given accessor.
 ///
-/// Locks: making, copying and destroying one takes none while the block is resident, unless another
-/// thread holds the delete lock by a ZebDataDeleteLocker, or the hash; those it waits for. The last
-/// accessor takes the delete lock when it signals a change or ends the hash.
+/// Locks: none while the block is resident. Making, copying and destroying one waits while another
+/// thread has a ZebDataDeleteLocker or has locked the hash, or while a direct slot of the store
+/// runs. Closing the last accessor takes the delete lock if it clears allFreeBlocksFlushed() or
+/// releases the last reference to the hash.
 class ZEBTDX_EXPORT ZebConstAccessor
 {
 public:

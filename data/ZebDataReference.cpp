@@ -15,7 +15,7 @@ QAtomicInt ZebDataReference::m_AllocCount;
 
 // Each thread counts in a place of its own, which only it writes; a reference may end on another
 // thread than the one that made it. m_ReferenceCount has the share of threads without a place.
-void ZebDataReference::count(int change)
+void ZebDataReference::addToCount(int change)
 {
     ZebThreadSlot* const slot = ZebThreadSlot::mine();
     if (slot == nullptr)
@@ -27,28 +27,28 @@ void ZebDataReference::count(int change)
 
 ZebDataReference::ZebDataReference()
 {
-    count(1);
+    addToCount(1);
 }
 
 ZebDataReference::ZebDataReference(const ZebDataReference& other)
     : m_DataHash(other.m_DataHash), m_HashJob(other.m_HashJob)
 {
-    count(1);
+    addToCount(1);
 }
 
 ZebDataReference::ZebDataReference(const ZebSmartPointer<ZebDataHash>& hash) : m_DataHash(hash)
 {
-    count(1);
+    addToCount(1);
 }
 
 ZebDataReference::ZebDataReference(const ZebSmartPointer<ZebBlockFuture>& job) : m_HashJob(job)
 {
-    count(1);
+    addToCount(1);
 }
 
 ZebDataReference::~ZebDataReference()
 {
-    count(-1);
+    addToCount(-1);
 }
 
 ZebDataReference& ZebDataReference::operator=(const ZebDataReference& other)

@@ -122,7 +122,8 @@ private:
     /// without a lock.
     const ZebConstAccessor openWithDeletesHeld() const ZEBTDX_EXCLUDES(ZebDeleteLock);
 
-    static void count(int change);
+    /// Adds to referenceCount().
+    static void addToCount(int change);
 
     // Mutable, since const operations resolve the reference.
     mutable ZebSmartPointer<ZebDataHash> m_DataHash;

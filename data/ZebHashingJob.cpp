@@ -3,6 +3,7 @@
 #include "data/ZebDataBlock.h"
 #include "data/ZebHashingTask.h"
 #include "data/ZebThreadPoolManager.h"
+#include "hash/ZebDigestView.h"
 #include "hash/ZebHashManager.h"
 #include "manager/ZebDataBlockManager.h"
 #include "support/ZebForkWatch.h"
@@ -164,7 +165,9 @@ ZebSmartPointer<ZebDataHash> ZebHashingJob::intern(const unsigned char* digest,
                                                    const QByteArray& bytes)
 {
     ZebHashManager& registry = ZebHashManager::instance();
-    return digest == nullptr ? registry.getHash(bytes) : registry.getDigested(digest);
+    return digest == nullptr
+               ? registry.getHash(bytes)
+               : registry.intern({ZebDataHash::Hash512, digest, ZebDataHash::Hash512});
 }
 
 ZebDataReference ZebHashingJob::admit(const ZebSmartPointer<ZebDataHash>& hash,

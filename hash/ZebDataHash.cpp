@@ -12,7 +12,7 @@ QAtomicInt ZebDataHash::m_NumHashes;
 
 namespace {
 
-// Kept on purpose: ignored by ZebTdxMutex. In the lock order the mutex is at level 3.
+// Kept on purpose: ignored by ZebTdxMutex. In the lock order the mutex is at level 2.
 constexpr int s_HashMutexLevel = 9;
 
 void requireSize(ZebDataHash::Size size)

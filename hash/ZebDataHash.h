@@ -31,7 +31,7 @@ struct ZebThreadSlot;
 /// The hash of a resident block also has what its readers need: the block, its pins, and its place
 /// in the LRU. docs/CONCURRENCY.md explains how they are used without a lock.
 ///
-/// Locks: m_Mutex is at level 3 of the lock order, inside the registry's mutex.
+/// Locks: m_Mutex is at level 2 of the lock order, inside the registry's mutex.
 class ZEBTDX_EXPORT ZebDataHash
 {
 public:
@@ -97,7 +97,7 @@ public:
     /// a debug line reports it. A group that is not a number or exceeds 32 bits is read as 0.
     void fromString(const QString& text);
 
-    /// Qt's hash of the bytes of the digest, by which the registry finds the object.
+    /// Qt's hash of the bytes of the digest.
     unsigned int qhash() const;
 
     /// A value that the host attaches to this identity, initially 0. It stays as long as the object
@@ -118,7 +118,8 @@ public:
 
     /// Locks this hash if that needs no wait. Returns whether it did; the same thread may lock it
     /// again. While it is locked, no other thread adds or releases a reference to this hash, so
-    /// none opens an accessor of its block; they wait. The manager locks it during an eviction,
+    /// none opens an accessor of its block; they wait. Only a look-up may add one first, and waits
+    /// then. The manager locks it during an eviction,
     /// across calls, which the thread-safety analysis cannot follow; so this has no attributes.
     bool tryLock();
 
@@ -161,13 +162,14 @@ private:
     {
         Absent,
         Resident,
-        /// Only a thread with the delete lock can say.
+        /// Known only with the delete lock held.
         Unknown
     };
 
     // The operations of readers on a resident block. They take no lock, allocate nothing and never
-    // wait. When they find anything out of the ordinary, they change nothing and say so; the caller
-    // then does the same with the delete lock held. The caller holds a reference.
+    // wait. Each either succeeds, or changes nothing and returns null, false or Unknown; the caller
+    // then takes the delete lock. The caller holds a reference. Hidden, so that calls inside the
+    // library are direct.
 
     /// Pins the block and adds a reference for the new accessor. Null: not done.
     ZEBTDX_NO_EXPORT ZebDataBlock* tryOpen();
@@ -245,7 +247,8 @@ private:
     // References, pins and marks: see hash/ZebHashWord.h.
     std::atomic<quint64> m_Word{0};
 
-    // The resident block; set before the word says so, and cleared after.
+    // The resident block. Written before the word becomes resident, and before it ceases to be,
+    // when no reader can reach it.
     std::atomic<ZebDataBlock*> m_Block{nullptr};
 
     // The time of the last use, by ZebUseClock. Written before the word is changed to make the
@@ -260,7 +263,7 @@ private:
 
     // The place in a list of ZebDataBlockLru: which list it is, the stamp by which that is sorted,
     // and the neighbours. Guarded by the delete lock.
-    signed char m_Place = 2;
+    signed char m_Place = 2; // ZebDataBlockLru::Nowhere
     quint64 m_PlaceStamp = 0;
     ZebDataHash* m_Newer = nullptr;
     ZebDataHash* m_Older = nullptr;
@@ -268,7 +271,7 @@ private:
     // Held by the thread that has locked the hash, so that others can wait for it; orders slow
     // changes of the count against the decision of a last release. Recursive. Taken inside the
     // registry's mutex, never outside it.
-    ZebTdxMutex m_Mutex ZEBTDX_LOCK_LEVEL_3_INNER;
+    ZebTdxMutex m_Mutex ZEBTDX_LOCK_LEVEL_2_INNER;
 
     // How often the owner of m_Mutex has called tryLock(). Guarded by m_Mutex.
     int m_LockCount = 0;

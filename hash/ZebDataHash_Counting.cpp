@@ -20,6 +20,12 @@ void requireRoom(quint64 word)
         ZebTdxMessage::fatal(QStringLiteral("Too Many References to One Hash"));
 }
 
+void requireHolder(quint64 word)
+{
+    if (references(word) < 1)
+        ZebTdxMessage::fatal(QStringLiteral("No Positive Ref Count in Dec Ref"));
+}
+
 } // namespace
 
 int ZebDataHash::refCount() const
@@ -109,6 +115,7 @@ bool ZebDataHash::removeUnlessLast()
 {
     quint64 word = m_Word.load(std::memory_order_relaxed);
     do {
+        requireHolder(word);
         if (references(word) == 1)
             return false;
     } while (!m_Word.compare_exchange_weak(word, word - s_Reference, std::memory_order_release,
@@ -127,8 +134,7 @@ void ZebDataHash::decRef(void* holder)
 {
     Q_UNUSED(holder)
     quint64 word = m_Word.load(std::memory_order_relaxed);
-    if (references(word) < 1)
-        ZebTdxMessage::fatal(QStringLiteral("No Positive Ref Count in Dec Ref"));
+    requireHolder(word);
     // The locks below may have been held by threads that this process does not have.
     if (ZebForkWatch::isStoreOfParent())
         return;
@@ -136,6 +142,7 @@ void ZebDataHash::decRef(void* holder)
     while ((word & s_Locked) == 0 &&
            !ZEBTDX_GUARD(LastReleaseUnderRegistry, references(word) == 1)) {
         // Release: what this holder did is seen by the thread that ends the hash.
+        requireHolder(word);
         if (m_Word.compare_exchange_weak(word, word - s_Reference, std::memory_order_release,
                                          std::memory_order_relaxed))
             return;

@@ -22,14 +22,9 @@ constexpr quint32 s_MostPushes = 262144;
 // After so many entries of a gate that is not plain a thread asks for a plain one.
 constexpr quint32 s_MostFencedEntries = 4096;
 
-// Whether the thread has something to do with the delete lock held. Starts to count anew then.
-bool isVisitDue(ZebThreadSlot* slot)
+bool isDrainDue(const ZebThreadSlot* slot)
 {
-    if (Q_LIKELY(slot->m_Pushes < s_MostPushes && slot->m_FencedEntries < s_MostFencedEntries))
-        return false;
-    slot->m_Pushes = 0;
-    slot->m_FencedEntries = 0;
-    return true;
+    return slot->m_Pushes >= s_MostPushes || slot->m_FencedEntries >= s_MostFencedEntries;
 }
 
 // A counter with one writer; release, so that a thread that adds up the counters of all threads
@@ -91,10 +86,14 @@ ZebDataBlock* ZebDataHash::tryOpen()
         const bool unlists =
             ZebHashWord::pins(word) == 0 && !m_DontCache.load(std::memory_order_relaxed);
         if (unlists) {
-            // Not evictable and not pinned is an error, which the slow way reports.
+            // Not evictable and not pinned is an error, which the slow path reports.
             if ((word & s_Evictable) == 0)
                 return nullptr;
             next &= ~s_Evictable;
+        } else if ((word & s_Evictable) != 0) {
+            // The count is wrong, since accessors were assigned, or the hash was marked as uncached
+            // late: the block could be evicted under the accessor.
+            return nullptr;
         }
         // Acquire: the block and its bytes were written before the word became resident. From here
         // on the block is pinned: eviction needs s_Evictable, which only the last unpin sets.
@@ -148,19 +147,24 @@ bool ZebDataHash::pushUse(ZebThreadSlot* slot, quint64 word)
 
 bool ZebDataHash::tryClose(const ZebDataBlock* block)
 {
+    ZebThreadSlot* slot = nullptr;
     bool isClosed = false;
-    bool isDue = false;
     {
         const Passage passage;
-        if (passage.slot() == nullptr)
+        slot = passage.slot();
+        if (slot == nullptr)
             return false;
         ZEBTDX_POINT(CloseEntered);
-        isClosed = closeInside(block, passage.slot());
-        isDue = isVisitDue(passage.slot());
+        isClosed = closeInside(block, slot);
     }
-    // The hash may be gone.
-    if (isDue)
+    // Another thread may have destroyed the hash.
+    if (Q_UNLIKELY(isDrainDue(slot))) {
         ZebDataBlockManager::instance().drainUses();
+        slot->m_FencedEntries = 0;
+        // Another thread may have held the delete lock.
+        if (slot->m_Used.load(std::memory_order_relaxed) == nullptr)
+            slot->m_Pushes = 0;
+    }
     return isClosed;
 }
 
@@ -180,7 +184,7 @@ bool ZebDataHash::closeInside(const ZebDataBlock* block, ZebThreadSlot* slot)
                 return true;
             continue;
         }
-        // Evictable and pinned is an error, which the slow way reports.
+        // Evictable and pinned is an error, which the slow path reports.
         if ((word & s_Evictable) != 0 ||
             ZEBTDX_GUARD(CloseSeesUnpinsSlow, ZebReadGate::unpinsAreSlow()))
             return false;
@@ -199,7 +203,7 @@ bool ZebDataHash::closeInside(const ZebDataBlock* block, ZebThreadSlot* slot)
         if (m_Word.compare_exchange_strong(word, (word - s_Reference - s_Pin) | s_Evictable,
                                            std::memory_order_acq_rel, std::memory_order_relaxed)) {
             ZEBTDX_POINT(Unpinned);
-            // The hash may be gone.
+            // Another thread may have destroyed the hash.
             countUp(slot->m_Listed);
             return true;
         }

@@ -4,11 +4,11 @@
 
 class ZebDataHash;
 
-/// The registry's key: a raw pointer to a hash that is compared by digest. It changes no reference
+/// An entry of the registry: a raw pointer to a hash, compared by digest. It changes no reference
 /// count, so the registry never keeps a hash alive.
 ///
 /// Thread safety: that of a plain pointer. A comparison reads both digests, so both hashes must be
-/// alive; the registry's mutex ensures that.
+/// alive.
 class ZEBTDX_EXPORT ZebHashHandle
 {
 public:

@@ -70,11 +70,6 @@ ZebSmartPointer<ZebDataHash> ZebHashManager::getHash(const QString& text)
     return intern(ZebStackDigest(text).view());
 }
 
-ZebSmartPointer<ZebDataHash> ZebHashManager::getDigested(const unsigned char* digest)
-{
-    return intern({ZebDataHash::Hash512, digest, ZebDataHash::Hash512});
-}
-
 ZebSmartPointer<ZebDataHash> ZebHashManager::intern(const ZebDigestView& digest)
 {
     const quint64 number = m_Shards->number(digest);

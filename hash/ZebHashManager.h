@@ -1,7 +1,6 @@
 #pragma once
 
 #include "hash/ZebDataHash.h"
-#include "hash/ZebHashHandle.h"
 #include "hash/ZebSmartPointer.h"
 #include "support/ZebTdxExport.h"
 
@@ -28,7 +27,7 @@ struct ZebDigestView;
 ///
 /// While a collector removes the file of a digest, a thread that interns this digest waits.
 ///
-/// Locks: the registry consists of shards, each with its own mutex. They are at level 3 of the lock
+/// Locks: the registry consists of shards, each with its own mutex. They are at level 2 of the lock
 /// order; the mutex of a hash may be taken inside them. All that concerns one digest takes the
 /// mutex of one shard; hashCount() and the diagnostics take those of all shards.
 class ZEBTDX_EXPORT ZebHashManager
@@ -91,11 +90,7 @@ protected:
 private:
     Q_DISABLE_COPY(ZebHashManager)
 
-    /// Returns what getHash() returns for bytes with this digest, of size Hash512, and counts as it
-    /// does. For bytes that were digested together with others.
-    ZebSmartPointer<ZebDataHash> getDigested(const unsigned char* digest);
-
-    /// Interns a digest for getHash().
+    /// Returns what getHash() returns for bytes with this digest, and counts as it does.
     ZebSmartPointer<ZebDataHash> intern(const ZebDigestView& digest);
 
     /// The body of addHash(). The caller holds the mutex of the digest's shard.

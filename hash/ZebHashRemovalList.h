@@ -43,7 +43,7 @@ private:
     bool contains(const ZebDigestView& digest) const ZEBTDX_REQUIRES(m_Mutex);
 
     // Qt's condition cannot release a recursive mutex, such as that of a shard.
-    QMutex m_Mutex ZEBTDX_LOCK_LEVEL_3_INNER;
+    QMutex m_Mutex ZEBTDX_LOCK_LEVEL_2_INNER;
     QWaitCondition m_Ended;
 
     // Linked by their m_Next.

@@ -19,7 +19,7 @@
 struct alignas(64) ZebHashShard
 {
     // Recursive, so that a thread may drop a holder while it walks the tables.
-    ZebTdxMutex m_Mutex ZEBTDX_LOCK_LEVEL_3{3, QMutex::Recursive};
+    ZebTdxMutex m_Mutex ZEBTDX_LOCK_LEVEL_2{2, QMutex::Recursive};
 
     ZebHashTable m_Hashes ZEBTDX_GUARDED_BY(m_Mutex);
 

@@ -12,8 +12,9 @@ namespace ZebHashWord {
 constexpr quint64 s_Reference = 1;
 constexpr quint64 s_References = (quint64(1) << 31) - 1;
 
-/// A thread holds the hash by ZebDataHash::tryLock(). Other threads then change nothing here but
-/// with the delete lock or the mutex of the hash held; the registry may add a reference.
+/// A thread holds the hash by ZebDataHash::tryLock(). While it is set, other threads change the
+/// word only with the delete lock or the hash's mutex held, except that a look-up may add a
+/// reference and a copy may end.
 constexpr quint64 s_Locked = quint64(1) << 31;
 
 /// The hash has a resident block. Changes with the delete lock held.

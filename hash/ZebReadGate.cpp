@@ -121,10 +121,10 @@ void waitUntilOutside(const ZebThreadSlot& slot)
 
 bool ZebReadGate::enterFenced(ZebThreadSlot* slot)
 {
+    ++slot->m_FencedEntries;
     // A fenced mark is strong enough for both ways in which the gate may be open, so this needs no
     // second turn. All five accesses are in the single order of seq_cst: mark and load here,
     // closing and look at the mark in close(), and open().
-    ++slot->m_FencedEntries;
     slot->m_Inside.exchange(1, std::memory_order_seq_cst);
     const quint32 after = s_Word.m_Bits.load(std::memory_order_seq_cst);
     if (ZEBTDX_GUARD(GateClosedSeen, (after & Closed) != 0)) {

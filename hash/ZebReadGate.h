@@ -102,8 +102,8 @@ void open();
 
 /// Makes an open gate plain if its last closing is some time ago, and does nothing otherwise. For
 /// operations that take the delete lock now and then: after many closings in a row the gate is
-/// fenced, and without this it would stay so until the next one. A thread that only reads does it
-/// after many entries, which its slot counts.
+/// fenced, and without this it would stay so until the next one. A thread that closes accessors
+/// does it after many entries, which its slot counts.
 void relax();
 
 /// For tests: after which time without a closing the gate is plain, in place of 10 ms. The calling

@@ -21,7 +21,7 @@ class ZebDataBlockWriteRequest;
 /// Ownership: the writer owns condition, mutex and queue, which outlive the worker. The worker owns
 /// a request from the queue to the signal.
 ///
-/// Locks: the queue's mutex is level 4, inside a writer's m_Lock. It is not held during a
+/// Locks: the queue's mutex is level 3, inside a writer's m_Lock. It is not held during a
 /// compression or while the signal is emitted.
 class ZEBTDX_EXPORT ZebDataBlockCompressionThread : public QThread
 {

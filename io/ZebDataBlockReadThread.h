@@ -28,7 +28,7 @@ class ZebDataBlock;
 ///
 /// Thread safety: any thread may call every operation.
 ///
-/// Locks: m_Lock is level 4. It is never held across file I/O, a decompression or a call to the
+/// Locks: m_Lock is level 3. It is never held across file I/O, a decompression or a call to the
 /// manager. It is taken for writing only: a recursive read lock allocates, and stays taken when
 /// that fails.
 class ZEBTDX_EXPORT ZebDataBlockReadThread : public QThread
@@ -123,7 +123,7 @@ private:
     // Whether there was a wake-up since the last wait.
     bool m_WakeIsPending ZEBTDX_GUARDED_BY(m_WaitMutex) = false;
 
-    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4; // recursive
+    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_3; // recursive
     bool m_Exit ZEBTDX_GUARDED_BY(m_Lock);
     QString m_SubCache ZEBTDX_GUARDED_BY(m_Lock);
     const int m_BucketCount;

@@ -35,7 +35,7 @@ class ZebDataBlockWriteRequest;
 ///
 /// Thread safety: any thread may queue blocks, read counters and wait.
 ///
-/// Locks: m_Lock is level 4 and never held across file I/O. A writer takes the delete lock, without
+/// Locks: m_Lock is level 3 and never held across file I/O. A writer takes the delete lock, without
 /// m_Lock, to finish a block; so do not wait for a writer with the delete lock held.
 class ZEBTDX_EXPORT ZebDataBlockWriteThread : public QThread
 {
@@ -175,7 +175,7 @@ protected:
 
     // Recursive, and taken for writing only: Qt counts the readers of such a lock in a table, and
     // when that cannot grow, the lock is never free again.
-    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4;
+    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_3;
 
     ZebPriorityList<ZebDataBlockWriteRequest*> m_Requests ZEBTDX_GUARDED_BY(m_Lock);
     qint64 m_BytesInQueue ZEBTDX_GUARDED_BY(m_Lock);

@@ -24,7 +24,7 @@ class ZebDataBlockCompressionThread;
 ///
 /// Thread safety: that of the base class; pushWrite() is for the workers.
 ///
-/// Locks: those of the base class, at level 4. Inside m_Lock: m_WriteQueueMutex,
+/// Locks: those of the base class, at level 3. Inside m_Lock: m_WriteQueueMutex,
 /// m_CompressionQueueMutex and m_FlushMutex, in this order, or m_FenceMutex. The thread itself
 /// holds at most one of them, and none across a file operation.
 class ZEBTDX_EXPORT ZebDataBlockWriteThread_Pattern2 : public ZebDataBlockWriteThread

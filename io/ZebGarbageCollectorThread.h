@@ -36,7 +36,7 @@ class ZebDirectory;
 /// Thread safety: any thread may call every operation. Concurrent passes over one root are safe,
 /// but the size they find can be wrong until the next pass.
 ///
-/// Locks: m_Lock is level 4; m_PassTimerMutex is a leaf lock. A pass holds neither across a file
+/// Locks: m_Lock is level 3; m_PassTimerMutex is a leaf lock. A pass holds neither across a file
 /// operation. It takes the delete lock briefly before its bracket, never inside:
 /// ZebDataBlockManager::stopGarbageCollection() waits for the bracket's end with that lock held.
 /// m_Lock is taken for writing only: a recursive read lock allocates, and stays taken when that
@@ -109,7 +109,7 @@ private:
     const QString m_CacheRoot;
 
     // Recursive. closeDown() and collect() also take it, to wait for setSubCache().
-    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_4;
+    mutable QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_3;
 
     // Kept on purpose: unused, since the walk finds the buckets itself.
     [[maybe_unused]] const int m_BucketCount;

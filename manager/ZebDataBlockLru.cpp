@@ -146,8 +146,7 @@ void ZebDataBlockLru::drain()
 {
     if (!m_CountsReaders)
         return;
-    if (m_Newest[Listed] != nullptr)
-        ZebUseClock::keepAfter(m_Newest[Listed]->m_PlaceStamp);
+    keepClockAhead();
     m_DrainBegan = ZebUseClock::now();
     ZebDataHash* chain = nullptr;
     for (ZebThreadSlot* slot = ZebThreadSlot::first(); slot != nullptr; slot = slot->next()) {
@@ -244,14 +243,18 @@ void ZebDataBlockLru::unlink(ZebDataHash* hash)
 void ZebDataBlockLru::makeNewest(ZebDataHash* hash)
 {
     unlink(hash);
-    // Later than the stamps of the list, which this thread has read, or others before it got the
-    // delete lock; unless the clock has gone back.
-    ZebDataHash* const newest = m_Newest[Listed];
-    if (newest != nullptr)
-        ZebUseClock::keepAfter(newest->m_PlaceStamp);
+    keepClockAhead();
     hash->raiseStamp();
     hash->m_PlaceStamp = hash->m_Stamp.load(std::memory_order_relaxed);
-    link(hash, newest, Listed);
+    link(hash, m_Newest[Listed], Listed);
+}
+
+// Stamps of the list were taken before this thread got the delete lock, or by it. So the next one
+// is later, unless the clock has gone back.
+void ZebDataBlockLru::keepClockAhead()
+{
+    if (m_Newest[Listed] != nullptr)
+        ZebUseClock::keepAfter(m_Newest[Listed]->m_PlaceStamp);
 }
 
 void ZebDataBlockLru::setAside(ZebDataHash* hash)
@@ -262,8 +265,13 @@ void ZebDataBlockLru::setAside(ZebDataHash* hash)
 
 ZebDataHash* ZebDataBlockLru::oldest()
 {
+    // A pinned hash that is used stays: the thread that has marked it may have yet to push it, and
+    // an accessor that ends meanwhile counts on that. In the list eviction meets it again.
+    constexpr quint64 keeps = s_Evictable | s_Used;
     ZebDataHash* hash = m_Oldest[Listed];
-    while (hash != nullptr && ZEBTDX_GUARD(EvictSeesNotEvictable, !contains(hash))) {
+    while (hash != nullptr &&
+           ZEBTDX_GUARD(EvictSeesNotEvictable,
+                        (hash->m_Word.load(std::memory_order_acquire) & keeps) == 0)) {
         setAside(hash);
         hash = m_Oldest[Listed];
     }
@@ -272,9 +280,10 @@ ZebDataHash* ZebDataBlockLru::oldest()
 
 bool ZebDataBlockLru::isUnused(const ZebDataHash* hash, bool isExact) const
 {
-    // The drain takes one stack after another: it may find a use on one and miss an earlier use on
-    // another, which was noted after that was taken. What was used before the drain began is found.
-    if (!isExact && hash->m_PlaceStamp >= m_DrainBegan)
+    // A drain takes one stack after another: it may find a use on one stack and miss an earlier
+    // use, noted on another stack after that one was taken. It finds every use that ended before it
+    // began.
+    if (ZEBTDX_GUARD(EvictSeesDrainTime, !isExact && hash->m_PlaceStamp >= m_DrainBegan))
         return false;
     const quint64 word = hash->m_Word.load(std::memory_order_acquire);
     return !ZEBTDX_GUARD(EvictSeesNotEvictable, (word & s_Evictable) == 0) &&

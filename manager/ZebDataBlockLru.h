@@ -15,9 +15,9 @@ class ZebDataHash;
 /// The resident blocks that may be evicted, from the most to the least recently used.
 ///
 /// The links are in the hashes themselves, so a hash is in one list at most, and no operation but
-/// residents() allocates. Listed is a hash whose word says that it is evictable. Readers change
-/// that without a lock: opening a block only clears the mark, and closing it only notes the hash on
-/// a stack of the closing thread, with the time. drain() brings the list up to date.
+/// residents() allocates. A hash counts as listed while its word says that it is evictable. Readers
+/// change that without a lock: opening a block only clears the mark, and closing it only notes the
+/// hash on a stack of the closing thread, with the time. drain() brings the list up to date.
 ///
 /// Invariants, with the delete lock held:
 ///  - The list is sorted by m_PlaceStamp, the newest first.
@@ -25,7 +25,8 @@ class ZebDataHash;
 ///  - After drain() every hash is at its place that was not used since the drain began.
 ///  - A resident hash is in the list or set aside.
 ///
-/// Locks: every operation but contains() and count(), which take no lock, requires the delete lock.
+/// Locks: every operation but contains(), count() and countReaders(), which take no lock, requires
+/// the delete lock.
 class ZEBTDX_EXPORT ZebDataBlockLru
 {
 public:
@@ -35,8 +36,8 @@ public:
     /// Whether the hash is listed.
     bool contains(ZebDataHash* hash) const;
 
-    /// How many hashes are listed. While other threads open and close accessors, a number that was
-    /// right at some moment of the call or is right for each thread at some moment.
+    /// How many hashes are listed. While other threads open and close accessors: the number at some
+    /// moment of the call, or, if they never pause, an approximation.
     int count() const;
 
     /// Adds the hash as the newest, unless it is listed.
@@ -116,6 +117,7 @@ private:
 
     void link(ZebDataHash* hash, ZebDataHash* older, Place place);
     void unlink(ZebDataHash* hash);
+    void keepClockAhead();
     void makeNewest(ZebDataHash* hash);
     void setAside(ZebDataHash* hash);
     void noteListed(quint64 before, quint64 after);

@@ -19,7 +19,9 @@
 #include <QWaitCondition>
 
 #include <atomic>
+#include <optional>
 
+class ZebClosedGate;
 class ZebConstAccessor;
 class ZebDataBlock;
 class ZebDataBlockReadThread;
@@ -457,17 +459,15 @@ private:
     // For hosts: no reader opens or closes an accessor meanwhile.
     void lockDeletes() ZEBTDX_ACQUIRE(ZebDeleteLock);
     void unlockDeletes() ZEBTDX_RELEASE(ZebDeleteLock);
-    // What accessors do when a hash cannot do it without a lock: as lockBlock() and unlockBlock()
-    // for the first and the last one. pinAgain() also adds the reference of a copied accessor. Each
-    // takes the delete lock. A block that its hash does not know counts its accessors itself.
+    // What accessors do when a hash cannot do it without a lock; pinAgain() also adds the reference
+    // of a copied accessor. A block that its hash does not know counts its accessors itself.
     void pin(ZebDataHash* hash, ZebDataBlock* block);
     void pinAgain(ZebDataHash* hash, ZebDataBlock* block);
     void unpin(ZebDataHash* hash, ZebDataBlock* block);
     static int accessorsOf(const ZebDataHash* hash, const ZebDataBlock* block);
-
-    void drainUses(); // brings the LRU up to date if no other thread holds the delete lock
-    void noteEvictable() ZEBTDX_REQUIRES(ZebDeleteLock); // clears the host's flag; throws nothing
-    /// setAllFreeBlocksFlushed() with no reader inside the gate.
+    void drainUses(); // drains the LRU and relaxes the gate unless another thread holds the lock
+    void clearFlushedFlag() ZEBTDX_REQUIRES(ZebDeleteLock); // throws nothing
+    // setAllFreeBlocksFlushed() with no reader inside the gate
     void changeAllFreeBlocksFlushed(bool flushed) ZEBTDX_REQUIRES(ZebDeleteLock);
     void requireInitialized() const;
     void endWithProcess();
@@ -478,9 +478,9 @@ private:
     /// lock, unless there clearly is room. With `write` it writes blocks without a file first,
     /// measures free memory, and updates the host's flag.
     bool managePhysicalMemoryUse(quint64 size, bool write);
-
-    // The eviction of managePhysicalMemoryUse(). Returns the number of evicted blocks.
-    int evict(quint64 size, quint64 free, bool write) ZEBTDX_REQUIRES(ZebDeleteLock);
+    // Returns the number of evicted blocks. A gate that it must close stays closed.
+    int evict(quint64 size, quint64 free, bool write, std::optional<ZebClosedGate>* gate)
+        ZEBTDX_REQUIRES(ZebDeleteLock);
 
     /// Hands a block to its writer, or leaves it to the write in flight. Returns false when the
     /// caller must delete it. The caller removes the block from the tables before it releases the

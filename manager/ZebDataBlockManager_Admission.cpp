@@ -58,6 +58,9 @@ void ZebDataBlockManager::makeBlockLive(ZebDataHash* hash, ZebDataBlock* block)
                 .arg(maxDataCacheSize()));
     }
     managePhysicalMemoryUse(static_cast<quint64>(block->size()), true);
+    // A slot or message handler of the host may have admitted the same bytes meanwhile.
+    if (hash->residentBlock() != nullptr)
+        return;
     if (hash == nullptr) {
         // Kept on purpose: unreachable after the first check, and so is its message.
         ZebTdxMessage::fatal(QStringLiteral("Null Ptr"));
@@ -99,12 +102,15 @@ ZebDataReference ZebDataBlockManager::addBlock(ZebDataBlock* block,
     if (caching == ZebModifyAccessor::DontCache) {
         std::unique_ptr<ZebDataHash> identity = freshIdentity();
         const ZebTdxMutexLocker locker(&deleteMutex());
-        return admit(ZebHashManager::instance().addHash(identity.release()), owned.release());
+        const ZebSmartPointer<ZebDataHash> hash =
+            ZebHashManager::instance().addHash(identity.release());
+        return admit(hash, owned.release());
     }
     if (immediate) {
         const ZebStackDigest digest(block->constData(), block->m_Data.size());
         const ZebTdxMutexLocker locker(&deleteMutex());
-        return admit(ZebHashManager::instance().intern(digest.view()), owned.release());
+        const ZebSmartPointer<ZebDataHash> hash = ZebHashManager::instance().intern(digest.view());
+        return admit(hash, owned.release());
     }
     return ZebDataReference(ZebSmartPointer<ZebBlockFuture>(new ZebHashingJob(owned.release())));
 }

@@ -121,7 +121,7 @@ void ZebDataBlockManager::flush(bool writeUnwritten, ThreadType threads)
         {
             const ZebTdxMutexLocker locker(&deleteMutex());
             for (ZebDataHash* const hash : m_Lru.residents()) {
-                // Kept on purpose: unreachable, since makeBlockLive() refuses a null hash.
+                // Kept on purpose: unreachable, the lists have no null entries.
                 if (hash == nullptr)
                     ZebTdxMessage::fatal(QStringLiteral("Null Value in Hash to Block Map"));
                 if (!hash->isDontCache())

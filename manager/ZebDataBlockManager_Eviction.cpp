@@ -85,13 +85,16 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
     if (measure && write)
         measured.store(static_cast<quint64>(ZebGetFreePhysicalMemoryBytes()),
                        std::memory_order_relaxed);
-    const int freed = evict(size, measured.load(std::memory_order_relaxed), write);
+    // Once closed, it stays closed until the flag has been decided.
+    std::optional<ZebClosedGate> gate;
+    const int freed = evict(size, measured.load(std::memory_order_relaxed), write, &gate);
     if (freed > 0) {
         // Kept on purpose: the next request measures and takes the slow path again, so a full
         // store stays at 90 percent and evicts at each admission.
         ProcessWide::s_RequestedBytes.store(s_MeasureNextBytes, std::memory_order_relaxed);
         if (write && m_Lru.count() == 0) {
-            const ZebClosedGate gate(&m_GateDepth);
+            if (!gate)
+                gate.emplace(&m_GateDepth);
             // Exact now: no reader is opening or closing.
             if (m_Lru.count() == 0)
                 changeAllFreeBlocksFlushed(true);
@@ -103,12 +106,12 @@ bool ZebDataBlockManager::managePhysicalMemoryUse(quint64 size, bool write)
     return false;
 }
 
-int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
+int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write,
+                               std::optional<ZebClosedGate>* gate)
 {
     int freed = 0;
     int turns = 0;
     bool isDrained = false;
-    std::optional<ZebClosedGate> gate;
     for (;;) {
         const qint64 maximum = qMax<qint64>(0, maxDataCacheSize());
         const auto limit = static_cast<quint64>(static_cast<double>(maximum) * s_EvictionShare);
@@ -123,28 +126,34 @@ int ZebDataBlockManager::evict(quint64 size, quint64 free, bool write)
         if (hash == nullptr) {
             // A reader may be about to make a block evictable, or to note one. So nothing is
             // evictable only if that is so while no reader is inside the gate.
-            if (!gate && ZEBTDX_GUARD(EmptyUnderClosedGate, true)) {
-                gate.emplace(&m_GateDepth);
+            if (!*gate && ZEBTDX_GUARD(EmptyUnderClosedGate, true)) {
+                gate->emplace(&m_GateDepth);
                 isDrained = false;
                 continue;
             }
             return freed;
         }
         ZEBTDX_POINT(EvictChosen);
-        if (!hash->tryLock()) {
-            // Another thread is taking or releasing a reference to it; eviction does not wait.
+        // A pinned one is in the list while its use has yet to be drained.
+        bool isDue = !ZEBTDX_GUARD(EvictSeesNotEvictable, !m_Lru.contains(hash));
+        if (isDue && !hash->tryLock()) {
+            // A host holds the hash, or its last release is being decided; eviction does not wait.
             m_Lru.touch(hash);
             continue;
         }
-        ZEBTDX_POINT(EvictLocked);
-        // From here on no reader changes the hash.
-        if (!m_Lru.isUnused(hash, m_GateDepth > 0)) {
+        if (isDue) {
+            ZEBTDX_POINT(EvictLocked);
+            // From here on no reader changes the hash.
+            isDue = m_Lru.isUnused(hash, m_GateDepth > 0);
+            if (!isDue)
+                hash->unlock();
+        }
+        if (!isDue) {
             // Opened, or used, since it was drained. In the end readers that do so again and again
             // wait.
-            hash->unlock();
             isDrained = false;
-            if (++turns == s_MostTurns && !gate)
-                gate.emplace(&m_GateDepth);
+            if (++turns == s_MostTurns && !*gate)
+                gate->emplace(&m_GateDepth);
             continue;
         }
         freeBlock(hash, write, true);
@@ -164,7 +173,8 @@ void ZebDataBlockManager::freeBlock(ZebDataHash* hash, bool write, bool hashLock
     // The last release of a hash without a block: no other thread can make it resident. But the
     // eviction that has just ended its residency may have yet to unlock it.
     if (hash->refCount() == 0 && (hash->m_Word.load(std::memory_order_acquire) & marks) == 0) {
-        hash->awaitUnlocked();
+        if (ZEBTDX_GUARD(EndAwaitsUnlock, true))
+            hash->awaitUnlocked();
         return;
     }
     bool handedOff = false;

@@ -27,6 +27,11 @@ qulonglong addressOf(const ZebDataHash* hash)
         QStringLiteral("Hash %1 is Not Contained in the LRU").arg(addressOf(hash)));
 }
 
+[[noreturn]] void fatalTooManyPins()
+{
+    ZebTdxMessage::fatal(QStringLiteral("Too Many Accessors of One Block"));
+}
+
 [[noreturn]] void fatalListed(const ZebDataHash* hash)
 {
     ZebTdxMessage::fatal(
@@ -49,7 +54,7 @@ void ZebDataBlockManager::pin(ZebDataHash* hash, ZebDataBlock* block)
     quint64 next = 0;
     do {
         if (pins(word) == s_MostPins)
-            ZebTdxMessage::fatal(QStringLiteral("Too Many Accessors of One Block"));
+            fatalTooManyPins();
         next = word + s_Pin;
         if (pins(word) == 0 && !hash->isDontCache()) {
             if ((word & s_Evictable) == 0)
@@ -64,12 +69,22 @@ void ZebDataBlockManager::pin(ZebDataHash* hash, ZebDataBlock* block)
 
 void ZebDataBlockManager::pinAgain(ZebDataHash* hash, ZebDataBlock* block)
 {
-    const ZebTdxMutexLocker locker(&deleteMutex());
-    hash->incRef(nullptr);
-    if (hash->residentBlock() == block)
-        hash->m_Word.fetch_add(s_Pin, std::memory_order_relaxed);
-    else
-        block->m_AccessCount.fetchAndAddOrdered(1);
+    for (;;) {
+        {
+            const ZebTdxMutexLocker locker(&deleteMutex());
+            if (hash->tryIncRef()) {
+                if (hash->residentBlock() != block)
+                    block->m_AccessCount.fetchAndAddOrdered(1);
+                else if (hash->pins() == s_MostPins)
+                    fatalTooManyPins();
+                else
+                    hash->m_Word.fetch_add(s_Pin, std::memory_order_relaxed);
+                return;
+            }
+        }
+        // Another thread has locked the hash. It may need the delete lock.
+        hash->awaitUnlocked();
+    }
 }
 
 void ZebDataBlockManager::unpin(ZebDataHash* hash, ZebDataBlock* block)
@@ -104,18 +119,16 @@ void ZebDataBlockManager::unpin(ZebDataHash* hash, ZebDataBlock* block)
                                                  std::memory_order_relaxed));
     m_Lru.noteListed(word, next);
     if ((next & s_Evictable) != 0 && (word & s_Evictable) == 0)
-        noteEvictable();
+        clearFlushedFlag();
 }
 
-void ZebDataBlockManager::noteEvictable()
+void ZebDataBlockManager::clearFlushedFlag()
 {
     try {
         changeAllFreeBlocksFlushed(false);
     } catch (const std::bad_alloc&) {
         // Queueing the signal to another thread allocates. The flag has changed all the same, and
         // the end of an accessor cannot fail.
-        // NOLINTNEXTLINE(bugprone-empty-catch)
-        Q_UNUSED(this)
     }
 }
 
@@ -163,7 +176,7 @@ void ZebDataBlockManager::unlockBlock(ZebDataHash* hash)
     if (m_Lru.contains(hash))
         fatalListed(hash);
     m_Lru.add(hash);
-    noteEvictable();
+    clearFlushedFlag();
 }
 
 void ZebDataBlockManager::blockUsed(ZebDataHash* hash)

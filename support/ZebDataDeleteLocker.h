@@ -4,7 +4,8 @@
 #include "support/ZebThreadSafety.h"
 
 /// Holds the block manager's delete lock for the length of a scope. Meanwhile no other thread
-/// evicts a block or changes the tables of blocks.
+/// admits or evicts a block, nor opens, copies or closes an accessor. Keep the scope short: readers
+/// wait for it.
 ///
 /// Locks: level 1 of the lock order, the outermost lock, which is recursive. The holder must not
 /// wait for a hashing job or for a disk thread, so it must not call an operation that does:

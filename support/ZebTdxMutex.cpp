@@ -24,7 +24,7 @@ bool ZebTdxMutex::isMine() const
     return m_Owner.load(std::memory_order_relaxed) == self();
 }
 
-void ZebTdxMutex::take()
+void ZebTdxMutex::setOwner()
 {
     if (m_IsRecursive)
         m_Owner.store(self(), std::memory_order_relaxed);
@@ -36,17 +36,17 @@ void ZebTdxMutex::take()
 void ZebTdxMutex::lock() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
     if (isMine()) {
-        ++m_Again;
+        ++m_ExtraLocks;
         return;
     }
     m_Mutex.lock();
-    take();
+    setOwner();
 }
 
 void ZebTdxMutex::unlock() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
-    if (m_Again > 0) {
-        --m_Again;
+    if (m_ExtraLocks > 0) {
+        --m_ExtraLocks;
         return;
     }
     // Cleared first: after the release another thread may own the mutex.
@@ -62,12 +62,12 @@ bool ZebTdxMutex::tryLock()
 bool ZebTdxMutex::tryLock(int timeout) ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
     if (isMine()) {
-        ++m_Again;
+        ++m_ExtraLocks;
         return true;
     }
     if (!m_Mutex.tryLock(timeout))
         return false;
-    take();
+    setOwner();
     return true;
 }
 

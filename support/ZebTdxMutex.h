@@ -7,8 +7,8 @@
 
 #include <atomic>
 
-/// A mutex whose constructor takes a level of the lock order. The delete lock and the mutex of each
-/// hash are of this class.
+/// A mutex whose constructor takes a level of the lock order. The delete lock, the mutex of each
+/// hash and those of the registry's shards are of this class.
 ///
 /// A recursive one remembers its owner and counts, so that taking it again costs no atomic
 /// read-modify-write, and constructing it allocates nothing.
@@ -43,7 +43,7 @@ private:
     Q_DISABLE_COPY(ZebTdxMutex)
 
     bool isMine() const;
-    void take();
+    void setOwner();
 
     // Never recursive itself: that form of QMutex allocates.
     QMutex m_Mutex;
@@ -54,7 +54,7 @@ private:
     std::atomic<const void*> m_Owner{nullptr};
 
     // How often the owner has taken the mutex again. Only the owner accesses it.
-    int m_Again = 0;
+    int m_ExtraLocks = 0;
 
     const bool m_IsRecursive;
 };

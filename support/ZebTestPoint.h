@@ -3,8 +3,8 @@
 // Internal: the moments and the checks of lock-free reads that tests control. Not installed.
 //
 // A build without ZEBTDX_TEST_POINTS has neither: ZEBTDX_POINT is nothing, and ZEBTDX_GUARD is its
-// condition. The library itself is always built so. Only the tests of tests/reads define the macro,
-// for a second copy of the few sources that use it.
+// condition. The library itself is always built so. Only tests/reads and tests/litmus define the
+// macro, for second copies of the sources that use it.
 
 /// A moment at which a test may stop or delay the thread that reaches it.
 enum class ZebTestPoint : unsigned
@@ -53,6 +53,8 @@ enum class ZebTestGuard : unsigned
     OpenNeedsResident,
     HoldNotEnding,
     CasRepeatsStamp,
+    EvictSeesDrainTime,
+    EndAwaitsUnlock,
     Count
 };
 

@@ -56,11 +56,9 @@ class ZEBTDX_CAPABILITY("lock") ZebLockName
 
 // Between two levels of the lock order. Never taken.
 
-extern ZebLockName ZebBelowLevel4;
-extern ZebLockName ZebBelowLevel3 ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel4);
-extern ZebLockName ZebInsideLevel3 ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel3);
-extern ZebLockName ZebBelowLevel2 ZEBTDX_ACQUIRED_BEFORE(ZebInsideLevel3);
-extern ZebLockName ZebBelowLevel1 ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel2);
+extern ZebLockName ZebBelowLevel2;
+extern ZebLockName ZebInsideLevel2 ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel2);
+extern ZebLockName ZebBelowLevel1 ZEBTDX_ACQUIRED_BEFORE(ZebInsideLevel2);
 
 // The manager's delete lock, which classes of all folders take: ZebDataBlockManager::m_DeleteMutex.
 extern ZebLockName ZebDeleteLock ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel1);
@@ -69,11 +67,7 @@ extern ZebLockName ZebDeleteLock ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel1);
 
 // On a lock: its level, of which 1, the outermost, is that of the delete lock.
 #define ZEBTDX_LOCK_LEVEL_2                                                                        \
-    ZEBTDX_ACQUIRED_AFTER(ZebBelowLevel1) ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel2)
-#define ZEBTDX_LOCK_LEVEL_3                                                                        \
-    ZEBTDX_ACQUIRED_AFTER(ZebBelowLevel2) ZEBTDX_ACQUIRED_BEFORE(ZebInsideLevel3)
-#define ZEBTDX_LOCK_LEVEL_3_INNER                                                                  \
-    ZEBTDX_ACQUIRED_AFTER(ZebInsideLevel3) ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel3)
-#define ZEBTDX_LOCK_LEVEL_4                                                                        \
-    ZEBTDX_ACQUIRED_AFTER(ZebBelowLevel3) ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel4)
-#define ZEBTDX_LOCK_LEVEL_5 ZEBTDX_ACQUIRED_AFTER(ZebBelowLevel4)
+    ZEBTDX_ACQUIRED_AFTER(ZebBelowLevel1) ZEBTDX_ACQUIRED_BEFORE(ZebInsideLevel2)
+#define ZEBTDX_LOCK_LEVEL_2_INNER                                                                  \
+    ZEBTDX_ACQUIRED_AFTER(ZebInsideLevel2) ZEBTDX_ACQUIRED_BEFORE(ZebBelowLevel2)
+#define ZEBTDX_LOCK_LEVEL_3 ZEBTDX_ACQUIRED_AFTER(ZebBelowLevel2)

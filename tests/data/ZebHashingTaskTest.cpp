@@ -7,7 +7,6 @@
 #include "support/BlockedThread.h"
 #include "support/BusyHashingPool.h"
 #include "support/BytesOf.h"
-#include "support/LruInside.h"
 #include "support/Manager.h"
 #include "support/MessageCapture.h"
 #include "support/Registry.h"
@@ -174,9 +173,8 @@ TEST(ZebHashingTask, BlocksAreAdmittedInTheOrderInWhichTheyWereQueued)
             references.push_back(manager().addBlock(numbered((7 * i) % 31)));
     }
     std::vector<ZebDataHash*> expected;
-    for (auto reference = references.rbegin(); reference != references.rend(); ++reference)
-        expected.push_back(reference->hashPtr().data());
-    std::reverse(expected.begin(), expected.end());
+    for (const ZebDataReference& reference : references)
+        expected.push_back(reference.hashPtr().data());
     EXPECT_EQ(StoreInside::evictable(), expected);
 }
 

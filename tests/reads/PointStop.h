@@ -112,8 +112,9 @@ public:
     /// Lets it go on, and waits until it sleeps at a lock; false when it ends instead.
     bool goesOnAndWaits()
     {
+        constexpr int deadlineMs = 5000;
         m_Stop.release();
-        return m_Thread.standsStill();
+        return m_Thread.standsStill(deadlineMs);
     }
 
     bool hasEnded() const { return m_Thread.hasEnded(); }

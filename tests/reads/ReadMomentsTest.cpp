@@ -203,8 +203,7 @@ TEST_F(ReadMoments, ADrainTakesTheStampOfACloseThatMeetsIt)
     // The older one is on top of the stack, noted for a use before the last one of the newer one.
     openAndClose(m_Newer);
     openAndClose(m_Older);
-    std::optional<ZebConstAccessor> accessor;
-    accessor.emplace(m_Older.constAccessor());
+    auto accessor = std::make_unique<ZebConstAccessor>(m_Older.constAccessor());
     openAndClose(m_Newer);
     StoppedThread evictor(ZebTestPoint::DrainRead, [] { evictOldest(); });
     ASSERT_TRUE(evictor.isStopped());
@@ -233,8 +232,7 @@ TEST_F(ReadMoments, ACloseDuringADrainIsNotedForTheNextOne)
 TEST_F(ReadMoments, ADrainThatMissesAUseLetsNoLaterOneBeEvicted)
 {
     const ZebDataReference noted = add(s_Block, 9);
-    std::optional<ZebConstAccessor> accessor;
-    accessor.emplace(m_Oldest.constAccessor());
+    auto accessor = std::make_unique<ZebConstAccessor>(m_Oldest.constAccessor());
     // Meets the pinned block and sets it aside.
     evictOldest();
     ASSERT_FALSE(isResident(m_Older));
@@ -274,6 +272,24 @@ TEST_F(ReadMoments, ADrainMeetsABlockOnTwoStacks)
     evictOldest();
     EXPECT_FALSE(isResident(m_Newer));
     EXPECT_TRUE(isResident(m_Older));
+}
+
+TEST_F(ReadMoments, APinnedBlockWhoseUseIsBeingNotedKeepsItsPlace)
+{
+    StoppedThread asker(ZebTestPoint::UsedSet, [this] { m_Oldest.isInMemory(); });
+    ASSERT_TRUE(asker.isStopped());
+    auto accessor = std::make_unique<ZebConstAccessor>(m_Oldest.constAccessor());
+    // Not set aside: the close below leaves the note to the stopped thread.
+    BlockedThread evictor([] { evictOldest(); });
+    EXPECT_TRUE(pollUntil(&gateIsClosed));
+    ASSERT_TRUE(asker.goesOnAndEnds());
+    ASSERT_TRUE(evictor.ends());
+    EXPECT_FALSE(isResident(m_Older));
+    accessor.reset();
+    openAndClose(m_Newer);
+    evictOldest();
+    EXPECT_FALSE(isResident(m_Oldest));
+    EXPECT_TRUE(isResident(m_Newer));
 }
 
 // Eviction
@@ -465,8 +481,7 @@ TEST_F(ReadMoments, AnOpenWaitsForALockOfTheHash)
 TEST_F(ReadMoments, ACloseWaitsForALockOfTheHash)
 {
     const ZebSmartPointer<ZebDataHash> hash = m_Oldest.hashPtr();
-    std::optional<ZebConstAccessor> accessor;
-    accessor.emplace(m_Oldest.constAccessor());
+    auto accessor = std::make_unique<ZebConstAccessor>(m_Oldest.constAccessor());
     const int references = hash->refCount();
     ASSERT_TRUE(hash->tryLock());
     BlockedThread closer([&accessor] { accessor.reset(); });
@@ -563,8 +578,7 @@ TEST_F(ReadMoments, ACloseMayMakeTheLastRelease)
 TEST_F(ReadMoments, ACloseSignalsTheFlagOnceUnderTheLock)
 {
     evictOldest();
-    std::optional<ZebConstAccessor> accessor;
-    accessor.emplace(m_Newer.constAccessor());
+    auto accessor = std::make_unique<ZebConstAccessor>(m_Newer.constAccessor());
     evictOldest();
     ASSERT_TRUE(manager().allFreeBlocksFlushed());
     int signalCount = 0;

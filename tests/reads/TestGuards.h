@@ -30,7 +30,8 @@ inline constexpr TestGuard s_TestGuards[] = {
     ZEBTDX_NAMED(LastReleaseUnderRegistry), ZEBTDX_NAMED(FreeDrainsUsed),
     ZEBTDX_NAMED(CloseSeesUnpinsSlow),      ZEBTDX_NAMED(EmptyUnderClosedGate),
     ZEBTDX_NAMED(OpenNeedsResident),        ZEBTDX_NAMED(HoldNotEnding),
-    ZEBTDX_NAMED(CasRepeatsStamp),
+    ZEBTDX_NAMED(CasRepeatsStamp),          ZEBTDX_NAMED(EvictSeesDrainTime),
+    ZEBTDX_NAMED(EndAwaitsUnlock),
 };
 #undef ZEBTDX_NAMED
 

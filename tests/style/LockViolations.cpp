@@ -87,7 +87,7 @@ private:
 
     mutable QMutex m_Mutex;
     ZebTdxMutex m_Outer ZEBTDX_LOCK_LEVEL_2{0, QMutex::NonRecursive};
-    QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_5;
+    QReadWriteLock m_Lock ZEBTDX_LOCK_LEVEL_3;
     int m_ByQtMutex ZEBTDX_GUARDED_BY(m_Mutex) = 0;
     int m_ByTdxMutex ZEBTDX_GUARDED_BY(m_Outer) = 0;
     int m_ByLock ZEBTDX_GUARDED_BY(m_Lock) = 0;

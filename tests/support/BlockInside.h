@@ -5,7 +5,6 @@
 
 #include <QAtomicInt>
 #include <QByteArray>
-#include <QMutex>
 
 #include <atomic>
 

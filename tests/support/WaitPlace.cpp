@@ -4,6 +4,8 @@
 
 namespace {
 
+static_assert(std::is_standard_layout_v<ZebTdxMutex>, "its QMutex comes first");
+
 constexpr quintptr s_Word = sizeof(quintptr);
 
 // The private part of a recursive QMutex: a flag, the owner, a count and the mutex itself.
