@@ -46,7 +46,7 @@ UPWARD_INCLUDES = {
     ("support/ZebDataDeleteLocker.cpp", MANAGER): DELETE_LOCK,
     ("support/ZebDeleteMutexLocker.cpp", MANAGER): DELETE_LOCK,
     ("hash/ZebDataHash_Counting.cpp", MANAGER): LAST_RELEASE,
-    ("hash/ZebDataHash_Pinning.cpp", MANAGER): "many uses are put in order by the manager",
+    ("hash/ZebDataHash_Pinning.cpp", MANAGER): "a thread that has noted many uses has the manager drain them",
     ("data/ZebConstAccessor.cpp", MANAGER): RESIDENCY,
     ("data/ZebDataBlock.cpp", MANAGER): "a block may not be larger than the store's memory limit",
     ("data/ZebHashingJob.cpp", MANAGER): ADMISSION,

@@ -100,6 +100,7 @@ program_of() {
     name=$(basename "$1" .cpp)
     case $1 in
     */tests/tools/*) echo "$build/tests/tools/$name" ;;
+    */tests/reads/*) echo "$build/tests/reads/$name" ;;
     *) echo "$build/tests/$name" ;;
     esac
 }
