@@ -117,6 +117,7 @@ ZebDataHash* ZebDataBlockLru::takeUsed(ZebDataHash* used, ZebDataHash* chain)
         ZebDataHash* const hash = used;
         // Before the mark is cleared: afterwards another thread may push the hash.
         used = hash->m_NextUsed.load(std::memory_order_relaxed);
+        // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): read while a test has the guard off.
         quint64 stamp = hash->m_Stamp.load(std::memory_order_relaxed);
         ZEBTDX_POINT(DrainRead);
         // Acquire: what was written before the last change of the word is seen, so that is the
@@ -230,7 +231,7 @@ void ZebDataBlockLru::unlink(ZebDataHash* hash)
 {
     if (hash->m_Place == Nowhere)
         return;
-    const auto list = static_cast<std::size_t>(hash->m_Place);
+    const auto list = static_cast<unsigned char>(hash->m_Place);
     (hash->m_Older == nullptr ? m_Oldest[list] : hash->m_Older->m_Newer) = hash->m_Newer;
     (hash->m_Newer == nullptr ? m_Newest[list] : hash->m_Newer->m_Older) = hash->m_Older;
     if (hash->m_Place == Listed)
