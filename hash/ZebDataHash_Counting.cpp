@@ -33,7 +33,8 @@ int ZebDataHash::refCount() const
     return references(m_Word.load(std::memory_order_relaxed));
 }
 
-bool ZebDataHash::tryLock()
+// Not analysed: it has no attribute, see the header.
+bool ZebDataHash::tryLock() ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
     if (!m_Mutex.tryLock())
         return false;

@@ -339,7 +339,8 @@ ZebDataBlock* ZebDataBlockLru::dismiss(ZebDataHash* hash)
 }
 
 // Returns when the hash is on no stack. A thread that has just marked it pushes it without a wait.
-void ZebDataBlockLru::awaitDrained(ZebDataHash* hash)
+// Not analysed: a part of operations that require the delete lock.
+void ZebDataBlockLru::awaitDrained(ZebDataHash* hash) ZEBTDX_NO_THREAD_SAFETY_ANALYSIS
 {
     while (m_CountsReaders && (hash->m_Word.load(std::memory_order_acquire) & s_Used) != 0) {
         drain();

@@ -158,11 +158,12 @@ TEST(ZebDataBlockManagerLifetime, TheEndOfAStoreTurnsTheLogOffAndDropsItsBlocks)
     const MessageCapture messages;
     ZebTdxLog::instance().setEnabled(true);
     std::atomic<int> deleted{0};
+    // Outlives the store, since the end of a hash is reported to the process's store alone.
+    const ZebSmartPointer<ZebDataHash> hash(new ZebDataHash("x", ZebDataHash::Hash512));
+    hash->setDontCache(true);
     {
         OwnManager own;
         own.setup({}, 1000);
-        const ZebSmartPointer<ZebDataHash> hash(new ZebDataHash("x", ZebDataHash::Hash512));
-        hash->setDontCache(true);
         own.makeBlockLive(hash.data(), new CountedBlock("x", &deleted));
         EXPECT_EQ(own.liveBytes(), 1);
         EXPECT_TRUE(ZebTdxLog::instance().enabled());

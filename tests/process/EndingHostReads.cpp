@@ -40,8 +40,11 @@ int closeInThreads()
 {
     constexpr int accessorsPerBlock = 3000;
     static auto* const running = new QSemaphore;
+    // Never destroyed, and not leaked either.
+    static auto* const kept = new std::vector<std::vector<ZebConstAccessor>*>;
     for (int i = 0; i < s_ThreadCount; ++i) {
         auto* const open = new std::vector<ZebConstAccessor>;
+        kept->push_back(open);
         open->reserve(s_BlockCount * accessorsPerBlock);
         for (int number = 0; number < s_BlockCount; ++number) {
             const ZebDataReference reference = added(number);
