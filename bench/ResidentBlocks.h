@@ -11,6 +11,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <random>
@@ -37,6 +38,12 @@ public:
             SampleBlocks::stamp(&bytes, static_cast<quint64>(i));
             m_References.push_back(BenchStore::add(bytes));
         }
+        BenchStore::waitForWriters();
+        // Shortly after the store of another row has ended, every read pays for a fence. This
+        // admission ends that time.
+        constexpr std::chrono::milliseconds calmTime(15);
+        std::this_thread::sleep_for(calmTime);
+        BenchStore::add(QByteArray("the last one"));
         BenchStore::waitForWriters();
     }
 
